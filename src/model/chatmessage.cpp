@@ -1,0 +1,109 @@
+#include "model/chatmessage.h"
+
+#include "model/json.h"
+#include "model/jsoncoding.h"
+
+using namespace JsonCoding;
+
+QString rawValue(ChatRole role)
+{
+    switch (role) {
+    case ChatRole::system:
+        return QStringLiteral("system");
+    case ChatRole::user:
+        return QStringLiteral("user");
+    case ChatRole::assistant:
+        break;
+    }
+    return QStringLiteral("assistant");
+}
+
+std::optional<ChatRole> chatRoleFromRaw(QStringView raw)
+{
+    if (raw == u"system")
+        return ChatRole::system;
+    if (raw == u"user")
+        return ChatRole::user;
+    if (raw == u"assistant")
+        return ChatRole::assistant;
+    return std::nullopt;
+}
+
+void toJson(Json::Writer &w, const TokenUsage &usage)
+{
+    w.beginObject();
+    if (usage.promptTokens) {
+        w.key(QLatin1StringView("promptTokens"));
+        w.integer(*usage.promptTokens);
+    }
+    if (usage.completionTokens) {
+        w.key(QLatin1StringView("completionTokens"));
+        w.integer(*usage.completionTokens);
+    }
+    if (usage.totalTokens) {
+        w.key(QLatin1StringView("totalTokens"));
+        w.integer(*usage.totalTokens);
+    }
+    w.endObject();
+}
+
+void toJson(Json::Writer &w, const ChatMessage &message)
+{
+    w.beginObject();
+    w.key(QLatin1StringView("id"));
+    w.string(uuidText(message.id));
+    w.key(QLatin1StringView("role"));
+    w.string(rawValue(message.role));
+    w.key(QLatin1StringView("content"));
+    w.string(message.content);
+    if (message.usage) {
+        w.key(QLatin1StringView("usage"));
+        toJson(w, *message.usage);
+    }
+    w.endObject();
+}
+
+bool fromJson(const Json::Value &v, TokenUsage &out, QString &error)
+{
+    if (!v.isObject()) {
+        error = QStringLiteral("Expected an object for the token usage");
+        return false;
+    }
+    TokenUsage usage;
+    if (!readOptionalInt64(v, "promptTokens", usage.promptTokens, error)
+        || !readOptionalInt64(v, "completionTokens", usage.completionTokens, error)
+        || !readOptionalInt64(v, "totalTokens", usage.totalTokens, error))
+        return false;
+    out = usage;
+    return true;
+}
+
+bool fromJson(const Json::Value &v, ChatMessage &out, QString &error)
+{
+    if (!v.isObject()) {
+        error = QStringLiteral("Expected an object for the message");
+        return false;
+    }
+    ChatMessage message;
+    QString role;
+    if (!readUuid(v, "id", message.id, error) || !readString(v, "role", role, error)
+        || !readString(v, "content", message.content, error))
+        return false;
+    const auto parsedRole = chatRoleFromRaw(role);
+    if (!parsedRole) {
+        error = QStringLiteral("\"role\": \"%1\" is not one of system, user, assistant").arg(role);
+        return false;
+    }
+    message.role = *parsedRole;
+    const Json::Value usage = v["usage"];
+    if (usage.isValid() && !usage.isNull()) {
+        TokenUsage decoded;
+        if (!fromJson(usage, decoded, error)) {
+            error = prefixed(QStringLiteral("usage"), error);
+            return false;
+        }
+        message.usage = decoded;
+    }
+    out = std::move(message);
+    return true;
+}

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <QHashFunctions>
+#include <QString>
+#include <QUuid>
+
+#include <optional>
+
+namespace Json {
+class Value;
+class Writer;
+} // namespace Json
+
+// Who speaks. The raw value is both the stored form and the role's name on the wire.
+enum class ChatRole { system, user, assistant };
+
+QString rawValue(ChatRole role);
+// Exact, case-sensitive lookup: "User" is no role.
+std::optional<ChatRole> chatRoleFromRaw(QStringView raw);
+inline size_t qHash(ChatRole role, size_t seed = 0) noexcept
+{
+    return ::qHash(int(role), seed);
+}
+
+// Token counts a provider reported. Each count may be absent on its own; absent is not zero.
+struct TokenUsage
+{
+    std::optional<qint64> promptTokens;
+    std::optional<qint64> completionTokens;
+    std::optional<qint64> totalTokens; // only ever reported by the provider, never computed
+
+    friend bool operator==(const TokenUsage &, const TokenUsage &) = default;
+};
+
+struct ChatMessage
+{
+    QUuid id = QUuid::createUuid();
+    ChatRole role = ChatRole::user;
+    QString content;
+    std::optional<TokenUsage> usage;
+
+    ChatMessage() = default;
+    ChatMessage(ChatRole role, QString content, std::optional<TokenUsage> usage = std::nullopt,
+                QUuid id = QUuid::createUuid())
+        : id(id)
+        , role(role)
+        , content(std::move(content))
+        , usage(std::move(usage))
+    {}
+
+    friend bool operator==(const ChatMessage &, const ChatMessage &) = default;
+};
+
+// Stored forms: "usage" and each count are written only when present.
+void toJson(Json::Writer &w, const TokenUsage &usage);
+void toJson(Json::Writer &w, const ChatMessage &message);
+// Missing or null counts decode as absent; a count that is no whole 64-bit number fails.
+bool fromJson(const Json::Value &v, TokenUsage &out, QString &error);
+// Fails when "id", "role" or "content" is missing or mistyped, the id is no UUID or the role unknown.
+bool fromJson(const Json::Value &v, ChatMessage &out, QString &error);

@@ -1,0 +1,517 @@
+#include "model/json.h"
+
+#include <simdjson.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <type_traits>
+#include <vector>
+
+namespace Json {
+
+using simdjson::dom::element;
+using simdjson::dom::element_type;
+
+static_assert(std::is_trivially_copyable_v<element>);
+
+struct ValueAccess
+{
+    static_assert(sizeof(element) <= sizeof(Value::m_element));
+
+    static element get(const Value &v)
+    {
+        element e;
+        if (v.m_valid)
+            std::memcpy(static_cast<void *>(&e), v.m_element, sizeof(element));
+        return e;
+    }
+
+    static Value make(const element &e)
+    {
+        Value v;
+        std::memcpy(v.m_element, static_cast<const void *>(&e), sizeof(element));
+        v.m_valid = true;
+        return v;
+    }
+};
+
+static QString fromUtf8(std::string_view s)
+{
+    return QString::fromUtf8(s.data(), qsizetype(s.size()));
+}
+
+Value::Type Value::type() const
+{
+    if (!m_valid)
+        return Type::Null;
+    switch (ValueAccess::get(*this).type()) {
+    case element_type::ARRAY:
+        return Type::Array;
+    case element_type::OBJECT:
+        return Type::Object;
+    case element_type::INT64:
+    case element_type::UINT64:
+    case element_type::DOUBLE:
+        return Type::Number;
+    case element_type::STRING:
+        return Type::String;
+    case element_type::BOOL:
+        return Type::Bool;
+    case element_type::NULL_VALUE:
+        break;
+    }
+    return Type::Null;
+}
+
+bool Value::toBool() const
+{
+    bool b = false;
+    if (m_valid && ValueAccess::get(*this).get_bool().get(b) == simdjson::SUCCESS)
+        return b;
+    return false;
+}
+
+double Value::toDouble() const
+{
+    if (!m_valid)
+        return 0;
+    const element e = ValueAccess::get(*this);
+    switch (e.type()) {
+    case element_type::INT64:
+        return double(int64_t(e));
+    case element_type::UINT64:
+        return double(uint64_t(e));
+    case element_type::DOUBLE:
+        return double(e);
+    default:
+        return 0;
+    }
+}
+
+std::optional<qint64> Value::toInt64() const
+{
+    if (!m_valid)
+        return std::nullopt;
+    const element e = ValueAccess::get(*this);
+    switch (e.type()) {
+    case element_type::INT64:
+        return qint64(int64_t(e));
+    case element_type::UINT64: {
+        const uint64_t u = uint64_t(e);
+        if (u > uint64_t(std::numeric_limits<qint64>::max()))
+            return std::nullopt;
+        return qint64(u);
+    }
+    case element_type::DOUBLE: {
+        // 2^63 is exactly representable; every double below it and at or above -2^63 fits.
+        const double d = double(e);
+        if (!std::isfinite(d) || d != std::trunc(d) || d < -9223372036854775808.0 || d >= 9223372036854775808.0)
+            return std::nullopt;
+        return qint64(d);
+    }
+    default:
+        return std::nullopt;
+    }
+}
+
+QString Value::toString() const
+{
+    std::string_view s;
+    if (m_valid && ValueAccess::get(*this).get_string().get(s) == simdjson::SUCCESS)
+        return fromUtf8(s);
+    return {};
+}
+
+QByteArrayView Value::stringUtf8() const
+{
+    std::string_view s;
+    if (m_valid && ValueAccess::get(*this).get_string().get(s) == simdjson::SUCCESS)
+        return QByteArrayView(s.data(), qsizetype(s.size()));
+    return {};
+}
+
+Value Value::operator[](std::string_view key) const
+{
+    if (!m_valid)
+        return {};
+    simdjson::dom::object obj;
+    if (ValueAccess::get(*this).get_object().get(obj) != simdjson::SUCCESS)
+        return {};
+    element found;
+    if (obj.at_key(key).get(found) != simdjson::SUCCESS)
+        return {};
+    return ValueAccess::make(found);
+}
+
+qsizetype Value::size() const
+{
+    if (!m_valid)
+        return 0;
+    const element e = ValueAccess::get(*this);
+    simdjson::dom::array arr;
+    if (e.get_array().get(arr) == simdjson::SUCCESS) {
+        qsizetype n = 0;
+        for ([[maybe_unused]] element child : arr)
+            ++n;
+        return n;
+    }
+    simdjson::dom::object obj;
+    if (e.get_object().get(obj) == simdjson::SUCCESS) {
+        qsizetype n = 0;
+        for ([[maybe_unused]] auto member : obj)
+            ++n;
+        return n;
+    }
+    return 0;
+}
+
+QList<Value> Value::elements() const
+{
+    QList<Value> out;
+    simdjson::dom::array arr;
+    if (!m_valid || ValueAccess::get(*this).get_array().get(arr) != simdjson::SUCCESS)
+        return out;
+    for (element child : arr)
+        out.append(ValueAccess::make(child));
+    return out;
+}
+
+bool Value::forEachElement(const std::function<bool(const Value &)> &f) const
+{
+    simdjson::dom::array arr;
+    if (!m_valid || ValueAccess::get(*this).get_array().get(arr) != simdjson::SUCCESS)
+        return false;
+    for (element child : arr) {
+        if (!f(ValueAccess::make(child)))
+            return false;
+    }
+    return true;
+}
+
+QList<std::pair<QString, Value>> Value::members() const
+{
+    QList<std::pair<QString, Value>> out;
+    simdjson::dom::object obj;
+    if (!m_valid || ValueAccess::get(*this).get_object().get(obj) != simdjson::SUCCESS)
+        return out;
+    for (auto member : obj)
+        out.append({fromUtf8(member.key), ValueAccess::make(member.value)});
+    return out;
+}
+
+struct Parser::Private
+{
+    simdjson::dom::parser parser;
+};
+
+Parser::Parser()
+    : d(std::make_unique<Private>())
+{}
+
+Parser::~Parser() = default;
+
+Value Parser::parse(QByteArrayView utf8, QString *error)
+{
+    element root;
+    const auto code = d->parser.parse(utf8.data(), size_t(utf8.size()), true).get(root);
+    if (code != simdjson::SUCCESS) {
+        if (error)
+            *error = QString::fromLatin1(simdjson::error_message(code));
+        return {};
+    }
+    return ValueAccess::make(root);
+}
+
+std::optional<Document> Document::parse(QByteArrayView utf8, QString *error)
+{
+    Document doc;
+    doc.m_parser = std::make_shared<Parser>();
+    doc.m_root = doc.m_parser->parse(utf8, error);
+    if (!doc.m_root.isValid())
+        return std::nullopt;
+    return doc;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Writing
+
+namespace {
+
+// Bytes that need an escape inside a JSON string: control characters, quote and backslash.
+// The slash is handled apart because escaping it is an option.
+constexpr bool needsEscape(unsigned char c)
+{
+    return c < 0x20 || c == '"' || c == '\\';
+}
+
+void appendEscapedUtf8(QByteArray &out, const char *s, qsizetype n, bool escapeSlashes)
+{
+    static const char hex[] = "0123456789abcdef";
+    out.append('"');
+    qsizetype runStart = 0;
+    for (qsizetype i = 0; i < n; ++i) {
+        const auto c = static_cast<unsigned char>(s[i]);
+        if (!needsEscape(c) && !(escapeSlashes && c == '/'))
+            continue;
+        out.append(s + runStart, i - runStart);
+        runStart = i + 1;
+        switch (c) {
+        case '"':
+            out.append("\\\"", 2);
+            break;
+        case '\\':
+            out.append("\\\\", 2);
+            break;
+        case '/':
+            out.append("\\/", 2);
+            break;
+        case '\n':
+            out.append("\\n", 2);
+            break;
+        case '\r':
+            out.append("\\r", 2);
+            break;
+        case '\t':
+            out.append("\\t", 2);
+            break;
+        case '\b':
+            out.append("\\b", 2);
+            break;
+        case '\f':
+            out.append("\\f", 2);
+            break;
+        default: {
+            const char esc[6] = {'\\', 'u', '0', '0', hex[c >> 4], hex[c & 0xF]};
+            out.append(esc, 6);
+        }
+        }
+    }
+    out.append(s + runStart, n - runStart);
+    out.append('"');
+}
+
+} // namespace
+
+void appendQuoted(QByteArray &out, QStringView value, bool escapeSlashes)
+{
+    const QByteArray utf8 = value.toUtf8();
+    appendEscapedUtf8(out, utf8.constData(), utf8.size(), escapeSlashes);
+}
+
+QByteArray formatDouble(double value)
+{
+    if (!std::isfinite(value))
+        return QByteArrayLiteral("null");
+    char buf[64];
+    const auto result = std::to_chars(buf, buf + sizeof buf, value);
+    return QByteArray(buf, result.ptr - buf);
+}
+
+struct Writer::Private
+{
+    struct Member
+    {
+        QString key;
+        QByteArray value;
+    };
+    struct Frame
+    {
+        bool object = false;
+        bool first = true;
+        QList<Member> members; // only for objects while sorting keys
+    };
+
+    WriteOptions options;
+    QByteArray out;
+    std::vector<Frame> stack;
+    bool afterKey = false;
+
+    bool sorting(const Frame &f) const { return f.object && options.sortedKeys; }
+
+    // The buffer that the next token goes to: the value of the newest member of the nearest
+    // object whose keys are being sorted, or the output itself.
+    QByteArray &target()
+    {
+        for (auto it = stack.rbegin(); it != stack.rend(); ++it) {
+            if (sorting(*it))
+                return it->members.last().value;
+        }
+        return out;
+    }
+
+    void newline(QByteArray &buf, std::size_t depth) const
+    {
+        buf.append('\n');
+        buf.append(QByteArray(qsizetype(depth * 2), ' '));
+    }
+
+    // Called before every value: writes the separator and indentation an array element needs.
+    QByteArray &beginValue()
+    {
+        if (afterKey || stack.empty()) {
+            afterKey = false;
+            return target();
+        }
+        Frame &top = stack.back();
+        QByteArray &buf = target();
+        if (!top.first)
+            buf.append(',');
+        top.first = false;
+        if (options.pretty)
+            newline(buf, stack.size());
+        return buf;
+    }
+
+    void writeKey(const QString &name)
+    {
+        Frame &top = stack.back();
+        if (sorting(top)) {
+            top.members.append({name, {}});
+        } else {
+            QByteArray &buf = target();
+            if (!top.first)
+                buf.append(',');
+            top.first = false;
+            if (options.pretty)
+                newline(buf, stack.size());
+            appendQuoted(buf, name, options.escapeSlashes);
+            buf.append(options.pretty ? " : " : ":");
+        }
+        afterKey = true;
+    }
+};
+
+Writer::Writer(WriteOptions options)
+    : d(std::make_unique<Private>())
+{
+    d->options = options;
+    d->stack.reserve(16);
+}
+
+Writer::~Writer() = default;
+
+void Writer::reserve(qsizetype bytes)
+{
+    d->out.reserve(bytes);
+}
+
+void Writer::beginObject()
+{
+    d->beginValue().append('{');
+    d->stack.push_back({true, true, {}});
+}
+
+void Writer::endObject()
+{
+    Private::Frame frame = std::move(d->stack.back());
+    d->stack.pop_back();
+    QByteArray &buf = d->target();
+    const std::size_t depth = d->stack.size();
+    if (d->sorting(frame)) {
+        std::stable_sort(frame.members.begin(), frame.members.end(),
+                         [](const Private::Member &a, const Private::Member &b) { return a.key < b.key; });
+        bool first = true;
+        for (const auto &m : frame.members) {
+            if (!first)
+                buf.append(',');
+            first = false;
+            if (d->options.pretty)
+                d->newline(buf, depth + 1);
+            appendQuoted(buf, m.key, d->options.escapeSlashes);
+            buf.append(d->options.pretty ? " : " : ":");
+            buf.append(m.value);
+        }
+        if (d->options.pretty && !frame.members.isEmpty())
+            d->newline(buf, depth);
+    } else if (d->options.pretty && !frame.first) {
+        d->newline(buf, depth);
+    }
+    buf.append('}');
+}
+
+void Writer::beginArray()
+{
+    d->beginValue().append('[');
+    d->stack.push_back({false, true, {}});
+}
+
+void Writer::endArray()
+{
+    const bool empty = d->stack.back().first;
+    d->stack.pop_back();
+    QByteArray &buf = d->target();
+    if (d->options.pretty && !empty)
+        d->newline(buf, d->stack.size());
+    buf.append(']');
+}
+
+void Writer::key(QStringView name)
+{
+    d->writeKey(name.toString());
+}
+
+void Writer::key(QLatin1StringView name)
+{
+    d->writeKey(QString(name));
+}
+
+void Writer::null()
+{
+    d->beginValue().append("null", 4);
+}
+
+void Writer::boolean(bool value)
+{
+    if (value)
+        d->beginValue().append("true", 4);
+    else
+        d->beginValue().append("false", 5);
+}
+
+void Writer::integer(qint64 value)
+{
+    char buf[24];
+    const auto result = std::to_chars(buf, buf + sizeof buf, value);
+    d->beginValue().append(buf, result.ptr - buf);
+}
+
+void Writer::number(double value)
+{
+    d->beginValue().append(formatDouble(value));
+}
+
+void Writer::string(QStringView value)
+{
+    const QByteArray utf8 = value.toUtf8();
+    appendEscapedUtf8(d->beginValue(), utf8.constData(), utf8.size(), d->options.escapeSlashes);
+}
+
+void Writer::string(QLatin1StringView value)
+{
+    string(QString(value));
+}
+
+void Writer::stringUtf8(QByteArrayView value)
+{
+    appendEscapedUtf8(d->beginValue(), value.data(), value.size(), d->options.escapeSlashes);
+}
+
+void Writer::raw(QByteArrayView json)
+{
+    d->beginValue().append(json);
+}
+
+const QByteArray &Writer::data() const
+{
+    return d->out;
+}
+
+QByteArray Writer::take()
+{
+    return std::exchange(d->out, {});
+}
+
+} // namespace Json

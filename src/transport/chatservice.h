@@ -1,0 +1,89 @@
+#pragma once
+
+#include "model/chatmessage.h"
+#include "model/provider.h"
+#include "transport/request.h"
+
+#include <QList>
+#include <QNetworkReply>
+#include <QString>
+
+#include <variant>
+
+// The transport's own failures, with the texts the user sees.
+struct ChatServiceError
+{
+    enum class Kind { http, decoding, missingAPIKey, invalidBaseURL };
+
+    Kind kind = Kind::http;
+    int status = 0;  // http: the response status, -1 when the reply was not HTTP at all
+    QString body;    // http: the whole body, line breaks dropped
+    QString message; // decoding
+
+    static ChatServiceError http(int status, QString body) { return {Kind::http, status, std::move(body), {}}; }
+    static ChatServiceError decoding(QString message) { return {Kind::decoding, 0, {}, std::move(message)}; }
+    static ChatServiceError missingAPIKey() { return {Kind::missingAPIKey, 0, {}, {}}; }
+    static ChatServiceError invalidBaseURL() { return {Kind::invalidBaseURL, 0, {}, {}}; }
+    // A reply whose scheme is not http or https.
+    static ChatServiceError notHTTP() { return http(-1, QStringLiteral("No HTTP response")); }
+
+    QString errorDescription() const;
+
+    friend bool operator==(const ChatServiceError &, const ChatServiceError &) = default;
+};
+
+// A failure of the transfer itself (refused connection, DNS, TLS, time-out), in Qt's words.
+struct TransferError
+{
+    QNetworkReply::NetworkError code = QNetworkReply::UnknownNetworkError;
+    QString description;
+
+    friend bool operator==(const TransferError &, const TransferError &) = default;
+};
+
+// Everything a chat stream or a model-list fetch can end with.
+using ServiceError = std::variant<ChatServiceError, TransferError>;
+QString errorDescription(const ServiceError &error);
+
+// One event of a reply stream: a piece of text, or token counts the provider reported.
+struct ChatEvent
+{
+    enum class Kind { delta, usage };
+
+    Kind kind = Kind::delta;
+    QString text;
+    TokenUsage usage;
+
+    static ChatEvent delta(QString text) { return {Kind::delta, std::move(text), {}}; }
+    static ChatEvent usageEvent(TokenUsage usage) { return {Kind::usage, {}, usage}; }
+
+    friend bool operator==(const ChatEvent &, const ChatEvent &) = default;
+};
+
+// The one entry point through which a conversation talks to a provider.
+class ChatService final
+{
+public:
+    // What one stream line means.
+    struct Parsed
+    {
+        enum class Kind { delta, usage, done, skip };
+
+        Kind kind = Kind::skip;
+        QString text;
+        TokenUsage usage;
+
+        friend bool operator==(const Parsed &, const Parsed &) = default;
+    };
+
+    // The streamed chat request for provider and messages, sent with apiKey unchanged.
+    // Fails with invalidBaseURL when the base URL is blank or does not join into a URL.
+    static std::variant<HttpRequest, ChatServiceError> makeRequest(const Provider &provider,
+                                                                   const QList<ChatMessage> &messages,
+                                                                   const QString &apiKey);
+
+    // Classifies one server-sent-event line (without its terminator). Pure and never fails:
+    // anything it does not understand is skip.
+    static Parsed parseSSELine(QByteArrayView utf8Line, ProviderWire wire);
+    static Parsed parseSSELine(QStringView line, ProviderWire wire);
+};
