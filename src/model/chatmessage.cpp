@@ -3,6 +3,8 @@
 #include "model/json.h"
 #include "model/jsoncoding.h"
 
+#include <limits>
+
 using namespace JsonCoding;
 
 QString rawValue(ChatRole role)
@@ -27,6 +29,26 @@ std::optional<ChatRole> chatRoleFromRaw(QStringView raw)
     if (raw == u"assistant")
         return ChatRole::assistant;
     return std::nullopt;
+}
+
+qint64 saturatingAdd(qint64 a, qint64 b)
+{
+    qint64 sum = 0;
+    if (!__builtin_add_overflow(a, b, &sum))
+        return sum;
+    return b > 0 ? std::numeric_limits<qint64>::max() : std::numeric_limits<qint64>::min();
+}
+
+std::optional<qint64> displayedTokenCount(const std::optional<TokenUsage> &usage)
+{
+    if (!usage)
+        return std::nullopt;
+    if (usage->totalTokens)
+        return usage->totalTokens;
+    const qint64 sum = saturatingAdd(usage->promptTokens.value_or(0), usage->completionTokens.value_or(0));
+    if (sum < 1)
+        return std::nullopt;
+    return sum;
 }
 
 void toJson(Json::Writer &w, const TokenUsage &usage)

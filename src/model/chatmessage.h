@@ -51,6 +51,15 @@ struct ChatMessage
     friend bool operator==(const ChatMessage &, const ChatMessage &) = default;
 };
 
+// Adds without overflow: sums past the 64-bit range stop at its limits. Counts that large come
+// only from hand-edited or imported files, and must never show a wrapped, negative total.
+qint64 saturatingAdd(qint64 a, qint64 b);
+
+// The token count shown for a reply (transcript export, header total, bubbles): the reported
+// total when there is one, whatever its value; otherwise prompt plus completion (absent counts
+// as 0, saturating) when that is 1 or more; otherwise nothing.
+std::optional<qint64> displayedTokenCount(const std::optional<TokenUsage> &usage);
+
 // Stored forms: "usage" and each count are written only when present.
 void toJson(Json::Writer &w, const TokenUsage &usage);
 void toJson(Json::Writer &w, const ChatMessage &message);
