@@ -1,0 +1,33 @@
+#include "storage/atomicfile.h"
+
+#include <QFile>
+#include <QSaveFile>
+
+namespace AtomicFile {
+
+static constexpr QFileDevice::Permissions ownerOnly = QFileDevice::ReadOwner | QFileDevice::WriteOwner;
+
+std::optional<QString> write(const QString &path, const QByteArray &bytes)
+{
+    QSaveFile file(path);
+    if (!file.open(QIODevice::WriteOnly))
+        return file.errorString();
+    // Restricted before the first byte lands, so the content is never readable by others, not
+    // even for the moment between the write and the rename.
+    file.setPermissions(ownerOnly);
+    if (file.write(bytes) != bytes.size()) {
+        const QString error = file.errorString();
+        file.cancelWriting();
+        return error;
+    }
+    if (!file.commit())
+        return file.errorString();
+    return std::nullopt;
+}
+
+bool restrictToOwner(const QString &path)
+{
+    return QFile::setPermissions(path, ownerOnly);
+}
+
+} // namespace AtomicFile

@@ -1,0 +1,123 @@
+#include "storage/configarchive.h"
+
+#include "model/jsoncoding.h"
+#include "storage/atomicfile.h"
+#include "storage/conversationstore.h"
+#include "storage/filedialogs.h"
+#include "storage/providerstore.h"
+
+#include <QCoreApplication>
+#include <QFile>
+
+using namespace JsonCoding;
+
+namespace ConfigArchive {
+
+QByteArray encode(const Payload &payload)
+{
+    return encodeJson(payload, Json::WriteOptions::prettySorted());
+}
+
+std::optional<QString> exportConfig(const ProviderStore &providers, const ConversationStore &conversations,
+                                    FileDialogs &dialogs)
+{
+    Payload payload;
+    payload.version = 1;
+    payload.providers = providers.providers();
+    payload.conversations = conversations.conversations();
+
+    SaveDialogRequest request;
+    request.title = QCoreApplication::translate("ConfigArchive", "Export Config");
+    request.message =
+        QCoreApplication::translate("ConfigArchive", "Includes API keys in plain text — keep this file safe.");
+    request.suggestedName = QStringLiteral("verbolt-config.json");
+    request.nameFilters = {QCoreApplication::translate("ConfigArchive", "JSON (*.json)")};
+    const std::optional<QString> path = dialogs.saveFileName(request);
+    if (!path || path->isEmpty())
+        return std::nullopt;
+
+    if (const auto error = AtomicFile::write(*path, encode(payload)))
+        return QStringLiteral("Export failed: ") + *error;
+    return std::nullopt;
+}
+
+std::optional<QString> importConfig(ProviderStore &providers, ConversationStore &conversations, FileDialogs &dialogs)
+{
+    OpenDialogRequest request;
+    request.title = QCoreApplication::translate("ConfigArchive", "Import Config");
+    request.nameFilters = {QCoreApplication::translate("ConfigArchive", "JSON (*.json)")};
+    const std::optional<QString> path = dialogs.openFileName(request);
+    if (!path || path->isEmpty())
+        return std::nullopt;
+
+    QFile file(*path);
+    if (!file.open(QIODevice::ReadOnly))
+        return QStringLiteral("Import failed: ") + file.errorString();
+    const QByteArray bytes = file.readAll();
+    if (file.error() != QFileDevice::NoError)
+        return QStringLiteral("Import failed: ") + file.errorString();
+
+    QString error;
+    const auto payload = decodeJson<Payload>(bytes, &error);
+    if (!payload)
+        return QStringLiteral("Import failed: ") + error;
+
+    providers.merge(payload->providers);
+    conversations.merge(payload->conversations);
+    return std::nullopt;
+}
+
+} // namespace ConfigArchive
+
+void toJson(Json::Writer &w, const ConfigArchive::Payload &payload)
+{
+    w.beginObject();
+    w.key(QLatin1StringView("version"));
+    w.integer(payload.version);
+    w.key(QLatin1StringView("providers"));
+    toJson(w, payload.providers);
+    w.key(QLatin1StringView("conversations"));
+    toJson(w, payload.conversations);
+    w.endObject();
+}
+
+bool fromJson(const Json::Value &v, ConfigArchive::Payload &out, QString &error)
+{
+    if (!v.isObject()) {
+        error = QStringLiteral("Expected an object for the configuration");
+        return false;
+    }
+    ConfigArchive::Payload payload;
+    const Json::Value version = v["version"];
+    if (!version.isValid()) {
+        error = missingKey("version");
+        return false;
+    }
+    const auto number = version.toInt64();
+    if (!version.isNumber() || !number) {
+        error = wrongType("version", "a whole number");
+        return false;
+    }
+    payload.version = *number;
+
+    const Json::Value providers = v["providers"];
+    if (!providers.isValid()) {
+        error = missingKey("providers");
+        return false;
+    }
+    if (!fromJson(providers, payload.providers, error)) {
+        error = prefixed(QStringLiteral("providers"), error);
+        return false;
+    }
+    const Json::Value conversations = v["conversations"];
+    if (!conversations.isValid()) {
+        error = missingKey("conversations");
+        return false;
+    }
+    if (!fromJson(conversations, payload.conversations, error)) {
+        error = prefixed(QStringLiteral("conversations"), error);
+        return false;
+    }
+    out = std::move(payload);
+    return true;
+}

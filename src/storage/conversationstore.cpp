@@ -1,0 +1,223 @@
+#include "storage/conversationstore.h"
+
+#include "model/jsoncoding.h"
+#include "storage/atomicfile.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QStandardPaths>
+
+#include <algorithm>
+
+namespace {
+
+const QString newChatTitle = QStringLiteral("New Chat");
+
+} // namespace
+
+ConversationStore::ConversationStore(QObject *parent)
+    : ConversationStore(defaultFilePath(), parent)
+{}
+
+ConversationStore::ConversationStore(const QString &filePath, QObject *parent)
+    : QObject(parent)
+    , m_filePath(filePath)
+    , m_clock(&ReferenceDate::now)
+{
+    // A folder that cannot be made is not an error here: the first save will fail quietly.
+    QDir().mkpath(QFileInfo(m_filePath).absolutePath());
+    load();
+}
+
+QString ConversationStore::defaultFilePath()
+{
+    const QString base = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
+    QString folder = base.isEmpty() ? QString() : base + QStringLiteral("/Verbolt");
+    if (folder.isEmpty() || !QDir().mkpath(folder))
+        folder = QDir::tempPath() + QStringLiteral("/Verbolt");
+    return folder + QStringLiteral("/conversations.json");
+}
+
+void ConversationStore::load()
+{
+    QFile file(m_filePath);
+    if (file.exists()) {
+        bool usable = false;
+        if (file.open(QIODevice::ReadOnly)) {
+            const QByteArray bytes = file.readAll();
+            file.close();
+            if (auto decoded = decodeJson<QList<Conversation>>(bytes)) {
+                m_conversations = std::move(*decoded);
+                sortNewestFirst();
+                usable = true;
+            }
+        }
+        if (!usable) {
+            // The first save would replace the history with a shorter one; keep the original
+            // beside it first, leaving the file itself untouched at start.
+            m_unreadableFileInPlace = true;
+            keepUnreadableAside(false);
+        }
+    }
+    if (!m_conversations.isEmpty())
+        m_selectedID = m_conversations.first().id;
+}
+
+bool ConversationStore::keepUnreadableAside(bool allowMove)
+{
+    if (!m_unreadableFileInPlace)
+        return true;
+    const QFileInfo info(m_filePath);
+    const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-HHmmss"));
+    QString aside;
+    for (int n = 1;; ++n) {
+        const QString suffix = n == 1 ? QString() : u'-' + QString::number(n);
+        aside = info.absolutePath() + QStringLiteral("/conversations.unreadable-") + stamp + suffix +
+                QStringLiteral(".json");
+        if (!QFileInfo::exists(aside))
+            break;
+    }
+    if (!m_keptAsidePath) {
+        if (QFile::copy(m_filePath, aside)) {
+            AtomicFile::restrictToOwner(aside);
+            m_keptAsidePath = aside;
+        }
+    }
+    if (m_keptAsidePath) {
+        m_unreadableFileInPlace = false;
+        return true;
+    }
+    // A file we cannot even read cannot be copied; moving it keeps it just as well.
+    if (allowMove && QFile::rename(m_filePath, aside)) {
+        m_keptAsidePath = aside;
+        m_unreadableFileInPlace = false;
+        return true;
+    }
+    return false;
+}
+
+void ConversationStore::setConversations(const QList<Conversation> &conversations)
+{
+    m_conversations = conversations;
+    emit conversationsChanged();
+}
+
+void ConversationStore::setSelectedID(const std::optional<QUuid> &id)
+{
+    if (id == m_selectedID)
+        return;
+    m_selectedID = id;
+    emit selectedIDChanged();
+}
+
+std::optional<Conversation> ConversationStore::selected() const
+{
+    if (!m_selectedID)
+        return std::nullopt;
+    const qsizetype i = indexOf(*m_selectedID);
+    if (i < 0)
+        return std::nullopt;
+    return m_conversations.at(i);
+}
+
+void ConversationStore::setClock(std::function<double()> clock)
+{
+    m_clock = std::move(clock);
+}
+
+Conversation ConversationStore::newChat(const std::optional<QUuid> &providerID)
+{
+    Conversation conversation;
+    conversation.id = QUuid::createUuid();
+    conversation.title = newChatTitle;
+    conversation.providerID = providerID;
+    conversation.createdAt = m_clock();
+    conversation.updatedAt = conversation.createdAt;
+    m_conversations.prepend(conversation);
+    emit conversationsChanged();
+    setSelectedID(conversation.id);
+    persist();
+    return conversation;
+}
+
+void ConversationStore::updateMessages(const QUuid &id, const QList<ChatMessage> &messages)
+{
+    const qsizetype i = indexOf(id);
+    if (i < 0)
+        return;
+    Conversation conversation = m_conversations.takeAt(i);
+    conversation.messages = messages;
+    conversation.updatedAt = m_clock();
+    if (conversation.title == newChatTitle) {
+        if (auto title = Conversation::derivedTitle(messages))
+            conversation.title = std::move(*title);
+    }
+    m_conversations.prepend(std::move(conversation));
+    emit conversationsChanged();
+    persist();
+}
+
+void ConversationStore::rename(const QUuid &id, const QString &title)
+{
+    const qsizetype i = indexOf(id);
+    if (i < 0)
+        return;
+    const QString trimmed = title.trimmed();
+    if (trimmed.isEmpty())
+        return;
+    m_conversations[i].title = trimmed;
+    emit conversationsChanged();
+    persist();
+}
+
+void ConversationStore::deleteConversation(const Conversation &conversation)
+{
+    m_conversations.removeIf([&](const Conversation &c) { return c.id == conversation.id; });
+    emit conversationsChanged();
+    if (m_selectedID && *m_selectedID == conversation.id)
+        setSelectedID(m_conversations.isEmpty() ? std::nullopt : std::optional<QUuid>(m_conversations.first().id));
+    persist();
+}
+
+void ConversationStore::merge(const QList<Conversation> &incoming)
+{
+    for (const Conversation &conversation : incoming) {
+        const qsizetype i = indexOf(conversation.id);
+        if (i >= 0)
+            m_conversations[i] = conversation;
+        else
+            m_conversations.append(conversation);
+    }
+    sortNewestFirst();
+    emit conversationsChanged();
+    if (!m_selectedID && !m_conversations.isEmpty())
+        setSelectedID(m_conversations.first().id);
+    persist();
+}
+
+void ConversationStore::persist()
+{
+    if (!keepUnreadableAside(true)) {
+        m_lastSaveError =
+            tr("The conversation history in %1 could not be read or kept aside; it is left as it is.").arg(m_filePath);
+        return;
+    }
+    m_lastSaveError = AtomicFile::write(m_filePath, encodeJson(m_conversations));
+}
+
+void ConversationStore::sortNewestFirst()
+{
+    std::stable_sort(m_conversations.begin(), m_conversations.end(),
+                     [](const Conversation &a, const Conversation &b) { return a.updatedAt > b.updatedAt; });
+}
+
+qsizetype ConversationStore::indexOf(const QUuid &id) const
+{
+    for (qsizetype i = 0; i < m_conversations.size(); ++i) {
+        if (m_conversations.at(i).id == id)
+            return i;
+    }
+    return -1;
+}

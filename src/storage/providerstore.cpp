@@ -1,0 +1,143 @@
+#include "storage/providerstore.h"
+
+#include "model/jsoncoding.h"
+#include "storage/atomicfile.h"
+
+#include <QDateTime>
+
+ProviderStore::ProviderStore(QObject *parent)
+    : QObject(parent)
+    , m_settings(QStringLiteral("Verbolt"), QStringLiteral("Verbolt"))
+{
+    load();
+}
+
+void ProviderStore::load()
+{
+    const QByteArray stored = m_settings.value(providersKey).toByteArray();
+    if (!stored.isEmpty()) {
+        if (auto decoded = decodeJson<QList<Provider>>(stored)) {
+            m_providers = std::move(*decoded);
+        } else {
+            // The stored bytes stay where they are, but the first save would replace them with a
+            // shorter list: a copy under another key keeps the user's providers and keys.
+            QString key = unreadableKey;
+            const QVariant existing = m_settings.value(key);
+            if (existing.isValid() && existing.toByteArray() != stored)
+                key += u'.' + QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-HHmmss"));
+            m_settings.setValue(key, stored);
+            m_keptAsideKey = key;
+        }
+    }
+
+    std::optional<QUuid> selection;
+    const QString storedID = m_settings.value(selectedKey).toString();
+    if (const auto parsed = JsonCoding::parseUuid(storedID)) {
+        for (const Provider &p : std::as_const(m_providers)) {
+            if (p.id == *parsed) {
+                selection = *parsed;
+                break;
+            }
+        }
+    }
+    if (!selection && !m_providers.isEmpty())
+        selection = m_providers.first().id;
+    // Written back even when unchanged: a lower-case or stale id is replaced by the canonical form.
+    assignSelectedID(selection);
+}
+
+void ProviderStore::setProviders(const QList<Provider> &providers)
+{
+    m_providers = providers;
+    persist();
+    emit providersChanged();
+}
+
+void ProviderStore::setSelectedID(const std::optional<QUuid> &id)
+{
+    assignSelectedID(id);
+}
+
+void ProviderStore::assignSelectedID(const std::optional<QUuid> &id)
+{
+    const bool changed = id != m_selectedID;
+    m_selectedID = id;
+    if (id)
+        m_settings.setValue(selectedKey, JsonCoding::uuidText(*id));
+    else
+        m_settings.remove(selectedKey);
+    sync();
+    if (changed)
+        emit selectedIDChanged();
+}
+
+std::optional<Provider> ProviderStore::selected() const
+{
+    if (!m_selectedID)
+        return std::nullopt;
+    for (const Provider &p : m_providers) {
+        if (p.id == *m_selectedID)
+            return p;
+    }
+    return std::nullopt;
+}
+
+void ProviderStore::add(const Provider &provider)
+{
+    m_providers.append(provider);
+    persist();
+    emit providersChanged();
+    if (!m_selectedID)
+        assignSelectedID(provider.id);
+}
+
+void ProviderStore::update(const Provider &provider)
+{
+    for (Provider &p : m_providers) {
+        if (p.id == provider.id) {
+            p = provider;
+            persist();
+            emit providersChanged();
+            return;
+        }
+    }
+}
+
+void ProviderStore::remove(const Provider &provider)
+{
+    m_providers.removeIf([&](const Provider &p) { return p.id == provider.id; });
+    persist();
+    emit providersChanged();
+    if (m_selectedID && *m_selectedID == provider.id)
+        assignSelectedID(m_providers.isEmpty() ? std::nullopt : std::optional<QUuid>(m_providers.first().id));
+}
+
+void ProviderStore::merge(const QList<Provider> &incoming)
+{
+    for (const Provider &provider : incoming) {
+        const auto it = std::find_if(m_providers.begin(), m_providers.end(),
+                                     [&](const Provider &p) { return p.id == provider.id; });
+        if (it != m_providers.end())
+            *it = provider;
+        else
+            m_providers.append(provider);
+        persist();
+    }
+    if (!incoming.isEmpty())
+        emit providersChanged();
+    if (!m_selectedID)
+        assignSelectedID(m_providers.isEmpty() ? std::nullopt : std::optional<QUuid>(m_providers.first().id));
+}
+
+void ProviderStore::persist()
+{
+    m_settings.setValue(providersKey, encodeJson(m_providers));
+    sync();
+}
+
+void ProviderStore::sync()
+{
+    m_settings.sync();
+    // The preferences file holds every API key in plain text.
+    AtomicFile::restrictToOwner(m_settings.fileName());
+}
