@@ -8,7 +8,11 @@
 #include <QNetworkReply>
 #include <QString>
 
+#include <chrono>
 #include <variant>
+
+class ChatStream;
+class QObject;
 
 // The transport's own failures, with the texts the user sees.
 struct ChatServiceError
@@ -60,10 +64,22 @@ struct ChatEvent
     friend bool operator==(const ChatEvent &, const ChatEvent &) = default;
 };
 
-// The one entry point through which a conversation talks to a provider.
+// The one entry point through which a conversation talks to a provider. A cheap value; the
+// transfer time-out (no bytes for that long ends the reply) is its only setting, 60 s unless a
+// test shortens it.
 class ChatService final
 {
 public:
+    explicit ChatService(std::chrono::milliseconds transferTimeout = std::chrono::seconds(60))
+        : m_transferTimeout(transferTimeout)
+    {}
+
+    // Sends the conversation to the provider's chat endpoint and returns at once a stream on
+    // the main thread. Every failure (missing key, bad base URL, HTTP status, transfer error)
+    // arrives as ChatStream::finished, never synchronously here. The stream stops silently when
+    // consumer (which must not be null) is destroyed.
+    ChatStream *stream(const Provider &provider, const QList<ChatMessage> &messages, QObject *consumer) const;
+
     // What one stream line means.
     struct Parsed
     {
@@ -78,12 +94,14 @@ public:
 
     // The streamed chat request for provider and messages, sent with apiKey unchanged.
     // Fails with invalidBaseURL when the base URL is blank or does not join into a URL.
-    static std::variant<HttpRequest, ChatServiceError> makeRequest(const Provider &provider,
-                                                                   const QList<ChatMessage> &messages,
-                                                                   const QString &apiKey);
+    static std::variant<HttpRequest, ChatServiceError>
+    makeRequest(const Provider &provider, const QList<ChatMessage> &messages, const QString &apiKey);
 
     // Classifies one server-sent-event line (without its terminator). Pure and never fails:
     // anything it does not understand is skip.
     static Parsed parseSSELine(QByteArrayView utf8Line, ProviderWire wire);
     static Parsed parseSSELine(QStringView line, ProviderWire wire);
+
+private:
+    std::chrono::milliseconds m_transferTimeout;
 };

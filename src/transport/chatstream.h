@@ -1,0 +1,71 @@
+#pragma once
+
+#include "model/provider.h"
+#include "transport/chatservice.h"
+
+#include <QByteArray>
+#include <QObject>
+#include <QPointer>
+
+#include <optional>
+
+class QNetworkReply;
+
+// Qt's metatype probe looks through std::optional only one level deep and would then
+// instantiate std::variant's operator<, which the error types rightly lack.
+template<>
+struct QTypeTraits::has_operator_less_than<std::optional<ServiceError>> : std::false_type
+{};
+
+// One running reply. Lives on the main thread and is created only by ChatService::stream().
+// Emits eventReceived for each ChatEvent in the order of the provider's byte stream, then
+// finished exactly once (nullopt = normal end). cancel() aborts the transfer at once: no
+// eventReceived after it, and finished(nullopt) follows on a later turn of the event loop
+// (cancellation is a normal end). If the consumer passed to stream() is destroyed, the stream
+// aborts and emits nothing more. The stream deletes itself (deleteLater) after finished, or
+// after its consumer is gone.
+class ChatStream final : public QObject
+{
+    Q_OBJECT
+    Q_DISABLE_COPY_MOVE(ChatStream)
+
+public:
+    ~ChatStream() override;
+
+    // Ends the reply now; safe to call at any time, also from a slot of eventReceived and
+    // after the end (then it does nothing).
+    void cancel();
+    bool isFinished() const { return m_finished; }
+
+signals:
+    // Emitted for each text fragment or token count, in stream order.
+    void eventReceived(const ChatEvent &event);
+    // Emitted once when the reply ends: nullopt for a normal end (including cancel()), or the
+    // failure (missing key, bad base URL, HTTP status with its body, transfer error).
+    void finished(const std::optional<ServiceError> &error);
+
+private:
+    friend class ChatService;
+
+    explicit ChatStream(QObject *parent = nullptr);
+
+    void start(const Provider &provider, const QList<ChatMessage> &messages, int transferTimeoutMs);
+    void handleHead();
+    void handleReadyRead();
+    void handleReplyFinished();
+    void processLines(bool atEnd);
+    void end(std::optional<ServiceError> error, bool deferred);
+    void stopTransfer();
+    void abandon();
+
+    enum class State { starting, waitingForHead, readingEvents, collectingError, done };
+
+    QPointer<QNetworkReply> m_reply;
+    State m_state = State::starting;
+    ProviderWire m_wire = ProviderWire::openAI;
+    int m_status = 0;
+    QByteArray m_buffer;      // bytes not yet split into lines
+    qsizetype m_scanFrom = 0; // where to look for the next "\n" in m_buffer
+    QByteArray m_errorBody;   // non-2xx body, line breaks dropped
+    bool m_finished = false;
+};

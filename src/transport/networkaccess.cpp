@@ -1,0 +1,44 @@
+#include "transport/networkaccess.h"
+
+#include "transport/request.h"
+
+#include <QCoreApplication>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QPointer>
+
+namespace NetworkAccess {
+
+QNetworkAccessManager &manager()
+{
+    // Parented to the application so that it goes before the event loop does; recreated if a
+    // test builds a second application object.
+    static QPointer<QNetworkAccessManager> shared;
+    if (!shared)
+        shared = new QNetworkAccessManager(QCoreApplication::instance());
+    return *shared;
+}
+
+QNetworkReply *send(const HttpRequest &request)
+{
+    QNetworkRequest networkRequest = request.toNetworkRequest();
+    // Manual redirects: Qt's default would replay our raw headers, the API key among them, to
+    // whatever host the Location names.
+    networkRequest.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
+    if (request.body)
+        return manager().sendCustomRequest(networkRequest, request.method, *request.body);
+    return manager().sendCustomRequest(networkRequest, request.method);
+}
+
+bool isHttpReply(const QNetworkReply &reply)
+{
+    const QString scheme = reply.url().scheme();
+    return scheme == u"http" || scheme == u"https";
+}
+
+TransferError transferError(const QNetworkReply &reply)
+{
+    return {reply.error(), reply.errorString()};
+}
+
+} // namespace NetworkAccess
