@@ -106,9 +106,10 @@ std::optional<qint64> Value::toInt64() const
         return qint64(u);
     }
     case element_type::DOUBLE: {
-        // 2^63 is exactly representable; every double below it and at or above -2^63 fits.
+        // Doubles strictly between -2^63 and 2^63 fit. -2^63 itself is refused too: it is also what
+        // an integer literal just beyond the 64-bit range rounds to once read as a double.
         const double d = double(e);
-        if (!std::isfinite(d) || d != std::trunc(d) || d < -9223372036854775808.0 || d >= 9223372036854775808.0)
+        if (!std::isfinite(d) || d != std::trunc(d) || d <= -9223372036854775808.0 || d >= 9223372036854775808.0)
             return std::nullopt;
         return qint64(d);
     }
@@ -207,6 +208,69 @@ struct Parser::Private
     simdjson::dom::parser parser;
 };
 
+namespace {
+
+// simdjson refuses whole-number literals beyond 64 bits, failing the whole document. JSON allows
+// them, and a stray huge count must only be "not a 64-bit count", so such literals are re-read
+// as doubles: ".0" is appended to every integer literal outside strings that fits in no 64-bit type.
+// Only the rare failing input pays for this.
+bool beyond64Bits(QByteArrayView digits, bool negative)
+{
+    while (digits.size() > 1 && digits.front() == '0')
+        digits = digits.sliced(1);
+    const QByteArrayView limit = negative ? QByteArrayView("9223372036854775808") : QByteArrayView("18446744073709551615");
+    if (digits.size() != limit.size())
+        return digits.size() > limit.size();
+    return digits.compare(limit) > 0;
+}
+
+QByteArray widenBigIntegers(QByteArrayView in)
+{
+    QByteArray out;
+    out.reserve(in.size() + 16);
+    bool inString = false;
+    qsizetype i = 0;
+    const qsizetype n = in.size();
+    while (i < n) {
+        const char c = in[i];
+        if (inString) {
+            out.append(c);
+            if (c == '\\' && i + 1 < n) {
+                out.append(in[++i]);
+            } else if (c == '"') {
+                inString = false;
+            }
+            ++i;
+            continue;
+        }
+        if (c == '"') {
+            inString = true;
+            out.append(c);
+            ++i;
+            continue;
+        }
+        if (c == '-' || (c >= '0' && c <= '9')) {
+            qsizetype j = i;
+            if (in[j] == '-')
+                ++j;
+            const qsizetype digitsStart = j;
+            while (j < n && in[j] >= '0' && in[j] <= '9')
+                ++j;
+            const bool plainInteger = j >= n || (in[j] != '.' && in[j] != 'e' && in[j] != 'E');
+            out.append(in.sliced(i, j - i));
+            if (plainInteger && beyond64Bits(in.sliced(digitsStart, j - digitsStart), in[i] == '-'))
+                out.append(".0");
+            i = j;
+            continue;
+        }
+        out.append(c);
+        ++i;
+    }
+    return out;
+}
+
+} // namespace
+
 Parser::Parser()
     : d(std::make_unique<Private>())
 {}
@@ -216,7 +280,11 @@ Parser::~Parser() = default;
 Value Parser::parse(QByteArrayView utf8, QString *error)
 {
     element root;
-    const auto code = d->parser.parse(utf8.data(), size_t(utf8.size()), true).get(root);
+    auto code = d->parser.parse(utf8.data(), size_t(utf8.size()), true).get(root);
+    if (code == simdjson::NUMBER_ERROR) {
+        const QByteArray widened = widenBigIntegers(utf8);
+        code = d->parser.parse(widened.constData(), size_t(widened.size()), true).get(root);
+    }
     if (code != simdjson::SUCCESS) {
         if (error)
             *error = QString::fromLatin1(simdjson::error_message(code));
@@ -306,7 +374,11 @@ QByteArray formatDouble(double value)
     if (!std::isfinite(value))
         return QByteArrayLiteral("null");
     char buf[64];
-    const auto result = std::to_chars(buf, buf + sizeof buf, value);
+    auto result = std::to_chars(buf, buf + sizeof buf, value);
+    // The shortest form of a large whole double can be a long run of digits, which many readers
+    // (ours included) take for an integer that does not fit; scientific form stays a double.
+    if (std::fabs(value) >= 1e16 && std::find_if(buf, result.ptr, [](char c) { return c == '.' || c == 'e'; }) == result.ptr)
+        result = std::to_chars(buf, buf + sizeof buf, value, std::chars_format::scientific);
     return QByteArray(buf, result.ptr - buf);
 }
 
