@@ -30,18 +30,18 @@ int sse(const QStringList &args)
         return 2;
     const QByteArray input = Inspect::readStdin();
     QByteArray out;
-    // Every line, split at "\n" with one trailing "\r" dropped; a final line feed ends the
-    // last line rather than starting an empty one.
+    // Every piece between line feeds is a line, one trailing "\r" dropped; the input is taken
+    // whole, so a final line feed leaves an empty last line (which classifies as skip).
     QList<QByteArrayView> lines;
     qsizetype start = 0;
-    while (start < input.size()) {
-        qsizetype end = input.indexOf('\n', start);
-        if (end < 0)
-            end = input.size();
-        QByteArrayView line = QByteArrayView(input).sliced(start, end - start);
+    for (;;) {
+        const qsizetype end = input.indexOf('\n', start);
+        QByteArrayView line = QByteArrayView(input).sliced(start, (end < 0 ? input.size() : end) - start);
         if (line.endsWith('\r'))
             line.chop(1);
         lines.append(line);
+        if (end < 0)
+            break;
         start = end + 1;
     }
     for (const QByteArrayView line : lines) {
