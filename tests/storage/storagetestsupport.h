@@ -4,6 +4,7 @@
 // dialogs, and a way to meet a read-only folder even when the tests run as root.
 
 #include "model/conversation.h"
+#include "model/jsoncoding.h"
 #include "model/provider.h"
 #include "storage/filedialogs.h"
 
