@@ -2,7 +2,6 @@
 // about four characters, framed as each provider frames them (event lines and blank
 // separators included).
 #include "harness.h"
-
 #include "model/json.h"
 #include "transport/chatservice.h"
 
@@ -36,8 +35,8 @@ QList<QByteArray> openAILines(const QStringList &pieces)
     for (const QString &piece : pieces) {
         lines.append(R"(data: {"id":"chatcmpl-9x2Yb","object":"chat.completion.chunk","created":1718000000,)"
                      R"("model":"gpt-4o-mini","system_fingerprint":"fp_0ba0d124f1","choices":[{"index":0,)"
-                     R"("delta":{"content":)"
-                     + quoted(piece) + R"(},"logprobs":null,"finish_reason":null}],"usage":null})");
+                     R"("delta":{"content":)" +
+                     quoted(piece) + R"(},"logprobs":null,"finish_reason":null}],"usage":null})");
         lines.append(QByteArray());
     }
     lines.append(R"(data: {"id":"chatcmpl-9x2Yb","object":"chat.completion.chunk","created":1718000000,)"
@@ -57,12 +56,13 @@ QList<QByteArray> anthropicLines(const QStringList &pieces)
         QByteArray()};
     for (const QString &piece : pieces) {
         lines.append("event: content_block_delta");
-        lines.append(R"(data: {"type":"content_block_delta","index":0,"delta":{"type":"text_delta","text":)"
-                     + quoted(piece) + "}}");
+        lines.append(R"(data: {"type":"content_block_delta","index":0,"delta":{"type":"text_delta","text":)" +
+                     quoted(piece) + "}}");
         lines.append(QByteArray());
     }
     lines.append("event: message_delta");
-    lines.append(R"(data: {"type":"message_delta","delta":{"stop_reason":"end_turn"},"usage":{"output_tokens":20000}})");
+    lines.append(
+        R"(data: {"type":"message_delta","delta":{"stop_reason":"end_turn"},"usage":{"output_tokens":20000}})");
     lines.append(QByteArray());
     lines.append("event: message_stop");
     lines.append(R"(data: {"type":"message_stop"})");

@@ -92,9 +92,9 @@ bool fromJson(const Json::Value &v, TokenUsage &out, QString &error)
         return false;
     }
     TokenUsage usage;
-    if (!readOptionalInt64(v, "promptTokens", usage.promptTokens, error)
-        || !readOptionalInt64(v, "completionTokens", usage.completionTokens, error)
-        || !readOptionalInt64(v, "totalTokens", usage.totalTokens, error))
+    if (!readOptionalInt64(v, "promptTokens", usage.promptTokens, error) ||
+        !readOptionalInt64(v, "completionTokens", usage.completionTokens, error) ||
+        !readOptionalInt64(v, "totalTokens", usage.totalTokens, error))
         return false;
     out = usage;
     return true;
@@ -108,8 +108,8 @@ bool fromJson(const Json::Value &v, ChatMessage &out, QString &error)
     }
     ChatMessage message;
     QString role;
-    if (!readUuid(v, "id", message.id, error) || !readString(v, "role", role, error)
-        || !readString(v, "content", message.content, error))
+    if (!readUuid(v, "id", message.id, error) || !readString(v, "role", role, error) ||
+        !readString(v, "content", message.content, error))
         return false;
     const auto parsedRole = chatRoleFromRaw(role);
     if (!parsedRole) {

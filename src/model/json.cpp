@@ -1,12 +1,11 @@
 #include "model/json.h"
 
-#include <simdjson.h>
-
 #include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <simdjson.h>
 #include <type_traits>
 #include <vector>
 
@@ -218,7 +217,8 @@ bool beyond64Bits(QByteArrayView digits, bool negative)
 {
     while (digits.size() > 1 && digits.front() == '0')
         digits = digits.sliced(1);
-    const QByteArrayView limit = negative ? QByteArrayView("9223372036854775808") : QByteArrayView("18446744073709551615");
+    const QByteArrayView limit =
+        negative ? QByteArrayView("9223372036854775808") : QByteArrayView("18446744073709551615");
     if (digits.size() != limit.size())
         return digits.size() > limit.size();
     return digits.compare(limit) > 0;
@@ -377,7 +377,8 @@ QByteArray formatDouble(double value)
     auto result = std::to_chars(buf, buf + sizeof buf, value);
     // The shortest form of a large whole double can be a long run of digits, which many readers
     // (ours included) take for an integer that does not fit; scientific form stays a double.
-    if (std::fabs(value) >= 1e16 && std::find_if(buf, result.ptr, [](char c) { return c == '.' || c == 'e'; }) == result.ptr)
+    if (std::fabs(value) >= 1e16 &&
+        std::find_if(buf, result.ptr, [](char c) { return c == '.' || c == 'e'; }) == result.ptr)
         result = std::to_chars(buf, buf + sizeof buf, value, std::chars_format::scientific);
     return QByteArray(buf, result.ptr - buf);
 }

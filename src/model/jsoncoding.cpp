@@ -15,7 +15,8 @@ std::optional<QUuid> parseUuid(QStringView text)
     for (qsizetype i = 0; i < 36; ++i) {
         const char16_t c = text[i].unicode();
         const bool hyphenSlot = i == 8 || i == 13 || i == 18 || i == 23;
-        if (hyphenSlot ? c != u'-' : !((c >= u'0' && c <= u'9') || (c >= u'a' && c <= u'f') || (c >= u'A' && c <= u'F')))
+        if (hyphenSlot ? c != u'-'
+                       : !((c >= u'0' && c <= u'9') || (c >= u'a' && c <= u'f') || (c >= u'A' && c <= u'F')))
             return std::nullopt;
     }
     return QUuid::fromString(text);

@@ -33,8 +33,13 @@ const QList<Provider> &Provider::presets()
 {
     static const QList<Provider> list = [] {
         const auto make = [](const char *name, ProviderWire wire, const char *baseURL, const char *model) {
-            return Provider{QUuid::createUuid(), QString::fromUtf8(name), wire, QString::fromUtf8(baseURL),
-                            QString::fromUtf8(model), {}, {}};
+            return Provider{QUuid::createUuid(),
+                            QString::fromUtf8(name),
+                            wire,
+                            QString::fromUtf8(baseURL),
+                            QString::fromUtf8(model),
+                            {},
+                            {}};
         };
         return QList<Provider>{
             make("Groq", ProviderWire::openAI, "https://api.groq.com/openai/v1", "llama-3.3-70b-versatile"),
@@ -91,9 +96,9 @@ bool fromJson(const Json::Value &v, Provider &out, QString &error)
     }
     Provider p;
     QString wire;
-    if (!readUuid(v, "id", p.id, error) || !readString(v, "name", p.name, error)
-        || !readString(v, "wire", wire, error) || !readString(v, "baseURL", p.baseURL, error)
-        || !readString(v, "model", p.model, error))
+    if (!readUuid(v, "id", p.id, error) || !readString(v, "name", p.name, error) ||
+        !readString(v, "wire", wire, error) || !readString(v, "baseURL", p.baseURL, error) ||
+        !readString(v, "model", p.model, error))
         return false;
     const auto parsedWire = providerWireFromRaw(wire);
     if (!parsedWire) {

@@ -18,7 +18,7 @@ struct HttpRequest
     QUrl url;
     QByteArray method;
     QList<QPair<QByteArray, QByteArray>> headers; // in the order they are set
-    std::optional<QByteArray> body;                // absent for GET
+    std::optional<QByteArray> body;               // absent for GET
     int timeoutMs = defaultTimeoutMs;
 
     // The QNetworkRequest carrying exactly these headers and the transfer time-out. Redirects

@@ -107,7 +107,8 @@ void tst_Json::integersAtTheLimits()
 
 void tst_Json::hugeLiteralLeavesOtherCountsExact()
 {
-    const auto doc = Json::Document::parse("[9223372036854775807, 123456789012345678901234567890, \"99999999999999999999\"]");
+    const auto doc =
+        Json::Document::parse("[9223372036854775807, 123456789012345678901234567890, \"99999999999999999999\"]");
     QVERIFY(doc);
     const auto items = doc->root().elements();
     QCOMPARE(items[0].toInt64(), std::numeric_limits<qint64>::max());

@@ -70,26 +70,27 @@ void tst_Records::messageDecoding_data()
                                    << true;
     QTest::newRow("usage null") << QByteArray(R"({"id":")" + id + R"(","role":"user","content":"","usage":null})")
                                 << true;
-    QTest::newRow("unknown key ignored")
-        << QByteArray(R"({"id":")" + id + R"(","role":"assistant","content":"x","extra":[1]})") << true;
-    QTest::newRow("role in other case") << QByteArray(R"({"id":")" + id + R"(","role":"User","content":"x"})")
-                                        << false;
-    QTest::newRow("role with blank") << QByteArray(R"({"id":")" + id + R"(","role":"user ","content":"x"})")
-                                     << false;
+    QTest::newRow("unknown key ignored") << QByteArray(R"({"id":")" + id +
+                                                       R"(","role":"assistant","content":"x","extra":[1]})")
+                                         << true;
+    QTest::newRow("role in other case") << QByteArray(R"({"id":")" + id + R"(","role":"User","content":"x"})") << false;
+    QTest::newRow("role with blank") << QByteArray(R"({"id":")" + id + R"(","role":"user ","content":"x"})") << false;
     QTest::newRow("missing content") << QByteArray(R"({"id":")" + id + R"(","role":"user"})") << false;
-    QTest::newRow("content not a string") << QByteArray(R"({"id":")" + id + R"(","role":"user","content":5})")
-                                          << false;
+    QTest::newRow("content not a string") << QByteArray(R"({"id":")" + id + R"(","role":"user","content":5})") << false;
     QTest::newRow("id no uuid") << QByteArray(R"({"id":"abc","role":"user","content":"x"})") << false;
-    QTest::newRow("id in braces") << QByteArray(R"({"id":"{)" + id + R"(}","role":"user","content":"x"})")
-                                  << false;
-    QTest::newRow("usage not an object")
-        << QByteArray(R"({"id":")" + id + R"(","role":"user","content":"x","usage":3})") << false;
-    QTest::newRow("fractional count")
-        << QByteArray(R"({"id":")" + id + R"(","role":"user","content":"x","usage":{"promptTokens":1.5}})") << false;
-    QTest::newRow("count as string")
-        << QByteArray(R"({"id":")" + id + R"(","role":"user","content":"x","usage":{"totalTokens":"7"}})") << false;
+    QTest::newRow("id in braces") << QByteArray(R"({"id":"{)" + id + R"(}","role":"user","content":"x"})") << false;
+    QTest::newRow("usage not an object") << QByteArray(R"({"id":")" + id +
+                                                       R"(","role":"user","content":"x","usage":3})")
+                                         << false;
+    QTest::newRow("fractional count") << QByteArray(R"({"id":")" + id +
+                                                    R"(","role":"user","content":"x","usage":{"promptTokens":1.5}})")
+                                      << false;
+    QTest::newRow("count as string") << QByteArray(R"({"id":")" + id +
+                                                   R"(","role":"user","content":"x","usage":{"totalTokens":"7"}})")
+                                     << false;
     QTest::newRow("count beyond 64 bits")
-        << QByteArray(R"({"id":")" + id + R"(","role":"user","content":"x","usage":{"totalTokens":9223372036854775808}})")
+        << QByteArray(R"({"id":")" + id +
+                      R"(","role":"user","content":"x","usage":{"totalTokens":9223372036854775808}})")
         << false;
     QTest::newRow("array, not object") << QByteArray("[]") << false;
 }
@@ -147,13 +148,14 @@ void tst_Records::providerDecoding_data()
     QTest::addColumn<bool>("ok");
     const QByteArray head = R"({"id":")" + idA.toLatin1() + R"(","name":"N","baseURL":"u","model":"m",)";
     QTest::newRow("without optional keys") << QByteArray(head + R"("wire":"openAI"})") << true;
-    QTest::newRow("optional keys null")
-        << QByteArray(head + R"("wire":"anthropic","cachedModels":null,"apiKey":null})") << true;
+    QTest::newRow("optional keys null") << QByteArray(head + R"("wire":"anthropic","cachedModels":null,"apiKey":null})")
+                                        << true;
     QTest::newRow("wire in other case") << QByteArray(head + R"("wire":"OpenAI"})") << false;
     QTest::newRow("wire with blank") << QByteArray(head + R"("wire":" openAI"})") << false;
     QTest::newRow("unknown wire") << QByteArray(head + R"("wire":"gemini"})") << false;
     QTest::newRow("models not strings") << QByteArray(head + R"("wire":"openAI","cachedModels":[1]})") << false;
-    QTest::newRow("missing model") << QByteArray(R"({"id":")" + idA.toLatin1() + R"(","name":"N","baseURL":"u",)"
+    QTest::newRow("missing model") << QByteArray(R"({"id":")" + idA.toLatin1() +
+                                                 R"(","name":"N","baseURL":"u",)"
                                                  R"("wire":"openAI"})")
                                    << false;
 }
@@ -172,8 +174,8 @@ void tst_Records::providerDecoding()
 
 void tst_Records::providerReencodesAllSevenKeys()
 {
-    const auto provider = decode<Provider>(R"({"id":")" + idA.toLatin1()
-                                           + R"(","name":"N","wire":"openAI","baseURL":"u","model":"m"})");
+    const auto provider =
+        decode<Provider>(R"({"id":")" + idA.toLatin1() + R"(","name":"N","wire":"openAI","baseURL":"u","model":"m"})");
     QVERIFY(provider);
     const QByteArray json = encodeJson(*provider);
     QCOMPARE(keysOf(json), names({"id", "name", "wire", "baseURL", "model", "cachedModels", "apiKey"}));
@@ -212,26 +214,32 @@ void tst_Records::conversationDecoding_data()
     QTest::addColumn<QByteArray>("json");
     QTest::addColumn<bool>("ok");
     const QByteArray id = idA.toLatin1();
-    QTest::newRow("provider null") << QByteArray(R"({"id":")" + id + R"(","title":"t","providerID":null,)"
+    QTest::newRow("provider null") << QByteArray(R"({"id":")" + id +
+                                                 R"(","title":"t","providerID":null,)"
                                                  R"("messages":[],"createdAt":0,"updatedAt":1.5})")
                                    << true;
     QTest::newRow("keys in any order") << QByteArray(R"({"updatedAt":2,"messages":[],"createdAt":1,"title":"t",)"
-                                                     R"("id":")" + id + R"("})")
+                                                     R"("id":")" +
+                                                     id + R"("})")
                                        << true;
-    QTest::newRow("ISO date") << QByteArray(R"({"id":")" + id + R"(","title":"t","messages":[],)"
+    QTest::newRow("ISO date") << QByteArray(R"({"id":")" + id +
+                                            R"(","title":"t","messages":[],)"
                                             R"("createdAt":"2024-01-01T00:00:00Z","updatedAt":1})")
                               << false;
-    QTest::newRow("missing updatedAt") << QByteArray(R"({"id":")" + id + R"(","title":"t","messages":[],)"
+    QTest::newRow("missing updatedAt") << QByteArray(R"({"id":")" + id +
+                                                     R"(","title":"t","messages":[],)"
                                                      R"("createdAt":1})")
                                        << false;
-    QTest::newRow("bad provider id") << QByteArray(R"({"id":")" + id + R"(","title":"t","providerID":"x",)"
+    QTest::newRow("bad provider id") << QByteArray(R"({"id":")" + id +
+                                                   R"(","title":"t","providerID":"x",)"
                                                    R"("messages":[],"createdAt":0,"updatedAt":1})")
                                      << false;
-    QTest::newRow("one bad message")
-        << QByteArray(R"({"id":")" + id + R"(","title":"t","messages":[{"id":")" + idB.toLatin1()
-                      + R"(","role":"user","content":"ok"},{"role":"user","content":"no id"}],)"
-                        R"("createdAt":0,"updatedAt":1})")
-        << false;
+    QTest::newRow("one bad message") << QByteArray(
+                                            R"({"id":")" + id + R"(","title":"t","messages":[{"id":")" +
+                                            idB.toLatin1() +
+                                            R"(","role":"user","content":"ok"},{"role":"user","content":"no id"}],)"
+                                            R"("createdAt":0,"updatedAt":1})")
+                                     << false;
 }
 
 void tst_Records::conversationDecoding()
@@ -257,8 +265,7 @@ void tst_Records::conversationRoundTrip()
     c.messages = {ChatMessage(ChatRole::user, QStringLiteral("q")),
                   ChatMessage(ChatRole::assistant, QStringLiteral("a"), TokenUsage{1, 2, 3})};
     c.updatedAt = ReferenceDate::now();
-    QCOMPARE(keysOf(encodeJson(c)),
-             names({"id", "title", "providerID", "messages", "createdAt", "updatedAt"}));
+    QCOMPARE(keysOf(encodeJson(c)), names({"id", "title", "providerID", "messages", "createdAt", "updatedAt"}));
     QCOMPARE(decode<Conversation>(encodeJson(c)), c);
 
     Conversation later = c;

@@ -54,7 +54,8 @@ void tst_Inspect::contract_data()
                                << QByteArray("data: {\"choices\":[{\"delta\":{\"content\":\"a\"}}]}\r\n"
                                              "data: {\"usage\":{\"completion_tokens\":5}}\ndata: [DONE]")
                                << 0
-                               << QByteArray("{\"delta\":\"a\"}\n{\"usage\":{\"completionTokens\":5}}\n{\"done\":true}\n");
+                               << QByteArray(
+                                      "{\"delta\":\"a\"}\n{\"usage\":{\"completionTokens\":5}}\n{\"done\":true}\n");
     QTest::newRow("sse final line feed") << args({"sse", "--wire", "anthropic"}) << QByteArray("event: x\n") << 0
                                          << QByteArray("{\"skip\":true}\n{\"skip\":true}\n");
     QTest::newRow("sse without wire") << args({"sse"}) << QByteArray() << 2 << QByteArray();
@@ -98,8 +99,8 @@ void tst_Inspect::contract()
 void tst_Inspect::requestDescribesTheWholeRequest()
 {
     const QByteArray input = R"({"provider":{"id":"0E984725-C51C-4BF4-9960-E1C80E27ABA0","name":"G","wire":"openAI",)"
-                             R"("baseURL":"https://api.example.com/v1/","model":"m","apiKey":" k "},"messages":[)"
-                             + userMessage + "]}";
+                             R"("baseURL":"https://api.example.com/v1/","model":"m","apiKey":" k "},"messages":[)" +
+                             userMessage + "]}";
     const Run run = inspect({QStringLiteral("request")}, input);
     QCOMPARE(run.exitCode, 0);
     const auto doc = Json::Document::parse(run.out);
@@ -113,7 +114,8 @@ void tst_Inspect::requestDescribesTheWholeRequest()
     QCOMPARE(headers[1].elements()[1].toString(), QStringLiteral("Bearer  k "));
     QCOMPARE(root["body"]["messages"].elements()[0]["content"].toString(), QStringLiteral(" Hi\nthere "));
 
-    const Run blank = inspect({QStringLiteral("request")}, QByteArray(input).replace("https://api.example.com/v1/", " "));
+    const Run blank =
+        inspect({QStringLiteral("request")}, QByteArray(input).replace("https://api.example.com/v1/", " "));
     QCOMPARE(blank.exitCode, 1);
     QCOMPARE(blank.out, QByteArray("{\"error\":\"The provider Base URL is empty or invalid.\"}\n"));
 }

@@ -54,8 +54,8 @@ void tst_RequestBuilder::endpoint_data()
     const int anthropic = int(ProviderWire::anthropic);
     QTest::newRow("blanks and one slash") << openAI << QStringLiteral("  https://api.example.com/v1/ \n")
                                           << QStringLiteral("https://api.example.com/v1/chat/completions");
-    QTest::newRow("two slashes keep one") << openAI << QStringLiteral("https://h/v1//")
-                                          << QStringLiteral("https://h/v1//chat/completions");
+    QTest::newRow("two slashes keep one")
+        << openAI << QStringLiteral("https://h/v1//") << QStringLiteral("https://h/v1//chat/completions");
     QTest::newRow("anthropic path") << anthropic << QStringLiteral("https://h/v1")
                                     << QStringLiteral("https://h/v1/messages");
     QTest::newRow("port and query-free") << openAI << QStringLiteral("http://127.0.0.1:11434/v1")
@@ -97,10 +97,10 @@ void tst_RequestBuilder::headersInOrder_data()
     QTest::newRow("openAI, key unchanged")
         << int(ProviderWire::openAI) << QStringLiteral(" sk-1 ")
         << Headers{{"Content-Type", "application/json"}, {"Authorization", "Bearer  sk-1 "}};
-    QTest::newRow("anthropic")
-        << int(ProviderWire::anthropic) << QStringLiteral("ak")
-        << Headers{
-               {"Content-Type", "application/json"}, {"x-api-key", "ak"}, {"anthropic-version", "2023-06-01"}};
+    QTest::newRow("anthropic") << int(ProviderWire::anthropic) << QStringLiteral("ak")
+                               << Headers{{"Content-Type", "application/json"},
+                                          {"x-api-key", "ak"},
+                                          {"anthropic-version", "2023-06-01"}};
 }
 
 void tst_RequestBuilder::headersInOrder()
@@ -118,12 +118,11 @@ void tst_RequestBuilder::headersInOrder()
 
 void tst_RequestBuilder::openAIBody()
 {
-    const QList<ChatMessage> messages{msg(ChatRole::system, QStringLiteral("be brief")),
-                                      msg(ChatRole::user, QStringLiteral("q1 \"quoted\" / ü 👍")),
-                                      msg(ChatRole::assistant, QString()),
-                                      msg(ChatRole::system, QStringLiteral("late system"))};
-    const auto built = ChatService::makeRequest(provider(ProviderWire::openAI, QStringLiteral("https://h/v1"), QString()),
-                                                messages, QStringLiteral("k"));
+    const QList<ChatMessage> messages{
+        msg(ChatRole::system, QStringLiteral("be brief")), msg(ChatRole::user, QStringLiteral("q1 \"quoted\" / ü 👍")),
+        msg(ChatRole::assistant, QString()), msg(ChatRole::system, QStringLiteral("late system"))};
+    const auto built = ChatService::makeRequest(
+        provider(ProviderWire::openAI, QStringLiteral("https://h/v1"), QString()), messages, QStringLiteral("k"));
     const QByteArray body = *std::get<HttpRequest>(built).body;
     QVERIFY(!body.contains('\n'));
     const auto doc = Json::Document::parse(body);
@@ -155,8 +154,8 @@ void tst_RequestBuilder::anthropicSystemText_data()
     QTest::newRow("no system") << QList<ChatMessage>{user, msg(ChatRole::assistant, QStringLiteral("a")), user}
                                << QVariant() << 3;
     QTest::newRow("one empty system") << QList<ChatMessage>{sys(""), user} << QVariant() << 1;
-    QTest::newRow("two empty systems") << QList<ChatMessage>{sys(""), user, sys("")}
-                                       << QVariant(QStringLiteral("\n\n")) << 1;
+    QTest::newRow("two empty systems") << QList<ChatMessage>{sys(""), user, sys("")} << QVariant(QStringLiteral("\n\n"))
+                                       << 1;
 }
 
 void tst_RequestBuilder::anthropicSystemText()

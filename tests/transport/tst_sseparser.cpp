@@ -47,8 +47,10 @@ void tst_SseParser::classify_data()
         const QByteArray tag = wire == oa ? "openAI: " : "anthropic: ";
         QTest::newRow(QByteArray(tag + "done").constData()) << QByteArray("data: [DONE]") << wire << done;
         QTest::newRow(QByteArray(tag + "done, no blank").constData()) << QByteArray("data:[DONE]") << wire << done;
-        QTest::newRow(QByteArray(tag + "done, trailing blanks").constData()) << QByteArray("data: [DONE] \t ") << wire << done;
-        QTest::newRow(QByteArray(tag + "done, no-break spaces").constData()) << QByteArray("data:\xc2\xa0[DONE]\xe3\x80\x80") << wire << done;
+        QTest::newRow(QByteArray(tag + "done, trailing blanks").constData())
+            << QByteArray("data: [DONE] \t ") << wire << done;
+        QTest::newRow(QByteArray(tag + "done, no-break spaces").constData())
+            << QByteArray("data:\xc2\xa0[DONE]\xe3\x80\x80") << wire << done;
         QTest::newRow(QByteArray(tag + "blank before data").constData()) << QByteArray(" data: [DONE]") << wire << skip;
         QTest::newRow(QByteArray(tag + "DATA upper case").constData()) << QByteArray("DATA: [DONE]") << wire << skip;
         QTest::newRow(QByteArray(tag + "only blanks").constData()) << QByteArray("data:   \t") << wire << skip;
@@ -56,32 +58,36 @@ void tst_SseParser::classify_data()
         QTest::newRow(QByteArray(tag + "event line").constData()) << QByteArray("event: message_stop") << wire << skip;
         QTest::newRow(QByteArray(tag + "comment").constData()) << QByteArray(": keep-alive") << wire << skip;
         QTest::newRow(QByteArray(tag + "not json").constData()) << QByteArray("data: {oops") << wire << skip;
-        QTest::newRow(QByteArray(tag + "array payload").constData()) << QByteArray(R"(data: [{"type":"message_stop"}])") << wire << skip;
-        QTest::newRow(QByteArray(tag + "string payload").constData()) << QByteArray(R"(data: "[DONE]")") << wire << skip;
-        QTest::newRow(QByteArray(tag + "invalid utf-8").constData()) << QByteArray("data: {\"type\":\"content_block_delta\",\"delta\":"
-                                                          "{\"text\":\"\xff\"},\"choices\":[{\"delta\":"
-                                                          "{\"content\":\"\xff\"}}]}")
-                                             << wire << skip;
-        QTest::newRow(QByteArray(tag + "line break is not trimmed").constData()) << QByteArray("data:\n[DONE]") << wire << skip;
+        QTest::newRow(QByteArray(tag + "array payload").constData())
+            << QByteArray(R"(data: [{"type":"message_stop"}])") << wire << skip;
+        QTest::newRow(QByteArray(tag + "string payload").constData())
+            << QByteArray(R"(data: "[DONE]")") << wire << skip;
+        QTest::newRow(QByteArray(tag + "invalid utf-8").constData())
+            << QByteArray("data: {\"type\":\"content_block_delta\",\"delta\":"
+                          "{\"text\":\"\xff\"},\"choices\":[{\"delta\":"
+                          "{\"content\":\"\xff\"}}]}")
+            << wire << skip;
+        QTest::newRow(QByteArray(tag + "line break is not trimmed").constData())
+            << QByteArray("data:\n[DONE]") << wire << skip;
     }
 
     // OpenAI-compatible.
     QTest::newRow("oa delta") << QByteArray(R"(data: {"choices":[{"delta":{"content":"Hi"}}]})") << oa
                               << delta(QStringLiteral("Hi"));
-    QTest::newRow("oa delta keeps blanks") << QByteArray(R"(data:{"choices":[{"delta":{"content":"  a\n"}}]}  )")
-                                           << oa << delta(QStringLiteral("  a\n"));
+    QTest::newRow("oa delta keeps blanks")
+        << QByteArray(R"(data:{"choices":[{"delta":{"content":"  a\n"}}]}  )") << oa << delta(QStringLiteral("  a\n"));
     QTest::newRow("oa escaped surrogate pair")
         << QByteArray(R"(data: {"choices":[{"delta":{"content":"\ud83d\ude00 \u00e9"}}]})") << oa
         << delta(QStringLiteral("😀 é"));
-    QTest::newRow("oa only first choice") << QByteArray(R"(data: {"choices":[{"delta":{}},{"delta":{"content":"x"}}]})")
-                                          << oa << skip;
+    QTest::newRow("oa only first choice")
+        << QByteArray(R"(data: {"choices":[{"delta":{}},{"delta":{"content":"x"}}]})") << oa << skip;
     QTest::newRow("oa empty content") << QByteArray(R"(data: {"choices":[{"delta":{"content":""}}]})") << oa << skip;
     QTest::newRow("oa null content") << QByteArray(R"(data: {"choices":[{"delta":{"content":null}}],"usage":null})")
                                      << oa << skip;
-    QTest::newRow("oa content not string") << QByteArray(R"(data: {"choices":[{"delta":{"content":5}}]})") << oa
-                                           << skip;
-    QTest::newRow("oa choices not all objects") << QByteArray(R"(data: {"choices":[{"delta":{"content":"x"}},1]})")
-                                                << oa << skip;
+    QTest::newRow("oa content not string")
+        << QByteArray(R"(data: {"choices":[{"delta":{"content":5}}]})") << oa << skip;
+    QTest::newRow("oa choices not all objects")
+        << QByteArray(R"(data: {"choices":[{"delta":{"content":"x"}},1]})") << oa << skip;
     QTest::newRow("oa content wins over usage")
         << QByteArray(R"(data: {"choices":[{"delta":{"content":"x"}}],"usage":{"prompt_tokens":1}})") << oa
         << delta(QStringLiteral("x"));
@@ -103,15 +109,15 @@ void tst_SseParser::classify_data()
     QTest::newRow("an delta") << QByteArray(R"(data: {"type":"content_block_delta","index":0,"delta":)"
                                             R"({"type":"text_delta","text":"Hé"}})")
                               << an << delta(QStringLiteral("Hé"));
-    QTest::newRow("an empty delta passes") << QByteArray(R"(data: {"type":"content_block_delta","delta":{"text":""}})")
-                                           << an << delta(QString());
-    QTest::newRow("an delta without text") << QByteArray(R"(data: {"type":"content_block_delta","delta":{}})") << an
-                                           << skip;
+    QTest::newRow("an empty delta passes")
+        << QByteArray(R"(data: {"type":"content_block_delta","delta":{"text":""}})") << an << delta(QString());
+    QTest::newRow("an delta without text")
+        << QByteArray(R"(data: {"type":"content_block_delta","delta":{}})") << an << skip;
     QTest::newRow("an start usage")
         << QByteArray(R"(data: {"type":"message_start","message":{"usage":{"input_tokens":25,"output_tokens":1}}})")
         << an << usage(25, {}, {});
-    QTest::newRow("an start without usage") << QByteArray(R"(data: {"type":"message_start","message":{}})") << an
-                                            << skip;
+    QTest::newRow("an start without usage")
+        << QByteArray(R"(data: {"type":"message_start","message":{}})") << an << skip;
     QTest::newRow("an start usage without input")
         << QByteArray(R"(data: {"type":"message_start","message":{"usage":{}}})") << an << usage({}, {}, {});
     QTest::newRow("an message delta usage")
@@ -122,8 +128,8 @@ void tst_SseParser::classify_data()
     QTest::newRow("an error event") << QByteArray(R"(data: {"type":"error","error":{"message":"overloaded"}})") << an
                                     << skip;
     QTest::newRow("an type not string") << QByteArray(R"(data: {"type":1})") << an << skip;
-    QTest::newRow("an openAI chunk ignored") << QByteArray(R"(data: {"choices":[{"delta":{"content":"x"}}]})") << an
-                                             << skip;
+    QTest::newRow("an openAI chunk ignored")
+        << QByteArray(R"(data: {"choices":[{"delta":{"content":"x"}}]})") << an << skip;
 }
 
 void tst_SseParser::classify()

@@ -47,7 +47,7 @@ QByteArray describeRequest(const HttpRequest &request);
 
 #define VERBOLT_INSPECT_CONCAT2(a, b) a##b
 #define VERBOLT_INSPECT_CONCAT(a, b) VERBOLT_INSPECT_CONCAT2(a, b)
-#define VERBOLT_INSPECT_COMMAND(name, fn)                                                                            \
+#define VERBOLT_INSPECT_COMMAND(name, fn)                                                                              \
     static const bool VERBOLT_INSPECT_CONCAT(registered_, __LINE__) = Inspect::registerCommand(QStringLiteral(name), fn)
-#define VERBOLT_INSPECT_DECODER(kind, fn)                                                                            \
+#define VERBOLT_INSPECT_DECODER(kind, fn)                                                                              \
     static const bool VERBOLT_INSPECT_CONCAT(decoder_, __LINE__) = Inspect::registerDecoder(QStringLiteral(kind), fn)

@@ -1,6 +1,5 @@
 // Subcommands over the records: title, decode message|usage|provider|conversation.
 #include "inspect.h"
-
 #include "model/conversation.h"
 #include "model/jsoncoding.h"
 #include "model/provider.h"

@@ -1,6 +1,5 @@
 // Subcommands over the transport: sse, request.
 #include "inspect.h"
-
 #include "model/jsoncoding.h"
 #include "transport/chatservice.h"
 

@@ -125,8 +125,8 @@ int main(int argc, char **argv)
     QStringList args = app.arguments().mid(1);
     const auto &commands = Inspect::commands();
     if (args.isEmpty() || !commands.contains(args.first())) {
-        return Inspect::usage(QStringLiteral("usage: verbolt-inspect <%1> [options] < input")
-                                  .arg(commands.keys().join(u'|')));
+        return Inspect::usage(
+            QStringLiteral("usage: verbolt-inspect <%1> [options] < input").arg(commands.keys().join(u'|')));
     }
     const QString name = args.takeFirst();
     return commands.value(name)(args);
