@@ -25,9 +25,8 @@ QString errorDescription(const ServiceError &error)
     return std::get<TransferError>(error).description;
 }
 
-std::variant<HttpRequest, ChatServiceError> ChatService::makeRequest(const Provider &provider,
-                                                                     const QList<ChatMessage> &messages,
-                                                                     const QString &apiKey)
+std::variant<HttpRequest, ChatServiceError>
+ChatService::makeRequest(const Provider &provider, const QList<ChatMessage> &messages, const QString &apiKey)
 {
     const bool anthropic = provider.wire == ProviderWire::anthropic;
     const auto url = endpointURL(provider.baseURL, anthropic ? u"/messages" : u"/chat/completions");

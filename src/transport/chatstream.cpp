@@ -54,12 +54,14 @@ void ChatStream::handleHead()
 {
     if (m_state != State::waitingForHead || !m_reply)
         return;
-    if (!NetworkAccess::isHttpReply(*m_reply)) {
-        // Qt reads file: and data: URLs too; an unknown scheme is a failure to send, though.
-        if (m_reply->error() == QNetworkReply::ProtocolUnknownError)
-            end(NetworkAccess::transferError(*m_reply), false);
-        else
-            end(ChatServiceError::notHTTP(), false);
+    switch (NetworkAccess::replyKind(*m_reply)) {
+    case NetworkAccess::ReplyKind::http:
+        break;
+    case NetworkAccess::ReplyKind::notHTTP:
+        end(ChatServiceError::notHTTP(), false);
+        return;
+    case NetworkAccess::ReplyKind::unsupported:
+        end(NetworkAccess::transferError(*m_reply), false);
         return;
     }
     const QVariant status = m_reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);

@@ -102,11 +102,14 @@ void ModelsFetch::handleReplyFinished()
     if (m_finished || !m_reply)
         return;
     QNetworkReply &reply = *m_reply;
-    if (!NetworkAccess::isHttpReply(reply)) {
-        if (reply.error() == QNetworkReply::ProtocolUnknownError)
-            end(ServiceError(NetworkAccess::transferError(reply)), false);
-        else
-            end(ServiceError(ChatServiceError::notHTTP()), false);
+    switch (NetworkAccess::replyKind(reply)) {
+    case NetworkAccess::ReplyKind::http:
+        break;
+    case NetworkAccess::ReplyKind::notHTTP:
+        end(ServiceError(ChatServiceError::notHTTP()), false);
+        return;
+    case NetworkAccess::ReplyKind::unsupported:
+        end(ServiceError(NetworkAccess::transferError(reply)), false);
         return;
     }
     const QVariant status = reply.attribute(QNetworkRequest::HttpStatusCodeAttribute);

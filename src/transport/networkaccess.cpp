@@ -30,10 +30,16 @@ QNetworkReply *send(const HttpRequest &request)
     return manager().sendCustomRequest(networkRequest, request.method);
 }
 
-bool isHttpReply(const QNetworkReply &reply)
+ReplyKind replyKind(const QNetworkReply &reply)
 {
     const QString scheme = reply.url().scheme();
-    return scheme == u"http" || scheme == u"https";
+    if (scheme == u"http" || scheme == u"https")
+        return ReplyKind::http;
+    // Qt refuses a POST to file: as an unknown protocol, yet such a URL does name something
+    // that answers without HTTP.
+    if (scheme == u"file" || scheme == u"qrc" || scheme == u"data")
+        return ReplyKind::notHTTP;
+    return ReplyKind::unsupported;
 }
 
 TransferError transferError(const QNetworkReply &reply)

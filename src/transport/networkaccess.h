@@ -18,8 +18,10 @@ QNetworkAccessManager &manager();
 // caller owns the reply.
 QNetworkReply *send(const HttpRequest &request);
 
-// True when the reply came over http or https; anything else (file:, data:) is no HTTP reply.
-bool isHttpReply(const QNetworkReply &reply);
+// What a finished or answering reply is: HTTP; something Qt reads without HTTP (file:, qrc:,
+// data:), which answers but with no status; or a scheme it cannot send to at all.
+enum class ReplyKind { http, notHTTP, unsupported };
+ReplyKind replyKind(const QNetworkReply &reply);
 
 // Qt's own account of a failed transfer.
 TransferError transferError(const QNetworkReply &reply);
