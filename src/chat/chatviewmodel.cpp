@@ -1,0 +1,272 @@
+#include "chat/chatviewmodel.h"
+
+#include "storage/conversationstore.h"
+#include "transport/chatstream.h"
+
+#include <chrono>
+
+namespace {
+
+double monotonicSeconds()
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+std::optional<qint64> merged(const std::optional<qint64> &incoming, const std::optional<qint64> &earlier)
+{
+    return incoming ? incoming : earlier;
+}
+
+} // namespace
+
+QString ChatViewModel::noProviderText()
+{
+    return QStringLiteral("Pick a provider first (Settings ⌘,).");
+}
+
+ChatViewModel::ChatViewModel(QObject *parent)
+    : QObject(parent)
+    , m_clock(monotonicSeconds)
+{
+    m_lastFlush = m_clock();
+}
+
+ChatViewModel::~ChatViewModel()
+{
+    // A reply still running must not call back into a half-destroyed view model.
+    if (m_streamTask)
+        m_streamTask->disconnect(this);
+    if (m_stoppedTurn && m_stoppedTurn->stream)
+        m_stoppedTurn->stream->disconnect(this);
+}
+
+void ChatViewModel::setInput(const QString &input)
+{
+    if (m_input == input)
+        return;
+    m_input = input;
+    emit inputChanged();
+}
+
+void ChatViewModel::setStore(ConversationStore *store)
+{
+    m_store = store;
+}
+
+ConversationStore *ChatViewModel::store() const
+{
+    return m_store;
+}
+
+void ChatViewModel::setOnStreamEnd(std::function<void()> onStreamEnd)
+{
+    m_onStreamEnd = std::move(onStreamEnd);
+}
+
+void ChatViewModel::setClock(std::function<double()> secondsNow)
+{
+    m_clock = secondsNow ? std::move(secondsNow) : std::function<double()>(monotonicSeconds);
+    // The last update was "now" on the new clock: readings of two clocks cannot be compared.
+    m_lastFlush = m_clock();
+}
+
+void ChatViewModel::setService(const ChatService &service)
+{
+    m_service = service;
+}
+
+void ChatViewModel::activate(const std::optional<Conversation> &conversation)
+{
+    const std::optional<QUuid> oldID = m_conversationID;
+    stop();
+    m_conversationID = conversation ? std::optional<QUuid>(conversation->id) : std::nullopt;
+    m_messages = conversation ? conversation->messages : QList<ChatMessage>();
+    emit messagesChanged();
+    setErrorText(std::nullopt);
+    m_pendingText.clear();
+    if (m_conversationID != oldID)
+        m_lastFlush = m_clock();
+}
+
+void ChatViewModel::send(const std::optional<Provider> &provider)
+{
+    const QString text = m_input.trimmed();
+    if (text.isEmpty())
+        return;
+    if (m_isStreaming)
+        return;
+    if (!provider) {
+        setErrorText(noProviderText());
+        return;
+    }
+    if (!m_conversationID)
+        return;
+
+    // A reply stopped moments ago may not have wound down yet; it is finished first so that its
+    // partial text is saved and the shared pending text belongs to this turn alone.
+    finishStoppedTurn();
+
+    setErrorText(std::nullopt);
+    m_messages.append(ChatMessage(ChatRole::user, text));
+    emit messagesChanged();
+    setInput(QString());
+    persist();
+
+    const ChatMessage reply(ChatRole::assistant, QString());
+    m_messages.append(reply);
+    emit messagesChanged();
+    setStreaming(true);
+    m_pendingText.clear();
+    m_lastFlush = m_clock();
+
+    QList<ChatMessage> toSend;
+    toSend.reserve(m_messages.size() - 1);
+    for (const ChatMessage &message : std::as_const(m_messages)) {
+        if (message.id != reply.id)
+            toSend.append(message);
+    }
+
+    Turn turn;
+    turn.serial = ++m_turnSerial;
+    turn.replyID = reply.id;
+    turn.conversationID = m_conversationID;
+    turn.stream = m_service.stream(*provider, toSend, this);
+    connect(turn.stream, &ChatStream::eventReceived, this,
+            [this, turn](const ChatEvent &event) { handleEvent(turn, event); });
+    connect(turn.stream, &ChatStream::finished, this,
+            [this, turn](const std::optional<ServiceError> &error) { handleFinished(turn, error); });
+    m_streamTask = turn.stream;
+    m_turn = turn;
+}
+
+void ChatViewModel::stop()
+{
+    if (m_streamTask) {
+        if (!m_streamTask->isFinished())
+            m_stoppedTurn = m_turn;
+        m_streamTask->cancel();
+        m_streamTask = nullptr;
+    }
+    setStreaming(false);
+    if (m_onStreamEnd)
+        m_onStreamEnd();
+}
+
+void ChatViewModel::handleEvent(const Turn &turn, const ChatEvent &event)
+{
+    if (m_conversationID != turn.conversationID) {
+        // The user is looking at another conversation: this reply has nowhere to go. Its end
+        // step follows when the cancelled stream reports its end.
+        if (turn.stream)
+            turn.stream->cancel();
+        return;
+    }
+    switch (event.kind) {
+    case ChatEvent::Kind::delta:
+        m_pendingText += event.text;
+        flush(turn.replyID, false);
+        break;
+    case ChatEvent::Kind::usage: {
+        const qsizetype index = indexOfMessage(turn.replyID);
+        if (index < 0)
+            break;
+        const TokenUsage earlier = m_messages.at(index).usage.value_or(TokenUsage());
+        const TokenUsage usage{merged(event.usage.promptTokens, earlier.promptTokens),
+                               merged(event.usage.completionTokens, earlier.completionTokens),
+                               merged(event.usage.totalTokens, earlier.totalTokens)};
+        if (m_messages.at(index).usage == usage)
+            break;
+        m_messages[index].usage = usage;
+        emit messagesChanged();
+        break;
+    }
+    }
+}
+
+void ChatViewModel::handleFinished(const Turn &turn, const std::optional<ServiceError> &error)
+{
+    if (m_stoppedTurn && m_stoppedTurn->serial == turn.serial)
+        m_stoppedTurn.reset();
+
+    flush(turn.replyID, true);
+    if (error) {
+        // Shown even when the user has moved to another conversation: the failure is news.
+        setErrorText(errorDescription(*error));
+        const qsizetype index = indexOfMessage(turn.replyID);
+        if (index >= 0 && m_messages.at(index).content.isEmpty()) {
+            m_messages.removeAt(index);
+            emit messagesChanged();
+        }
+    }
+    // A reply cut off by switching conversations is not saved: the other conversation is shown now.
+    if (m_conversationID != turn.conversationID)
+        return;
+    setStreaming(false);
+    persist();
+    if (m_onStreamEnd)
+        m_onStreamEnd();
+}
+
+void ChatViewModel::finishStoppedTurn()
+{
+    if (!m_stoppedTurn)
+        return;
+    const Turn turn = *m_stoppedTurn;
+    m_stoppedTurn.reset();
+    if (!turn.stream)
+        return;
+    turn.stream->disconnect(this);
+    handleFinished(turn, std::nullopt);
+}
+
+void ChatViewModel::flush(const QUuid &id, bool force)
+{
+    if (m_pendingText.isEmpty())
+        return;
+    const double now = m_clock();
+    if (!force && now - m_lastFlush < flushInterval)
+        return;
+    appendDelta(m_pendingText, id);
+    m_pendingText.clear();
+    m_lastFlush = now;
+}
+
+void ChatViewModel::appendDelta(const QString &text, const QUuid &id)
+{
+    const qsizetype index = indexOfMessage(id);
+    if (index < 0)
+        return;
+    m_messages[index].content += text;
+    emit messagesChanged();
+}
+
+void ChatViewModel::persist()
+{
+    if (m_conversationID && m_store)
+        m_store->updateMessages(*m_conversationID, m_messages);
+}
+
+void ChatViewModel::setStreaming(bool streaming)
+{
+    if (m_isStreaming == streaming)
+        return;
+    m_isStreaming = streaming;
+    emit isStreamingChanged();
+}
+
+void ChatViewModel::setErrorText(const std::optional<QString> &text)
+{
+    if (m_errorText == text)
+        return;
+    m_errorText = text;
+    emit errorTextChanged();
+}
+
+qsizetype ChatViewModel::indexOfMessage(const QUuid &id) const
+{
+    for (qsizetype i = 0; i < m_messages.size(); ++i) {
+        if (m_messages.at(i).id == id)
+            return i;
+    }
+    return -1;
+}

@@ -1,0 +1,123 @@
+#pragma once
+
+#include "model/chatmessage.h"
+#include "model/conversation.h"
+#include "model/provider.h"
+#include "transport/chatservice.h"
+
+#include <QList>
+#include <QObject>
+#include <QPointer>
+#include <QString>
+#include <QUuid>
+
+#include <functional>
+#include <optional>
+
+class ChatStream;
+class ConversationStore;
+
+// The live state of the conversation shown in one main window, and the turn that sends the
+// composer's text and streams the provider's reply into the transcript. Owned by its window;
+// lives and runs on the main thread.
+//
+// Streamed text reaches `messages` at most once per flushInterval (there is no timer: text that
+// arrives sooner waits for the next fragment after the interval or for the end of the reply).
+// The messages are saved to the store when a turn starts and when its reply ends, fails or is
+// stopped. The store is held weakly: once it is gone, saving is skipped and the transcript in
+// memory stays as it is.
+//
+// Failures never throw: a transport failure's user-visible text goes to errorText, an empty
+// reply is then removed and a partial one kept.
+class ChatViewModel final : public QObject
+{
+    Q_OBJECT
+    Q_DISABLE_COPY_MOVE(ChatViewModel)
+    Q_PROPERTY(QList<ChatMessage> messages READ messages NOTIFY messagesChanged)
+    Q_PROPERTY(QString input READ input WRITE setInput NOTIFY inputChanged)
+    Q_PROPERTY(bool isStreaming READ isStreaming NOTIFY isStreamingChanged)
+    // Absent (nullopt) when there is no error to show.
+    Q_PROPERTY(std::optional<QString> errorText READ errorText NOTIFY errorTextChanged)
+
+public:
+    // Minimum seconds between two transcript updates while a reply streams.
+    static constexpr double flushInterval = 0.05;
+    // Shown when a turn is sent without a provider.
+    static QString noProviderText();
+
+    explicit ChatViewModel(QObject *parent = nullptr);
+    ~ChatViewModel() override;
+
+    const QList<ChatMessage> &messages() const { return m_messages; }
+    QString input() const { return m_input; }
+    void setInput(const QString &input);
+    bool isStreaming() const { return m_isStreaming; }
+    std::optional<QString> errorText() const { return m_errorText; }
+
+    // Where messages are saved. Never owned: the view model stops saving once the store is destroyed.
+    void setStore(ConversationStore *store);
+    ConversationStore *store() const;
+    // Called whenever streaming stops (by stop() at once, and when the reply's end has been saved).
+    void setOnStreamEnd(std::function<void()> onStreamEnd);
+
+    // Seconds on a monotonic clock; the shipped clock is the real one. Tests replace it to decide
+    // how far apart streamed fragments arrive.
+    void setClock(std::function<double()> secondsNow);
+    // The transport; the default waits 60 s for a silent provider.
+    void setService(const ChatService &service);
+
+    // Shows a conversation (or none): stops any running reply, reloads the transcript from the
+    // record and clears the error. The composer's text is kept.
+    void activate(const std::optional<Conversation> &conversation);
+    // Starts a turn with the trimmed composer text. Ignored when the text is blank, a reply is
+    // already streaming, or no conversation is shown; without a provider only errorText is set.
+    void send(const std::optional<Provider> &provider);
+    // Stops the current reply. The text received so far stays, and is saved once the transfer
+    // has wound down (which calls onStreamEnd a second time).
+    void stop();
+
+signals:
+    // Emitted after every change of the transcript, including each move of streamed text into it.
+    void messagesChanged();
+    void inputChanged();
+    void isStreamingChanged();
+    void errorTextChanged();
+
+private:
+    // What one turn remembers for its own reply, so a later turn cannot redirect it.
+    struct Turn
+    {
+        quint64 serial = 0;
+        QPointer<ChatStream> stream;
+        QUuid replyID;
+        std::optional<QUuid> conversationID;
+    };
+
+    void handleEvent(const Turn &turn, const ChatEvent &event);
+    void handleFinished(const Turn &turn, const std::optional<ServiceError> &error);
+    void finishStoppedTurn();
+
+    void flush(const QUuid &id, bool force);
+    void appendDelta(const QString &text, const QUuid &id);
+    void persist();
+
+    void setStreaming(bool streaming);
+    void setErrorText(const std::optional<QString> &text);
+    qsizetype indexOfMessage(const QUuid &id) const;
+
+    QList<ChatMessage> m_messages;
+    QString m_input;
+    bool m_isStreaming = false;
+    std::optional<QString> m_errorText;
+    ChatService m_service;
+    QPointer<ChatStream> m_streamTask;
+    Turn m_turn;                       // the turn of m_streamTask
+    std::optional<Turn> m_stoppedTurn; // stopped, its reply not yet wound down
+    quint64 m_turnSerial = 0;
+    QString m_pendingText;
+    std::function<double()> m_clock;
+    double m_lastFlush = 0;
+    QPointer<ConversationStore> m_store;
+    std::optional<QUuid> m_conversationID;
+    std::function<void()> m_onStreamEnd;
+};
