@@ -5,17 +5,29 @@
 #include <QCoreApplication>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
-#include <QPointer>
 
 namespace NetworkAccess {
 
+namespace {
+
+QNetworkAccessManager *shared = nullptr;
+
+void destroyManager()
+{
+    delete shared;
+    shared = nullptr;
+}
+
+} // namespace
+
 QNetworkAccessManager &manager()
 {
-    // Parented to the application so that it goes before the event loop does; recreated if a
-    // test builds a second application object.
-    static QPointer<QNetworkAccessManager> shared;
-    if (!shared)
-        shared = new QNetworkAccessManager(QCoreApplication::instance());
+    // Destroyed while the application object is still whole: Qt's TLS backend looks the
+    // application up while the manager closes its cached connections.
+    if (!shared) {
+        shared = new QNetworkAccessManager;
+        qAddPostRoutine(destroyManager);
+    }
     return *shared;
 }
 

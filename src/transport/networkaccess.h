@@ -9,8 +9,8 @@ struct HttpRequest;
 // The plumbing shared by chat streams and model-list fetches.
 namespace NetworkAccess {
 
-// The one process-wide manager, created on first use on the main thread and owned by the
-// application object. Requires a QCoreApplication.
+// The one process-wide manager, created on first use on the main thread and destroyed with
+// the application object. Requires a QCoreApplication.
 QNetworkAccessManager &manager();
 
 // Sends request (its method, headers, body and time-out). Redirects are never followed: a 3xx
