@@ -106,7 +106,7 @@ bool fromJson(const Json::Value &v, ChatMessage &out, QString &error)
         error = QStringLiteral("Expected an object for the message");
         return false;
     }
-    ChatMessage message;
+    ChatMessage message(ChatRole::user, QString(), std::nullopt, QUuid());
     QString role;
     if (!readUuid(v, "id", message.id, error) || !readString(v, "role", role, error) ||
         !readString(v, "content", message.content, error))

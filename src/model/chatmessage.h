@@ -60,6 +60,18 @@ qint64 saturatingAdd(qint64 a, qint64 b);
 // as 0, saturating) when that is 1 or more; otherwise nothing.
 std::optional<qint64> displayedTokenCount(const std::optional<TokenUsage> &usage);
 
+namespace JsonCoding {
+template<typename T>
+struct DecodeBlank;
+} // namespace JsonCoding
+
+// Decoding thousands of messages must not draw a random id for each only to overwrite it.
+template<>
+struct JsonCoding::DecodeBlank<ChatMessage>
+{
+    static ChatMessage make() { return ChatMessage(ChatRole::user, QString(), std::nullopt, QUuid()); }
+};
+
 // Stored forms: "usage" and each count are written only when present.
 void toJson(Json::Writer &w, const TokenUsage &usage);
 void toJson(Json::Writer &w, const ChatMessage &message);

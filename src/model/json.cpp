@@ -9,6 +9,10 @@
 #include <type_traits>
 #include <vector>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace Json {
 
 using simdjson::dom::element;
@@ -361,12 +365,136 @@ void appendEscapedUtf8(QByteArray &out, const char *s, qsizetype n, bool escapeS
     out.append('"');
 }
 
+// Makes room for `extra` more bytes at the end of out and returns where they start. Grows the
+// buffer geometrically: callers ask for a worst case per string, and an exact reserve each time
+// would copy the whole document again for every string.
+char *appendSpace(QByteArray &out, qsizetype extra)
+{
+    const qsizetype old = out.size();
+    const qsizetype needed = old + extra;
+    if (needed > out.capacity())
+        out.reserve(std::max(needed, out.capacity() * 2));
+    out.resize(needed);
+    return out.data() + old;
+}
+
+char *writeEscape(char *p, char16_t c)
+{
+    static const char hex[] = "0123456789abcdef";
+    *p++ = '\\';
+    switch (c) {
+    case u'"':
+        *p++ = '"';
+        break;
+    case u'\\':
+        *p++ = '\\';
+        break;
+    case u'/':
+        *p++ = '/';
+        break;
+    case u'\n':
+        *p++ = 'n';
+        break;
+    case u'\r':
+        *p++ = 'r';
+        break;
+    case u'\t':
+        *p++ = 't';
+        break;
+    case u'\b':
+        *p++ = 'b';
+        break;
+    case u'\f':
+        *p++ = 'f';
+        break;
+    default:
+        *p++ = 'u';
+        *p++ = '0';
+        *p++ = '0';
+        *p++ = hex[(c >> 4) & 0xF];
+        *p++ = hex[c & 0xF];
+    }
+    return p;
+}
+
+// UTF-16 straight to escaped UTF-8 in the output, in one pass and without a temporary: the
+// conversation file is tens of megabytes of message text, and this loop is most of saving it.
+// An unpaired surrogate becomes '?', as QString::toUtf8 makes it.
+void appendEscapedUtf16(QByteArray &out, QStringView value, bool escapeSlashes)
+{
+    const qsizetype n = value.size();
+    const qsizetype start = out.size();
+    char *const begin = appendSpace(out, 2 + 6 * n);
+    char *p = begin;
+    *p++ = '"';
+    const char16_t *u = value.utf16();
+    qsizetype i = 0;
+#if defined(__SSE2__)
+    const __m128i nonAscii = _mm_set1_epi16(short(0xFF80));
+    const __m128i quote = _mm_set1_epi8('"');
+    const __m128i backslash = _mm_set1_epi8('\\');
+    const __m128i slash = _mm_set1_epi8(escapeSlashes ? '/' : '"');
+    const __m128i control = _mm_set1_epi8(0x20);
+#endif
+    while (i < n) {
+#if defined(__SSE2__)
+        // Sixteen units at a time: narrowed to bytes and stored whole, but only the plain ASCII
+        // prefix that needs no escape is kept; the unit that stopped it goes the slow way below.
+        if (i + 16 <= n) {
+            const __m128i lo = _mm_loadu_si128(reinterpret_cast<const __m128i *>(u + i));
+            const __m128i hi = _mm_loadu_si128(reinterpret_cast<const __m128i *>(u + i + 8));
+            const __m128i asciiLo = _mm_cmpeq_epi16(_mm_and_si128(lo, nonAscii), _mm_setzero_si128());
+            const __m128i asciiHi = _mm_cmpeq_epi16(_mm_and_si128(hi, nonAscii), _mm_setzero_si128());
+            const __m128i bytes = _mm_packus_epi16(lo, hi);
+            __m128i bad = _mm_andnot_si128(_mm_packs_epi16(asciiLo, asciiHi), _mm_set1_epi8(-1));
+            bad = _mm_or_si128(bad, _mm_cmplt_epi8(bytes, control));
+            bad = _mm_or_si128(bad, _mm_cmpeq_epi8(bytes, quote));
+            bad = _mm_or_si128(bad, _mm_cmpeq_epi8(bytes, backslash));
+            bad = _mm_or_si128(bad, _mm_cmpeq_epi8(bytes, slash));
+            const unsigned mask = unsigned(_mm_movemask_epi8(bad));
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(p), bytes);
+            if (mask == 0) {
+                p += 16;
+                i += 16;
+                continue;
+            }
+            const int clean = __builtin_ctz(mask);
+            p += clean;
+            i += clean;
+        }
+#endif
+        const char16_t c = u[i++];
+        if (c < 0x80) {
+            if (needsEscape(static_cast<unsigned char>(c)) || (escapeSlashes && c == u'/'))
+                p = writeEscape(p, c);
+            else
+                *p++ = char(c);
+        } else if (c < 0x800) {
+            *p++ = char(0xC0 | (c >> 6));
+            *p++ = char(0x80 | (c & 0x3F));
+        } else if (QChar::isHighSurrogate(c) && i < n && QChar::isLowSurrogate(u[i])) {
+            const char32_t cp = QChar::surrogateToUcs4(c, u[i++]);
+            *p++ = char(0xF0 | (cp >> 18));
+            *p++ = char(0x80 | ((cp >> 12) & 0x3F));
+            *p++ = char(0x80 | ((cp >> 6) & 0x3F));
+            *p++ = char(0x80 | (cp & 0x3F));
+        } else if (QChar::isSurrogate(c)) {
+            *p++ = '?';
+        } else {
+            *p++ = char(0xE0 | (c >> 12));
+            *p++ = char(0x80 | ((c >> 6) & 0x3F));
+            *p++ = char(0x80 | (c & 0x3F));
+        }
+    }
+    *p++ = '"';
+    out.resize(start + (p - begin));
+}
+
 } // namespace
 
 void appendQuoted(QByteArray &out, QStringView value, bool escapeSlashes)
 {
-    const QByteArray utf8 = value.toUtf8();
-    appendEscapedUtf8(out, utf8.constData(), utf8.size(), escapeSlashes);
+    appendEscapedUtf16(out, value, escapeSlashes);
 }
 
 QByteArray formatDouble(double value)
@@ -438,11 +566,14 @@ struct Writer::Private
         return buf;
     }
 
-    void writeKey(const QString &name)
+    // Keys are short and, in the stored forms, plain ASCII: a key is only copied into a QString
+    // when its object's members are being collected for sorting.
+    template<typename Name>
+    void writeKey(Name name)
     {
         Frame &top = stack.back();
         if (sorting(top)) {
-            top.members.append({name, {}});
+            top.members.append({name.toString(), {}});
         } else {
             QByteArray &buf = target();
             if (!top.first)
@@ -450,10 +581,20 @@ struct Writer::Private
             top.first = false;
             if (options.pretty)
                 newline(buf, stack.size());
-            appendQuoted(buf, name, options.escapeSlashes);
+            appendKey(buf, name);
             buf.append(options.pretty ? " : " : ":");
         }
         afterKey = true;
+    }
+
+    void appendKey(QByteArray &buf, QStringView name) const { appendQuoted(buf, name, options.escapeSlashes); }
+    void appendKey(QByteArray &buf, QLatin1StringView name) const
+    {
+        for (const char c : name) {
+            if (static_cast<unsigned char>(c) >= 0x80)
+                return appendQuoted(buf, QString(name), options.escapeSlashes);
+        }
+        appendEscapedUtf8(buf, name.data(), name.size(), options.escapeSlashes);
     }
 };
 
@@ -523,12 +664,12 @@ void Writer::endArray()
 
 void Writer::key(QStringView name)
 {
-    d->writeKey(name.toString());
+    d->writeKey(name);
 }
 
 void Writer::key(QLatin1StringView name)
 {
-    d->writeKey(QString(name));
+    d->writeKey(name);
 }
 
 void Writer::null()
@@ -558,8 +699,7 @@ void Writer::number(double value)
 
 void Writer::string(QStringView value)
 {
-    const QByteArray utf8 = value.toUtf8();
-    appendEscapedUtf8(d->beginValue(), utf8.constData(), utf8.size(), d->options.escapeSlashes);
+    appendEscapedUtf16(d->beginValue(), value, d->options.escapeSlashes);
 }
 
 void Writer::string(QLatin1StringView value)

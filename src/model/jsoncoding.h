@@ -27,6 +27,15 @@ bool readDouble(const Json::Value &obj, std::string_view key, double &out, QStri
 // Missing or null gives nullopt; any other non-integer fails.
 bool readOptionalInt64(const Json::Value &obj, std::string_view key, std::optional<qint64> &out, QString &error);
 
+// The value a list decode starts each element from. Decoding overwrites every field, so a record
+// whose default constructor does real work (a message draws a random id, a system call) gives a
+// cheaper blank one by specialising this.
+template<typename T>
+struct DecodeBlank
+{
+    static T make() { return T(); }
+};
+
 } // namespace JsonCoding
 
 // Encodes one record or a list of records; decodes with the record's fromJson.
@@ -60,7 +69,7 @@ bool fromJson(const Json::Value &v, QList<T> &out, QString &error)
     const QList<Json::Value> elements = v.elements();
     result.reserve(elements.size());
     for (const Json::Value &element : elements) {
-        T item;
+        T item = JsonCoding::DecodeBlank<T>::make();
         if (!fromJson(element, item, error)) {
             error = JsonCoding::prefixed(QStringLiteral("[%1]").arg(index), error);
             ok = false;
