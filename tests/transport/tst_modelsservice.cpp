@@ -62,6 +62,7 @@ private slots:
     void requestCarriesOnlyTheDialectsKey();
     void transferFailures();
     void destroyedConsumer_stopsSilently();
+    void cancel_endsWithQtsCancellationLater();
 };
 
 void tst_ModelsService::fetch_data()
@@ -205,6 +206,34 @@ void tst_ModelsService::destroyedConsumer_stopsSilently()
     QTRY_VERIFY(running.isNull());
     QTest::qWait(20);
     QCOMPARE(ends, 0);
+}
+
+void tst_ModelsService::cancel_endsWithQtsCancellationLater()
+{
+    LoopbackServer server;
+    QVERIFY(server.listen());
+    LoopbackResponse never;
+    never.neverAnswer = true;
+    server.setResponse(never);
+
+    QObject consumer;
+    Outcome outcome;
+    ModelsFetch *running =
+        ModelsService().fetchModels(provider(ProviderWire::openAI, server.url().toString()), &consumer);
+    connect(running, &ModelsFetch::finished, &consumer, [&](const ModelsFetch::Result &result) {
+        ++outcome.finishedCount;
+        outcome.result = result;
+    });
+    QTRY_COMPARE(server.requests().size(), 1);
+    running->cancel();
+    running->cancel();
+    QCOMPARE(outcome.finishedCount, 0);
+    QTRY_COMPARE(outcome.finishedCount, 1);
+    const auto *error = std::get_if<ServiceError>(&outcome.result);
+    QVERIFY(error && std::holds_alternative<TransferError>(*error));
+    QCOMPARE(std::get<TransferError>(*error).code, QNetworkReply::OperationCanceledError);
+    QTest::qWait(20);
+    QCOMPARE(outcome.finishedCount, 1);
 }
 
 QTEST_GUILESS_MAIN(tst_ModelsService)
