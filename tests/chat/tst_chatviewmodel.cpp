@@ -99,6 +99,7 @@ private slots:
     void stopThenSendAtOnce_savesStoppedReplyFirst();
     void activateOtherDuringStream_leavesFirstWithUserMessage();
     void storeGone_keepsTranscriptInMemory();
+    void destroyedDuringStream_endsQuietly();
 
 private:
     // Runs one turn and waits for its end.
@@ -477,6 +478,23 @@ void tst_ChatViewModel::storeGone_keepsTranscriptInMemory()
     QTRY_COMPARE(m_streamEnds, 1);
     QCOMPARE(m_vm->messages().size(), 2);
     QCOMPARE(m_vm->messages().last().content, QStringLiteral("still here"));
+}
+
+// A window closed mid-reply takes its view model along; the transfer must not call back into it.
+void tst_ChatViewModel::destroyedDuringStream_endsQuietly()
+{
+    m_server->setHandler([](const LoopbackRequest &) {
+        LoopbackResponse r = LoopbackResponse::eventStream({openAIDelta("a"), openAIDelta("b")});
+        r.pieces[1].delayMs = 100;
+        return r;
+    });
+    m_vm->setInput(QStringLiteral("bye"));
+    m_vm->send(provider(m_server->url(QStringLiteral("/v1")).toString()));
+    QTRY_COMPARE(m_vm->messages().last().content, QStringLiteral("a"));
+    m_vm.reset();
+    QTest::qWait(200);
+    QCOMPARE(m_streamEnds, 0);
+    QCOMPARE(storedMessages(*m_store, m_conversation.id).size(), 1);
 }
 
 QTEST_GUILESS_MAIN(tst_ChatViewModel)
