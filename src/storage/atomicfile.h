@@ -1,8 +1,10 @@
 #pragma once
 
 #include <QByteArray>
+#include <QIODevice>
 #include <QString>
 
+#include <functional>
 #include <optional>
 
 // Whole-file writes that a reader never sees half done: the bytes go to a temporary file beside
@@ -14,6 +16,9 @@ namespace AtomicFile {
 // Returns nothing on success, or the system's description of why the write failed; the old
 // file, if any, is then left whole.
 std::optional<QString> write(const QString &path, const QByteArray &bytes);
+// The same, with the content written piece by piece by produce, which returns false as soon as a
+// write to the device fails.
+std::optional<QString> write(const QString &path, const std::function<bool(QIODevice &)> &produce);
 
 // Makes an existing file readable by its owner only. Returns false when that failed.
 bool restrictToOwner(const QString &path);

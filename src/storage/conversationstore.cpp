@@ -10,6 +10,7 @@
 #include <QStandardPaths>
 
 #include <algorithm>
+#include <numeric>
 
 namespace {
 
@@ -50,6 +51,7 @@ void ConversationStore::load()
             file.close();
             if (auto decoded = decodeJson<QList<Conversation>>(bytes)) {
                 m_conversations = std::move(*decoded);
+                forgetEncodings();
                 sortNewestFirst();
                 usable = true;
             }
@@ -101,6 +103,7 @@ bool ConversationStore::keepUnreadableAside(bool allowMove)
 void ConversationStore::setConversations(const QList<Conversation> &conversations)
 {
     m_conversations = conversations;
+    forgetEncodings();
     emit conversationsChanged();
 }
 
@@ -136,6 +139,7 @@ Conversation ConversationStore::newChat(const std::optional<QUuid> &providerID)
     conversation.createdAt = m_clock();
     conversation.updatedAt = conversation.createdAt;
     m_conversations.prepend(conversation);
+    m_encoded.prepend(QByteArray());
     emit conversationsChanged();
     setSelectedID(conversation.id);
     persist();
@@ -148,6 +152,7 @@ void ConversationStore::updateMessages(const QUuid &id, const QList<ChatMessage>
     if (i < 0)
         return;
     Conversation conversation = m_conversations.takeAt(i);
+    m_encoded.removeAt(i);
     conversation.messages = messages;
     conversation.updatedAt = m_clock();
     if (conversation.title == newChatTitle) {
@@ -155,6 +160,7 @@ void ConversationStore::updateMessages(const QUuid &id, const QList<ChatMessage>
             conversation.title = std::move(*title);
     }
     m_conversations.prepend(std::move(conversation));
+    m_encoded.prepend(QByteArray());
     emit conversationsChanged();
     persist();
 }
@@ -168,13 +174,19 @@ void ConversationStore::rename(const QUuid &id, const QString &title)
     if (trimmed.isEmpty())
         return;
     m_conversations[i].title = trimmed;
+    m_encoded[i].clear();
     emit conversationsChanged();
     persist();
 }
 
 void ConversationStore::deleteConversation(const Conversation &conversation)
 {
-    m_conversations.removeIf([&](const Conversation &c) { return c.id == conversation.id; });
+    for (qsizetype i = m_conversations.size() - 1; i >= 0; --i) {
+        if (m_conversations.at(i).id == conversation.id) {
+            m_conversations.removeAt(i);
+            m_encoded.removeAt(i);
+        }
+    }
     emit conversationsChanged();
     if (m_selectedID && *m_selectedID == conversation.id)
         setSelectedID(m_conversations.isEmpty() ? std::nullopt : std::optional<QUuid>(m_conversations.first().id));
@@ -185,10 +197,13 @@ void ConversationStore::merge(const QList<Conversation> &incoming)
 {
     for (const Conversation &conversation : incoming) {
         const qsizetype i = indexOf(conversation.id);
-        if (i >= 0)
+        if (i >= 0) {
             m_conversations[i] = conversation;
-        else
+            m_encoded[i].clear();
+        } else {
             m_conversations.append(conversation);
+            m_encoded.append(QByteArray());
+        }
     }
     sortNewestFirst();
     emit conversationsChanged();
@@ -204,13 +219,64 @@ void ConversationStore::persist()
             tr("The conversation history in %1 could not be read or kept aside; it is left as it is.").arg(m_filePath);
         return;
     }
-    m_lastSaveError = AtomicFile::write(m_filePath, encodeJson(m_conversations));
+    if (m_encoded.size() != m_conversations.size())
+        forgetEncodings();
+    for (qsizetype i = 0; i < m_conversations.size(); ++i) {
+        if (m_encoded.at(i).isEmpty())
+            m_encoded[i] = encodeJson(m_conversations.at(i));
+    }
+    // The same bytes as encoding the whole list at once, gathered in chunks of a few megabytes:
+    // few system calls, and never a second copy of the whole history in memory.
+    m_lastSaveError = AtomicFile::write(m_filePath, [this](QIODevice &device) {
+        constexpr qsizetype chunkSize = 4 << 20;
+        QByteArray chunk;
+        chunk.reserve(chunkSize);
+        const auto flush = [&] {
+            const bool written = device.write(chunk) == chunk.size();
+            chunk.resize(0);
+            return written;
+        };
+        chunk.append('[');
+        for (qsizetype i = 0; i < m_encoded.size(); ++i) {
+            if (i > 0)
+                chunk.append(',');
+            const QByteArray &piece = m_encoded.at(i);
+            if (chunk.size() + piece.size() > chunkSize && !flush())
+                return false;
+            if (piece.size() > chunkSize) {
+                if (device.write(piece) != piece.size())
+                    return false;
+            } else {
+                chunk.append(piece);
+            }
+        }
+        chunk.append(']');
+        return flush();
+    });
+}
+
+void ConversationStore::forgetEncodings()
+{
+    m_encoded = QList<QByteArray>(m_conversations.size());
 }
 
 void ConversationStore::sortNewestFirst()
 {
-    std::stable_sort(m_conversations.begin(), m_conversations.end(),
-                     [](const Conversation &a, const Conversation &b) { return a.updatedAt > b.updatedAt; });
+    QList<qsizetype> order(m_conversations.size());
+    std::iota(order.begin(), order.end(), 0);
+    std::stable_sort(order.begin(), order.end(), [this](qsizetype a, qsizetype b) {
+        return m_conversations.at(a).updatedAt > m_conversations.at(b).updatedAt;
+    });
+    QList<Conversation> conversations;
+    QList<QByteArray> encoded;
+    conversations.reserve(order.size());
+    encoded.reserve(order.size());
+    for (const qsizetype i : std::as_const(order)) {
+        conversations.append(std::move(m_conversations[i]));
+        encoded.append(std::move(m_encoded[i]));
+    }
+    m_conversations = std::move(conversations);
+    m_encoded = std::move(encoded);
 }
 
 qsizetype ConversationStore::indexOf(const QUuid &id) const

@@ -77,10 +77,14 @@ private:
     void persist();
     bool keepUnreadableAside(bool allowMove);
     void sortNewestFirst();
+    void forgetEncodings();
     qsizetype indexOf(const QUuid &id) const;
 
     QString m_filePath;
     QList<Conversation> m_conversations;
+    // The compact JSON of each conversation, index for index; empty until encoded, and emptied
+    // whenever its conversation changes. A save then encodes only what changed since the last one.
+    QList<QByteArray> m_encoded;
     std::optional<QUuid> m_selectedID;
     std::optional<QString> m_keptAsidePath;
     std::optional<QString> m_lastSaveError;

@@ -55,6 +55,7 @@ private slots:
     void delete_movesSelection();
     void merge_replacesWholeAndResorts();
     void file_isOwnerOnlyCompactJson();
+    void file_matchesMemoryAfterEveryOperation();
     void readOnlyFolder_leavesOldFileWhole();
 
 private:
@@ -330,6 +331,34 @@ void tst_ConversationStore::file_isOwnerOnlyCompactJson()
     QVERIFY(bytes.startsWith("[{\"id\":\""));
     QVERIFY(!bytes.contains('\n'));
     QVERIFY(bytes.contains("a\\/b \\\"q\\\" \\\\ \xc3\xa9"));
+}
+
+void tst_ConversationStore::file_matchesMemoryAfterEveryOperation()
+{
+    const Conversation a = conversation(QStringLiteral("a"), 100);
+    const Conversation b = conversation(QStringLiteral("b"), 200);
+    const Conversation c = conversation(QStringLiteral("c"), 300);
+    QVERIFY(writeAll(m_file, encodeJson(QList<Conversation>{a, b, c})));
+    ConversationStore store;
+    const auto fileMatches = [&] { return readAll(m_file) == encodeJson(store.conversations()); };
+
+    const Conversation created = store.newChat(QUuid::createUuid());
+    QVERIFY(fileMatches());
+    store.updateMessages(a.id, {ChatMessage(ChatRole::user, QStringLiteral("changed"))});
+    QVERIFY(fileMatches());
+    store.rename(b.id, QStringLiteral("renamed"));
+    QVERIFY(fileMatches());
+    store.merge({conversation(QStringLiteral("c again"), 50, c.id), conversation(QStringLiteral("d"), 250)});
+    QVERIFY(fileMatches());
+    store.deleteConversation(created);
+    QVERIFY(fileMatches());
+    QList<Conversation> edited = store.conversations();
+    edited.first().title = QStringLiteral("edited outside");
+    std::reverse(edited.begin(), edited.end());
+    store.setConversations(edited);
+    store.rename(edited.first().id, QStringLiteral("saved now"));
+    QVERIFY(fileMatches());
+    QCOMPARE(storedList(m_file).last().title, QStringLiteral("edited outside"));
 }
 
 void tst_ConversationStore::readOnlyFolder_leavesOldFileWhole()
