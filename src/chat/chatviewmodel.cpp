@@ -70,11 +70,6 @@ void ChatViewModel::setClock(std::function<double()> secondsNow)
     m_lastFlush = m_clock();
 }
 
-void ChatViewModel::setService(const ChatService &service)
-{
-    m_service = service;
-}
-
 void ChatViewModel::activate(const std::optional<Conversation> &conversation)
 {
     const std::optional<QUuid> oldID = m_conversationID;

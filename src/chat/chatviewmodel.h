@@ -60,11 +60,9 @@ public:
     // Called whenever streaming stops (by stop() at once, and when the reply's end has been saved).
     void setOnStreamEnd(std::function<void()> onStreamEnd);
 
-    // Seconds on a monotonic clock; the shipped clock is the real one. Tests replace it to decide
-    // how far apart streamed fragments arrive.
+    // Seconds on a monotonic clock, read once per streamed fragment; the shipped clock is the real
+    // one, and an empty function restores it. Tests replace it to decide how far apart fragments arrive.
     void setClock(std::function<double()> secondsNow);
-    // The transport; the default waits 60 s for a silent provider.
-    void setService(const ChatService &service);
 
     // Shows a conversation (or none): stops any running reply, reloads the transcript from the
     // record and clears the error. The composer's text is kept.
@@ -79,8 +77,11 @@ public:
 signals:
     // Emitted after every change of the transcript, including each move of streamed text into it.
     void messagesChanged();
+    // Emitted when the composer's text changes, also when a send clears it.
     void inputChanged();
+    // Emitted when a reply starts or stops streaming.
     void isStreamingChanged();
+    // Emitted when an error appears, changes or is cleared.
     void errorTextChanged();
 
 private:
