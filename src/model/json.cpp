@@ -41,9 +41,63 @@ struct ValueAccess
     }
 };
 
+// UTF-8 to UTF-16 for strings the parser has already validated: at start-up every message of the
+// history goes through here, and plain ASCII, most of any text, goes sixteen bytes at a time.
+// Anything unexpected (an encoded surrogate, a malformed sequence) is left to Qt's decoder, so the
+// result is always exactly QString::fromUtf8's.
 static QString fromUtf8(std::string_view s)
 {
-    return QString::fromUtf8(s.data(), qsizetype(s.size()));
+    const qsizetype n = qsizetype(s.size());
+    const auto *in = reinterpret_cast<const unsigned char *>(s.data());
+    QString out(n, Qt::Uninitialized);
+    char16_t *o = reinterpret_cast<char16_t *>(out.data());
+    char16_t *const begin = o;
+    qsizetype i = 0;
+    const auto fallback = [&] { return QString::fromUtf8(s.data(), n); };
+    while (i < n) {
+#if defined(__SSE2__)
+        if (i + 16 <= n) {
+            const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i *>(in + i));
+            const unsigned mask = unsigned(_mm_movemask_epi8(bytes));
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(o), _mm_unpacklo_epi8(bytes, _mm_setzero_si128()));
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(o + 8), _mm_unpackhi_epi8(bytes, _mm_setzero_si128()));
+            const int clean = mask ? __builtin_ctz(mask) : 16;
+            o += clean;
+            i += clean;
+            if (clean == 16)
+                continue;
+        }
+#endif
+        const unsigned char c = in[i];
+        if (c < 0x80) {
+            *o++ = c;
+            ++i;
+        } else if ((c & 0xE0) == 0xC0 && c >= 0xC2 && i + 1 < n && (in[i + 1] & 0xC0) == 0x80) {
+            *o++ = char16_t(((c & 0x1F) << 6) | (in[i + 1] & 0x3F));
+            i += 2;
+        } else if ((c & 0xF0) == 0xE0 && i + 2 < n && (in[i + 1] & 0xC0) == 0x80 && (in[i + 2] & 0xC0) == 0x80) {
+            const char32_t cp = ((c & 0x0F) << 12) | ((in[i + 1] & 0x3F) << 6) | (in[i + 2] & 0x3F);
+            if (cp < 0x800 || (cp >= 0xD800 && cp <= 0xDFFF))
+                return fallback();
+            *o++ = char16_t(cp);
+            i += 3;
+        } else if ((c & 0xF8) == 0xF0 && i + 3 < n && (in[i + 1] & 0xC0) == 0x80 && (in[i + 2] & 0xC0) == 0x80 &&
+                   (in[i + 3] & 0xC0) == 0x80) {
+            const char32_t cp =
+                ((c & 0x07) << 18) | ((in[i + 1] & 0x3F) << 12) | ((in[i + 2] & 0x3F) << 6) | (in[i + 3] & 0x3F);
+            if (cp < 0x10000 || cp > 0x10FFFF)
+                return fallback();
+            *o++ = QChar::highSurrogate(cp);
+            *o++ = QChar::lowSurrogate(cp);
+            i += 4;
+        } else {
+            return fallback();
+        }
+    }
+    out.resize(o - begin);
+    if (out.size() < n - n / 4)
+        out.squeeze();
+    return out;
 }
 
 Value::Type Value::type() const
@@ -281,10 +335,22 @@ Parser::Parser()
 
 Parser::~Parser() = default;
 
+static_assert(parsePadding >= qsizetype(simdjson::SIMDJSON_PADDING));
+
 Value Parser::parse(QByteArrayView utf8, QString *error)
 {
+    return parse(utf8, error, true);
+}
+
+Value Parser::parsePadded(QByteArrayView utf8, QString *error)
+{
+    return parse(utf8, error, false);
+}
+
+Value Parser::parse(QByteArrayView utf8, QString *error, bool copyInput)
+{
     element root;
-    auto code = d->parser.parse(utf8.data(), size_t(utf8.size()), true).get(root);
+    auto code = d->parser.parse(utf8.data(), size_t(utf8.size()), copyInput).get(root);
     if (code == simdjson::NUMBER_ERROR) {
         const QByteArray widened = widenBigIntegers(utf8);
         code = d->parser.parse(widened.constData(), size_t(widened.size()), true).get(root);
@@ -302,6 +368,16 @@ std::optional<Document> Document::parse(QByteArrayView utf8, QString *error)
     Document doc;
     doc.m_parser = std::make_shared<Parser>();
     doc.m_root = doc.m_parser->parse(utf8, error);
+    if (!doc.m_root.isValid())
+        return std::nullopt;
+    return doc;
+}
+
+std::optional<Document> Document::parsePadded(QByteArrayView utf8, QString *error)
+{
+    Document doc;
+    doc.m_parser = std::make_shared<Parser>();
+    doc.m_root = doc.m_parser->parsePadded(utf8, error);
     if (!doc.m_root.isValid())
         return std::nullopt;
     return doc;

@@ -67,6 +67,9 @@ private:
     bool m_valid = false;
 };
 
+// How many readable bytes parsePadded() needs after the end of its input.
+constexpr qsizetype parsePadding = 64;
+
 // A reusable parser. parse() returns the root of the newest document; earlier Values become
 // invalid. Keep one Parser per hot loop (stream lines) to reuse its buffers.
 class Parser
@@ -80,8 +83,14 @@ public:
     // Returns an invalid Value and sets *error when the bytes are not one valid JSON document
     // in UTF-8.
     Value parse(QByteArrayView utf8, QString *error = nullptr);
+    // The same without first copying the input: utf8 must be followed in memory by at least
+    // parsePadding readable bytes (a QByteArray reserved that much larger than its content).
+    // Worth it only for large inputs read from disk.
+    Value parsePadded(QByteArrayView utf8, QString *error = nullptr);
 
 private:
+    Value parse(QByteArrayView utf8, QString *error, bool copyInput);
+
     struct Private;
     std::unique_ptr<Private> d;
 };
@@ -91,6 +100,8 @@ class Document
 {
 public:
     static std::optional<Document> parse(QByteArrayView utf8, QString *error = nullptr);
+    // See Parser::parsePadded. The document does not refer to the input once parsed.
+    static std::optional<Document> parsePadded(QByteArrayView utf8, QString *error = nullptr);
     Value root() const { return m_root; }
 
 private:

@@ -47,13 +47,26 @@ void ConversationStore::load()
     if (file.exists()) {
         bool usable = false;
         if (file.open(QIODevice::ReadOnly)) {
-            const QByteArray bytes = file.readAll();
+            // Read with room for the parser's padding after the content, so the whole history is
+            // parsed where it lies instead of being copied once more first.
+            QByteArray bytes;
+            const qsizetype expected = file.size();
+            bytes.reserve(expected + Json::parsePadding);
+            bytes.resize(expected);
+            const qsizetype read = file.read(bytes.data(), expected);
+            const bool complete = read == expected && file.atEnd();
             file.close();
-            if (auto decoded = decodeJson<QList<Conversation>>(bytes)) {
-                m_conversations = std::move(*decoded);
-                forgetEncodings();
-                sortNewestFirst();
-                usable = true;
+            if (complete) {
+                QString error;
+                const auto document = Json::Document::parsePadded(bytes, &error);
+                bytes = QByteArray();
+                QList<Conversation> decoded;
+                if (document && fromJson(document->root(), decoded, error)) {
+                    m_conversations = std::move(decoded);
+                    forgetEncodings();
+                    sortNewestFirst();
+                    usable = true;
+                }
             }
         }
         if (!usable) {
