@@ -144,6 +144,39 @@ QString unescaped(QStringView s)
     return out;
 }
 
+// indexOf for a parser that only moves forward: a search from a later start reuses the last
+// answer while it still lies ahead, so a thousand unclosed "<!--" cost one scan, not a thousand.
+class ForwardSearch
+{
+public:
+    explicit ForwardSearch(QStringView needle)
+        : m_needle(needle)
+    {}
+
+    qsizetype find(QStringView text, qsizetype from)
+    {
+        if (m_from < 0 || from < m_from || (m_found >= 0 && m_found < from))
+            m_found = text.indexOf(m_needle, from);
+        m_from = from;
+        return m_found;
+    }
+
+private:
+    QStringView m_needle;
+    qsizetype m_from = -1;
+    qsizetype m_found = -1;
+};
+
+bool isHtmlSpace(QChar c)
+{
+    return c == u' ' || c == u'\t' || c == u'\n' || c == u'\r' || c == u'\f' || c == u'\v';
+}
+
+bool isAsciiLetter(QChar c)
+{
+    return (c >= u'a' && c <= u'z') || (c >= u'A' && c <= u'Z');
+}
+
 class Parser
 {
 public:
@@ -183,7 +216,6 @@ private:
     {
         qsizetype item;
         bool image;
-        bool active;
         int previousDelimiter;
     };
 
@@ -198,6 +230,8 @@ private:
     bool parseLinkTail(qsizetype pos, QString *destination, qsizetype *end);
     qsizetype skipSpaceAndOneLineEnding(qsizetype pos) const;
     bool parseAutolink();
+    qsizetype htmlLength(qsizetype pos);
+    qsizetype htmlTagLength(qsizetype pos);
     void removeDelimiter(int index);
     void processEmphasis(int stackBottom);
     bool bracketActive(qsizetype index) const;
@@ -219,6 +253,12 @@ private:
     // Link tails that fail can each look far ahead; past this many scanned units no further tail
     // is tried and the brackets stay literal, which keeps hostile input linear.
     qint64 m_linkBudget;
+    ForwardSearch m_commentEnd{u"-->"};
+    ForwardSearch m_instructionEnd{u"?>"};
+    ForwardSearch m_cdataEnd{u"]]>"};
+    ForwardSearch m_declarationEnd{u">"};
+    ForwardSearch m_doubleQuote{u"\""};
+    ForwardSearch m_singleQuote{u"'"};
 };
 
 char32_t Parser::codePointBefore(qsizetype pos) const
@@ -284,13 +324,13 @@ QList<InlineRun> Parser::run()
             break;
         case u'[':
             appendItem(Item{QStringLiteral("["), false, std::nullopt});
-            m_brackets.append({m_items.size() - 1, false, true, m_lastDelimiter});
+            m_brackets.append({m_items.size() - 1, false, m_lastDelimiter});
             ++m_pos;
             break;
         case u'!':
             if (m_pos + 1 < n && m_s[m_pos + 1] == u'[') {
                 appendItem(Item{QStringLiteral("!["), false, std::nullopt});
-                m_brackets.append({m_items.size() - 1, true, true, m_lastDelimiter});
+                m_brackets.append({m_items.size() - 1, true, m_lastDelimiter});
                 m_pos += 2;
             } else {
                 m_pending += u'!';
@@ -301,10 +341,17 @@ QList<InlineRun> Parser::run()
             parseCloseBracket();
             break;
         case u'<':
-            if (!parseAutolink()) {
-                m_pending += u'<';
-                ++m_pos;
+            if (parseAutolink())
+                break;
+            // Raw HTML is shown as the text it is; recognising it only keeps the markup inside
+            // a tag (an attribute's "*" or "&amp;") from being read as Markdown.
+            if (const qsizetype length = htmlLength(m_pos)) {
+                m_pending += m_s.sliced(m_pos, length);
+                m_pos += length;
+                break;
             }
+            m_pending += u'<';
+            ++m_pos;
             break;
         case u'&': {
             const qsizetype length = entityAt(m_s, m_pos, m_pending);
@@ -451,8 +498,7 @@ void Parser::parseDelimiterRun()
 
 bool Parser::bracketActive(qsizetype index) const
 {
-    const Bracket &b = m_brackets[index];
-    return b.active && (b.image || index >= m_linkFloor);
+    return m_brackets[index].image || index >= m_linkFloor;
 }
 
 void Parser::parseCloseBracket()
@@ -652,6 +698,92 @@ bool Parser::parseAutolink()
     appendItem(Item{address, false, QStringLiteral("mailto:") + address});
     m_pos = p + 1;
     return true;
+}
+
+// The length of the raw HTML (a tag, comment, processing instruction, declaration or CDATA
+// section) that starts at pos, or 0.
+qsizetype Parser::htmlLength(qsizetype pos)
+{
+    const QStringView rest = m_s.sliced(pos);
+    const auto through = [&](ForwardSearch &search, qsizetype from, qsizetype endLength) -> qsizetype {
+        const qsizetype end = search.find(m_s, pos + from);
+        return end < 0 ? 0 : end + endLength - pos;
+    };
+    if (rest.startsWith(u"<!--")) {
+        if (rest.startsWith(u"<!-->"))
+            return 5;
+        if (rest.startsWith(u"<!--->"))
+            return 6;
+        return through(m_commentEnd, 4, 3);
+    }
+    if (rest.startsWith(u"<?"))
+        return through(m_instructionEnd, 2, 2);
+    if (rest.startsWith(u"<![CDATA["))
+        return through(m_cdataEnd, 9, 3);
+    if (rest.size() > 2 && rest[1] == u'!' && isAsciiLetter(rest[2]))
+        return through(m_declarationEnd, 3, 1);
+    return htmlTagLength(pos);
+}
+
+// An open tag <name attribute* /?> or a closing tag </name>.
+qsizetype Parser::htmlTagLength(qsizetype pos)
+{
+    const qsizetype n = m_s.size();
+    qsizetype p = pos + 1;
+    const bool closing = p < n && m_s[p] == u'/';
+    if (closing)
+        ++p;
+    if (p >= n || !isAsciiLetter(m_s[p]))
+        return 0;
+    while (p < n && (isAsciiAlnum(m_s[p].unicode()) || m_s[p] == u'-'))
+        ++p;
+    const auto skipSpace = [&](qsizetype q) {
+        while (q < n && isHtmlSpace(m_s[q]))
+            ++q;
+        return q;
+    };
+    if (closing) {
+        p = skipSpace(p);
+        return p < n && m_s[p] == u'>' ? p + 1 - pos : 0;
+    }
+    while (true) {
+        const qsizetype afterSpace = skipSpace(p);
+        if (afterSpace < n && m_s[afterSpace] == u'>')
+            return afterSpace + 1 - pos;
+        if (afterSpace + 1 < n && m_s[afterSpace] == u'/' && m_s[afterSpace + 1] == u'>')
+            return afterSpace + 2 - pos;
+        // An attribute needs white space before its name.
+        if (afterSpace == p || afterSpace >= n)
+            return 0;
+        p = afterSpace;
+        const QChar first = m_s[p];
+        if (!isAsciiLetter(first) && first != u'_' && first != u':')
+            return 0;
+        ++p;
+        while (p < n &&
+               (isAsciiAlnum(m_s[p].unicode()) || m_s[p] == u'_' || m_s[p] == u'.' || m_s[p] == u':' || m_s[p] == u'-'))
+            ++p;
+        const qsizetype beforeEquals = skipSpace(p);
+        if (beforeEquals >= n || m_s[beforeEquals] != u'=')
+            continue;
+        p = skipSpace(beforeEquals + 1);
+        if (p >= n)
+            return 0;
+        if (m_s[p] == u'"' || m_s[p] == u'\'') {
+            ForwardSearch &search = m_s[p] == u'"' ? m_doubleQuote : m_singleQuote;
+            const qsizetype end = search.find(m_s, p + 1);
+            if (end < 0)
+                return 0;
+            p = end + 1;
+            continue;
+        }
+        const qsizetype valueStart = p;
+        while (p < n && !isHtmlSpace(m_s[p]) && m_s[p] != u'"' && m_s[p] != u'\'' && m_s[p] != u'=' && m_s[p] != u'<' &&
+               m_s[p] != u'>' && m_s[p] != u'`')
+            ++p;
+        if (p == valueStart)
+            return 0;
+    }
 }
 
 void Parser::removeDelimiter(int index)

@@ -120,6 +120,13 @@ void TestInlineMarkdown::render_data()
         {"backslash kept in autolink", u"<http://a\\b>", u"[@http://a\\b]http://a\\b"},
         {"html stays text", u"<b>bold</b>", u"[]<b>bold</b>"},
         {"script tag stays text", u"<script>alert(1)</script>", u"[]<script>alert(1)</script>"},
+        {"markup inside a tag stays literal", u"<a href=\"*\" t='&amp;'>*x*</a>",
+         u"[]<a href=\"*\" t='&amp;'>|[e]x|[]</a>"},
+        {"code span before tag wins", u"`<a href=\"`\">`", u"[c]<a href=\"|[]\">`"},
+        {"comment stays literal", u"<!-- *a* --> *b*", u"[]<!-- *a* --> |[e]b"},
+        {"processing instruction and cdata", u"<?x *a* ?><![CDATA[*b*]]>", u"[]<?x *a* ?><![CDATA[*b*]]>"},
+        {"not a tag", u"<33> <a h*=\"x\"> *c*", u"[]<33> <a h*=\"x\"> |[e]c"},
+        {"unclosed comment is text", u"<!-- *a*", u"[]<!-- |[e]a"},
         // Whitespace is preserved exactly.
         {"blank runs and breaks kept", u"a   b  \n  c\t\nd", u"[]a   b  \n  c\t\nd"},
         {"lone surrogate passes through", u"a\xD800*b*", u"[]a\xD800|[e]b"},

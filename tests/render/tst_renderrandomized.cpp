@@ -22,6 +22,7 @@ const QStringList &pieces()
         u"> "_s,     u"a"_s,      u"word"_s,       u"42"_s,     u"1.5"_s,   u"\""_s,   u"'"_s,         u"//"_s,
         u"/*"_s,     u"*/"_s,     u"#"_s,          u"http:"_s,  u"@"_s,     u"x.y"_s,  u"\u00A0"_s,    u"\u2028"_s,
         u"\xD800"_s, u"\xDC00"_s, u"\U0001F600"_s, u"\u0663"_s, u"let"_s,   u"func"_s, u"\"title\""_s, u"<a@b.c>"_s,
+        u"<a "_s,    u"x=\""_s,   u"<!--"_s,       u"-->"_s,    u"</b>"_s,
     };
     return list;
 }
@@ -193,6 +194,7 @@ void TestRenderRandomized::hostileInputs_data()
     QTest::newRow("links after open brackets") << repeated(u"["_s, 20000) + repeated(u"[a](b)"_s, 20000);
     QTest::newRow("images after open brackets") << repeated(u"!["_s, 20000) + repeated(u"[a](b)"_s, 20000);
     QTest::newRow("autolink starts") << repeated(u"<a:"_s, 30000) + repeated(u"<a@"_s, 30000);
+    QTest::newRow("unclosed html") << repeated(u"<!--<?<![CDATA[<!X<a x=\"<a y='"_s, 10000);
     QTest::newRow("entity starts") << repeated(u"&#x1"_s, 30000);
     QTest::newRow("unclosed block comments") << u"*/"_s + repeated(u"/*"_s, 50000);
     QTest::newRow("unterminated string") << u"\""_s + repeated(u"a\\\""_s, 50000);
