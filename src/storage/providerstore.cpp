@@ -4,6 +4,9 @@
 #include "storage/atomicfile.h"
 
 #include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
 
 ProviderStore::ProviderStore(QObject *parent)
     : QObject(parent)
@@ -137,6 +140,14 @@ void ProviderStore::persist()
 
 void ProviderStore::sync()
 {
+    // QSettings keeps the permissions of a file it replaces; made owner-only before the first
+    // write, the keys are never readable by others, not even for a moment.
+    const QString fileName = m_settings.fileName();
+    if (!QFileInfo::exists(fileName) && QDir().mkpath(QFileInfo(fileName).absolutePath())) {
+        QFile file(fileName);
+        if (file.open(QIODevice::WriteOnly))
+            file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
+    }
     m_settings.sync();
     // The preferences file holds every API key in plain text.
     AtomicFile::restrictToOwner(m_settings.fileName());
