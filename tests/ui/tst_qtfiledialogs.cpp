@@ -54,6 +54,9 @@ private:
 void tst_QtFileDialogs::initTestCase()
 {
     QVERIFY(m_dir.isValid());
+    // The dialog remembers its history in the preferences: keep that out of the real profile.
+    qputenv("XDG_CONFIG_HOME", QFile::encodeName(m_dir.filePath(QStringLiteral("config"))));
+    qputenv("XDG_DATA_HOME", QFile::encodeName(m_dir.filePath(QStringLiteral("data"))));
     m_window.show();
 }
 
