@@ -62,6 +62,20 @@ bool readString(const Json::Value &obj, std::string_view key, QString &out, QStr
 
 bool readUuid(const Json::Value &obj, std::string_view key, QUuid &out, QString &error)
 {
+    // Every message carries an id, so the common well-formed case skips the UTF-16 copy.
+    const Json::Value value = obj[key];
+    if (value.isString()) {
+        const QByteArrayView utf8 = value.stringUtf8();
+        if (utf8.size() == 36) {
+            QChar units[36];
+            for (qsizetype i = 0; i < 36; ++i)
+                units[i] = QLatin1Char(utf8[i]);
+            if (const auto id = parseUuid(QStringView(units, 36))) {
+                out = *id;
+                return true;
+            }
+        }
+    }
     QString text;
     if (!readString(obj, key, text, error))
         return false;
