@@ -41,43 +41,61 @@ QString ConversationStore::defaultFilePath()
     return folder + QStringLiteral("/conversations.json");
 }
 
+namespace {
+
+// Maps the file when the parser's padding after its end still lies in the file's last page (the
+// rest of that page reads as zeros), which saves copying the whole history out of the page cache
+// into fresh memory. Otherwise reads it into a buffer with room for the padding.
+std::optional<QList<Conversation>> decodeHistory(QFile &file)
+{
+    const qint64 size = file.size();
+    constexpr qint64 page = 4096;
+    const auto decode = [](QByteArrayView bytes) -> std::optional<QList<Conversation>> {
+        QString error;
+        const auto document = Json::Document::parsePadded(bytes, &error);
+        QList<Conversation> decoded;
+        if (document && fromJson(document->root(), decoded, error))
+            return decoded;
+        return std::nullopt;
+    };
+    if (size > 0 && size % page != 0 && size % page + Json::parsePadding <= page) {
+        if (uchar *mapped = file.map(0, size)) {
+            auto result = decode(QByteArrayView(mapped, qsizetype(size)));
+            file.unmap(mapped);
+            return result;
+        }
+    }
+    QByteArray bytes;
+    bytes.reserve(qsizetype(size) + Json::parsePadding);
+    bytes.resize(qsizetype(size));
+    if (file.read(bytes.data(), size) != size || !file.atEnd())
+        return std::nullopt;
+    return decode(bytes);
+}
+
+} // namespace
+
 void ConversationStore::load()
 {
     QFile file(m_filePath);
-    if (file.exists()) {
-        bool usable = false;
-        if (file.open(QIODevice::ReadOnly)) {
-            // Read with room for the parser's padding after the content, so the whole history is
-            // parsed where it lies instead of being copied once more first.
-            QByteArray bytes;
-            const qsizetype expected = file.size();
-            bytes.reserve(expected + Json::parsePadding);
-            bytes.resize(expected);
-            const qsizetype read = file.read(bytes.data(), expected);
-            const bool complete = read == expected && file.atEnd();
-            file.close();
-            if (complete) {
-                QString error;
-                const auto document = Json::Document::parsePadded(bytes, &error);
-                bytes = QByteArray();
-                QList<Conversation> decoded;
-                if (document && fromJson(document->root(), decoded, error)) {
-                    m_conversations = std::move(decoded);
-                    forgetEncodings();
-                    sortNewestFirst();
-                    usable = true;
-                }
-            }
-        }
-        if (!usable) {
-            // The first save would replace the history with a shorter one; keep the original
-            // beside it first, leaving the file itself untouched at start.
-            m_unreadableFileInPlace = true;
-            keepUnreadableAside(false);
-        }
+    if (!file.exists())
+        return;
+    std::optional<QList<Conversation>> decoded;
+    if (file.open(QIODevice::ReadOnly))
+        decoded = decodeHistory(file);
+    file.close();
+    if (decoded) {
+        m_conversations = std::move(*decoded);
+        forgetEncodings();
+        sortNewestFirst();
+        if (!m_conversations.isEmpty())
+            m_selectedID = m_conversations.first().id;
+    } else {
+        // The first save would replace the history with a shorter one; keep the original
+        // beside it first, leaving the file itself untouched at start.
+        m_unreadableFileInPlace = true;
+        keepUnreadableAside(false);
     }
-    if (!m_conversations.isEmpty())
-        m_selectedID = m_conversations.first().id;
 }
 
 bool ConversationStore::keepUnreadableAside(bool allowMove)

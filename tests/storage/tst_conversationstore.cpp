@@ -43,6 +43,8 @@ private slots:
 
     void firstStart_createsNoFile();
     void load_sortsNewestFirstStably();
+    void load_readsFilesOfEverySize_data();
+    void load_readsFilesOfEverySize();
     void undecodableFile_isKeptAside_data();
     void undecodableFile_isKeptAside();
     void unreadableFileThatCannotBeKeptAside_isNeverOverwritten();
@@ -98,6 +100,30 @@ void tst_ConversationStore::load_sortsNewestFirstStably()
     ConversationStore store;
     QCOMPARE(ids(store.conversations()), (QList<QUuid>{newest.id, tieA.id, tieB.id, old.id}));
     QCOMPARE(store.selected(), std::optional<Conversation>(newest));
+}
+
+void tst_ConversationStore::load_readsFilesOfEverySize_data()
+{
+    // Around the page boundaries where the file is mapped or read.
+    QTest::addColumn<int>("size");
+    for (const int size : {4000, 4031, 4032, 4033, 4095, 4096, 4097, 8192})
+        QTest::addRow("%d bytes", size) << size;
+}
+
+void tst_ConversationStore::load_readsFilesOfEverySize()
+{
+    QFETCH(int, size);
+    Conversation c = conversation(QStringLiteral("x"), 100);
+    const qsizetype base = encodeJson(QList<Conversation>{c}).size();
+    QVERIFY(base < size);
+    c.title = QString(size - base + 1, u'x');
+    const QByteArray bytes = encodeJson(QList<Conversation>{c});
+    QCOMPARE(bytes.size(), size);
+    QVERIFY(writeAll(m_file, bytes));
+
+    ConversationStore store;
+    QCOMPARE(store.conversations(), QList<Conversation>{c});
+    QVERIFY(!store.keptAsidePath());
 }
 
 void tst_ConversationStore::undecodableFile_isKeptAside_data()
