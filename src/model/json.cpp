@@ -395,65 +395,6 @@ constexpr bool needsEscape(unsigned char c)
     return c < 0x20 || c == '"' || c == '\\';
 }
 
-void appendEscapedUtf8(QByteArray &out, const char *s, qsizetype n, bool escapeSlashes)
-{
-    static const char hex[] = "0123456789abcdef";
-    out.append('"');
-    qsizetype runStart = 0;
-    for (qsizetype i = 0; i < n; ++i) {
-        const auto c = static_cast<unsigned char>(s[i]);
-        if (!needsEscape(c) && !(escapeSlashes && c == '/'))
-            continue;
-        out.append(s + runStart, i - runStart);
-        runStart = i + 1;
-        switch (c) {
-        case '"':
-            out.append("\\\"", 2);
-            break;
-        case '\\':
-            out.append("\\\\", 2);
-            break;
-        case '/':
-            out.append("\\/", 2);
-            break;
-        case '\n':
-            out.append("\\n", 2);
-            break;
-        case '\r':
-            out.append("\\r", 2);
-            break;
-        case '\t':
-            out.append("\\t", 2);
-            break;
-        case '\b':
-            out.append("\\b", 2);
-            break;
-        case '\f':
-            out.append("\\f", 2);
-            break;
-        default: {
-            const char esc[6] = {'\\', 'u', '0', '0', hex[c >> 4], hex[c & 0xF]};
-            out.append(esc, 6);
-        }
-        }
-    }
-    out.append(s + runStart, n - runStart);
-    out.append('"');
-}
-
-// Makes room for `extra` more bytes at the end of out and returns where they start. Grows the
-// buffer geometrically: callers ask for a worst case per string, and an exact reserve each time
-// would copy the whole document again for every string.
-char *appendSpace(QByteArray &out, qsizetype extra)
-{
-    const qsizetype old = out.size();
-    const qsizetype needed = old + extra;
-    if (needed > out.capacity())
-        out.reserve(std::max(needed, out.capacity() * 2));
-    out.resize(needed);
-    return out.data() + old;
-}
-
 char *writeEscape(char *p, char16_t c)
 {
     static const char hex[] = "0123456789abcdef";
@@ -491,6 +432,36 @@ char *writeEscape(char *p, char16_t c)
         *p++ = hex[c & 0xF];
     }
     return p;
+}
+
+void appendEscapedUtf8(QByteArray &out, const char *s, qsizetype n, bool escapeSlashes)
+{
+    out.append('"');
+    qsizetype runStart = 0;
+    for (qsizetype i = 0; i < n; ++i) {
+        const auto c = static_cast<unsigned char>(s[i]);
+        if (!needsEscape(c) && !(escapeSlashes && c == '/'))
+            continue;
+        out.append(s + runStart, i - runStart);
+        runStart = i + 1;
+        char escape[6];
+        out.append(escape, writeEscape(escape, c) - escape);
+    }
+    out.append(s + runStart, n - runStart);
+    out.append('"');
+}
+
+// Makes room for `extra` more bytes at the end of out and returns where they start. Grows the
+// buffer geometrically: callers ask for a worst case per string, and an exact reserve each time
+// would copy the whole document again for every string.
+char *appendSpace(QByteArray &out, qsizetype extra)
+{
+    const qsizetype old = out.size();
+    const qsizetype needed = old + extra;
+    if (needed > out.capacity())
+        out.reserve(std::max(needed, out.capacity() * 2));
+    out.resize(needed);
+    return out.data() + old;
 }
 
 // UTF-16 straight to escaped UTF-8 in the output, in one pass and without a temporary: the

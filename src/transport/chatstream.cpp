@@ -177,14 +177,7 @@ void ChatStream::end(std::optional<ServiceError> error, bool deferred)
 
 void ChatStream::stopTransfer()
 {
-    if (!m_reply)
-        return;
-    QNetworkReply *reply = m_reply;
-    m_reply = nullptr;
-    reply->disconnect(this);
-    if (reply->isRunning())
-        reply->abort();
-    reply->deleteLater();
+    NetworkAccess::discard(m_reply, this);
 }
 
 void ChatStream::abandon()

@@ -145,14 +145,7 @@ void ModelsFetch::end(Result result, bool deferred)
     if (m_finished)
         return;
     m_finished = true;
-    if (m_reply) {
-        QNetworkReply *reply = m_reply;
-        m_reply = nullptr;
-        reply->disconnect(this);
-        if (reply->isRunning())
-            reply->abort();
-        reply->deleteLater();
-    }
+    NetworkAccess::discard(m_reply, this);
     const auto emitFinished = [this, result = std::move(result)] {
         emit finished(result);
         deleteLater();
@@ -168,11 +161,6 @@ void ModelsFetch::abandon()
     if (m_finished)
         return;
     m_finished = true;
-    if (m_reply) {
-        m_reply->disconnect(this);
-        m_reply->abort();
-        m_reply->deleteLater();
-        m_reply = nullptr;
-    }
+    NetworkAccess::discard(m_reply, this);
     deleteLater();
 }

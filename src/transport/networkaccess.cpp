@@ -54,6 +54,18 @@ ReplyKind replyKind(const QNetworkReply &reply)
     return ReplyKind::unsupported;
 }
 
+void discard(QPointer<QNetworkReply> &reply, const QObject *receiver)
+{
+    QNetworkReply *const r = reply;
+    reply = nullptr;
+    if (!r)
+        return;
+    r->disconnect(receiver);
+    if (r->isRunning())
+        r->abort();
+    r->deleteLater();
+}
+
 TransferError transferError(const QNetworkReply &reply)
 {
     return {reply.error(), reply.errorString()};

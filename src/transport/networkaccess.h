@@ -2,6 +2,8 @@
 
 #include "transport/chatservice.h"
 
+#include <QPointer>
+
 class QNetworkAccessManager;
 class QNetworkReply;
 struct HttpRequest;
@@ -22,6 +24,10 @@ QNetworkReply *send(const HttpRequest &request);
 // data:), which answers but with no status; or a scheme it cannot send to at all.
 enum class ReplyKind { http, notHTTP, unsupported };
 ReplyKind replyKind(const QNetworkReply &reply);
+
+// Ends a transfer its owner no longer wants: receiver hears nothing more from the reply, a
+// running transfer is aborted, the reply is deleted later, and the pointer is cleared.
+void discard(QPointer<QNetworkReply> &reply, const QObject *receiver);
 
 // Qt's own account of a failed transfer.
 TransferError transferError(const QNetworkReply &reply);
