@@ -4,7 +4,7 @@ BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 
 PACKAGES := cmake make g++ pkg-config qt6-base-dev qt6-svg-dev libgl-dev xvfb xauth \
-            libsimdjson-dev libmd4c-dev
+            libsimdjson-dev
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
