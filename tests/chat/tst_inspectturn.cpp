@@ -9,51 +9,39 @@
 #include <QTemporaryDir>
 #include <QTest>
 
-#include <memory>
+namespace {
 
-class tst_InspectTurn final : public QObject
-{
-    Q_OBJECT
-
-private slots:
-    void init();
-    void turn_storesUserMessageAndStreamedReply_data();
-    void turn_storesUserMessageAndStreamedReply();
-
-private:
-    struct Result
-    {
-        int exitCode = -1;
-        QByteArray out;
-    };
-    // Runs the tool while this process's event loop keeps serving the mock provider.
-    Result inspect(const QStringList &args);
-
-    std::unique_ptr<QTemporaryDir> m_home;
-};
-
-void tst_InspectTurn::init()
-{
-    m_home = std::make_unique<QTemporaryDir>();
-    QVERIFY(m_home->isValid());
-}
-
-tst_InspectTurn::Result tst_InspectTurn::inspect(const QStringList &args)
+// The tool's output when it exits with 0. Waits while this process's event loop keeps serving
+// the mock provider.
+std::optional<QByteArray> inspect(const QTemporaryDir &home, const QStringList &args)
 {
     QProcess process;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("XDG_CONFIG_HOME"), m_home->filePath(QStringLiteral("config")));
-    env.insert(QStringLiteral("XDG_DATA_HOME"), m_home->filePath(QStringLiteral("data")));
+    env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.filePath(QStringLiteral("config")));
+    env.insert(QStringLiteral("XDG_DATA_HOME"), home.filePath(QStringLiteral("data")));
     process.setProcessEnvironment(env);
     process.start(QStringLiteral(VERBOLT_INSPECT), args);
     process.closeWriteChannel();
     if (!QTest::qWaitFor([&] { return process.state() == QProcess::NotRunning; }, 30000)) {
         process.kill();
         process.waitForFinished();
-        return {};
+        return std::nullopt;
     }
-    return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1, process.readAllStandardOutput()};
+    if (process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0)
+        return std::nullopt;
+    return process.readAllStandardOutput();
 }
+
+} // namespace
+
+class tst_InspectTurn final : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void turn_storesUserMessageAndStreamedReply_data();
+    void turn_storesUserMessageAndStreamedReply();
+};
 
 void tst_InspectTurn::turn_storesUserMessageAndStreamedReply_data()
 {
@@ -68,34 +56,33 @@ void tst_InspectTurn::turn_storesUserMessageAndStreamedReply()
     QFETCH(QString, wire);
     QFETCH(bool, hasTotal);
 
+    QTemporaryDir home;
     MockProvider mock;
     QVERIFY(mock.listen());
-    const QString archive = m_home->filePath(wire + QStringLiteral(".json"));
-    QFile file(archive);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write(QStringLiteral(R"({"version":1,"conversations":[],"providers":[{"id":"%1","name":"Mock","wire":"%2",)"
-                              R"("baseURL":"%3","model":"mock-small","cachedModels":[],"apiKey":"sk-mock"}]})")
-                   .arg(JsonCoding::uuidText(QUuid::createUuid()), wire, mock.baseURL())
-                   .toUtf8());
-    file.close();
-    QCOMPARE(inspect({QStringLiteral("archive-import"), QStringLiteral("--file"), archive}).exitCode, 0);
+    QFile archive(home.filePath(QStringLiteral("archive.json")));
+    QVERIFY(archive.open(QIODevice::WriteOnly));
+    archive.write(QStringLiteral(R"({"version":1,"conversations":[],"providers":[{"id":"%1","name":"Mock","wire":"%2",)"
+                                 R"("baseURL":"%3","model":"mock-small","cachedModels":[],"apiKey":"sk-mock"}]})")
+                      .arg(JsonCoding::uuidText(QUuid::createUuid()), wire, mock.baseURL())
+                      .toUtf8());
+    archive.close();
+    QVERIFY(inspect(home, {QStringLiteral("archive-import"), QStringLiteral("--file"), archive.fileName()}));
 
-    const Result result =
-        inspect({QStringLiteral("turn"), QStringLiteral("--text"), QStringLiteral(" Tell me\nmore ")});
-    QCOMPARE(result.exitCode, 0);
+    const auto out =
+        inspect(home, {QStringLiteral("turn"), QStringLiteral("--text"), QStringLiteral(" Tell me\nmore ")});
+    QVERIFY(out);
     Json::Parser parser;
-    const Json::Value root = parser.parse(result.out);
-    QVERIFY2(root.isObject(), result.out.constData());
-    QVERIFY(root["errorText"].isNull());
+    const Json::Value root = parser.parse(*out);
+    QVERIFY2(root.isObject() && root["errorText"].isNull(), out->constData());
 
     Conversation stored;
     QString error;
     QVERIFY2(fromJson(root["conversation"], stored, error), qPrintable(error));
     QCOMPARE(stored.title, QStringLiteral("Tell me more"));
     QCOMPARE(stored.messages.size(), 2);
-    QCOMPARE(stored.messages.first().role, ChatRole::user);
-    QCOMPARE(stored.messages.first().content, QStringLiteral("Tell me\nmore"));
-    const ChatMessage reply = stored.messages.last();
+    const ChatMessage question = stored.messages.first(), reply = stored.messages.last();
+    QCOMPARE(question.role, ChatRole::user);
+    QCOMPARE(question.content, QStringLiteral("Tell me\nmore"));
     QCOMPARE(reply.role, ChatRole::assistant);
     QCOMPARE(reply.content, mock.options().reply);
     QVERIFY(reply.usage && reply.usage->promptTokens && reply.usage->completionTokens);

@@ -11,7 +11,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// Everything one stream said, with the order of events and end checked as they come.
+// Everything one stream said; events after its end are counted apart, as there must be none.
 struct Recorder
 {
     QList<ChatEvent> events;
@@ -22,8 +22,7 @@ struct Recorder
     void attach(ChatStream *stream, QObject *context)
     {
         QObject::connect(stream, &ChatStream::eventReceived, context, [this](const ChatEvent &event) {
-            if (finishedCount > 0)
-                ++eventsAfterEnd;
+            eventsAfterEnd += finishedCount > 0;
             events.append(event);
         });
         QObject::connect(stream, &ChatStream::finished, context, [this](const std::optional<ServiceError> &end) {
@@ -31,7 +30,6 @@ struct Recorder
             error = end;
         });
     }
-
     QString text() const
     {
         QString all;
@@ -39,14 +37,12 @@ struct Recorder
             all += event.text;
         return all;
     }
-
     QString errorText() const { return error ? errorDescription(*error) : QString(); }
 };
 
 Provider provider(ProviderWire wire, const QString &baseURL, const QString &key = QStringLiteral("sk-test"))
 {
     Provider p;
-    p.name = QStringLiteral("Loopback");
     p.wire = wire;
     p.baseURL = baseURL;
     p.model = QStringLiteral("test-model");
@@ -54,24 +50,31 @@ Provider provider(ProviderWire wire, const QString &baseURL, const QString &key 
     return p;
 }
 
-QList<ChatMessage> conversation()
+QList<ChatMessage> hi()
 {
-    ChatMessage user;
-    user.role = ChatRole::user;
-    user.content = QStringLiteral("Hi");
-    return {user};
+    return {ChatMessage(ChatRole::user, QStringLiteral("Hi"))};
 }
 
-QByteArray openAIChunk(const QByteArray &content)
+QByteArray sse(const QByteArray &json)
 {
-    return R"(data: {"choices":[{"index":0,"delta":{"content":")" + content +
-           R"("}}]})"
-           "\n\n";
+    return "data: " + json + "\n\n";
 }
 
-ChatEvent usage(std::optional<qint64> prompt, std::optional<qint64> completion, std::optional<qint64> total)
+QByteArray chunk(const QByteArray &content)
 {
-    return ChatEvent::usageEvent({prompt, completion, total});
+    return sse(R"({"choices":[{"index":0,"delta":{"content":")" + content + "\"}}]}");
+}
+
+// Runs one stream to its end and until it has deleted itself.
+Recorder run(const Provider &p, const ChatService &service = ChatService())
+{
+    Recorder recorder;
+    QObject consumer;
+    QPointer<ChatStream> stream = service.stream(p, hi(), &consumer);
+    recorder.attach(stream, &consumer);
+    [&] { QTRY_COMPARE_WITH_TIMEOUT(recorder.finishedCount, 1, 20000); }();
+    [&] { QTRY_VERIFY(stream.isNull()); }();
+    return recorder;
 }
 
 struct StreamCase
@@ -81,465 +84,286 @@ struct StreamCase
     QList<ChatEvent> expected;
 };
 
+struct FailCase
+{
+    // {server}: the loopback server, {tls}: the same over self-signed TLS, {closed}: a port
+    // nobody listens on, {dir}: a local folder holding v1/chat/completions. {elsewhere} in a
+    // response header is a second server, which must never be reached.
+    QString base = QStringLiteral("{server}/v1");
+    QString key = QStringLiteral("k");
+    LoopbackResponse response = LoopbackResponse::eventStream({chunk("x")});
+    std::chrono::milliseconds timeout = 60s;
+    QString text = {}; // the whole text of our own errors; part of the network stack's text otherwise
+    int code = -1;     // QNetworkReply's code of a transfer error
+    int requests = 1;
+    int events = 0;
+};
+
 } // namespace
 
 Q_DECLARE_METATYPE(StreamCase)
-Q_DECLARE_METATYPE(LoopbackResponse)
+Q_DECLARE_METATYPE(FailCase)
 
 class tst_ChatStream : public QObject
 {
     Q_OBJECT
 
 private slots:
+    void initTestCase();
     void deliversEventsInOrder_data();
     void deliversEventsInOrder();
-    void endsWithError_data();
-    void endsWithError();
-    void hugeSingleLine();
-    void stalledServer_timesOut();
-    void refusedConnection_isTransferError();
-    void selfSignedTls_isRefused();
-    void crossOriginRedirect_neverGetsTheKey();
-    void cancel_stopsAtOnceAndEndsNormallyLater();
-    void destroyedConsumer_stopsSilently();
-    void twoStreams_doNotMix();
+    void fails_data();
+    void fails();
+    void twoStreams_data();
+    void twoStreams();
     void mockProviderProcess_streamsItsReply();
 
 private:
-    Recorder run(const ChatService &service, const Provider &p, int timeoutMs = 10000);
+    QTemporaryDir m_dir;
 };
 
-Recorder tst_ChatStream::run(const ChatService &service, const Provider &p, int timeoutMs)
+void tst_ChatStream::initTestCase()
 {
-    Recorder recorder;
-    QObject consumer;
-    QPointer<ChatStream> stream = service.stream(p, conversation(), &consumer);
-    recorder.attach(stream, &consumer);
-    // Nothing is delivered inside stream(): failures come on a later turn.
-    [&] { QCOMPARE(recorder.finishedCount, 0); }();
-    [&] { QTRY_COMPARE_WITH_TIMEOUT(recorder.finishedCount, 1, timeoutMs); }();
-    [&] { QTRY_VERIFY(stream.isNull()); }();
-    return recorder;
+    QVERIFY(QDir(m_dir.path()).mkpath(QStringLiteral("v1/chat")));
+    QFile file(m_dir.filePath(QStringLiteral("v1/chat/completions")));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write("data: [DONE]\n");
 }
 
 void tst_ChatStream::deliversEventsInOrder_data()
 {
     QTest::addColumn<StreamCase>("row");
-    const auto hello =
-        QList<ChatEvent>{ChatEvent::delta(QStringLiteral("Hel")), ChatEvent::delta(QStringLiteral("lo"))};
-    const QByteArray usageChunk =
-        R"(data: {"choices":[],"usage":{"prompt_tokens":10,"completion_tokens":5,"total_tokens":15}})"
-        "\n\n";
+    const auto delta = [](const QString &text) { return ChatEvent::delta(text); };
+    const auto usage = [](std::optional<qint64> prompt, std::optional<qint64> completion, std::optional<qint64> total) {
+        return ChatEvent::usageEvent({prompt, completion, total});
+    };
+    const QList<ChatEvent> hello{delta(QStringLiteral("Hel")), delta(QStringLiteral("lo"))};
+    const QByteArray done = "data: [DONE]\n\n";
 
-    {
-        StreamCase row;
-        row.response = LoopbackResponse::eventStream(
-            {openAIChunk("Hel"), openAIChunk("lo"), usageChunk, "data: [DONE]\n\n", openAIChunk("after the end")});
-        row.expected = hello + QList<ChatEvent>{usage(10, 5, 15)};
-        QTest::newRow("openAI deltas, usage, done; nothing after done") << row;
-    }
-    {
-        StreamCase row;
-        QByteArray body = openAIChunk("Hel") + openAIChunk("lo") + "data: [DONE]\n\n";
-        body.replace("\n", "\r\n");
-        row.response = LoopbackResponse::eventStream({body});
-        row.expected = hello;
-        QTest::newRow("CRLF line ends") << row;
-    }
-    {
-        StreamCase row;
-        // U+1F600 is F0 9F 98 80 in UTF-8; the reads split it in the middle.
-        row.response = LoopbackResponse::eventStream({R"(data: {"choices":[{"delta":{"content":"a)"
-                                                      "\xF0\x9F",
-                                                      "\x98\x80"
-                                                      R"(b"}}]})"
-                                                      "\n\n"},
-                                                     60);
-        row.expected = {ChatEvent::delta(QStringLiteral("a\U0001F600b"))};
-        QTest::newRow("emoji split across two reads") << row;
-    }
-    {
-        StreamCase row;
-        const QByteArray body = openAIChunk("Hel") + openAIChunk("lo");
-        row.response = LoopbackResponse::eventStream({body.left(7), body.mid(7, 40), body.mid(47)}, 30);
-        row.expected = hello;
-        QTest::newRow("lines split across reads, no end marker") << row;
-    }
-    {
-        StreamCase row;
-        row.response =
-            LoopbackResponse::eventStream({openAIChunk("Hel") + R"(data: {"choices":[{"delta":{"content":"lo"}}]})"});
-        row.response.framing = LoopbackResponse::Framing::closeDelimited;
-        row.expected = hello;
-        QTest::newRow("last line without line break, body ended by close") << row;
-    }
-    {
-        StreamCase row;
-        row.response =
-            LoopbackResponse::eventStream({R"(data: {"error":{"message":"overloaded","type":"server_error"}})"
-                                           "\n\n",
-                                           ": keep-alive\n", "\n"});
-        QTest::newRow("error object inside a 2xx body is skipped") << row;
-    }
-    {
-        StreamCase row;
-        row.wire = ProviderWire::anthropic;
-        row.response = LoopbackResponse::eventStream({
-            "event: message_start\ndata: "
-            R"({"type":"message_start","message":{"usage":{"input_tokens":12,"output_tokens":1}}})"
-            "\n\n",
-            "event: content_block_start\ndata: "
-            R"({"type":"content_block_start","index":0,"content_block":{"type":"text","text":""}})"
-            "\n\n",
-            R"(data: {"type":"content_block_delta","delta":{"type":"text_delta","text":"Hel"}})"
-            "\n\n",
-            R"(data: {"type":"content_block_delta","delta":{"type":"text_delta","text":"lo"}})"
-            "\n\n",
-            R"(data: {"type":"message_delta","delta":{"stop_reason":"end_turn"},"usage":{"output_tokens":2}})"
-            "\n\n",
-            R"(data: {"type":"message_stop"})"
-            "\n\n",
-            R"(data: {"type":"content_block_delta","delta":{"type":"text_delta","text":"late"}})"
-            "\n\n",
-        });
-        row.expected = QList<ChatEvent>{usage(12, {}, {})} + hello + QList<ChatEvent>{usage({}, 2, {})};
-        QTest::newRow("anthropic: prompt usage, deltas, completion usage, stop") << row;
-    }
+    QTest::newRow("usage, done, nothing after done") << StreamCase{
+        .response = LoopbackResponse::eventStream(
+            {chunk("Hel"), chunk("lo"),
+             sse(R"({"choices":[],"usage":{"prompt_tokens":10,"completion_tokens":5,"total_tokens":15}})"), done,
+             chunk("after the end")}),
+        .expected = hello + QList<ChatEvent>{usage(10, 5, 15)}};
+    QByteArray crlf = chunk("Hel") + chunk("lo") + done;
+    QTest::newRow("CRLF line ends") << StreamCase{
+        .response = LoopbackResponse::eventStream({crlf.replace("\n", "\r\n")}), .expected = hello};
+    // U+1F600 is F0 9F 98 80 in UTF-8: the second line breaks off inside it, between two reads.
+    const QByteArray emoji = chunk("Hel") + chunk("a\xF0\x9F\x98\x80"
+                                                  "b");
+    const qsizetype half = emoji.indexOf('\x98');
+    QTest::newRow("line and emoji split across reads")
+        << StreamCase{.response = LoopbackResponse::eventStream({emoji.left(half), emoji.mid(half)}, 60),
+                      .expected = {delta(QStringLiteral("Hel")), delta(QStringLiteral("a\U0001F600b"))}};
+    LoopbackResponse closed = LoopbackResponse::eventStream({chunk("Hel") + chunk("lo").chopped(2)});
+    closed.framing = LoopbackResponse::Framing::closeDelimited;
+    QTest::newRow("last line without line break, body ended by close")
+        << StreamCase{.response = closed, .expected = hello};
+    const QByteArray huge(4 * 1024 * 1024, 'x');
+    QTest::newRow("4 MB single line") << StreamCase{
+        .response = LoopbackResponse::eventStream({chunk(huge), chunk("tail"), done}),
+        .expected = {delta(QString::fromLatin1(huge)), delta(QStringLiteral("tail"))}};
+    QTest::newRow("anthropic: prompt usage, deltas, completion usage, stop") << StreamCase{
+        .wire = ProviderWire::anthropic,
+        .response = LoopbackResponse::eventStream({
+            sse(R"({"type":"message_start","message":{"usage":{"input_tokens":12,"output_tokens":1}}})"),
+            sse(R"({"type":"content_block_delta","delta":{"type":"text_delta","text":"Hel"}})"),
+            sse(R"({"type":"content_block_delta","delta":{"type":"text_delta","text":"lo"}})"),
+            sse(R"({"type":"message_delta","delta":{"stop_reason":"end_turn"},"usage":{"output_tokens":2}})"),
+            sse(R"({"type":"message_stop"})"),
+            sse(R"({"type":"content_block_delta","delta":{"type":"text_delta","text":"late"}})"),
+        }),
+        .expected = QList<ChatEvent>{usage(12, {}, {})} + hello + QList<ChatEvent>{usage({}, 2, {})}};
 }
 
 void tst_ChatStream::deliversEventsInOrder()
 {
     QFETCH(StreamCase, row);
     LoopbackServer server;
-    QVERIFY2(server.listen(), qPrintable(server.errorString()));
+    QVERIFY(server.listen());
     server.setResponse(row.response);
 
-    const Recorder recorder = run(ChatService(), provider(row.wire, server.url(QStringLiteral("/v1/")).toString()));
+    const Recorder recorder = run(provider(row.wire, server.url(QStringLiteral("/v1/")).toString()));
     QCOMPARE(recorder.errorText(), QString());
     QCOMPARE(recorder.events, row.expected);
     QCOMPARE(recorder.eventsAfterEnd, 0);
     QCOMPARE(server.requests().size(), 1);
-    const QByteArray path = row.wire == ProviderWire::anthropic ? "/v1/messages" : "/v1/chat/completions";
-    QCOMPARE(server.requests().constFirst().path, path);
+    QCOMPARE(server.requests().constFirst().path,
+             QByteArray(row.wire == ProviderWire::anthropic ? "/v1/messages" : "/v1/chat/completions"));
 }
 
-void tst_ChatStream::endsWithError_data()
+void tst_ChatStream::fails_data()
 {
-    QTest::addColumn<QString>("baseURL"); // "{server}" stands for the loopback server
-    QTest::addColumn<QString>("key");
-    QTest::addColumn<LoopbackResponse>("response");
-    QTest::addColumn<int>("requestsSent");
-    QTest::addColumn<QString>("expected");
-
-    const QString base = QStringLiteral("{server}/v1");
-    const auto ok = LoopbackResponse::eventStream({openAIChunk("x")});
+    QTest::addColumn<FailCase>("row");
+    const QString noResponse = QStringLiteral("Provider returned HTTP -1: No HTTP response");
+    const QString invalidBase = QStringLiteral("The provider Base URL is empty or invalid.");
+    LoopbackResponse slow = LoopbackResponse::eventStream({"Over", "loaded\n", "\xC3", "\xA9"}, 20);
+    slow.status = 503;
+    LoopbackResponse sameOrigin = LoopbackResponse::text(308, "moved");
+    sameOrigin.headers.append({QByteArray("Location"), QByteArray("/v2/chat/completions")});
+    LoopbackResponse crossOrigin = LoopbackResponse::text(307, "see other host");
+    crossOrigin.headers.append({QByteArray("Location"), QByteArray("{elsewhere}/v1/chat/completions")});
+    LoopbackResponse silent;
+    silent.neverAnswer = true;
+    LoopbackResponse dropped = LoopbackResponse::eventStream({chunk("first"), chunk("lost")});
+    dropped.framing = LoopbackResponse::Framing::contentLength;
+    dropped.dropAfterPieces = 1;
 
     QTest::newRow("empty key, nothing sent")
-        << base << QString() << ok << 0
-        << QStringLiteral("No API key set for this provider. Open Settings and paste your key.");
-    QTest::newRow("blank base URL") << QStringLiteral(" \n\t") << QStringLiteral("k") << ok << 0
-                                    << QStringLiteral("The provider Base URL is empty or invalid.");
-    QTest::newRow("unparsable base URL") << QStringLiteral("http://exa mple.com") << QStringLiteral("k") << ok << 0
-                                         << QStringLiteral("The provider Base URL is empty or invalid.");
-    QTest::newRow("401 body lines joined without breaks")
-        << base << QStringLiteral("k")
-        << LoopbackResponse::text(401, "{\"error\":\r\n{\"message\":\"bad key\"}}\n{\"extra\":true}\n",
-                                  "application/json")
-        << 1 << QStringLiteral(R"(Provider returned HTTP 401: {"error":{"message":"bad key"}}{"extra":true})");
-    {
-        LoopbackResponse slow = LoopbackResponse::eventStream({"Over", "loaded\n", "\xC3", "\xA9"}, 20);
-        slow.status = 503;
-        QTest::newRow("503 error body in pieces, UTF-8 split")
-            << base << QStringLiteral("k") << slow << 1 << QStringLiteral("Provider returned HTTP 503: Overloadedé");
-    }
-    QTest::newRow("500 with empty body") << base << QStringLiteral("k") << LoopbackResponse::text(500, {}) << 1
-                                         << QStringLiteral("Provider returned HTTP 500: ");
-    QTest::newRow("same-origin redirect is not followed either") << base << QStringLiteral("k") << [] {
-        LoopbackResponse r = LoopbackResponse::text(308, "moved");
-        r.headers.append(qMakePair(QByteArray("Location"), QByteArray("/v2/chat/completions")));
-        return r;
-    }() << 1 << QStringLiteral("Provider returned HTTP 308: moved");
+        << FailCase{.key = QString(),
+                    .text = QStringLiteral("No API key set for this provider. Open Settings and paste your key."),
+                    .requests = 0};
+    QTest::newRow("blank base URL") << FailCase{.base = QStringLiteral(" \n\t"), .text = invalidBase, .requests = 0};
+    QTest::newRow("401 body lines joined without breaks") << FailCase{
+        .response = LoopbackResponse::text(401, "{\"error\":\r\n{\"message\":\"bad key\"}}\n{\"extra\":true}\n"),
+        .text = QStringLiteral(R"(Provider returned HTTP 401: {"error":{"message":"bad key"}}{"extra":true})")};
+    QTest::newRow("503 body in pieces, UTF-8 split")
+        << FailCase{.response = slow, .text = QStringLiteral("Provider returned HTTP 503: Overloadedé")};
+    QTest::newRow("same-origin redirect not followed")
+        << FailCase{.response = sameOrigin, .text = QStringLiteral("Provider returned HTTP 308: moved")};
+    QTest::newRow("cross-origin redirect never gets the key")
+        << FailCase{.key = QStringLiteral("sk-secret"),
+                    .response = crossOrigin,
+                    .text = QStringLiteral("Provider returned HTTP 307: see other host")};
+    QTest::newRow("file: base URL, file exists")
+        << FailCase{.base = QStringLiteral("{dir}/v1"), .text = noResponse, .requests = 0};
+    QTest::newRow("file: base URL, no file")
+        << FailCase{.base = QStringLiteral("{dir}/missing"), .text = noResponse, .requests = 0};
+    QTest::newRow("refused connection") << FailCase{.base = QStringLiteral("{closed}/v1"),
+                                                    .text = QStringLiteral("Connection refused"),
+                                                    .code = QNetworkReply::ConnectionRefusedError,
+                                                    .requests = 0};
+    QTest::newRow("self-signed TLS") << FailCase{.base = QStringLiteral("{tls}/v1"),
+                                                 .text = QStringLiteral("SSL"),
+                                                 .code = QNetworkReply::SslHandshakeFailedError,
+                                                 .requests = 0};
+    QTest::newRow("silent server times out")
+        << FailCase{.response = silent, .timeout = 300ms, .code = QNetworkReply::OperationCanceledError};
+    QTest::newRow("server stalling mid-body times out")
+        << FailCase{.response = LoopbackResponse::eventStream({chunk("first"), chunk("never")}, 60000),
+                    .timeout = 300ms,
+                    .code = QNetworkReply::OperationCanceledError,
+                    .events = 1};
+    QTest::newRow("connection dropped mid-body")
+        << FailCase{.response = dropped, .code = QNetworkReply::RemoteHostClosedError, .events = 1};
 }
 
-void tst_ChatStream::endsWithError()
+void tst_ChatStream::fails()
 {
-    QFETCH(QString, baseURL);
-    QFETCH(QString, key);
-    QFETCH(LoopbackResponse, response);
-    QFETCH(int, requestsSent);
-    QFETCH(QString, expected);
-
+    QFETCH(FailCase, row);
     LoopbackServer server;
-    QVERIFY(server.listen());
-    server.setResponse(response);
-    baseURL.replace(QStringLiteral("{server}"), server.url().toString());
-
-    const Recorder recorder = run(ChatService(), provider(ProviderWire::openAI, baseURL, key));
-    QVERIFY(recorder.error.has_value());
-    QVERIFY(std::holds_alternative<ChatServiceError>(*recorder.error));
-    QCOMPARE(recorder.errorText(), expected);
-    QVERIFY(recorder.events.isEmpty());
-    QCOMPARE(server.requests().size(), requestsSent);
-    QCOMPARE(server.connectionCount(), requestsSent);
-}
-
-void tst_ChatStream::hugeSingleLine()
-{
-    const QByteArray content(4 * 1024 * 1024, 'x');
-    LoopbackServer server;
-    QVERIFY(server.listen());
-    server.setResponse(LoopbackResponse::eventStream({openAIChunk(content), openAIChunk("tail"), "data: [DONE]\n\n"}));
-
-    const Recorder recorder = run(ChatService(), provider(ProviderWire::openAI, server.url().toString()), 60000);
-    QCOMPARE(recorder.errorText(), QString());
-    QCOMPARE(recorder.events.size(), 2);
-    QCOMPARE(recorder.events.at(0).text.size(), content.size());
-    QCOMPARE(recorder.events.at(1).text, QStringLiteral("tail"));
-}
-
-void tst_ChatStream::stalledServer_timesOut()
-{
-    LoopbackServer silent;
-    QVERIFY(silent.listen());
-    silent.setResponse([] {
-        LoopbackResponse r;
-        r.neverAnswer = true;
-        return r;
-    }());
-    LoopbackServer stallsMidBody;
-    QVERIFY(stallsMidBody.listen());
-    stallsMidBody.setResponse(LoopbackResponse::eventStream({openAIChunk("first"), openAIChunk("never")}, 60000));
-
-    const ChatService service(300ms);
-    for (LoopbackServer *server : {&silent, &stallsMidBody}) {
-        const Recorder recorder = run(service, provider(ProviderWire::openAI, server->url().toString()));
-        QVERIFY(recorder.error.has_value());
-        QVERIFY(std::holds_alternative<TransferError>(*recorder.error));
-        const TransferError error = std::get<TransferError>(*recorder.error);
-        QCOMPARE(error.code, QNetworkReply::OperationCanceledError);
-        QVERIFY(!error.description.isEmpty());
-        QCOMPARE(recorder.events.size(), server == &silent ? 0 : 1);
-    }
-}
-
-void tst_ChatStream::refusedConnection_isTransferError()
-{
-    quint16 port = 0;
+    if (!row.base.startsWith(u"{tls}"))
+        QVERIFY(server.listen());
+    else if (!server.listenTls(LoopbackServer::testCertificateFile(), LoopbackServer::testKeyFile()))
+        QSKIP(qPrintable(QStringLiteral("TLS server unavailable: ") + server.errorString()));
+    LoopbackServer elsewhere;
+    QVERIFY(elsewhere.listen());
+    for (auto &header : row.response.headers)
+        header.second.replace("{elsewhere}", elsewhere.url().toEncoded());
+    server.setResponse(row.response);
+    quint16 closedPort = 0;
     {
         LoopbackServer closed;
         QVERIFY(closed.listen());
-        port = closed.port();
+        closedPort = closed.port();
     }
-    const Recorder recorder =
-        run(ChatService(), provider(ProviderWire::openAI, QStringLiteral("http://127.0.0.1:%1/v1").arg(port)));
+    const QString base = QString(row.base)
+                             .replace(QStringLiteral("{server}"), server.url().toString())
+                             .replace(QStringLiteral("{tls}"), server.url().toString())
+                             .replace(QStringLiteral("{closed}"), QStringLiteral("http://127.0.0.1:%1").arg(closedPort))
+                             .replace(QStringLiteral("{dir}"), QUrl::fromLocalFile(m_dir.path()).toString());
+
+    const Recorder recorder = run(provider(ProviderWire::openAI, base, row.key), ChatService(row.timeout));
     QVERIFY(recorder.error.has_value());
-    QVERIFY(std::holds_alternative<TransferError>(*recorder.error));
-    QCOMPARE(std::get<TransferError>(*recorder.error).code, QNetworkReply::ConnectionRefusedError);
-    QCOMPARE(recorder.errorText(), QStringLiteral("Connection refused"));
-
-    // A file: base URL is no HTTP response at all, whether or not the file exists.
-    QTemporaryDir dir;
-    QVERIFY(dir.isValid());
-    QVERIFY(QDir(dir.path()).mkpath(QStringLiteral("v1/chat")));
-    QFile existing(dir.filePath(QStringLiteral("v1/chat/completions")));
-    QVERIFY(existing.open(QIODevice::WriteOnly));
-    existing.write("data: [DONE]\n");
-    existing.close();
-    for (const QString &folder : {dir.filePath(QStringLiteral("v1")), dir.filePath(QStringLiteral("missing"))}) {
-        const Recorder file =
-            run(ChatService(), provider(ProviderWire::openAI, QUrl::fromLocalFile(folder).toString()));
-        QCOMPARE(file.errorText(), QStringLiteral("Provider returned HTTP -1: No HTTP response"));
-        QVERIFY(file.events.isEmpty());
-    }
-}
-
-void tst_ChatStream::selfSignedTls_isRefused()
-{
-    LoopbackServer server;
-    if (!server.listenTls(LoopbackServer::testCertificateFile(), LoopbackServer::testKeyFile()))
-        QSKIP(qPrintable(QStringLiteral("TLS server unavailable: ") + server.errorString()));
-    server.setResponse(LoopbackResponse::eventStream({openAIChunk("secret reply")}));
-
-    const Recorder recorder =
-        run(ChatService(), provider(ProviderWire::openAI, server.url(QStringLiteral("/v1")).toString()));
-    QVERIFY(recorder.error.has_value());
-    QVERIFY(std::holds_alternative<TransferError>(*recorder.error));
-    QCOMPARE(std::get<TransferError>(*recorder.error).code, QNetworkReply::SslHandshakeFailedError);
-    QVERIFY2(recorder.errorText().contains(QStringLiteral("SSL")), qPrintable(recorder.errorText()));
-    QVERIFY(recorder.events.isEmpty());
-    QVERIFY(server.requests().isEmpty());
-}
-
-void tst_ChatStream::crossOriginRedirect_neverGetsTheKey()
-{
-    LoopbackServer elsewhere;
-    QVERIFY(elsewhere.listen());
-    elsewhere.setResponse(LoopbackResponse::eventStream({openAIChunk("stolen")}));
-    LoopbackServer origin;
-    QVERIFY(origin.listen());
-    LoopbackResponse redirect = LoopbackResponse::text(307, "see other host");
-    redirect.headers.append(
-        qMakePair(QByteArray("Location"), elsewhere.url(QStringLiteral("/v1/chat/completions")).toEncoded()));
-    origin.setResponse(redirect);
-
-    for (const ProviderWire wire : {ProviderWire::openAI, ProviderWire::anthropic}) {
-        const Recorder recorder = run(
-            ChatService(), provider(wire, origin.url(QStringLiteral("/v1")).toString(), QStringLiteral("sk-secret")));
-        QCOMPARE(recorder.errorText(), QStringLiteral("Provider returned HTTP 307: see other host"));
-        QVERIFY(recorder.events.isEmpty());
-    }
-    QCOMPARE(origin.requests().size(), 2);
-    QCOMPARE(origin.requests().at(0).header("Authorization"), QByteArray("Bearer sk-secret"));
-    QCOMPARE(origin.requests().at(1).header("x-api-key"), QByteArray("sk-secret"));
+    const auto *transfer = std::get_if<TransferError>(&*recorder.error);
+    QCOMPARE(transfer ? int(transfer->code) : -1, row.code);
+    if (transfer)
+        QVERIFY2(!recorder.errorText().isEmpty() && recorder.errorText().contains(row.text),
+                 qPrintable(recorder.errorText()));
+    else
+        QCOMPARE(recorder.errorText(), row.text);
+    QCOMPARE(recorder.events.size(), row.events);
+    QCOMPARE(server.requests().size(), row.requests);
     QCOMPARE(elsewhere.connectionCount(), 0);
 }
 
-void tst_ChatStream::cancel_stopsAtOnceAndEndsNormallyLater()
+void tst_ChatStream::twoStreams_data()
 {
-    LoopbackServer server;
-    QVERIFY(server.listen());
-    QList<QByteArray> chunks;
-    for (int i = 0; i < 200; ++i)
-        chunks.append(openAIChunk(QByteArray::number(i) + ' '));
-    server.setResponse(LoopbackResponse::eventStream(chunks, 5));
-
-    QObject consumer;
-    Recorder recorder;
-    QPointer<ChatStream> stream =
-        ChatService().stream(provider(ProviderWire::openAI, server.url().toString()), conversation(), &consumer);
-    recorder.attach(stream, &consumer);
-    int finishedAtCancel = -1;
-    // Cancelling from inside the event's own slot is how a consumer stops as soon as it has enough.
-    connect(stream, &ChatStream::eventReceived, &consumer, [&] {
-        if (recorder.events.size() == 3) {
-            stream->cancel();
-            finishedAtCancel = recorder.finishedCount;
-            QVERIFY(stream->isFinished());
-            stream->cancel();
-        }
-    });
-    QTRY_COMPARE(recorder.finishedCount, 1);
-    QCOMPARE(finishedAtCancel, 0);
-    QCOMPARE(recorder.events.size(), 3);
-    QVERIFY(!recorder.error.has_value());
-    QTRY_VERIFY(stream.isNull());
-    QTest::qWait(50);
-    QCOMPARE(recorder.events.size(), 3);
-    QCOMPARE(recorder.finishedCount, 1);
+    QTest::addColumn<bool>("cancel");
+    QTest::newRow("second cancelled from its own event slot") << true;
+    QTest::newRow("second's consumer destroyed") << false;
 }
 
-void tst_ChatStream::destroyedConsumer_stopsSilently()
+// Two streams at once keep their events apart. The second one's consumer has enough after three
+// events: cancelled, it ends normally on a later turn; with its consumer gone, it says nothing more.
+void tst_ChatStream::twoStreams()
 {
-    LoopbackServer server;
-    QVERIFY(server.listen());
-    QList<QByteArray> chunks;
-    for (int i = 0; i < 100; ++i)
-        chunks.append(openAIChunk("x"));
-    server.setResponse(LoopbackResponse::eventStream(chunks, 5));
-
-    auto *consumer = new QObject;
-    int events = 0;
-    int ends = 0;
-    QPointer<ChatStream> stream =
-        ChatService().stream(provider(ProviderWire::openAI, server.url().toString()), conversation(), consumer);
-    // Counted through a context that outlives the consumer, to see anything emitted after it is gone.
-    connect(stream, &ChatStream::eventReceived, this, [&] {
-        if (++events == 2)
-            delete consumer;
-    });
-    connect(stream, &ChatStream::finished, this, [&] { ++ends; });
-    QTRY_VERIFY(stream.isNull());
-    QTest::qWait(50);
-    QCOMPARE(events, 2);
-    QCOMPARE(ends, 0);
-}
-
-void tst_ChatStream::twoStreams_doNotMix()
-{
+    QFETCH(bool, cancel);
     LoopbackServer server;
     QVERIFY(server.listen());
     server.setHandler([](const LoopbackRequest &request) {
         const QByteArray tag = request.body.contains("\"model\":\"a\"") ? "a" : "b";
         QList<QByteArray> chunks;
         for (int i = 0; i < 20; ++i)
-            chunks.append(openAIChunk(tag + QByteArray::number(i) + ' '));
-        chunks.append("data: [DONE]\n\n");
-        return LoopbackResponse::eventStream(chunks, 3);
+            chunks.append(chunk(tag + QByteArray::number(i) + ' '));
+        return LoopbackResponse::eventStream(chunks, 5);
     });
 
-    QObject consumer;
+    QObject consumerA;
+    auto *consumerB = new QObject;
+    Provider p = provider(ProviderWire::openAI, server.url().toString());
+    p.model = QStringLiteral("a");
     Recorder a, b;
-    Provider pa = provider(ProviderWire::openAI, server.url().toString());
-    pa.model = QStringLiteral("a");
-    Provider pb = pa;
-    pb.model = QStringLiteral("b");
-    a.attach(ChatService().stream(pa, conversation(), &consumer), &consumer);
-    b.attach(ChatService().stream(pb, conversation(), &consumer), &consumer);
-    QTRY_VERIFY(a.finishedCount == 1 && b.finishedCount == 1);
+    a.attach(ChatService().stream(p, hi(), &consumerA), &consumerA);
+    p.model = QStringLiteral("b");
+    QPointer<ChatStream> second = ChatService().stream(p, hi(), consumerB);
+    b.attach(second, this); // outlives consumerB, to see anything emitted after it is gone
+    std::optional<bool> finishedAtCancel;
+    connect(second, &ChatStream::eventReceived, this, [&] {
+        if (b.events.size() != 3)
+            return;
+        if (!cancel) {
+            delete std::exchange(consumerB, nullptr);
+            return;
+        }
+        second->cancel();
+        finishedAtCancel = b.finishedCount > 0 || !second->isFinished();
+        second->cancel();
+    });
+    QTRY_VERIFY(a.finishedCount == 1 && second.isNull());
+    QTest::qWait(50);
 
-    QString expectedA, expectedB;
-    for (int i = 0; i < 20; ++i) {
-        expectedA += QStringLiteral("a%1 ").arg(i);
-        expectedB += QStringLiteral("b%1 ").arg(i);
-    }
-    QCOMPARE(a.text(), expectedA);
-    QCOMPARE(b.text(), expectedB);
+    QString expected;
+    for (int i = 0; i < 20; ++i)
+        expected += QStringLiteral("a%1 ").arg(i);
+    QCOMPARE(a.text(), expected);
+    QCOMPARE(b.text(), QStringLiteral("b0 b1 b2 "));
+    QCOMPARE(b.finishedCount, cancel ? 1 : 0);
     QVERIFY(!a.error && !b.error);
+    QCOMPARE(finishedAtCancel, cancel ? std::optional(false) : std::nullopt);
+    delete consumerB;
 }
 
 void tst_ChatStream::mockProviderProcess_streamsItsReply()
 {
-    QTemporaryDir dir;
-    QVERIFY(dir.isValid());
-    const QString reply = QStringLiteral("# Title\n\nSome *Markdown* with ünïcödé and 😀 emoji.\n\n```\ncode\n```\n");
-    QFile replyFile(dir.filePath(QStringLiteral("reply.md")));
-    QVERIFY(replyFile.open(QIODevice::WriteOnly));
-    replyFile.write(reply.toUtf8());
-    replyFile.close();
-
-    const auto startMock = [&](QProcess &process, const QStringList &extra) {
-        process.start(QStringLiteral(VERBOLT_MOCK_PROVIDER),
-                      QStringList{QStringLiteral("--reply"), replyFile.fileName(),
-                                  QStringLiteral("--tokens-per-second"), QStringLiteral("2000"),
-                                  QStringLiteral("--require-key"), QStringLiteral("sk-mock")} +
-                          extra);
-        if (!process.waitForStarted() || !process.waitForReadyRead(10000))
-            return QString();
-        return QStringLiteral("http://127.0.0.1:%1/v1").arg(QString::fromUtf8(process.readLine().trimmed()));
-    };
-
     QProcess mock;
-    const QString base = startMock(mock, {});
-    QVERIFY(!base.isEmpty());
+    mock.start(QStringLiteral(VERBOLT_MOCK_PROVIDER), {QStringLiteral("--tokens-per-second"), QStringLiteral("2000")});
+    QVERIFY(mock.waitForStarted() && mock.waitForReadyRead(10000));
+    const QString base = QStringLiteral("http://127.0.0.1:%1/v1").arg(QString::fromUtf8(mock.readLine().trimmed()));
     for (const ProviderWire wire : {ProviderWire::openAI, ProviderWire::anthropic}) {
-        const Recorder recorder = run(ChatService(), provider(wire, base, QStringLiteral("sk-mock")));
+        const Recorder recorder = run(provider(wire, base));
         QCOMPARE(recorder.errorText(), QString());
-        QCOMPARE(recorder.text(), reply);
-        TokenUsage merged;
+        QCOMPARE(recorder.text(), MockProviderOptions().reply);
+        bool prompt = false, completion = false;
         for (const ChatEvent &event : recorder.events) {
-            if (event.kind != ChatEvent::Kind::usage)
-                continue;
-            merged.promptTokens = event.usage.promptTokens ? event.usage.promptTokens : merged.promptTokens;
-            merged.completionTokens =
-                event.usage.completionTokens ? event.usage.completionTokens : merged.completionTokens;
+            prompt |= event.usage.promptTokens.value_or(0) > 0;
+            completion |= event.usage.completionTokens.value_or(0) > 0;
         }
-        QVERIFY(merged.promptTokens.value_or(0) > 0);
-        QVERIFY(merged.completionTokens.value_or(0) > 0);
+        QVERIFY(prompt && completion);
     }
-    const Recorder wrongKey = run(ChatService(), provider(ProviderWire::openAI, base, QStringLiteral("sk-other")));
-    QVERIFY(wrongKey.errorText().startsWith(QStringLiteral("Provider returned HTTP 401: ")));
     mock.kill();
     mock.waitForFinished();
-
-    QProcess dropping;
-    const QString dropBase = startMock(dropping, {QStringLiteral("--drop-after"), QStringLiteral("3")});
-    QVERIFY(!dropBase.isEmpty());
-    const Recorder dropped = run(ChatService(), provider(ProviderWire::openAI, dropBase, QStringLiteral("sk-mock")));
-    QCOMPARE(dropped.events.size(), 3);
-    QVERIFY(dropped.error.has_value());
-    QVERIFY(std::holds_alternative<TransferError>(*dropped.error));
-    dropping.kill();
-    dropping.waitForFinished();
 }
 
 QTEST_GUILESS_MAIN(tst_ChatStream)
