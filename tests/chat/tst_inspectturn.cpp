@@ -22,13 +22,9 @@ std::optional<QByteArray> inspect(const QTemporaryDir &home, const QStringList &
     process.setProcessEnvironment(env);
     process.start(QStringLiteral(VERBOLT_INSPECT), args);
     process.closeWriteChannel();
-    if (!QTest::qWaitFor([&] { return process.state() == QProcess::NotRunning; }, 30000)) {
-        process.kill();
-        process.waitForFinished();
-        return std::nullopt;
-    }
-    if (process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0)
-        return std::nullopt;
+    const bool ended = QTest::qWaitFor([&] { return process.state() == QProcess::NotRunning; }, 30000);
+    if (!ended || process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0)
+        return std::nullopt; // a process still running is killed with its QProcess
     return process.readAllStandardOutput();
 }
 
