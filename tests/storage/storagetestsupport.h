@@ -20,6 +20,8 @@
 
 namespace StorageTest {
 
+using namespace Qt::StringLiterals;
+
 // Points XDG_CONFIG_HOME and XDG_DATA_HOME into a fresh temporary folder. Must run before the
 // first QSettings or QStandardPaths use of the process (QSettings caches its paths).
 class Profile
@@ -27,17 +29,15 @@ class Profile
 public:
     Profile()
     {
-        m_dir.setAutoRemove(true);
         qputenv("XDG_CONFIG_HOME", QFile::encodeName(configHome()));
         qputenv("XDG_DATA_HOME", QFile::encodeName(dataHome()));
         QDir().mkpath(configHome());
         QDir().mkpath(dataHome());
     }
-    bool isValid() const { return m_dir.isValid(); }
     QString root() const { return m_dir.path(); }
-    QString configHome() const { return m_dir.path() + QStringLiteral("/config"); }
-    QString dataHome() const { return m_dir.path() + QStringLiteral("/data"); }
-    QString conversationsFile() const { return dataHome() + QStringLiteral("/Verbolt/conversations.json"); }
+    QString configHome() const { return root() + u"/config"_s; }
+    QString dataHome() const { return root() + u"/data"_s; }
+    QString conversationsFile() const { return dataHome() + u"/Verbolt/conversations.json"_s; }
 
 private:
     QTemporaryDir m_dir;
@@ -47,6 +47,9 @@ private:
 class ScriptedDialogs final : public FileDialogs
 {
 public:
+    explicit ScriptedDialogs(std::optional<QString> answer = std::nullopt)
+        : answer(std::move(answer))
+    {}
     std::optional<QString> answer;
     QList<SaveDialogRequest> saves;
     QList<OpenDialogRequest> opens;
@@ -63,58 +66,39 @@ public:
     }
 };
 
-// Makes a folder read-only for the scope. Root ignores folder permissions, so when the tests run
-// as root the effective user becomes "nobody" for the scope as well, which makes the permissions
-// bite as they would for a normal user.
-class ReadOnlyFolder
+// Runs act while folder is read-only, or returns false where that cannot be arranged. Root
+// ignores folder permissions, so for root the effective user becomes "nobody" meanwhile, once the
+// folders from folder's parent up to boundary are passable for "nobody".
+template<class Act>
+bool whileReadOnly(const QString &folder, const QString &boundary, Act act)
 {
-public:
-    // The folders from folder's parent up to boundary are made passable for "nobody" meanwhile.
-    ReadOnlyFolder(const QString &folder, const QString &boundary)
-        : m_folder(folder)
-    {
-        m_permissions = QFileInfo(folder).permissions();
-        QFile::setPermissions(folder, QFileDevice::ReadOwner | QFileDevice::ExeOwner | QFileDevice::ReadOther |
-                                          QFileDevice::ExeOther | QFileDevice::ReadGroup | QFileDevice::ExeGroup);
-        if (geteuid() == 0) {
-            const QString top = QDir(boundary).absolutePath();
-            for (QDir dir(QFileInfo(folder).absolutePath()); dir.absolutePath().startsWith(top); dir.cdUp()) {
-                m_opened.append({dir.absolutePath(), QFileInfo(dir.absolutePath()).permissions()});
-                if (dir.absolutePath() == top)
-                    break;
-            }
-            for (const auto &[path, permissions] : std::as_const(m_opened))
-                QFile::setPermissions(path, permissions | QFileDevice::ExeOther);
-            m_droppedRoot = seteuid(65534) == 0;
-        }
+    const auto permissions = QFileInfo(folder).permissions();
+    QFile::setPermissions(folder, QFileDevice::ReadOwner | QFileDevice::ExeOwner | QFileDevice::ReadGroup |
+                                      QFileDevice::ExeGroup | QFileDevice::ReadOther | QFileDevice::ExeOther);
+    QList<std::pair<QString, QFileDevice::Permissions>> opened;
+    for (QDir dir(QFileInfo(folder).absolutePath()); geteuid() == 0 && dir.absolutePath().startsWith(boundary);
+         dir.cdUp()) {
+        opened.append({dir.absolutePath(), QFileInfo(dir.absolutePath()).permissions()});
+        QFile::setPermissions(dir.absolutePath(), opened.last().second | QFileDevice::ExeOther);
+        if (dir.absolutePath() == boundary)
+            break;
     }
-    ~ReadOnlyFolder()
-    {
-        if (m_droppedRoot) [[maybe_unused]]
-            const int restored = seteuid(0);
-        for (const auto &[path, permissions] : std::as_const(m_opened))
-            QFile::setPermissions(path, permissions);
-        QFile::setPermissions(m_folder, m_permissions);
-    }
-    ReadOnlyFolder(const ReadOnlyFolder &) = delete;
-    ReadOnlyFolder &operator=(const ReadOnlyFolder &) = delete;
-
-    // False when nothing can make the folder read-only here (root without the right to change user).
-    bool isEffective() const { return geteuid() != 0; }
-
-private:
-    QString m_folder;
-    QFileDevice::Permissions m_permissions;
-    QList<std::pair<QString, QFileDevice::Permissions>> m_opened;
-    bool m_droppedRoot = false;
-};
+    const bool droppedRoot = geteuid() == 0 && seteuid(65534) == 0;
+    const bool effective = geteuid() != 0;
+    if (effective)
+        act();
+    if (droppedRoot && seteuid(0) != 0)
+        qFatal("cannot become root again");
+    for (const auto &[path, previous] : std::as_const(opened))
+        QFile::setPermissions(path, previous);
+    QFile::setPermissions(folder, permissions);
+    return effective;
+}
 
 inline QByteArray readAll(const QString &path)
 {
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    return file.readAll();
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 inline bool writeAll(const QString &path, const QByteArray &bytes)
@@ -132,31 +116,33 @@ inline bool isOwnerOnly(const QString &path)
     return (p & QFileDevice::ReadOwner) && (p & QFileDevice::WriteOwner) && !(p & others);
 }
 
+template<class T>
+std::optional<QUuid> idOf(const T &item)
+{
+    return item.id;
+}
+
+template<class T>
+QList<QUuid> ids(const QList<T> &items)
+{
+    QList<QUuid> out;
+    for (const T &item : items)
+        out.append(item.id);
+    return out;
+}
+
 inline Provider provider(const QString &name, ProviderWire wire = ProviderWire::openAI,
                          const QUuid &id = QUuid::createUuid())
 {
-    Provider p;
-    p.id = id;
-    p.name = name;
-    p.wire = wire;
-    p.baseURL = QStringLiteral("https://api.example.com/v1");
-    p.model = QStringLiteral("model-") + name;
-    p.cachedModels = {QStringLiteral("a"), QStringLiteral("b")};
-    p.apiKey = QStringLiteral("sk-") + name;
-    return p;
+    return {id, name, wire, u"https://api.example.com/v1"_s, u"model-"_s + name, {u"a"_s, u"b"_s}, u"sk-"_s + name};
 }
 
 inline Conversation conversation(const QString &title, double updatedAt, const QUuid &id = QUuid::createUuid())
 {
-    Conversation c;
-    c.id = id;
-    c.title = title;
-    c.createdAt = updatedAt - 10;
-    c.updatedAt = updatedAt;
-    c.messages = {ChatMessage(ChatRole::user, QStringLiteral("question about ") + title),
-                  ChatMessage(ChatRole::assistant, QStringLiteral("an **answer** with `code` and \\ and é"),
-                              TokenUsage{3, 4, 7})};
-    return c;
+    const QList<ChatMessage> messages = {
+        ChatMessage(ChatRole::user, u"question about "_s + title),
+        ChatMessage(ChatRole::assistant, u"an **answer** with `code` and \\ and é"_s, TokenUsage{3, 4, 7})};
+    return {id, title, std::nullopt, messages, updatedAt - 10, updatedAt};
 }
 
 } // namespace StorageTest

@@ -18,11 +18,27 @@ struct Snapshot
     QList<Conversation> conversations;
     std::optional<QUuid> selectedConversation;
 
-    static Snapshot of(const ProviderStore &p, const ConversationStore &c)
-    {
-        return {p.providers(), p.selectedID(), c.conversations(), c.selectedID()};
-    }
     friend bool operator==(const Snapshot &, const Snapshot &) = default;
+};
+
+struct Stores
+{
+    ProviderStore providers;
+    ConversationStore conversations;
+
+    Snapshot snapshot() const
+    {
+        return {providers.providers(), providers.selectedID(), conversations.conversations(),
+                conversations.selectedID()};
+    }
+    std::optional<QString> exportTo(FileDialogs &dialogs)
+    {
+        return ConfigArchive::exportConfig(providers, conversations, dialogs);
+    }
+    std::optional<QString> importFrom(FileDialogs &dialogs)
+    {
+        return ConfigArchive::importConfig(providers, conversations, dialogs);
+    }
 };
 
 } // namespace
@@ -31,267 +47,151 @@ class tst_ConfigArchive : public QObject
 {
     Q_OBJECT
 
+    Profile m_profile;
+    const QString m_folder = m_profile.root() + u"/out"_s;
+    const QString m_archive = m_folder + u"/verbolt-config.json"_s;
+
+    void wipeProfile()
+    {
+        QSettings(u"Verbolt"_s, u"Verbolt"_s).clear();
+        QFile::remove(m_profile.conversationsFile());
+    }
+
 private slots:
-    void initTestCase();
-    void init();
+    void init()
+    {
+        wipeProfile();
+        QDir(m_folder).removeRecursively();
+        QDir().mkpath(m_folder);
+    }
 
-    void exportEmpty_writesTwoEmptyListsAndVersion();
-    void export_isPrettySortedOwnerOnly();
-    void exportThenImport_intoFreshProfile_restoresEverything();
-    void exportThenImport_intoSameProfile_changesNothing();
-    void import_mergesByIdAndResortsWhateverTheVersion();
-    void badArchive_importsNothing_data();
-    void badArchive_importsNothing();
-    void cancel_changesNothing();
-    void exportIntoReadOnlyFolder_failsAndKeepsOldFile();
+    void export_isPrettySortedOwnerOnly()
+    {
+        Stores stores;
+        ScriptedDialogs dialogs(m_archive);
+        QCOMPARE(stores.exportTo(dialogs), std::nullopt);
+        // Pretty and sorted; the writer sorts and escapes at every depth.
+        QCOMPARE(readAll(m_archive), "{\n  \"conversations\" : [],\n  \"providers\" : [],\n  \"version\" : 1\n}"_ba);
+        QVERIFY(isOwnerOnly(m_archive));
+        const SaveDialogRequest &asked = dialogs.saves.first();
+        QCOMPARE(asked.title, u"Export Config"_s);
+        QCOMPARE(asked.message, u"Includes API keys in plain text \u2014 keep this file safe."_s);
+        QCOMPARE(asked.suggestedName, u"verbolt-config.json"_s);
+        QVERIFY(asked.nameFilters.first().contains(u"*.json"_s));
+    }
 
-private:
-    void wipeProfile();
-
-    std::unique_ptr<Profile> m_profile;
-    QString m_archive;
-};
-
-void tst_ConfigArchive::initTestCase()
-{
-    m_profile = std::make_unique<Profile>();
-    QVERIFY(m_profile->isValid());
-    m_archive = m_profile->root() + QStringLiteral("/out/verbolt-config.json");
-}
-
-void tst_ConfigArchive::init()
-{
-    wipeProfile();
-    QDir(QFileInfo(m_archive).absolutePath()).removeRecursively();
-    QDir().mkpath(QFileInfo(m_archive).absolutePath());
-}
-
-void tst_ConfigArchive::wipeProfile()
-{
-    QSettings settings(QStringLiteral("Verbolt"), QStringLiteral("Verbolt"));
-    settings.clear();
-    settings.sync();
-    QFile::remove(m_profile->conversationsFile());
-}
-
-void tst_ConfigArchive::exportEmpty_writesTwoEmptyListsAndVersion()
-{
-    ProviderStore providers;
-    ConversationStore conversations;
-    ScriptedDialogs dialogs;
-    dialogs.answer = m_archive;
-    QCOMPARE(ConfigArchive::exportConfig(providers, conversations, dialogs), std::nullopt);
-
-    QCOMPARE(readAll(m_archive),
-             QByteArrayLiteral("{\n  \"conversations\" : [],\n  \"providers\" : [],\n  \"version\" : 1\n}"));
-    QCOMPARE(dialogs.saves.size(), 1);
-    const SaveDialogRequest &asked = dialogs.saves.first();
-    QCOMPARE(asked.title, QStringLiteral("Export Config"));
-    QCOMPARE(asked.message, QStringLiteral("Includes API keys in plain text \u2014 keep this file safe."));
-    QCOMPARE(asked.suggestedName, QStringLiteral("verbolt-config.json"));
-    QVERIFY(asked.nameFilters.first().contains(QStringLiteral("*.json")));
-}
-
-void tst_ConfigArchive::export_isPrettySortedOwnerOnly()
-{
-    ProviderStore providers;
-    ConversationStore conversations;
-    providers.add(provider(QStringLiteral("a")));
-    conversations.merge({conversation(QStringLiteral("c"), 10)});
-    ScriptedDialogs dialogs;
-    dialogs.answer = m_archive;
-    QCOMPARE(ConfigArchive::exportConfig(providers, conversations, dialogs), std::nullopt);
-
-    QVERIFY(isOwnerOnly(m_archive));
-    const QByteArray bytes = readAll(m_archive);
-    QVERIFY(bytes.contains("\"baseURL\" : \"https:\\/\\/api.example.com\\/v1\""));
-    QVERIFY(bytes.contains("\"apiKey\" : \"sk-a\""));
-    // Keys sorted at every depth: a provider, a message and its usage.
-    const auto order = [&](std::initializer_list<const char *> keys) {
-        qsizetype last = -1;
-        for (const char *key : keys) {
-            const QByteArray needle = QByteArray("\"") + key + "\" :";
-            const qsizetype at = bytes.indexOf(needle, last + 1);
-            if (at <= last)
-                return false;
-            last = at;
+    void exportThenImport_intoFreshProfile_restoresEverything()
+    {
+        Snapshot before;
+        {
+            Stores stores;
+            stores.providers.add(provider(u"first"_s));
+            stores.providers.add(provider(u"second"_s, ProviderWire::anthropic));
+            stores.conversations.merge(
+                {conversation(u"old"_s, 100), conversation(u"new"_s, 900), conversation(u"mid"_s, 500)});
+            before = stores.snapshot();
+            ScriptedDialogs dialogs(m_archive);
+            QCOMPARE(stores.exportTo(dialogs), std::nullopt);
         }
-        return true;
-    };
-    QVERIFY(order({"apiKey", "baseURL", "cachedModels", "id", "model", "name", "wire"}));
-    QVERIFY(order({"completionTokens", "promptTokens", "totalTokens"}));
-    QCOMPARE(decodeJson<ConfigArchive::Payload>(bytes)->providers, providers.providers());
-}
+        wipeProfile();
 
-void tst_ConfigArchive::exportThenImport_intoFreshProfile_restoresEverything()
-{
-    Snapshot before;
-    {
-        ProviderStore providers;
-        ConversationStore conversations;
-        providers.add(provider(QStringLiteral("first")));
-        providers.add(provider(QStringLiteral("second"), ProviderWire::anthropic));
-        conversations.merge({conversation(QStringLiteral("old"), 100), conversation(QStringLiteral("new"), 900),
-                             conversation(QStringLiteral("mid"), 500)});
-        before = Snapshot::of(providers, conversations);
-        ScriptedDialogs dialogs;
-        dialogs.answer = m_archive;
-        QCOMPARE(ConfigArchive::exportConfig(providers, conversations, dialogs), std::nullopt);
+        Stores stores;
+        ScriptedDialogs dialogs(m_archive);
+        QCOMPARE(stores.importFrom(dialogs), std::nullopt);
+        QCOMPARE(dialogs.opens.first().title, u"Import Config"_s);
+        QCOMPARE(stores.snapshot(), before);
+        QCOMPARE(Stores().snapshot(), before); // on disk, not only in memory
     }
-    wipeProfile();
 
-    ProviderStore providers;
-    ConversationStore conversations;
-    QVERIFY(providers.providers().isEmpty());
-    ScriptedDialogs dialogs;
-    dialogs.answer = m_archive;
-    QCOMPARE(ConfigArchive::importConfig(providers, conversations, dialogs), std::nullopt);
-    QCOMPARE(Snapshot::of(providers, conversations), before);
-    QCOMPARE(dialogs.opens.first().title, QStringLiteral("Import Config"));
-
-    // And it is on disk, not only in memory.
-    ProviderStore reloadedProviders;
-    ConversationStore reloadedConversations;
-    QCOMPARE(Snapshot::of(reloadedProviders, reloadedConversations), before);
-}
-
-void tst_ConfigArchive::exportThenImport_intoSameProfile_changesNothing()
-{
-    ProviderStore providers;
-    ConversationStore conversations;
-    providers.setProviders({provider(QStringLiteral("a")), provider(QStringLiteral("b"))});
-    providers.setSelectedID(providers.providers().last().id);
-    conversations.merge({conversation(QStringLiteral("x"), 100), conversation(QStringLiteral("y"), 200)});
-    conversations.setSelectedID(conversations.conversations().last().id);
-    const Snapshot before = Snapshot::of(providers, conversations);
-
-    ScriptedDialogs dialogs;
-    dialogs.answer = m_archive;
-    QCOMPARE(ConfigArchive::exportConfig(providers, conversations, dialogs), std::nullopt);
-    QCOMPARE(ConfigArchive::importConfig(providers, conversations, dialogs), std::nullopt);
-    QCOMPARE(Snapshot::of(providers, conversations), before);
-}
-
-void tst_ConfigArchive::import_mergesByIdAndResortsWhateverTheVersion()
-{
-    ProviderStore providers;
-    ConversationStore conversations;
-    const Provider local = provider(QStringLiteral("local"));
-    providers.add(local);
-    const Conversation older = conversation(QStringLiteral("older"), 100);
-    const Conversation newer = conversation(QStringLiteral("newer"), 300);
-    conversations.merge({older, newer});
-
-    ConfigArchive::Payload payload;
-    payload.version = 7; // read, never checked
-    Provider replaced = provider(QStringLiteral("renamed"), ProviderWire::anthropic, local.id);
-    replaced.baseURL = QStringLiteral("https://elsewhere.example/api");
-    replaced.cachedModels = {QStringLiteral("m1")};
-    replaced.apiKey = QStringLiteral("sk-imported");
-    const Provider added = provider(QStringLiteral("added"));
-    payload.providers = {added, replaced};
-    const Conversation between = conversation(QStringLiteral("between"), 200);
-    payload.conversations = {between};
-    QVERIFY(writeAll(m_archive, ConfigArchive::encode(payload)));
-
-    ScriptedDialogs dialogs;
-    dialogs.answer = m_archive;
-    QCOMPARE(ConfigArchive::importConfig(providers, conversations, dialogs), std::nullopt);
-    QCOMPARE(providers.providers(), (QList<Provider>{replaced, added}));
-    QCOMPARE(providers.selectedID(), std::optional<QUuid>(local.id));
-    QCOMPARE(conversations.conversations(), (QList<Conversation>{newer, between, older}));
-    QCOMPARE(conversations.selectedID(), std::optional<QUuid>(newer.id));
-}
-
-void tst_ConfigArchive::badArchive_importsNothing_data()
-{
-    QTest::addColumn<QByteArray>("bytes");
-    QTest::addColumn<QString>("reason"); // a word the failure text must hold
-
-    ConfigArchive::Payload payload;
-    payload.providers = {provider(QStringLiteral("fine")), provider(QStringLiteral("odd"))};
-    payload.conversations = {conversation(QStringLiteral("c"), 5)};
-    const QByteArray good = ConfigArchive::encode(payload);
-
-    QByteArray unknownWire = good;
-    unknownWire.replace(unknownWire.lastIndexOf("\"openAI\""), 8, "\"gemini\"");
-    QTest::newRow("a provider of unknown wire") << unknownWire << QStringLiteral("wire");
-    QByteArray noVersion = good;
-    noVersion.replace(",\n  \"version\" : 1", "");
-    QTest::newRow("no version") << noVersion << QStringLiteral("version");
-    QByteArray textDate = good;
-    textDate.replace("\"updatedAt\" : 5", "\"updatedAt\" : \"yesterday\"");
-    QTest::newRow("a date that is text") << textDate << QStringLiteral("updatedAt");
-    QTest::newRow("no providers") << QByteArrayLiteral("{\"version\":1,\"conversations\":[]}")
-                                  << QStringLiteral("providers");
-    QTest::newRow("not JSON") << QByteArrayLiteral("version = 1") << QString();
-    QTest::newRow("a list") << QByteArrayLiteral("[]") << QString();
-    QTest::newRow("missing file") << QByteArray() << QString();
-}
-
-void tst_ConfigArchive::badArchive_importsNothing()
-{
-    QFETCH(QByteArray, bytes);
-    QFETCH(QString, reason);
-
-    ProviderStore providers;
-    ConversationStore conversations;
-    providers.add(provider(QStringLiteral("mine")));
-    conversations.newChat(std::nullopt);
-    const Snapshot before = Snapshot::of(providers, conversations);
-    const QByteArray fileBefore = readAll(conversations.fileURL());
-    const QByteArray settingsBefore = readAll(providers.settingsFileName());
-    if (!bytes.isEmpty())
-        QVERIFY(writeAll(m_archive, bytes));
-
-    ScriptedDialogs dialogs;
-    dialogs.answer = m_archive;
-    const auto failure = ConfigArchive::importConfig(providers, conversations, dialogs);
-    QVERIFY(failure);
-    QVERIFY2(failure->startsWith(QStringLiteral("Import failed: ")), qPrintable(*failure));
-    QVERIFY(failure->size() > QStringLiteral("Import failed: ").size());
-    QVERIFY2(failure->contains(reason), qPrintable(*failure));
-    QCOMPARE(Snapshot::of(providers, conversations), before);
-    QCOMPARE(readAll(conversations.fileURL()), fileBefore);
-    QCOMPARE(readAll(providers.settingsFileName()), settingsBefore);
-}
-
-void tst_ConfigArchive::cancel_changesNothing()
-{
-    ProviderStore providers;
-    ConversationStore conversations;
-    providers.add(provider(QStringLiteral("mine")));
-    const Snapshot before = Snapshot::of(providers, conversations);
-    ScriptedDialogs dialogs; // answers nothing: the user cancelled
-    QCOMPARE(ConfigArchive::exportConfig(providers, conversations, dialogs), std::nullopt);
-    QCOMPARE(ConfigArchive::importConfig(providers, conversations, dialogs), std::nullopt);
-    QCOMPARE(dialogs.saves.size(), 1);
-    QCOMPARE(dialogs.opens.size(), 1);
-    QCOMPARE(Snapshot::of(providers, conversations), before);
-    QVERIFY(QDir(QFileInfo(m_archive).absolutePath()).isEmpty());
-}
-
-void tst_ConfigArchive::exportIntoReadOnlyFolder_failsAndKeepsOldFile()
-{
-    QVERIFY(writeAll(m_archive, QByteArrayLiteral("the previous backup")));
-    ProviderStore providers;
-    ConversationStore conversations;
-    providers.add(provider(QStringLiteral("mine")));
-    ScriptedDialogs dialogs;
-    dialogs.answer = m_archive;
-    std::optional<QString> failure;
+    void import_mergesByIdKeepsSelectionAndResortsWhateverTheVersion()
     {
-        ReadOnlyFolder readOnly(QFileInfo(m_archive).absolutePath(), m_profile->root());
-        if (!readOnly.isEffective())
+        Stores stores;
+        const Provider local = provider(u"local"_s);
+        const Provider other = provider(u"other"_s);
+        stores.providers.setProviders({local, other});
+        stores.providers.setSelectedID(other.id);
+        const Conversation older = conversation(u"older"_s, 100);
+        const Conversation newer = conversation(u"newer"_s, 300);
+        stores.conversations.merge({older, newer});
+        stores.conversations.setSelectedID(older.id);
+
+        Provider replaced = provider(u"renamed"_s, ProviderWire::anthropic, local.id);
+        replaced.cachedModels = {u"m1"_s};
+        const Provider added = provider(u"added"_s);
+        const Conversation between = conversation(u"between"_s, 200);
+        // The version is read, never checked.
+        QVERIFY(writeAll(m_archive, ConfigArchive::encode({7, {added, replaced}, {between}})));
+
+        ScriptedDialogs dialogs(m_archive);
+        QCOMPARE(stores.importFrom(dialogs), std::nullopt);
+        QCOMPARE(stores.snapshot(), (Snapshot{{replaced, other, added}, other.id, {newer, between, older}, older.id}));
+    }
+
+    void badArchive_importsNothing_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<QString>("reason"); // a word the failure text must hold
+
+        const QByteArray good =
+            ConfigArchive::encode({1, {provider(u"fine"_s), provider(u"odd"_s)}, {conversation(u"c"_s, 5)}});
+        QByteArray unknownWire = good;
+        unknownWire.replace(unknownWire.lastIndexOf("\"openAI\""), 8, "\"gemini\"");
+        QTest::newRow("a provider of unknown wire") << unknownWire << u"wire"_s;
+        QTest::newRow("no version") << QByteArray(good).replace(",\n  \"version\" : 1", "") << u"version"_s;
+        QTest::newRow("a date that is text")
+            << QByteArray(good).replace("\"updatedAt\" : 5", "\"updatedAt\" : \"x\"") << u"updatedAt"_s;
+        QTest::newRow("no providers") << "{\"version\":1,\"conversations\":[]}"_ba << u"providers"_s;
+        QTest::newRow("not JSON") << "version = 1"_ba << QString();
+        QTest::newRow("a list") << "[]"_ba << QString();
+        QTest::newRow("missing file") << QByteArray() << QString();
+    }
+    void badArchive_importsNothing()
+    {
+        QFETCH(QByteArray, bytes);
+        QFETCH(QString, reason);
+
+        Stores stores;
+        stores.providers.add(provider(u"mine"_s));
+        stores.conversations.newChat(std::nullopt);
+        const Snapshot before = stores.snapshot();
+        if (!bytes.isEmpty())
+            QVERIFY(writeAll(m_archive, bytes));
+
+        ScriptedDialogs dialogs(m_archive);
+        const auto failure = stores.importFrom(dialogs);
+        const QString prefix = u"Import failed: "_s;
+        QVERIFY2(failure && failure->startsWith(prefix) && failure->size() > prefix.size() && failure->contains(reason),
+                 qPrintable(failure.value_or(QString())));
+        QCOMPARE(stores.snapshot(), before);
+    }
+
+    void cancel_changesNothing()
+    {
+        Stores stores;
+        stores.providers.add(provider(u"mine"_s));
+        const Snapshot before = stores.snapshot();
+        ScriptedDialogs dialogs; // answers nothing: the user cancelled
+        QCOMPARE(stores.exportTo(dialogs), std::nullopt);
+        QCOMPARE(stores.importFrom(dialogs), std::nullopt);
+        QCOMPARE(dialogs.saves.size() + dialogs.opens.size(), 2);
+        QCOMPARE(stores.snapshot(), before);
+        QVERIFY(QDir(m_folder).isEmpty());
+    }
+
+    void exportIntoReadOnlyFolder_failsAndKeepsOldFile()
+    {
+        QVERIFY(writeAll(m_archive, "the previous backup"_ba));
+        Stores stores;
+        stores.providers.add(provider(u"mine"_s));
+        ScriptedDialogs dialogs(m_archive);
+        std::optional<QString> failure;
+        if (!whileReadOnly(m_folder, m_profile.root(), [&] { failure = stores.exportTo(dialogs); }))
             QSKIP("cannot make a folder read-only for this user");
-        failure = ConfigArchive::exportConfig(providers, conversations, dialogs);
+        QVERIFY(failure && failure->startsWith(u"Export failed: "_s));
+        QCOMPARE(readAll(m_archive), "the previous backup"_ba);
+        QCOMPARE(QDir(m_folder).entryList(QDir::Files), QStringList{QFileInfo(m_archive).fileName()});
     }
-    QVERIFY(failure);
-    QVERIFY2(failure->startsWith(QStringLiteral("Export failed: ")), qPrintable(*failure));
-    QCOMPARE(readAll(m_archive), QByteArrayLiteral("the previous backup"));
-    QCOMPARE(QDir(QFileInfo(m_archive).absolutePath()).entryList(QDir::Files),
-             QStringList{QFileInfo(m_archive).fileName()});
-}
+};
 
 QTEST_GUILESS_MAIN(tst_ConfigArchive)
 #include "tst_configarchive.moc"

@@ -9,29 +9,33 @@
 #include <QTest>
 #include <QTimer>
 
-#include <functional>
+using namespace Qt::StringLiterals;
 
 namespace {
 
-// Runs act on the file dialog once it is open and modal; the dialog call blocks until then.
-void whenDialogOpens(QObject *context, std::function<void(QFileDialog *)> act)
-{
-    QTimer::singleShot(10, context, [context, act] {
-        if (auto *dialog = qobject_cast<QFileDialog *>(QApplication::activeModalWidget()))
-            act(dialog);
-        else
-            whenDialogOpens(context, act);
-    });
-}
+// What an open dialog shows: title, visible message, typed name, name filters and file mode.
+using Seen = QStringList;
 
-// What a user does: goes to the folder, types the name, and presses the accept button.
-void choose(QFileDialog *dialog, const QString &path)
+// Once the file dialog is open and modal, notes what it shows, then acts as a user would: goes to
+// the folder of path, types its name and accepts, or cancels when path is empty.
+void answerOnceOpen(QObject *context, const QString &path, Seen *seen)
 {
-    const QFileInfo info(path);
-    dialog->setDirectory(info.absolutePath());
-    if (auto *edit = dialog->findChild<QLineEdit *>(QStringLiteral("fileNameEdit")))
-        edit->setText(info.fileName());
-    static_cast<QDialog *>(dialog)->accept(); // through QDialog, where it is public
+    QTimer::singleShot(10, context, [=] {
+        auto *dialog = qobject_cast<QFileDialog *>(QApplication::activeModalWidget());
+        if (!dialog)
+            return answerOnceOpen(context, path, seen);
+        auto *edit = dialog->findChild<QLineEdit *>(u"fileNameEdit"_s);
+        const auto *label = dialog->findChild<QLabel *>(QtFileDialogs::messageLabelName);
+        *seen = {dialog->windowTitle(), label && label->isVisible() ? label->text() : QString(),
+                 edit ? edit->text() : QString(), dialog->nameFilters().join(u";;"),
+                 QString::number(dialog->fileMode())};
+        if (path.isEmpty())
+            return dialog->reject();
+        dialog->setDirectory(QFileInfo(path).absolutePath());
+        if (edit)
+            edit->setText(QFileInfo(path).fileName());
+        static_cast<QDialog *>(dialog)->accept(); // through QDialog, where it is public
+    });
 }
 
 } // namespace
@@ -40,94 +44,51 @@ class tst_QtFileDialogs : public QObject
 {
     Q_OBJECT
 
-private slots:
-    void initTestCase();
-    void save_showsTitleMessageAndSuggestedName();
-    void save_addsTheSuffixWhenTyped();
-    void open_returnsTheChosenFileOrNothing();
-
-private:
     QTemporaryDir m_dir;
     QWidget m_window;
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        // The dialog remembers its history in the preferences: keep that out of the real profile.
+        qputenv("XDG_CONFIG_HOME", QFile::encodeName(m_dir.filePath(u"config"_s)));
+        qputenv("XDG_DATA_HOME", QFile::encodeName(m_dir.filePath(u"data"_s)));
+        m_window.show();
+    }
+
+    void save_showsTheRequestAndAddsTheSuffix()
+    {
+        const SaveDialogRequest request{u"Export Config"_s,
+                                        u"Includes API keys in plain text \u2014 keep this file safe."_s,
+                                        u"verbolt-config.json"_s,
+                                        {u"JSON (*.json)"_s}};
+        Seen seen;
+        answerOnceOpen(this, m_dir.filePath(u"notes"_s), &seen);
+        QCOMPARE(QtFileDialogs(&m_window).saveFileName(request), m_dir.filePath(u"notes.json"_s));
+        QCOMPARE(seen, (Seen{request.title, request.message, request.suggestedName, request.nameFilters.first(),
+                             QString::number(QFileDialog::AnyFile)}));
+    }
+
+    void open_returnsTheChosenFileOrNothing()
+    {
+        const QString existing = m_dir.filePath(u"backup.json"_s);
+        QFile file(existing);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.close();
+
+        QtFileDialogs dialogs(&m_window);
+        const OpenDialogRequest request{u"Import Config"_s, QString(), {u"JSON (*.json)"_s}};
+        Seen seen;
+        answerOnceOpen(this, existing, &seen);
+        QCOMPARE(dialogs.openFileName(request), existing);
+        QCOMPARE(seen.first(), request.title);
+        QCOMPARE(seen.last(), QString::number(QFileDialog::ExistingFile));
+
+        answerOnceOpen(this, QString(), &seen);
+        QCOMPARE(dialogs.openFileName(request), std::nullopt);
+    }
 };
-
-void tst_QtFileDialogs::initTestCase()
-{
-    QVERIFY(m_dir.isValid());
-    // The dialog remembers its history in the preferences: keep that out of the real profile.
-    qputenv("XDG_CONFIG_HOME", QFile::encodeName(m_dir.filePath(QStringLiteral("config"))));
-    qputenv("XDG_DATA_HOME", QFile::encodeName(m_dir.filePath(QStringLiteral("data"))));
-    m_window.show();
-}
-
-void tst_QtFileDialogs::save_showsTitleMessageAndSuggestedName()
-{
-    QtFileDialogs dialogs(&m_window);
-    QString title;
-    QString message;
-    bool messageVisible = false;
-    QString suggested;
-    QStringList filters;
-    const QString target = m_dir.filePath(QStringLiteral("chosen.json"));
-    whenDialogOpens(this, [&](QFileDialog *dialog) {
-        title = dialog->windowTitle();
-        if (auto *label = dialog->findChild<QLabel *>(QtFileDialogs::messageLabelName)) {
-            message = label->text();
-            messageVisible = label->isVisible();
-        }
-        if (auto *edit = dialog->findChild<QLineEdit *>(QStringLiteral("fileNameEdit")))
-            suggested = edit->text();
-        filters = dialog->nameFilters();
-        choose(dialog, target);
-    });
-
-    const auto chosen =
-        dialogs.saveFileName({QStringLiteral("Export Config"),
-                              QStringLiteral("Includes API keys in plain text \u2014 keep this file safe."),
-                              QStringLiteral("verbolt-config.json"),
-                              {QStringLiteral("JSON (*.json)")}});
-    QCOMPARE(chosen, std::optional<QString>(target));
-    QCOMPARE(title, QStringLiteral("Export Config"));
-    QCOMPARE(message, QStringLiteral("Includes API keys in plain text \u2014 keep this file safe."));
-    QVERIFY(messageVisible);
-    QCOMPARE(suggested, QStringLiteral("verbolt-config.json"));
-    QCOMPARE(filters, QStringList{QStringLiteral("JSON (*.json)")});
-}
-
-void tst_QtFileDialogs::save_addsTheSuffixWhenTyped()
-{
-    QtFileDialogs dialogs(&m_window);
-    whenDialogOpens(this, [&](QFileDialog *dialog) { choose(dialog, m_dir.filePath(QStringLiteral("notes"))); });
-    const auto chosen = dialogs.saveFileName({QStringLiteral("Export Conversation"),
-                                              QStringLiteral("Choose where to save the Markdown transcript."),
-                                              QStringLiteral("Trip.md"),
-                                              {QStringLiteral("Markdown (*.md)")}});
-    QCOMPARE(chosen, std::optional<QString>(m_dir.filePath(QStringLiteral("notes.md"))));
-}
-
-void tst_QtFileDialogs::open_returnsTheChosenFileOrNothing()
-{
-    const QString existing = m_dir.filePath(QStringLiteral("backup.json"));
-    QFile file(existing);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.close();
-
-    QtFileDialogs dialogs(&m_window);
-    QString title;
-    QFileDialog::FileMode mode = QFileDialog::AnyFile;
-    whenDialogOpens(this, [&](QFileDialog *dialog) {
-        title = dialog->windowTitle();
-        mode = dialog->fileMode();
-        choose(dialog, existing);
-    });
-    const OpenDialogRequest request{QStringLiteral("Import Config"), QString(), {QStringLiteral("JSON (*.json)")}};
-    QCOMPARE(dialogs.openFileName(request), std::optional<QString>(existing));
-    QCOMPARE(title, QStringLiteral("Import Config"));
-    QCOMPARE(mode, QFileDialog::ExistingFile);
-
-    whenDialogOpens(this, [](QFileDialog *dialog) { dialog->reject(); });
-    QCOMPARE(dialogs.openFileName(request), std::nullopt);
-}
 
 QTEST_MAIN(tst_QtFileDialogs)
 #include "tst_qtfiledialogs.moc"
