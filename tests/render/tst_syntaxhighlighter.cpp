@@ -117,7 +117,7 @@ private slots:
         row(u"bash sh shell zsh", u"17 if..return / 0 / 010");
         row(u"json", u"3 true..null / 0 / 000");
         row(u"java kotlin kt c cpp c++ csharp cs", u"30 public..var / 7 String..Map / 100");
-        row(u"Swift brainfuck ", u"0 / 0 / 111"); // tags match lower-case only; the empty tag too
+        row(u"Swift cobol ", u"0 / 0 / 111"); // tags match lower-case only; the empty tag too
     }
 
     void profile()
