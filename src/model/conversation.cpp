@@ -94,15 +94,8 @@ bool fromJson(const Json::Value &v, Conversation &out, QString &error)
             return false;
         c.providerID = id;
     }
-    const Json::Value messages = v["messages"];
-    if (!messages.isValid()) {
-        error = missingKey("messages");
+    if (!readList(v, "messages", c.messages, error))
         return false;
-    }
-    if (!fromJson(messages, c.messages, error)) {
-        error = prefixed(QStringLiteral("messages"), error);
-        return false;
-    }
     if (!readDouble(v, "createdAt", c.createdAt, error) || !readDouble(v, "updatedAt", c.updatedAt, error))
         return false;
     out = std::move(c);

@@ -365,19 +365,19 @@ Value Parser::parse(QByteArrayView utf8, QString *error, bool copyInput)
 
 std::optional<Document> Document::parse(QByteArrayView utf8, QString *error)
 {
-    Document doc;
-    doc.m_parser = std::make_shared<Parser>();
-    doc.m_root = doc.m_parser->parse(utf8, error);
-    if (!doc.m_root.isValid())
-        return std::nullopt;
-    return doc;
+    return parse(utf8, error, true);
 }
 
 std::optional<Document> Document::parsePadded(QByteArrayView utf8, QString *error)
 {
+    return parse(utf8, error, false);
+}
+
+std::optional<Document> Document::parse(QByteArrayView utf8, QString *error, bool copyInput)
+{
     Document doc;
     doc.m_parser = std::make_shared<Parser>();
-    doc.m_root = doc.m_parser->parsePadded(utf8, error);
+    doc.m_root = doc.m_parser->parse(utf8, error, copyInput);
     if (!doc.m_root.isValid())
         return std::nullopt;
     return doc;

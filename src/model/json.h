@@ -89,6 +89,7 @@ public:
     Value parsePadded(QByteArrayView utf8, QString *error = nullptr);
 
 private:
+    friend class Document;
     Value parse(QByteArrayView utf8, QString *error, bool copyInput);
 
     struct Private;
@@ -106,6 +107,7 @@ public:
 
 private:
     Document() = default;
+    static std::optional<Document> parse(QByteArrayView utf8, QString *error, bool copyInput);
     std::shared_ptr<Parser> m_parser;
     Value m_root;
 };

@@ -83,6 +83,22 @@ bool fromJson(const Json::Value &v, QList<T> &out, QString &error)
     return ok;
 }
 
+// Reads the required list under key, naming the key in any failure.
+template<typename T>
+bool readList(const Json::Value &obj, std::string_view key, QList<T> &out, QString &error)
+{
+    const Json::Value v = obj[key];
+    if (!v.isValid()) {
+        error = JsonCoding::missingKey(key);
+        return false;
+    }
+    if (!fromJson(v, out, error)) {
+        error = JsonCoding::prefixed(QString::fromLatin1(key.data(), qsizetype(key.size())), error);
+        return false;
+    }
+    return true;
+}
+
 template<typename T>
 std::optional<T> decodeJson(QByteArrayView utf8, QString *error = nullptr)
 {

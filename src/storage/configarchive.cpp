@@ -100,24 +100,9 @@ bool fromJson(const Json::Value &v, ConfigArchive::Payload &out, QString &error)
     }
     payload.version = *number;
 
-    const Json::Value providers = v["providers"];
-    if (!providers.isValid()) {
-        error = missingKey("providers");
+    if (!readList(v, "providers", payload.providers, error) ||
+        !readList(v, "conversations", payload.conversations, error))
         return false;
-    }
-    if (!fromJson(providers, payload.providers, error)) {
-        error = prefixed(QStringLiteral("providers"), error);
-        return false;
-    }
-    const Json::Value conversations = v["conversations"];
-    if (!conversations.isValid()) {
-        error = missingKey("conversations");
-        return false;
-    }
-    if (!fromJson(conversations, payload.conversations, error)) {
-        error = prefixed(QStringLiteral("conversations"), error);
-        return false;
-    }
     out = std::move(payload);
     return true;
 }
