@@ -290,12 +290,39 @@ QList<MarkdownText::Block> MarkdownText::parse(QStringView text)
     return blocks;
 }
 
+namespace {
+
+qsizetype bytesOf(const QString &text)
+{
+    return text.size() * qsizetype(sizeof(QChar));
+}
+
+// What a parse result holds in memory, near enough for the cache's budget.
+qsizetype footprint(const QList<MarkdownText::Block> &blocks)
+{
+    qsizetype bytes = blocks.size() * qsizetype(sizeof(MarkdownText::Block));
+    for (const MarkdownText::Block &block : blocks) {
+        bytes += bytesOf(block.text) + bytesOf(block.code) + bytesOf(block.language.value_or(QString()));
+        for (const QString &cell : block.headers)
+            bytes += bytesOf(cell) + qsizetype(sizeof(QString));
+        for (const QStringList &row : block.rows) {
+            for (const QString &cell : row)
+                bytes += bytesOf(cell) + qsizetype(sizeof(QString));
+        }
+    }
+    return bytes;
+}
+
+} // namespace
+
 QList<MarkdownText::Block> MarkdownText::cachedParse(const QString &text)
 {
     MemoCache<QList<Block>> &cache = parseCache();
     if (const QList<Block> *hit = cache.find(text))
         return *hit;
-    return cache.store(text, parse(text));
+    QList<Block> blocks = parse(text);
+    const qsizetype bytes = footprint(blocks);
+    return cache.store(text, std::move(blocks), bytes);
 }
 
 QStringList MarkdownText::splitRow(QStringView line)
@@ -333,6 +360,11 @@ bool MarkdownText::isTableSeparator(QStringView line)
 qsizetype MarkdownText::cacheSize()
 {
     return parseCache().size();
+}
+
+qsizetype MarkdownText::cacheBytes()
+{
+    return parseCache().bytes();
 }
 
 void MarkdownText::clearCache()

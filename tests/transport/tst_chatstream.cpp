@@ -93,6 +93,7 @@ struct FailCase
     QString key = QStringLiteral("k");
     LoopbackResponse response = LoopbackResponse::eventStream({chunk("x")});
     std::chrono::milliseconds timeout = 60s;
+    TransferLimits limits = {};
     QString text = {}; // the whole text of our own errors; part of the network stack's text otherwise
     int code = -1;     // QNetworkReply's code of a transfer error
     int requests = 1;
@@ -114,6 +115,7 @@ private slots:
     void deliversEventsInOrder();
     void fails_data();
     void fails();
+    void shippedLimits();
     void twoStreams_data();
     void twoStreams();
     void mockProviderProcess_streamsItsReply();
@@ -238,15 +240,67 @@ void tst_ChatStream::fails_data()
                                                  .text = QStringLiteral("SSL"),
                                                  .code = QNetworkReply::SslHandshakeFailedError,
                                                  .requests = 0};
+    const QString timedOut = QStringLiteral("The request timed out.");
     QTest::newRow("silent server times out")
-        << FailCase{.response = silent, .timeout = 300ms, .code = QNetworkReply::OperationCanceledError};
+        << FailCase{.response = silent, .timeout = 300ms, .text = timedOut, .code = QNetworkReply::TimeoutError};
     QTest::newRow("server stalling mid-body times out")
         << FailCase{.response = LoopbackResponse::eventStream({chunk("first"), chunk("never")}, 60000),
                     .timeout = 300ms,
-                    .code = QNetworkReply::OperationCanceledError,
+                    .text = timedOut,
+                    .code = QNetworkReply::TimeoutError,
                     .events = 1};
     QTest::newRow("connection dropped mid-body")
         << FailCase{.response = dropped, .code = QNetworkReply::RemoteHostClosedError, .events = 1};
+
+    const QString unknownScheme = QStringLiteral("The Base URL must start with http:// or https://.");
+    QTest::newRow("base URL without a scheme")
+        << FailCase{.base = QStringLiteral("api.example.com/v1"), .text = unknownScheme, .code = 301, .requests = 0};
+    QTest::newRow("base URL with a scheme Qt cannot send to")
+        << FailCase{.base = QStringLiteral("ftp://127.0.0.1/v1"), .text = unknownScheme, .code = 301, .requests = 0};
+    const QString badKey =
+        QStringLiteral("The API key contains a line break or another control character. Paste it again in Settings.");
+    for (const char *key : {"sk-abc\r\nX-Injected: yes", "sk-abc\n", "sk-\ttab", "sk-\u0085next-line"})
+        QTest::addRow("key %s refused", QByteArray(key).toPercentEncoding().constData())
+            << FailCase{.key = QString::fromUtf8(key), .text = badKey, .requests = 0};
+
+    // The limits, shrunk: the texts name the shipped sizes.
+    const QString lineTooLong = QStringLiteral("The provider sent a line longer than 16 MB.");
+    QList<QByteArray> endless{chunk("kept")};
+    for (int i = 0; i < 40; ++i)
+        endless.append((i ? "" : "data: ") + QByteArray(100, 'x'));
+    LoopbackResponse endlessLine = LoopbackResponse::eventStream(endless);
+    endlessLine.framing = LoopbackResponse::Framing::closeDelimited;
+    QTest::newRow("line that never ends")
+        << FailCase{.response = endlessLine, .limits = {.lineBytes = 1024}, .text = lineTooLong, .events = 1};
+    QTest::newRow("whole line over the limit in one read") << FailCase{
+        .response = LoopbackResponse::eventStream({chunk("kept") + chunk(QByteArray(2000, 'y')) + chunk("z")}),
+        .limits = {.lineBytes = 1024},
+        .text = lineTooLong,
+        .events = 1};
+    // A line of exactly the limit is read, also while its "\r" waits for the "\n" of a later read.
+    const QByteArray head = R"(data: {"choices":[{"delta":{"content":")", tail = R"("}}]})";
+    const QByteArray exact = head + QByteArray(1024 - head.size() - tail.size(), 'x') + tail;
+    QTest::newRow("line of exactly the limit, then one byte more")
+        << FailCase{.response = LoopbackResponse::eventStream({exact + "\r", "\n" + QByteArray(1025, 'y') + "\n"}, 20),
+                    .limits = {.lineBytes = 1024},
+                    .text = lineTooLong,
+                    .events = 1};
+    // "é" is two bytes of text: the limit counts UTF-8, not characters.
+    QTest::newRow("reply text passes the limit, text so far delivered") << FailCase{
+        .response = LoopbackResponse::eventStream({chunk("\xC3\xA9\xC3\xA9"), chunk("\xC3\xA9"), chunk("x")}),
+        .limits = {.replyTextBytes = 5},
+        .text = QStringLiteral("The reply passed 32 MB and was stopped."),
+        .events = 1};
+    LoopbackResponse bigError = LoopbackResponse::text(500, QByteArray(40, 'e'));
+    bigError.framing = LoopbackResponse::Framing::closeDelimited;
+    QTest::newRow("error body over the limit")
+        << FailCase{.response = bigError,
+                    .limits = {.errorBodyBytes = 16},
+                    .text = QStringLiteral("Provider returned HTTP 500 with a body over 16 MB.")};
+    QTest::newRow("error body of exactly the limit")
+        << FailCase{.response = LoopbackResponse::text(502, "0123456789abcdef"),
+                    .limits = {.errorBodyBytes = 16},
+                    .text = QStringLiteral("Provider returned HTTP 502: 0123456789abcdef")};
 }
 
 void tst_ChatStream::fails()
@@ -274,7 +328,7 @@ void tst_ChatStream::fails()
                              .replace(QStringLiteral("{closed}"), QStringLiteral("http://127.0.0.1:%1").arg(closedPort))
                              .replace(QStringLiteral("{dir}"), QUrl::fromLocalFile(m_dir.path()).toString());
 
-    const Recorder recorder = run(provider(ProviderWire::openAI, base, row.key), ChatService(row.timeout));
+    const Recorder recorder = run(provider(ProviderWire::openAI, base, row.key), ChatService(row.timeout, row.limits));
     QVERIFY(recorder.error.has_value());
     const auto *transfer = std::get_if<TransferError>(&*recorder.error);
     QCOMPARE(transfer ? int(transfer->code) : -1, row.code);
@@ -286,6 +340,16 @@ void tst_ChatStream::fails()
     QCOMPARE(recorder.events.size(), row.events);
     QCOMPARE(server.requests().size(), row.requests);
     QCOMPARE(elsewhere.connectionCount(), 0);
+}
+
+// The texts of the limits name these sizes.
+void tst_ChatStream::shippedLimits()
+{
+    const TransferLimits shipped;
+    QCOMPARE(shipped.lineBytes, 16 * 1024 * 1024);
+    QCOMPARE(shipped.replyTextBytes, 32 * 1024 * 1024);
+    QCOMPARE(shipped.errorBodyBytes, 16 * 1024 * 1024);
+    QCOMPARE(shipped.modelListBytes, 16 * 1024 * 1024);
 }
 
 void tst_ChatStream::twoStreams_data()

@@ -40,10 +40,13 @@ struct FetchCase
 {
     ProviderWire wire = ProviderWire::openAI;
     QString key = QStringLiteral("sk-test");
+    QString base = {}; // the loopback server's /v1/ when empty
     LoopbackResponse response = {};
     std::chrono::milliseconds timeout = 60s;
+    TransferLimits limits = {};
     QStringList models = {};
     QString error = {};
+    int requests = 1;
 };
 
 } // namespace
@@ -96,9 +99,38 @@ void tst_ModelsService::fetch_data()
                                                               .error = QStringLiteral("Provider returned HTTP 500: ")};
     QTest::newRow("no key, nothing sent")
         << FetchCase{.key = QString(),
-                     .error = QStringLiteral("No API key set for this provider. Open Settings and paste your key.")};
+                     .error = QStringLiteral("No API key set for this provider. Open Settings and paste your key."),
+                     .requests = 0};
+    QTest::newRow("key with a line break, nothing sent")
+        << FetchCase{.key = QStringLiteral("sk-test\r\nHost: elsewhere"),
+                     .error = QStringLiteral(
+                         "The API key contains a line break or another control character. Paste it again in Settings."),
+                     .requests = 0};
+    QTest::newRow("base URL without a scheme")
+        << FetchCase{.base = QStringLiteral("localhost/v1"),
+                     .error = QStringLiteral("The Base URL must start with http:// or https://."),
+                     .requests = 0};
     QTest::newRow("silent server times out")
-        << FetchCase{.response = never, .timeout = 300ms, .error = QStringLiteral("Operation canceled")};
+        << FetchCase{.response = never, .timeout = 300ms, .error = QStringLiteral("The request timed out.")};
+
+    // The limits, shrunk: the texts name the shipped size.
+    QByteArray longList = R"({"data":[)";
+    for (int i = 0; i < 200; ++i)
+        longList += R"({"id":"model-)" + QByteArray::number(i) + R"("},)";
+    longList += R"({"id":"last"}]})";
+    LoopbackResponse endlessList = LoopbackResponse::text(200, longList, "application/json");
+    endlessList.framing = LoopbackResponse::Framing::closeDelimited;
+    QTest::newRow("model list over the limit")
+        << FetchCase{.response = endlessList,
+                     .limits = {.modelListBytes = 1024},
+                     .error = QStringLiteral("The model list is larger than 16 MB.")};
+    QTest::newRow("error body over the limit")
+        << FetchCase{.response = LoopbackResponse::text(503, longList),
+                     .limits = {.errorBodyBytes = 1024},
+                     .error = QStringLiteral("Provider returned HTTP 503 with a body over 16 MB.")};
+    QTest::newRow("model list of exactly the limit") << FetchCase{.response = json(R"({"data":[{"id":"a"}]})"),
+                                                                  .limits = {.modelListBytes = 21},
+                                                                  .models = {QStringLiteral("a")}};
 }
 
 void tst_ModelsService::fetch()
@@ -107,21 +139,21 @@ void tst_ModelsService::fetch()
     LoopbackServer server;
     QVERIFY(server.listen());
     server.setResponse(row.response);
-    const QString base = server.url(QStringLiteral("/v1/")).toString();
+    const QString base = row.base.isEmpty() ? server.url(QStringLiteral("/v1/")).toString() : row.base;
 
     Outcome outcome;
     QObject consumer;
     QPointer<ModelsFetch> running =
-        ModelsService(row.timeout).fetchModels(provider(row.wire, base, row.key), &consumer);
+        ModelsService(row.timeout, row.limits).fetchModels(provider(row.wire, base, row.key), &consumer);
     outcome.attach(running, &consumer);
     QTRY_COMPARE_WITH_TIMEOUT(outcome.finishedCount, 1, 10000);
     QTRY_VERIFY(running.isNull());
     QCOMPARE(outcome.error, row.error);
     QCOMPARE(outcome.models, row.models);
 
-    // Nothing is sent without a key; otherwise a GET with only the dialect's own key headers.
-    QCOMPARE(server.connectionCount(), row.key.isEmpty() ? 0 : 1);
-    if (row.key.isEmpty())
+    // A GET with only the dialect's own key headers, unless refused before sending.
+    QCOMPARE(server.connectionCount(), row.requests);
+    if (!row.requests)
         return;
     const LoopbackRequest &request = server.requests().constFirst();
     const bool anthropic = row.wire == ProviderWire::anthropic;
