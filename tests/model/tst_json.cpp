@@ -25,6 +25,7 @@ private slots:
     void rejectsWhatIsNotOneDocument_data();
     void rejectsWhatIsNotOneDocument();
     void lookupOnNonObjectsIsInvalid();
+    void releasesBuffersAHugeInputGrew();
 };
 
 void tst_Json::doublesReadBackExactly_data()
@@ -247,6 +248,21 @@ void tst_Json::lookupOnNonObjectsIsInvalid()
     QVERIFY(!items[1]["a"].isValid());
     QVERIFY(!items[2]["a"]["b"].isValid());
     QCOMPARE(root.size(), 3);
+}
+
+void tst_Json::releasesBuffersAHugeInputGrew()
+{
+    Json::Parser parser;
+    const QByteArray huge = "\"" + QByteArray(8 * 1024 * 1024, 'x') + "\"";
+    QCOMPARE(parser.parse(huge).stringUtf8().size(), huge.size() - 2);
+    QVERIFY(parser.capacity() >= huge.size());
+    parser.releaseBuffersAbove(1024 * 1024);
+    QVERIFY(parser.capacity() <= 1024 * 1024);
+    QCOMPARE(parser.parse(R"({"a":[1]})")["a"].size(), 1);
+    // Buffers within the bound are kept for the next input.
+    const qsizetype small = parser.capacity();
+    parser.releaseBuffersAbove(1024 * 1024);
+    QCOMPARE(parser.capacity(), small);
 }
 
 QTEST_GUILESS_MAIN(tst_Json)

@@ -162,6 +162,24 @@ private slots:
         MarkdownText::cachedParse(u"7"_s);
         QCOMPARE(MarkdownText::cacheSize(), 2);
     }
+
+    // A long reply redrawn as it grows leaves near-copies of itself behind; the cache holds
+    // 8 MB of them, not 201. A text larger than that alone is still kept, alone.
+    void cachedParse_boundedByBytesWhileAReplyGrows()
+    {
+        MarkdownText::clearCache();
+        QString reply = u"# Title\n\n"_s;
+        for (int version = 0; version < 40; ++version) {
+            reply += QString(20000, u'w') + u"\n- item\n"_s;
+            MarkdownText::cachedParse(reply);
+            QVERIFY(MarkdownText::cacheBytes() <= 8 * 1024 * 1024);
+        }
+        QVERIFY(MarkdownText::cacheSize() < 40);
+        const QString huge(5 * 1024 * 1024, u'h');
+        const QList<Block> first = MarkdownText::cachedParse(huge);
+        QCOMPARE(MarkdownText::cacheSize(), 1);
+        QVERIFY(MarkdownText::cachedParse(huge).constData() == first.constData());
+    }
 };
 
 QTEST_GUILESS_MAIN(TestMarkdownText)
