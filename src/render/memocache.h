@@ -5,8 +5,8 @@
 
 // The memo cache shared by the block parser and the highlighter: a dictionary keyed by the whole
 // input. There is no per-entry ageing; a miss that finds more than 200 entries, or entries whose
-// bytes and the new one's would pass 8 MB, empties it completely first. So it never holds more
-// than 201 entries, nor more than 8 MB unless its one entry alone is larger: a reply that grows
+// bytes and the new one's would pass 4 MB, empties it completely first. So it never holds more
+// than 201 entries, nor more than 4 MB unless its one entry alone is larger: a reply that grows
 // by a few characters per redraw leaves a trail of near-copies of itself, and 201 of those of a
 // long reply would be gigabytes. Main thread only: it has no lock.
 template<typename Value>
@@ -14,7 +14,7 @@ class MemoCache final
 {
 public:
     static constexpr qsizetype clearAbove = 200;
-    static constexpr qsizetype byteLimit = 8 * 1024 * 1024;
+    static constexpr qsizetype byteLimit = 4 * 1024 * 1024;
 
     const Value *find(const QString &key) const
     {
