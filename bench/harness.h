@@ -119,7 +119,7 @@ inline QString generatedLongReply()
 
     QString out;
     int codeBlocks = 0, tables = 0;
-    for (int section = 1; out.size() < 84000 || codeBlocks < 6 || tables < 2; ++section) {
+    for (int section = 1; out.size() < 80000 || codeBlocks < 6 || tables < 2; ++section) {
         out += u"## Section "_s + QString::number(section) + u": "_s + word() + u"\n\n"_s;
         for (int p = 0, n = 2 + int(next(3)); p < n; ++p) {
             QString paragraph = sentence();
@@ -133,7 +133,7 @@ inline QString generatedLongReply()
             const int language = codeBlocks % 3;
             out += u"```"_s + QLatin1StringView(languages[language]) + u'\n';
             for (int line = 0; line < 60; ++line)
-                out += codeLines[language][line % 4].arg(line) + u'\n';
+                out += QString(codeLines[language][line % 4]).replace(u"%1"_s, QString::number(line)) + u'\n';
             out += u"```\n\n"_s;
             ++codeBlocks;
         }
