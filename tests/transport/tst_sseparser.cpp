@@ -30,7 +30,6 @@ class tst_SseParser : public QObject
 private slots:
     void classify_data();
     void classify();
-    void hugeLineIsOneDelta();
     void randomBytesNeverFail();
 };
 
@@ -146,16 +145,6 @@ void tst_SseParser::classify()
     const QString text = QString::fromUtf8(line);
     if (text.toUtf8() == line)
         QCOMPARE(ChatService::parseSSELine(QStringView(text), ProviderWire(wire)), parsed);
-}
-
-void tst_SseParser::hugeLineIsOneDelta()
-{
-    const QString content = QString(4 * 1024 * 1024, u'x') + QStringLiteral("€");
-    const QByteArray line = "data: {\"choices\":[{\"delta\":{\"content\":\"" + content.toUtf8() + "\"}}]}";
-    const Parsed parsed = ChatService::parseSSELine(QByteArrayView(line), ProviderWire::openAI);
-    QCOMPARE(int(parsed.kind), int(Kind::delta));
-    QCOMPARE(parsed.text.size(), content.size());
-    QVERIFY(parsed.text.endsWith(QStringLiteral("x€")));
 }
 
 void tst_SseParser::randomBytesNeverFail()
