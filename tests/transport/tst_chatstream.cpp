@@ -265,13 +265,19 @@ void tst_ChatStream::fails_data()
 
     // The limits, shrunk: the texts name the shipped sizes.
     const QString lineTooLong = QStringLiteral("The provider sent a line longer than 16 MB.");
-    QList<QByteArray> endless{chunk("kept")};
-    for (int i = 0; i < 40; ++i)
-        endless.append((i ? "" : "data: ") + QByteArray(100, 'x'));
-    LoopbackResponse endlessLine = LoopbackResponse::eventStream(endless);
-    endlessLine.framing = LoopbackResponse::Framing::closeDelimited;
+    // Past a limit the stream stops reading at once; it does not wait for the end of a body
+    // that stalls, or never ends.
+    const auto stalling = [](int status, const QByteArray &bytes) {
+        LoopbackResponse response = LoopbackResponse::text(status, bytes);
+        response.pieces.append({"never sent", 600000});
+        response.framing = LoopbackResponse::Framing::closeDelimited;
+        return response;
+    };
     QTest::newRow("line that never ends")
-        << FailCase{.response = endlessLine, .limits = {.lineBytes = 1024}, .text = lineTooLong, .events = 1};
+        << FailCase{.response = stalling(200, chunk("kept") + "data: " + QByteArray(2000, 'x')),
+                    .limits = {.lineBytes = 1024},
+                    .text = lineTooLong,
+                    .events = 1};
     QTest::newRow("whole line over the limit in one read") << FailCase{
         .response = LoopbackResponse::eventStream({chunk("kept") + chunk(QByteArray(2000, 'y')) + chunk("z")}),
         .limits = {.lineBytes = 1024},
@@ -291,10 +297,8 @@ void tst_ChatStream::fails_data()
         .limits = {.replyTextBytes = 5},
         .text = QStringLiteral("The reply passed 32 MB and was stopped."),
         .events = 1};
-    LoopbackResponse bigError = LoopbackResponse::text(500, QByteArray(40, 'e'));
-    bigError.framing = LoopbackResponse::Framing::closeDelimited;
     QTest::newRow("error body over the limit")
-        << FailCase{.response = bigError,
+        << FailCase{.response = stalling(500, QByteArray(40, 'e')),
                     .limits = {.errorBodyBytes = 16},
                     .text = QStringLiteral("Provider returned HTTP 500 with a body over 16 MB.")};
     QTest::newRow("error body of exactly the limit")

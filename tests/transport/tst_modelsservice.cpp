@@ -117,15 +117,19 @@ void tst_ModelsService::fetch_data()
     QByteArray longList = R"({"data":[)";
     for (int i = 0; i < 200; ++i)
         longList += R"({"id":"model-)" + QByteArray::number(i) + R"("},)";
-    longList += R"({"id":"last"}]})";
-    LoopbackResponse endlessList = LoopbackResponse::text(200, longList, "application/json");
-    endlessList.framing = LoopbackResponse::Framing::closeDelimited;
+    // Past a limit the fetch stops reading at once, whether or not the body would ever end.
+    const auto stalling = [&longList](int status) {
+        LoopbackResponse response = LoopbackResponse::text(status, longList, "application/json");
+        response.pieces.append({"never sent", 600000});
+        response.framing = LoopbackResponse::Framing::closeDelimited;
+        return response;
+    };
     QTest::newRow("model list over the limit")
-        << FetchCase{.response = endlessList,
+        << FetchCase{.response = stalling(200),
                      .limits = {.modelListBytes = 1024},
                      .error = QStringLiteral("The model list is larger than 16 MB.")};
     QTest::newRow("error body over the limit")
-        << FetchCase{.response = LoopbackResponse::text(503, longList),
+        << FetchCase{.response = stalling(503),
                      .limits = {.errorBodyBytes = 1024},
                      .error = QStringLiteral("Provider returned HTTP 503 with a body over 16 MB.")};
     QTest::newRow("model list of exactly the limit") << FetchCase{.response = json(R"({"data":[{"id":"a"}]})"),
