@@ -2,7 +2,8 @@
 // "data:" line, an endless 500 body, an endless model list) is run against the real
 // verbolt-inspect chat and fetch-models processes, whose peak resident memory is reported; then,
 // in this process, the growth of resident memory while the 20,000-token reply streams in and is
-// parsed and highlighted at every update, and what one 100 MB stream line leaves behind.
+// parsed and highlighted at every update, the peak while very long texts are redrawn as they
+// grow, and what one 100 MB stream line leaves behind.
 #include "harness.h"
 #include "render/markdowntext.h"
 #include "render/syntaxhighlighter.h"
@@ -244,6 +245,48 @@ void growthWhileStreaming()
     mock.waitForFinished();
 }
 
+// The peak resident memory f() adds, in MB: the high-water mark is reset first.
+template<typename F>
+double peakGrowthMb(F &&f)
+{
+    QFile clear(QStringLiteral("/proc/self/clear_refs"));
+    if (clear.open(QIODevice::WriteOnly))
+        clear.write("5");
+    clear.close();
+    const double before = Bench::statusKb("VmRSS");
+    f();
+    return (Bench::statusKb("VmHWM") - before) / 1024.0;
+}
+
+// Very long replies redrawn as they grow: the caches' near-copies of a growing text.
+void longTexts()
+{
+    MarkdownText::clearCache();
+    SyntaxHighlighter::clearCache();
+    const QString reply = Bench::longReply();
+    QString twoMillion;
+    while (twoMillion.size() < 2000000)
+        twoMillion += reply;
+    twoMillion.truncate(2000000);
+    Bench::report("2 M-character reply redrawn every 2,000: peak growth", peakGrowthMb([&] {
+                      for (qsizetype n = 2000; n <= twoMillion.size(); n += 2000)
+                          MarkdownText::cachedParse(twoMillion.first(n));
+                  }),
+                  "MB");
+    MarkdownText::clearCache();
+
+    const QString line = QStringLiteral("    let total = items.iter().map(|x| x * 2).sum::<u32>(); // \"sum\"\n");
+    const QString code = line.repeated(2 * 1024 * 1024 / line.size());
+    const double cpu = Bench::processCpuSeconds();
+    Bench::report("2 M-character code block highlighted every 20,000: peak growth", peakGrowthMb([&] {
+                      for (qsizetype n = 20000; n <= code.size(); n += 20000)
+                          SyntaxHighlighter::highlighted(code.first(n), QStringLiteral("rust"));
+                  }),
+                  "MB");
+    Bench::report("2 M-character code block highlighted every 20,000: CPU", Bench::processCpuSeconds() - cpu, "s");
+    SyntaxHighlighter::clearCache();
+}
+
 // What the stream line parser holds after one 100 MB line.
 void hugeLine()
 {
@@ -266,6 +309,7 @@ int main(int argc, char **argv)
     QCoreApplication app(argc, argv);
     endlessBodies();
     growthWhileStreaming();
+    longTexts();
     hugeLine();
     return 0;
 }
