@@ -5,16 +5,18 @@
 
 // The memo cache shared by the block parser and the highlighter: a dictionary keyed by the whole
 // input. There is no per-entry ageing; a miss that finds more than 200 entries, or entries whose
-// bytes and the new one's would pass 4 MB, empties it completely first. So it never holds more
-// than 201 entries, nor more than 4 MB unless its one entry alone is larger: a reply that grows
+// bytes and the new one's would pass 2 MB, empties it completely first. So it never holds more
+// than 201 entries, nor more than 2 MB unless its one entry alone is larger: a reply that grows
 // by a few characters per redraw leaves a trail of near-copies of itself, and 201 of those of a
-// long reply would be gigabytes. Main thread only: it has no lock.
+// long reply would be gigabytes. The budget is small because a miss is cheap (a long reply
+// parses in a tenth of a millisecond): the cache is there to make redraws of unchanged texts
+// free, not to keep a reply's history. Main thread only: it has no lock.
 template<typename Value>
 class MemoCache final
 {
 public:
     static constexpr qsizetype clearAbove = 200;
-    static constexpr qsizetype byteLimit = 4 * 1024 * 1024;
+    static constexpr qsizetype byteLimit = 2 * 1024 * 1024;
 
     const Value *find(const QString &key) const
     {

@@ -97,12 +97,12 @@ private slots:
         QCOMPARE(mask(SyntaxHighlighter::highlighted(u"nil"_s, u"go"_s)), u"kkk"_s);
         QCOMPARE(SyntaxHighlighter::cacheSize(), 1);
 
-        // A code block that grows as its reply streams: 4 MB of versions, not 201.
+        // A code block that grows as its reply streams: 2 MB of versions, not 201.
         QString growing;
         for (int version = 0; version < 40; ++version) {
             growing += QString(9000, u'x') + u" = 1\n"_s.repeated(200);
             SyntaxHighlighter::highlighted(growing, u"go"_s);
-            QVERIFY(SyntaxHighlighter::cacheBytes() <= 4 * 1024 * 1024);
+            QVERIFY(SyntaxHighlighter::cacheBytes() <= 2 * 1024 * 1024);
         }
         QVERIFY(SyntaxHighlighter::cacheSize() < 40);
     }
