@@ -232,6 +232,9 @@ void tst_ChatStream::fails_data()
         << FailCase{.base = QStringLiteral("{dir}/v1"), .text = noResponse, .requests = 0};
     QTest::newRow("file: base URL, no file")
         << FailCase{.base = QStringLiteral("{dir}/missing"), .text = noResponse, .requests = 0};
+    for (const char *base : {"data:text/plain,x", "qrc:/v1"})
+        QTest::addRow("%s base URL", base)
+            << FailCase{.base = QString::fromLatin1(base), .text = noResponse, .requests = 0};
     QTest::newRow("refused connection") << FailCase{.base = QStringLiteral("{closed}/v1"),
                                                     .text = QStringLiteral("Connection refused"),
                                                     .code = QNetworkReply::ConnectionRefusedError,
