@@ -11,45 +11,21 @@ class tst_Json : public QObject
     Q_OBJECT
 
 private slots:
-    void doublesReadBackExactly_data();
-    void doublesReadBackExactly();
     void randomDoublesRoundTrip();
     void integersAtTheLimits_data();
     void integersAtTheLimits();
-    void hugeLiteralLeavesOtherCountsExact();
     void stringsRoundTrip_data();
     void stringsRoundTrip();
     void escapes();
-    void prettySortedSortsEveryDepth();
-    void compactKeepsInsertionOrder();
+    void writerLayouts();
     void rejectsWhatIsNotOneDocument_data();
     void rejectsWhatIsNotOneDocument();
     void lookupOnNonObjectsIsInvalid();
     void releasesBuffersAHugeInputGrew();
 };
 
-void tst_Json::doublesReadBackExactly_data()
-{
-    QTest::addColumn<double>("value");
-    QTest::addColumn<QByteArray>("text");
-    QTest::newRow("whole date") << 725760000.0 << QByteArray("725760000");
-    QTest::newRow("half second") << 725760000.5 << QByteArray("725760000.5");
-    QTest::newRow("tenth") << 0.1 << QByteArray("0.1");
-    QTest::newRow("sub-microsecond date") << 754567890.123456789 << QByteArray("754567890.1234568");
-    QTest::newRow("negative") << -1.25 << QByteArray("-1.25");
-    QTest::newRow("huge") << 1e300 << QByteArray("1e+300");
-}
-
-void tst_Json::doublesReadBackExactly()
-{
-    QFETCH(double, value);
-    QFETCH(QByteArray, text);
-    QCOMPARE(Json::formatDouble(value), text);
-    const auto doc = Json::Document::parse(text);
-    QVERIFY(doc);
-    QCOMPARE(doc->root().toDouble(), value);
-}
-
+// The shortest form of a double must still read back to the very same bits; the records check
+// which form that is.
 void tst_Json::randomDoublesRoundTrip()
 {
     QRandomGenerator rng(42);
@@ -69,63 +45,46 @@ void tst_Json::randomDoublesRoundTrip()
 void tst_Json::integersAtTheLimits_data()
 {
     QTest::addColumn<QByteArray>("text");
-    QTest::addColumn<bool>("fits");
-    QTest::addColumn<qint64>("value");
-    const qint64 max = std::numeric_limits<qint64>::max();
-    const qint64 min = std::numeric_limits<qint64>::min();
-    QTest::newRow("max") << QByteArray("9223372036854775807") << true << max;
-    QTest::newRow("min") << QByteArray("-9223372036854775808") << true << min;
-    QTest::newRow("max + 1") << QByteArray("9223372036854775808") << false << qint64(0);
-    QTest::newRow("min - 1") << QByteArray("-9223372036854775809") << false << qint64(0);
-    QTest::newRow("far beyond") << QByteArray("123456789012345678901234567890") << false << qint64(0);
-    QTest::newRow("zero") << QByteArray("0") << true << qint64(0);
-    QTest::newRow("whole double") << QByteArray("12.0") << true << qint64(12);
-    QTest::newRow("exponent") << QByteArray("1e3") << true << qint64(1000);
-    QTest::newRow("fraction") << QByteArray("12.5") << false << qint64(0);
-    QTest::newRow("2^63 as double") << QByteArray("9.223372036854775808e18") << false << qint64(0);
-    QTest::newRow("string") << QByteArray("\"12\"") << false << qint64(0);
-    QTest::newRow("null") << QByteArray("null") << false << qint64(0);
-    QTest::newRow("bool") << QByteArray("true") << false << qint64(0);
+    QTest::addColumn<std::optional<qint64>>("value");
+    const std::optional<qint64> none;
+    QTest::newRow("max") << QByteArray("9223372036854775807") << std::optional(std::numeric_limits<qint64>::max());
+    QTest::newRow("min") << QByteArray("-9223372036854775808") << std::optional(std::numeric_limits<qint64>::min());
+    QTest::newRow("max + 1") << QByteArray("9223372036854775808") << none;
+    QTest::newRow("min - 1") << QByteArray("-9223372036854775809") << none;
+    QTest::newRow("far beyond") << QByteArray("123456789012345678901234567890") << none;
+    QTest::newRow("whole double") << QByteArray("12.0") << std::optional<qint64>(12);
+    QTest::newRow("exponent") << QByteArray("1e3") << std::optional<qint64>(1000);
+    QTest::newRow("fraction") << QByteArray("12.5") << none;
+    QTest::newRow("2^63 as double") << QByteArray("9.223372036854775808e18") << none;
+    QTest::newRow("string") << QByteArray("\"12\"") << none;
+    QTest::newRow("null") << QByteArray("null") << none;
 }
 
+// Each literal shares its document with the largest count, which must stay exact beside it.
 void tst_Json::integersAtTheLimits()
 {
     QFETCH(QByteArray, text);
-    QFETCH(bool, fits);
-    QFETCH(qint64, value);
-    const auto doc = Json::Document::parse(text);
-    QVERIFY(doc);
-    const auto parsed = doc->root().toInt64();
-    QCOMPARE(parsed.has_value(), fits);
-    if (fits) {
-        QCOMPARE(*parsed, value);
-        Json::Writer w;
-        w.integer(value);
-        const auto back = Json::Document::parse(w.data());
-        QCOMPARE(back->root().toInt64(), parsed);
-    }
-}
-
-void tst_Json::hugeLiteralLeavesOtherCountsExact()
-{
-    const auto doc =
-        Json::Document::parse("[9223372036854775807, 123456789012345678901234567890, \"99999999999999999999\"]");
+    QFETCH(std::optional<qint64>, value);
+    const auto doc = Json::Document::parse(QByteArray("[" + text + ",9223372036854775807]"));
     QVERIFY(doc);
     const auto items = doc->root().elements();
-    QCOMPARE(items[0].toInt64(), std::numeric_limits<qint64>::max());
-    QVERIFY(!items[1].toInt64());
-    QCOMPARE(items[1].toDouble(), 1.2345678901234568e29);
-    QCOMPARE(items[2].toString(), QStringLiteral("99999999999999999999"));
+    QCOMPARE(items[0].toInt64(), value);
+    QCOMPARE(items[1].toInt64(), std::numeric_limits<qint64>::max());
+    if (value) {
+        Json::Writer w;
+        w.integer(*value);
+        QCOMPARE(Json::Document::parse(w.data())->root().toInt64(), value);
+    }
+    if (text.front() != '"' && text.front() != 'n')
+        QCOMPARE(items[0].toDouble(), text.toDouble());
 }
 
 void tst_Json::stringsRoundTrip_data()
 {
     QTest::addColumn<QString>("text");
     QTest::newRow("empty") << QString();
-    QTest::newRow("ascii") << QStringLiteral("hello");
     QTest::newRow("controls") << QStringLiteral("a\u0001b\u001fc\td\ne\rf\bg\fh");
-    QTest::newRow("quote and backslash") << QStringLiteral("say \"hi\" C:\\path\\");
-    QTest::newRow("slashes") << QStringLiteral("https://api.example.com/v1");
+    QTest::newRow("quote, backslash, slash") << QStringLiteral("say \"hi\" C:\\path\\ https://a/v1");
     QTest::newRow("accents") << QStringLiteral("crème brûlée, Ærø, Ελληνικά");
     QTest::newRow("emoji (surrogate pair)") << QStringLiteral("👩‍💻 and 🇪🇺");
     QTest::newRow("nul inside") << QString(QStringLiteral("a") + QChar(0) + QStringLiteral("b"));
@@ -156,63 +115,48 @@ void tst_Json::escapes()
     QCOMPARE(plain.data(), QByteArray("\"a/b\""));
 }
 
-void tst_Json::prettySortedSortsEveryDepth()
+// One document in both layouts: compact keeps the order of writing, pretty sorts keys at every depth.
+void tst_Json::writerLayouts()
 {
-    Json::Writer w(Json::WriteOptions::prettySorted());
-    w.beginObject();
-    w.key(QLatin1StringView("version"));
-    w.integer(1);
-    w.key(QLatin1StringView("providers"));
-    w.beginArray();
-    w.beginObject();
-    w.key(QLatin1StringView("name"));
-    w.string(QStringLiteral("A"));
-    w.key(QLatin1StringView("baseURL"));
-    w.string(QStringLiteral("https://x/v1"));
-    w.key(QLatin1StringView("cachedModels"));
-    w.beginArray();
-    w.endArray();
-    w.endObject();
-    w.endArray();
-    w.key(QLatin1StringView("conversations"));
-    w.beginArray();
-    w.endArray();
-    w.key(QLatin1StringView("empty"));
-    w.beginObject();
-    w.endObject();
-    w.endObject();
-
-    const QByteArray expected = "{\n"
-                                "  \"conversations\" : [],\n"
-                                "  \"empty\" : {},\n"
-                                "  \"providers\" : [\n"
-                                "    {\n"
-                                "      \"baseURL\" : \"https:\\/\\/x\\/v1\",\n"
-                                "      \"cachedModels\" : [],\n"
-                                "      \"name\" : \"A\"\n"
-                                "    }\n"
-                                "  ],\n"
-                                "  \"version\" : 1\n"
-                                "}";
-    QCOMPARE(w.data(), expected);
-}
-
-void tst_Json::compactKeepsInsertionOrder()
-{
-    Json::Writer w;
-    w.beginObject();
-    w.key(QLatin1StringView("z"));
-    w.beginArray();
-    w.integer(-3);
-    w.number(0.5);
-    w.boolean(false);
-    w.null();
-    w.endArray();
-    w.key(QLatin1StringView("a"));
-    w.beginObject();
-    w.endObject();
-    w.endObject();
-    QCOMPARE(w.data(), QByteArray(R"({"z":[-3,0.5,false,null],"a":{}})"));
+    const auto write = [](Json::WriteOptions options) {
+        Json::Writer w(options);
+        w.beginObject();
+        w.key(QLatin1StringView("version"));
+        w.integer(-3);
+        w.key(QLatin1StringView("providers"));
+        w.beginArray();
+        w.beginObject();
+        w.key(QLatin1StringView("name"));
+        w.number(0.5);
+        w.key(QLatin1StringView("baseURL"));
+        w.boolean(false);
+        w.key(QLatin1StringView("cachedModels"));
+        w.beginArray();
+        w.endArray();
+        w.endObject();
+        w.null();
+        w.endArray();
+        w.key(QLatin1StringView("empty"));
+        w.beginObject();
+        w.endObject();
+        w.endObject();
+        return w.data();
+    };
+    QCOMPARE(
+        write(Json::WriteOptions::compact()),
+        QByteArray(R"({"version":-3,"providers":[{"name":0.5,"baseURL":false,"cachedModels":[]},null],"empty":{}})"));
+    QCOMPARE(write(Json::WriteOptions::prettySorted()), QByteArray("{\n"
+                                                                   "  \"empty\" : {},\n"
+                                                                   "  \"providers\" : [\n"
+                                                                   "    {\n"
+                                                                   "      \"baseURL\" : false,\n"
+                                                                   "      \"cachedModels\" : [],\n"
+                                                                   "      \"name\" : 0.5\n"
+                                                                   "    },\n"
+                                                                   "    null\n"
+                                                                   "  ],\n"
+                                                                   "  \"version\" : -3\n"
+                                                                   "}"));
 }
 
 void tst_Json::rejectsWhatIsNotOneDocument_data()
@@ -223,7 +167,7 @@ void tst_Json::rejectsWhatIsNotOneDocument_data()
     QTest::newRow("two documents") << QByteArray("{} {}");
     QTest::newRow("truncated") << QByteArray("[1, 2");
     QTest::newRow("invalid utf-8 in string") << QByteArray("\"\xff\xfe\"");
-    QTest::newRow("lone surrogate escape is fine but raw overlong is not") << QByteArray("\"\xc0\xaf\"");
+    QTest::newRow("overlong utf-8") << QByteArray("\"\xc0\xaf\"");
     QTest::newRow("trailing comma") << QByteArray("[1,]");
 }
 
@@ -240,14 +184,11 @@ void tst_Json::lookupOnNonObjectsIsInvalid()
     const auto doc = Json::Document::parse(R"([{"a":{"b":1}}, "s", 2])");
     QVERIFY(doc);
     const Json::Value root = doc->root();
-    QVERIFY(!root["a"].isValid());
     const auto items = root.elements();
-    QCOMPARE(items.size(), 3);
-    QCOMPARE(items[0]["a"]["b"].toInt64(), qint64(1));
-    QVERIFY(!items[0]["a"]["c"].isValid());
-    QVERIFY(!items[1]["a"].isValid());
-    QVERIFY(!items[2]["a"]["b"].isValid());
     QCOMPARE(root.size(), 3);
+    QCOMPARE(items[0]["a"]["b"].toInt64(), qint64(1));
+    for (const Json::Value &missing : {root["a"], items[0]["a"]["c"], items[1]["a"], items[2]["a"]["b"]})
+        QVERIFY(!missing.isValid());
 }
 
 void tst_Json::releasesBuffersAHugeInputGrew()
