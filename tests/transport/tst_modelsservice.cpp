@@ -6,6 +6,7 @@
 #include <QTest>
 
 using namespace std::chrono_literals;
+using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -76,8 +77,6 @@ void tst_ModelsService::fetch_data()
             .response = json(body),
             .error = QStringLiteral("Could not parse the provider response: Unexpected /models response shape")};
     };
-    LoopbackResponse never;
-    never.neverAnswer = true;
 
     QTest::newRow("sorted by code point, upper case first")
         << list(R"({"data":[{"id":"zeta"},{"id":"Alpha"},{"id":"beta"}]})", "Alpha beta zeta");
@@ -97,33 +96,26 @@ void tst_ModelsService::fetch_data()
                                                  .error = QStringLiteral("Provider returned HTTP 404: Not Found\n")};
     QTest::newRow("500 body not UTF-8 is empty") << FetchCase{.response = LoopbackResponse::text(500, "bad \xff byte"),
                                                               .error = QStringLiteral("Provider returned HTTP 500: ")};
-    QTest::newRow("no key, nothing sent")
-        << FetchCase{.key = QString(),
-                     .error = QStringLiteral("No API key set for this provider. Open Settings and paste your key."),
-                     .requests = 0};
-    QTest::newRow("key with a line break, nothing sent")
-        << FetchCase{.key = QStringLiteral("sk-test\r\nHost: elsewhere"),
-                     .error = QStringLiteral(
-                         "The API key contains a line break or another control character. Paste it again in Settings."),
-                     .requests = 0};
-    QTest::newRow("base URL without a scheme")
-        << FetchCase{.base = QStringLiteral("localhost/v1"),
-                     .error = QStringLiteral("The Base URL must start with http:// or https://."),
-                     .requests = 0};
-    QTest::newRow("silent server times out")
-        << FetchCase{.response = never, .timeout = 300ms, .error = QStringLiteral("The request timed out.")};
+    // Refused before anything is sent.
+    QTest::newRow("no key") << FetchCase{.key = QString(),
+                                         .error =
+                                             u"No API key set for this provider. Open Settings and paste your key."_s,
+                                         .requests = 0};
+    QTest::newRow("key with a line break") << FetchCase{
+        .key = u"sk-test\r\nHost: elsewhere"_s,
+        .error = u"The API key contains a line break or another control character. Paste it again in Settings."_s,
+        .requests = 0};
+    QTest::newRow("base URL without a scheme") << FetchCase{
+        .base = u"localhost/v1"_s, .error = u"The Base URL must start with http:// or https://."_s, .requests = 0};
+    QTest::newRow("silent server times out") << FetchCase{
+        .response = LoopbackResponse::silent(), .timeout = 300ms, .error = QStringLiteral("The request timed out.")};
 
     // The limits, shrunk: the texts name the shipped size.
     QByteArray longList = R"({"data":[)";
     for (int i = 0; i < 200; ++i)
         longList += R"({"id":"model-)" + QByteArray::number(i) + R"("},)";
     // Past a limit the fetch stops reading at once, whether or not the body would ever end.
-    const auto stalling = [&longList](int status) {
-        LoopbackResponse response = LoopbackResponse::text(status, longList, "application/json");
-        response.pieces.append({"never sent", 600000});
-        response.framing = LoopbackResponse::Framing::closeDelimited;
-        return response;
-    };
+    const auto stalling = [&longList](int status) { return LoopbackResponse::stalling(status, longList); };
     QTest::newRow("model list over the limit")
         << FetchCase{.response = stalling(200),
                      .limits = {.modelListBytes = 1024},
@@ -181,9 +173,7 @@ void tst_ModelsService::stopEarly()
     QFETCH(bool, cancel);
     LoopbackServer server;
     QVERIFY(server.listen());
-    LoopbackResponse never;
-    never.neverAnswer = true;
-    server.setResponse(never);
+    server.setResponse(LoopbackResponse::silent());
 
     auto *consumer = new QObject;
     Outcome outcome;

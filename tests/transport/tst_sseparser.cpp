@@ -42,93 +42,84 @@ void tst_SseParser::classify_data()
     const int an = int(ProviderWire::anthropic);
 
     // Framing, both dialects.
+    const std::pair<const char *, QByteArray> framing[] = {
+        {"done", "data: [DONE]"},
+        {"done, no blank", "data:[DONE]"},
+        {"done, trailing blanks", "data: [DONE] \t "},
+        {"done, no-break spaces", "data:\xc2\xa0[DONE]\xe3\x80\x80"},
+        {"blank before data", " data: [DONE]"},
+        {"DATA upper case", "DATA: [DONE]"},
+        {"line break is not trimmed", "data:\n[DONE]"},
+        {"only blanks", "data:   \t"},
+        {"empty line", ""},
+        {"event line", "event: message_stop"},
+        {"comment", ": keep-alive"},
+        {"not json", "data: {oops"},
+        {"array payload", R"(data: [{"type":"message_stop"}])"},
+        {"string payload", R"(data: "[DONE]")"},
+        {"invalid utf-8", "data: {\"type\":\"content_block_delta\",\"delta\":{\"text\":\"\xff\"},"
+                          "\"choices\":[{\"delta\":{\"content\":\"\xff\"}}]}"},
+    };
     for (const int wire : {oa, an}) {
-        const QByteArray tag = wire == oa ? "openAI: " : "anthropic: ";
-        QTest::newRow(QByteArray(tag + "done").constData()) << QByteArray("data: [DONE]") << wire << done;
-        QTest::newRow(QByteArray(tag + "done, no blank").constData()) << QByteArray("data:[DONE]") << wire << done;
-        QTest::newRow(QByteArray(tag + "done, trailing blanks").constData())
-            << QByteArray("data: [DONE] \t ") << wire << done;
-        QTest::newRow(QByteArray(tag + "done, no-break spaces").constData())
-            << QByteArray("data:\xc2\xa0[DONE]\xe3\x80\x80") << wire << done;
-        QTest::newRow(QByteArray(tag + "blank before data").constData()) << QByteArray(" data: [DONE]") << wire << skip;
-        QTest::newRow(QByteArray(tag + "DATA upper case").constData()) << QByteArray("DATA: [DONE]") << wire << skip;
-        QTest::newRow(QByteArray(tag + "only blanks").constData()) << QByteArray("data:   \t") << wire << skip;
-        QTest::newRow(QByteArray(tag + "empty line").constData()) << QByteArray() << wire << skip;
-        QTest::newRow(QByteArray(tag + "event line").constData()) << QByteArray("event: message_stop") << wire << skip;
-        QTest::newRow(QByteArray(tag + "comment").constData()) << QByteArray(": keep-alive") << wire << skip;
-        QTest::newRow(QByteArray(tag + "not json").constData()) << QByteArray("data: {oops") << wire << skip;
-        QTest::newRow(QByteArray(tag + "array payload").constData())
-            << QByteArray(R"(data: [{"type":"message_stop"}])") << wire << skip;
-        QTest::newRow(QByteArray(tag + "string payload").constData())
-            << QByteArray(R"(data: "[DONE]")") << wire << skip;
-        QTest::newRow(QByteArray(tag + "invalid utf-8").constData())
-            << QByteArray("data: {\"type\":\"content_block_delta\",\"delta\":"
-                          "{\"text\":\"\xff\"},\"choices\":[{\"delta\":"
-                          "{\"content\":\"\xff\"}}]}")
-            << wire << skip;
-        QTest::newRow(QByteArray(tag + "line break is not trimmed").constData())
-            << QByteArray("data:\n[DONE]") << wire << skip;
+        for (const auto &[name, line] : framing)
+            QTest::addRow("%s: %s", wire == oa ? "openAI" : "anthropic", name)
+                << line << wire << (QByteArrayView(name).startsWith("done") ? done : skip);
     }
 
-    // OpenAI-compatible.
-    QTest::newRow("oa delta") << QByteArray(R"(data: {"choices":[{"delta":{"content":"Hi"}}]})") << oa
-                              << delta(QStringLiteral("Hi"));
-    QTest::newRow("oa delta keeps blanks")
-        << QByteArray(R"(data:{"choices":[{"delta":{"content":"  a\n"}}]}  )") << oa << delta(QStringLiteral("  a\n"));
-    QTest::newRow("oa escaped surrogate pair")
-        << QByteArray(R"(data: {"choices":[{"delta":{"content":"\ud83d\ude00 \u00e9"}}]})") << oa
-        << delta(QStringLiteral("😀 é"));
-    QTest::newRow("oa only first choice")
-        << QByteArray(R"(data: {"choices":[{"delta":{}},{"delta":{"content":"x"}}]})") << oa << skip;
-    QTest::newRow("oa empty content") << QByteArray(R"(data: {"choices":[{"delta":{"content":""}}]})") << oa << skip;
-    QTest::newRow("oa null content") << QByteArray(R"(data: {"choices":[{"delta":{"content":null}}],"usage":null})")
-                                     << oa << skip;
-    QTest::newRow("oa content not string")
-        << QByteArray(R"(data: {"choices":[{"delta":{"content":5}}]})") << oa << skip;
-    QTest::newRow("oa choices not all objects")
-        << QByteArray(R"(data: {"choices":[{"delta":{"content":"x"}},1]})") << oa << skip;
-    QTest::newRow("oa content wins over usage")
-        << QByteArray(R"(data: {"choices":[{"delta":{"content":"x"}}],"usage":{"prompt_tokens":1}})") << oa
-        << delta(QStringLiteral("x"));
-    QTest::newRow("oa usage after empty choices")
-        << QByteArray(R"(data: {"choices":[],"usage":{"prompt_tokens":10,"completion_tokens":5,"total_tokens":15}})")
-        << oa << usage(10, 5, 15);
-    QTest::newRow("oa empty usage") << QByteArray(R"(data: {"usage":{}})") << oa << usage({}, {}, {});
-    QTest::newRow("oa mistyped counts")
-        << QByteArray(R"(data: {"usage":{"prompt_tokens":"10","completion_tokens":2.5,"total_tokens":null}})") << oa
-        << usage({}, {}, {});
-    QTest::newRow("oa count limits")
-        << QByteArray(R"(data: {"usage":{"prompt_tokens":9223372036854775807,"completion_tokens":99999999999999999999,)"
-                      R"("total_tokens":-9223372036854775808}})")
-        << oa << usage(std::numeric_limits<qint64>::max(), {}, std::numeric_limits<qint64>::min());
-    QTest::newRow("oa usage not object") << QByteArray(R"(data: {"choices":[],"usage":[1]})") << oa << skip;
-    QTest::newRow("oa anthropic event ignored") << QByteArray(R"(data: {"type":"message_stop"})") << oa << skip;
-
-    // Anthropic.
-    QTest::newRow("an delta") << QByteArray(R"(data: {"type":"content_block_delta","index":0,"delta":)"
-                                            R"({"type":"text_delta","text":"Hé"}})")
-                              << an << delta(QStringLiteral("Hé"));
-    QTest::newRow("an empty delta passes")
-        << QByteArray(R"(data: {"type":"content_block_delta","delta":{"text":""}})") << an << delta(QString());
-    QTest::newRow("an delta without text")
-        << QByteArray(R"(data: {"type":"content_block_delta","delta":{}})") << an << skip;
-    QTest::newRow("an start usage")
-        << QByteArray(R"(data: {"type":"message_start","message":{"usage":{"input_tokens":25,"output_tokens":1}}})")
-        << an << usage(25, {}, {});
-    QTest::newRow("an start without usage")
-        << QByteArray(R"(data: {"type":"message_start","message":{}})") << an << skip;
-    QTest::newRow("an start usage without input")
-        << QByteArray(R"(data: {"type":"message_start","message":{"usage":{}}})") << an << usage({}, {}, {});
-    QTest::newRow("an message delta usage")
-        << QByteArray(R"(data: {"type":"message_delta","delta":{},"usage":{"output_tokens":42}})") << an
-        << usage({}, 42, {});
-    QTest::newRow("an message delta without usage") << QByteArray(R"(data: {"type":"message_delta"})") << an << skip;
-    QTest::newRow("an stop") << QByteArray(R"(data: {"type":"message_stop"})") << an << done;
-    QTest::newRow("an error event") << QByteArray(R"(data: {"type":"error","error":{"message":"overloaded"}})") << an
-                                    << skip;
-    QTest::newRow("an type not string") << QByteArray(R"(data: {"type":1})") << an << skip;
-    QTest::newRow("an openAI chunk ignored")
-        << QByteArray(R"(data: {"choices":[{"delta":{"content":"x"}}]})") << an << skip;
+    // One dialect each: what the other dialect sends is skipped.
+    struct Row
+    {
+        const char *name;
+        int wire;
+        const char *line;
+        Parsed expected;
+    };
+    const qint64 max = std::numeric_limits<qint64>::max(), min = std::numeric_limits<qint64>::min();
+    const Row rows[] = {
+        {"oa delta", oa, R"(data: {"choices":[{"delta":{"content":"Hi"}}]})", delta(QStringLiteral("Hi"))},
+        {"oa delta keeps blanks", oa, R"(data:{"choices":[{"delta":{"content":"  a\n"}}]}  )",
+         delta(QStringLiteral("  a\n"))},
+        {"oa escaped surrogate pair", oa, R"(data: {"choices":[{"delta":{"content":"\ud83d\ude00 \u00e9"}}]})",
+         delta(QStringLiteral("😀 é"))},
+        {"oa only first choice", oa, R"(data: {"choices":[{"delta":{}},{"delta":{"content":"x"}}]})", skip},
+        {"oa empty content", oa, R"(data: {"choices":[{"delta":{"content":""}}]})", skip},
+        {"oa null content", oa, R"(data: {"choices":[{"delta":{"content":null}}],"usage":null})", skip},
+        {"oa content not string", oa, R"(data: {"choices":[{"delta":{"content":5}}]})", skip},
+        {"oa choices not all objects", oa, R"(data: {"choices":[{"delta":{"content":"x"}},1]})", skip},
+        {"oa content wins over usage", oa,
+         R"(data: {"choices":[{"delta":{"content":"x"}}],"usage":{"prompt_tokens":1}})", delta(QStringLiteral("x"))},
+        {"oa usage after empty choices", oa,
+         R"(data: {"choices":[],"usage":{"prompt_tokens":10,"completion_tokens":5,"total_tokens":15}})",
+         usage(10, 5, 15)},
+        {"oa empty usage", oa, R"(data: {"usage":{}})", usage({}, {}, {})},
+        {"oa mistyped counts", oa,
+         R"(data: {"usage":{"prompt_tokens":"10","completion_tokens":2.5,"total_tokens":null}})", usage({}, {}, {})},
+        {"oa count limits", oa,
+         R"(data: {"usage":{"prompt_tokens":9223372036854775807,"completion_tokens":99999999999999999999,)"
+         R"("total_tokens":-9223372036854775808}})",
+         usage(max, {}, min)},
+        {"oa usage not object", oa, R"(data: {"choices":[],"usage":[1]})", skip},
+        {"oa anthropic event ignored", oa, R"(data: {"type":"message_stop"})", skip},
+        {"an delta", an, R"(data: {"type":"content_block_delta","index":0,"delta":{"type":"text_delta","text":"Hé"}})",
+         delta(QStringLiteral("Hé"))},
+        {"an empty delta passes", an, R"(data: {"type":"content_block_delta","delta":{"text":""}})", delta(QString())},
+        {"an delta without text", an, R"(data: {"type":"content_block_delta","delta":{}})", skip},
+        {"an start usage", an,
+         R"(data: {"type":"message_start","message":{"usage":{"input_tokens":25,"output_tokens":1}}})",
+         usage(25, {}, {})},
+        {"an start without usage", an, R"(data: {"type":"message_start","message":{}})", skip},
+        {"an start usage without input", an, R"(data: {"type":"message_start","message":{"usage":{}}})",
+         usage({}, {}, {})},
+        {"an message delta usage", an, R"(data: {"type":"message_delta","delta":{},"usage":{"output_tokens":42}})",
+         usage({}, 42, {})},
+        {"an message delta without usage", an, R"(data: {"type":"message_delta"})", skip},
+        {"an stop", an, R"(data: {"type":"message_stop"})", done},
+        {"an error event", an, R"(data: {"type":"error","error":{"message":"overloaded"}})", skip},
+        {"an type not string", an, R"(data: {"type":1})", skip},
+        {"an openAI chunk ignored", an, R"(data: {"choices":[{"delta":{"content":"x"}}]})", skip},
+    };
+    for (const Row &row : rows)
+        QTest::newRow(row.name) << QByteArray(row.line) << row.wire << row.expected;
 }
 
 void tst_SseParser::classify()
