@@ -43,36 +43,26 @@ void tst_Inspect::contract_data()
     QTest::addColumn<QByteArray>("input");
     QTest::addColumn<int>("exitCode");
     QTest::addColumn<QByteArray>("output"); // exact stdout; empty: not compared
-
-    const auto args = [](std::initializer_list<const char *> list) {
-        QStringList out;
-        for (const char *a : list)
-            out.append(QString::fromUtf8(a));
-        return out;
+    const auto add = [](const char *name, const char *args, const QByteArray &input, int exitCode,
+                        const QByteArray &output = {}) {
+        QTest::newRow(name) << QString::fromLatin1(args).split(u' ') << input << exitCode << output;
     };
-    QTest::newRow("sse lines") << args({"sse", "--wire", "openAI"})
-                               << QByteArray("data: {\"choices\":[{\"delta\":{\"content\":\"a\"}}]}\r\n"
-                                             "data: {\"usage\":{\"completion_tokens\":5}}\ndata: [DONE]")
-                               << 0
-                               << QByteArray(
-                                      "{\"delta\":\"a\"}\n{\"usage\":{\"completionTokens\":5}}\n{\"done\":true}\n");
-    QTest::newRow("sse final line feed") << args({"sse", "--wire", "anthropic"}) << QByteArray("event: x\n") << 0
-                                         << QByteArray("{\"skip\":true}\n{\"skip\":true}\n");
-    QTest::newRow("sse without wire") << args({"sse"}) << QByteArray() << 2 << QByteArray();
-    QTest::newRow("sse unknown wire") << args({"sse", "--wire", "OpenAI"}) << QByteArray() << 2 << QByteArray();
-    QTest::newRow("title") << args({"title"}) << QByteArray("[" + userMessage + "]") << 0
-                           << QByteArray("\"Hi there\"\n");
-    QTest::newRow("no title") << args({"title"}) << QByteArray("[]") << 0 << QByteArray("null\n");
-    QTest::newRow("decode message") << args({"decode", "message"}) << userMessage << 0
-                                    << QByteArray(userMessage + "\n");
-    QTest::newRow("decode usage keeps only present counts")
-        << args({"decode", "usage"}) << QByteArray(R"({"totalTokens":null,"promptTokens":7})") << 0
-        << QByteArray("{\"promptTokens\":7}\n");
-    QTest::newRow("decode failure is a result")
-        << args({"decode", "message"}) << QByteArray(R"({"role":"user","content":""})") << 1 << QByteArray();
-    QTest::newRow("not json is bad usage") << args({"decode", "provider"}) << QByteArray("{nope") << 2 << QByteArray();
-    QTest::newRow("unknown subcommand") << args({"frobnicate"}) << QByteArray() << 2 << QByteArray();
-    QTest::newRow("unknown decode kind") << args({"decode", "thing"}) << QByteArray("{}") << 2 << QByteArray();
+    add("sse lines", "sse --wire openAI",
+        "data: {\"choices\":[{\"delta\":{\"content\":\"a\"}}]}\r\n"
+        "data: {\"usage\":{\"completion_tokens\":5}}\ndata: [DONE]",
+        0, "{\"delta\":\"a\"}\n{\"usage\":{\"completionTokens\":5}}\n{\"done\":true}\n");
+    add("sse final line feed", "sse --wire anthropic", "event: x\n", 0, "{\"skip\":true}\n{\"skip\":true}\n");
+    add("sse without wire", "sse", {}, 2);
+    add("sse unknown wire", "sse --wire OpenAI", {}, 2);
+    add("title", "title", "[" + userMessage + "]", 0, "\"Hi there\"\n");
+    add("no title", "title", "[]", 0, "null\n");
+    add("decode message", "decode message", userMessage, 0, userMessage + "\n");
+    add("decode usage keeps only present counts", "decode usage", R"({"totalTokens":null,"promptTokens":7})", 0,
+        "{\"promptTokens\":7}\n");
+    add("decode failure is a result", "decode message", R"({"role":"user","content":""})", 1);
+    add("not json is bad usage", "decode provider", "{nope", 2);
+    add("unknown subcommand", "frobnicate", {}, 2);
+    add("unknown decode kind", "decode thing", "{}", 2);
 }
 
 void tst_Inspect::contract()

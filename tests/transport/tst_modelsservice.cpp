@@ -78,20 +78,17 @@ void tst_ModelsService::fetch_data()
             .error = QStringLiteral("Could not parse the provider response: Unexpected /models response shape")};
     };
 
-    QTest::newRow("sorted by code point, upper case first")
-        << list(R"({"data":[{"id":"zeta"},{"id":"Alpha"},{"id":"beta"}]})", "Alpha beta zeta");
-    QTest::newRow("beyond the BMP sorts after U+FFxx")
-        << list(R"({"data":[{"id":"\ud83d\ude00"},{"id":"\uff21"}]})", "\uff21 \U0001F600");
-    QTest::newRow("duplicates stay") << list(R"({"data":[{"id":"m"},{"id":"a"},{"id":"m"}]})", "a m m");
+    // By code point: upper case first, beyond the BMP after U+FFxx; duplicates stay.
+    QTest::newRow("sorted") << list(
+        R"({"data":[{"id":"zeta"},{"id":"\ud83d\ude00"},{"id":"m"},{"id":"alpha"},{"id":"\uff21"},{"id":"m"},{"id":"Zed"}]})",
+        "Zed alpha m m zeta \uff21 \U0001F600");
     QTest::newRow("ids that are no strings are left out")
         << list(R"({"object":"list","data":[{"id":7},{"name":"x"},{"id":"gpt","owned_by":"me"},{"id":null}]})", "gpt");
     QTest::newRow("anthropic dialect, empty data")
         << FetchCase{.wire = ProviderWire::anthropic, .response = json(R"({"data":[]})")};
-    QTest::newRow("top-level array") << shapeError(R"([{"id":"a"}])");
-    QTest::newRow("string element") << shapeError(R"({"data":[{"id":"a"},"b"]})");
-    QTest::newRow("data not an array") << shapeError(R"({"data":{"id":"a"}})");
-    QTest::newRow("no data") << shapeError(R"({"models":[]})");
-    QTest::newRow("not JSON") << shapeError("<html>oops</html>");
+    for (const char *body : {R"([{"id":"a"}])", R"({"data":[{"id":"a"},"b"]})", R"({"data":{"id":"a"}})",
+                             R"({"models":[]})", "<html>oops</html>"})
+        QTest::addRow("shape error: %s", body) << shapeError(body);
     QTest::newRow("404 plain text") << FetchCase{.response = LoopbackResponse::text(404, "Not Found\n"),
                                                  .error = QStringLiteral("Provider returned HTTP 404: Not Found\n")};
     QTest::newRow("500 body not UTF-8 is empty") << FetchCase{.response = LoopbackResponse::text(500, "bad \xff byte"),
