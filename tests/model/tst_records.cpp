@@ -3,14 +3,12 @@
 #include "model/jsoncoding.h"
 #include "model/provider.h"
 
+#include <QFile>
 #include <QTest>
 
 #include <limits>
 
 namespace {
-
-const QByteArray idA = "6F9619FF-8B86-D011-B42D-00C04FC964FF";
-const QByteArray idB = "0E984725-C51C-4BF4-9960-E1C80E27ABA0";
 
 enum class Record { message, provider, conversation };
 
@@ -27,6 +25,30 @@ auto withRecord(Record record, F f)
         break;
     }
     return f(Conversation());
+}
+
+// The lines of data/records.txt that start with verb, split at " | ": the verb and its words,
+// the case's name, then the JSON texts.
+QList<QStringList> cases(const QByteArray &verb)
+{
+    QFile file(QStringLiteral(VERBOLT_TEST_DATA "/records.txt"));
+    QList<QStringList> out;
+    for (const QByteArray &line : file.open(QIODevice::ReadOnly) ? file.readAll().split('\n') : QList<QByteArray>()) {
+        if (line.startsWith(verb))
+            out.append(QString::fromUtf8(line).split(QStringLiteral(" | ")));
+    }
+    return out;
+}
+
+// The record a case names, in the word after its verb.
+std::optional<Record> recordNamed(const QStringList &words)
+{
+    const QString name = words.value(1);
+    if (name == u"message")
+        return Record::message;
+    if (name == u"provider")
+        return Record::provider;
+    return name == u"conversation" ? std::optional(Record::conversation) : std::nullopt;
 }
 
 } // namespace
@@ -55,51 +77,15 @@ void tst_Records::decoding_data()
     QTest::addColumn<Record>("record");
     QTest::addColumn<QByteArray>("json");
     QTest::addColumn<bool>("ok");
-    const auto add = [](const char *name, Record record, const QByteArray &json, bool ok) {
-        QTest::newRow(name) << record << json << ok;
-    };
-    const QByteArray message = R"({"id":")" + idA + R"(","role":)";
-    const auto addMessage = [&](const char *name, const QByteArray &rest, bool ok) {
-        add(name, Record::message, message + rest, ok);
-    };
-    addMessage("message: lower-case id", R"("system","content":""})", true);
-    addMessage("message: usage null, unknown key", R"("user","content":"","usage":null,"extra":[1]})", true);
-    addMessage("message: role in other case", R"("User","content":"x"})", false);
-    addMessage("message: role with blank", R"("user ","content":"x"})", false);
-    addMessage("message: missing content", R"("user"})", false);
-    addMessage("message: content not a string", R"("user","content":5})", false);
-    addMessage("message: usage not an object", R"("user","content":"x","usage":3})", false);
-    addMessage("message: fractional count", R"("user","content":"x","usage":{"promptTokens":1.5}})", false);
-    addMessage("message: count as string", R"("user","content":"x","usage":{"totalTokens":"7"}})", false);
-    addMessage("message: count beyond 64 bits", R"("user","content":"x","usage":{"totalTokens":9223372036854775808}})",
-               false);
-    add("message: id no uuid", Record::message, R"({"id":"abc","role":"user","content":"x"})", false);
-    add("message: id in braces", Record::message, R"({"id":"{)" + idA + R"(}","role":"user","content":"x"})", false);
-    add("message: array", Record::message, "[]", false);
-
-    const QByteArray provider = R"({"id":")" + idA + R"(","name":"N","baseURL":"u","model":"m",)";
-    add("provider: optional keys null", Record::provider,
-        provider + R"("wire":"anthropic","cachedModels":null,"apiKey":null})", true);
-    for (const char *wire : {"OpenAI", " openAI", "gemini"})
-        QTest::addRow("provider: wire \"%s\"", wire)
-            << Record::provider << QByteArray(provider + R"("wire":")" + wire + "\"}") << false;
-    add("provider: models not strings", Record::provider, provider + R"("wire":"openAI","cachedModels":[1]})", false);
-    add("provider: missing model", Record::provider,
-        R"({"id":")" + idA + R"(","name":"N","baseURL":"u","wire":"openAI"})", false);
-
-    const QByteArray conversation = R"({"id":")" + idA + R"(","title":"t",)";
-    add("conversation: keys in any order", Record::conversation,
-        R"({"updatedAt":2,"messages":[],"createdAt":1,"title":"t","id":")" + idA + R"("})", true);
-    add("conversation: ISO date", Record::conversation,
-        conversation + R"("messages":[],"createdAt":"2024-01-01T00:00:00Z","updatedAt":1})", false);
-    add("conversation: missing updatedAt", Record::conversation, conversation + R"("messages":[],"createdAt":1})",
-        false);
-    add("conversation: bad provider id", Record::conversation,
-        conversation + R"("providerID":"x","messages":[],"createdAt":0,"updatedAt":1})", false);
-    add("conversation: one bad message", Record::conversation,
-        conversation + R"("messages":[{"id":")" + idB +
-            R"(","role":"user","content":"ok"},{"role":"user","content":"no id"}],"createdAt":0,"updatedAt":1})",
-        false);
+    const QList<QStringList> list = cases("decode ");
+    QVERIFY(!list.isEmpty());
+    for (const QStringList &c : list) {
+        const QStringList words = c[0].split(u' ');
+        QVERIFY2(recordNamed(words) && c.size() == 3 && (words.value(2) == u"ok" || words.value(2) == u"fails"),
+                 qPrintable(c[0]));
+        QTest::addRow("%s: %s", qPrintable(words[1]), qPrintable(c[1]))
+            << *recordNamed(words) << c[2].toUtf8() << (words[2] == u"ok");
+    }
 }
 
 // The error text is empty exactly when the record decodes.
@@ -113,44 +99,22 @@ void tst_Records::decoding()
     QCOMPARE(error.isEmpty(), ok);
 }
 
-// Absent optional keys stay absent, except the provider's, which are always written; numbers
-// keep their shortest form and counts their full 64 bits; what is written decodes back to an
-// equal record.
 void tst_Records::reencoding_data()
 {
     QTest::addColumn<Record>("record");
     QTest::addColumn<QByteArray>("json");
     QTest::addColumn<QByteArray>("expected"); // empty: the input itself
-    const auto add = [](const char *name, Record record, const QByteArray &json, const QByteArray &expected = {}) {
-        QTest::newRow(name) << record << json << expected;
-    };
-    add("message without usage", Record::message,
-        R"({"usage":null,"content":"a/b","role":"assistant","id":")" + idA + R"("})",
-        R"({"id":")" + idA + R"(","role":"assistant","content":"a\/b"})");
-    add("message with some counts", Record::message,
-        R"({"id":")" + idA + R"(","role":"user","content":"","usage":{"completionTokens":12}})");
-    add("message with counts at the limits", Record::message,
-        R"({"id":")" + idA +
-            R"(","role":"user","content":"","usage":{"promptTokens":9223372036854775807,)"
-            R"("completionTokens":-9223372036854775808,"totalTokens":0}})");
-    add("message with empty usage", Record::message,
-        R"({"id":")" + idA + R"(","role":"system","content":"","usage":{}})");
-    const QByteArray provider = R"({"id":")" + idA + R"(","name":"N","wire":"openAI","baseURL":"u","model":"m")";
-    add("provider gains its optional keys", Record::provider, provider + "}",
-        provider + R"(,"cachedModels":[],"apiKey":""})");
-    add("provider keeps the models' order", Record::provider,
-        R"({"id":")" + idA +
-            R"(","name":"N","wire":"anthropic","baseURL":"u","model":"m","cachedModels":["b","a"],"apiKey":"k"})");
-    add("conversation without provider", Record::conversation,
-        R"({"id":")" + idA +
-            R"(","title":"Trip","providerID":null,"messages":[],"createdAt":725760000.0,"updatedAt":725760000.5})",
-        R"({"id":")" + idA + R"(","title":"Trip","messages":[],"createdAt":725760000,"updatedAt":725760000.5})");
-    add("conversation with everything", Record::conversation,
-        R"({"id":")" + idA + R"(","title":"T","providerID":")" + idB + R"(","messages":[{"id":")" + idB +
-            R"(","role":"assistant","content":"a","usage":{"promptTokens":1,"completionTokens":2,"totalTokens":3}}],)"
-            R"("createdAt":0.1,"updatedAt":1e+300})");
+    const QList<QStringList> list = cases("reencode ");
+    QVERIFY(!list.isEmpty());
+    for (const QStringList &c : list) {
+        const QStringList words = c[0].split(u' ');
+        QVERIFY2(recordNamed(words) && (c.size() == 3 || c.size() == 4), qPrintable(c[0]));
+        QTest::addRow("%s: %s", qPrintable(words[1]), qPrintable(c[1]))
+            << *recordNamed(words) << c[2].toUtf8() << c.value(3).toUtf8();
+    }
 }
 
+// What is written decodes back to an equal record.
 void tst_Records::reencoding()
 {
     QFETCH(Record, record);
