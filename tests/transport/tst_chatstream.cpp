@@ -42,18 +42,10 @@ struct Recorder
 
 Provider provider(ProviderWire wire, const QString &baseURL, const QString &key = QStringLiteral("sk-test"))
 {
-    Provider p;
-    p.wire = wire;
-    p.baseURL = baseURL;
-    p.model = QStringLiteral("test-model");
-    p.apiKey = key;
-    return p;
+    return {QUuid(), {}, wire, baseURL, QStringLiteral("test-model"), {}, key};
 }
 
-QList<ChatMessage> hi()
-{
-    return {ChatMessage(ChatRole::user, QStringLiteral("Hi"))};
-}
+const QList<ChatMessage> hi{ChatMessage(ChatRole::user, QStringLiteral("Hi"))};
 
 QByteArray sse(const QByteArray &json)
 {
@@ -70,7 +62,7 @@ Recorder run(const Provider &p, const ChatService &service = ChatService())
 {
     Recorder recorder;
     QObject consumer;
-    QPointer<ChatStream> stream = service.stream(p, hi(), &consumer);
+    QPointer<ChatStream> stream = service.stream(p, hi, &consumer);
     recorder.attach(stream, &consumer);
     [&] { QTRY_COMPARE_WITH_TIMEOUT(recorder.finishedCount, 1, 20000); }();
     [&] { QTRY_VERIFY(stream.isNull()); }();
@@ -375,9 +367,9 @@ void tst_ChatStream::twoStreams()
     Provider p = provider(ProviderWire::openAI, server.url().toString());
     p.model = QStringLiteral("a");
     Recorder a, b;
-    a.attach(ChatService().stream(p, hi(), &consumerA), &consumerA);
+    a.attach(ChatService().stream(p, hi, &consumerA), &consumerA);
     p.model = QStringLiteral("b");
-    QPointer<ChatStream> second = ChatService().stream(p, hi(), consumerB);
+    QPointer<ChatStream> second = ChatService().stream(p, hi, consumerB);
     b.attach(second, this); // outlives consumerB, to see anything emitted after it is gone
     std::optional<bool> finishedAtCancel;
     connect(second, &ChatStream::eventReceived, this, [&] {

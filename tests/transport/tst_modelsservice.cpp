@@ -30,11 +30,7 @@ struct Outcome
 
 Provider provider(ProviderWire wire, const QString &baseURL, const QString &key = QStringLiteral("sk-test"))
 {
-    Provider p;
-    p.wire = wire;
-    p.baseURL = baseURL;
-    p.apiKey = key;
-    return p;
+    return {QUuid(), {}, wire, baseURL, {}, {}, key};
 }
 
 struct FetchCase
