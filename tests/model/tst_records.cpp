@@ -2,8 +2,8 @@
 #include "model/json.h"
 #include "model/jsoncoding.h"
 #include "model/provider.h"
+#include "rowfile.h"
 
-#include <QFile>
 #include <QTest>
 
 #include <limits>
@@ -27,17 +27,12 @@ auto withRecord(Record record, F f)
     return f(Conversation());
 }
 
-// The lines of data/records.txt that start with verb, split at " | ": the verb and its words,
-// the case's name, then the JSON texts.
-QList<QStringList> cases(const QByteArray &verb)
+// The rows of data/records.txt whose first cell starts with verb.
+QList<QStringList> cases(QStringView verb)
 {
-    QFile file(QStringLiteral(VERBOLT_TEST_DATA "/records.txt"));
-    QList<QStringList> out;
-    for (const QByteArray &line : file.open(QIODevice::ReadOnly) ? file.readAll().split('\n') : QList<QByteArray>()) {
-        if (line.startsWith(verb))
-            out.append(QString::fromUtf8(line).split(QStringLiteral(" | ")));
-    }
-    return out;
+    QList<QStringList> rows = readTextRowFile(QStringLiteral(VERBOLT_TEST_DATA "/records.txt"));
+    rows.removeIf([verb](const QStringList &row) { return !row.first().startsWith(verb); });
+    return rows;
 }
 
 // The record a case names, in the word after its verb.
@@ -77,7 +72,7 @@ void tst_Records::decoding_data()
     QTest::addColumn<Record>("record");
     QTest::addColumn<QByteArray>("json");
     QTest::addColumn<bool>("ok");
-    const QList<QStringList> list = cases("decode ");
+    const QList<QStringList> list = cases(u"decode ");
     QVERIFY(!list.isEmpty());
     for (const QStringList &c : list) {
         const QStringList words = c[0].split(u' ');
@@ -104,7 +99,7 @@ void tst_Records::reencoding_data()
     QTest::addColumn<Record>("record");
     QTest::addColumn<QByteArray>("json");
     QTest::addColumn<QByteArray>("expected"); // empty: the input itself
-    const QList<QStringList> list = cases("reencode ");
+    const QList<QStringList> list = cases(u"reencode ");
     QVERIFY(!list.isEmpty());
     for (const QStringList &c : list) {
         const QStringList words = c[0].split(u' ');

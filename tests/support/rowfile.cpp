@@ -28,3 +28,16 @@ QList<QStringList> readRowFile(const QString &path)
     }
     return rows;
 }
+
+QList<QStringList> readTextRowFile(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    QList<QStringList> rows;
+    for (const QString &line : QString::fromUtf8(file.readAll()).split(u'\n')) {
+        if (line.contains(QStringLiteral(" | ")))
+            rows.append(line.split(QStringLiteral(" | ")));
+    }
+    return rows;
+}

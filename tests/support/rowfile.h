@@ -9,3 +9,7 @@
 // for the reader. A line that does not parse becomes a row named after its line number with no
 // cells, so that the test using it fails instead of losing the row.
 QList<QStringList> readRowFile(const QString &path);
+
+// Rows kept as plain text, for cells that are JSON themselves: each line holding " | " is a row,
+// split there; other lines are notes for the reader.
+QList<QStringList> readTextRowFile(const QString &path);
