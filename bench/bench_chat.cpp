@@ -82,7 +82,7 @@ int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
 
-    QFile file(Bench::dataDir() + QStringLiteral("/reply-20k-tokens.md"));
+    QFile file(Bench::longReplyFile());
     if (!file.open(QIODevice::ReadOnly)) {
         std::fprintf(stderr, "bench_chat: cannot read %s\n", qPrintable(file.fileName()));
         return 1;

@@ -73,7 +73,7 @@ QString thousandCodeLines(const QList<Block> &blocks, QString *language)
 
 int main()
 {
-    QFile file(Bench::dataDir() + QStringLiteral("/reply-20k-tokens.md"));
+    QFile file(Bench::longReplyFile());
     if (!file.open(QIODevice::ReadOnly)) {
         std::fprintf(stderr, "bench_render: cannot read %s\n", qPrintable(file.fileName()));
         return 1;

@@ -93,7 +93,7 @@ void run(const char *name, const QList<QByteArray> &lines, ProviderWire wire)
 
 int main()
 {
-    QFile file(Bench::dataDir() + QStringLiteral("/reply-20k-tokens.md"));
+    QFile file(Bench::longReplyFile());
     if (!file.open(QIODevice::ReadOnly)) {
         std::fprintf(stderr, "cannot read %s\n", qPrintable(file.fileName()));
         return 1;

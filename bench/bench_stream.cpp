@@ -51,7 +51,7 @@ Run ingest(const Provider &provider)
 int main(int argc, char *argv[])
 {
     QCoreApplication app(argc, argv);
-    QFile replyFile(Bench::dataDir() + QStringLiteral("/reply-20k-tokens.md"));
+    QFile replyFile(Bench::longReplyFile());
     if (!replyFile.open(QIODevice::ReadOnly)) {
         std::fprintf(stderr, "cannot read %s\n", qPrintable(replyFile.fileName()));
         return 1;

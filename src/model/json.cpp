@@ -363,6 +363,17 @@ Value Parser::parse(QByteArrayView utf8, QString *error, bool copyInput)
     return ValueAccess::make(root);
 }
 
+qsizetype Parser::capacity() const
+{
+    return qsizetype(d->parser.capacity());
+}
+
+void Parser::releaseBuffersAbove(qsizetype keepBytes)
+{
+    if (capacity() > keepBytes)
+        d->parser = simdjson::dom::parser();
+}
+
 std::optional<Document> Document::parse(QByteArrayView utf8, QString *error)
 {
     return parse(utf8, error, true);

@@ -88,6 +88,12 @@ public:
     // Worth it only for large inputs read from disk.
     Value parsePadded(QByteArrayView utf8, QString *error = nullptr);
 
+    // The largest document the parser's buffers fit without growing (they grow to fit each input).
+    qsizetype capacity() const;
+    // Gives the buffers back when they have grown beyond keepBytes, so that one huge input does
+    // not hold its memory for the parser's whole life. Invalidates the Values of the last parse.
+    void releaseBuffersAbove(qsizetype keepBytes);
+
 private:
     friend class Document;
     Value parse(QByteArrayView utf8, QString *error, bool copyInput);

@@ -13,7 +13,10 @@ struct Entity
     char32_t second;
 };
 
-// The named character references of HTML, sorted by name (byte order) for binary search.
+// The named character references of HTML, sorted by name (byte order) for binary search: the
+// 2,125 names that end in ';' in the WHATWG HTML Living Standard's table "Named character
+// references" (https://html.spec.whatwg.org/entities.json), with their one or two code points.
+// CommonMark decodes exactly these; the legacy forms without ';' are not entities in Markdown.
 const Entity entities[] = {
     {"AElig", 0xC6, 0x0},
     {"AMP", 0x26, 0x0},

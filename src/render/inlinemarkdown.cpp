@@ -1,6 +1,7 @@
 #include "render/inlinemarkdown.h"
 
 #include "render/htmlentities.h"
+#include "render/unicodetext.h"
 
 #include <QChar>
 #include <QHash>
@@ -13,13 +14,6 @@ namespace {
 bool isAsciiPunctuation(char16_t c)
 {
     return (c >= u'!' && c <= u'/') || (c >= u':' && c <= u'@') || (c >= u'[' && c <= u'`') || (c >= u'{' && c <= u'~');
-}
-
-bool isUnicodeWhitespace(char32_t c)
-{
-    if (c == U'\t' || c == U'\n' || c == U'\f' || c == U'\r' || c == U' ')
-        return true;
-    return c >= 0x80 && QChar::category(c) == QChar::Separator_Space;
 }
 
 bool isUnicodePunctuation(char32_t c)
@@ -261,24 +255,15 @@ private:
     ForwardSearch m_singleQuote{u"'"};
 };
 
+// The text's two ends count as line ends, which flanking rules treat as white space.
 char32_t Parser::codePointBefore(qsizetype pos) const
 {
-    if (pos <= 0)
-        return U'\n';
-    const QChar c = m_s[pos - 1];
-    if (c.isLowSurrogate() && pos >= 2 && m_s[pos - 2].isHighSurrogate())
-        return QChar::surrogateToUcs4(m_s[pos - 2], c);
-    return c.unicode();
+    return pos <= 0 ? U'\n' : UnicodeText::codePointBefore(m_s, pos);
 }
 
 char32_t Parser::codePointAt(qsizetype pos) const
 {
-    if (pos >= m_s.size())
-        return U'\n';
-    const QChar c = m_s[pos];
-    if (c.isHighSurrogate() && pos + 1 < m_s.size() && m_s[pos + 1].isLowSurrogate())
-        return QChar::surrogateToUcs4(c, m_s[pos + 1]);
-    return c.unicode();
+    return pos >= m_s.size() ? U'\n' : UnicodeText::codePointAt(m_s, pos);
 }
 
 void Parser::flush()
@@ -473,8 +458,8 @@ void Parser::parseDelimiterRun()
 
     const char32_t before = codePointBefore(start);
     const char32_t after = codePointAt(end);
-    const bool beforeSpace = isUnicodeWhitespace(before);
-    const bool afterSpace = isUnicodeWhitespace(after);
+    const bool beforeSpace = UnicodeText::isWhitespace(before);
+    const bool afterSpace = UnicodeText::isWhitespace(after);
     const bool beforePunct = isUnicodePunctuation(before);
     const bool afterPunct = isUnicodePunctuation(after);
     const bool leftFlanking = !afterSpace && (!afterPunct || beforeSpace || beforePunct);

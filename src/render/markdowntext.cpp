@@ -3,6 +3,7 @@
 #include "model/json.h"
 #include "model/text.h"
 #include "render/memocache.h"
+#include "render/unicodetext.h"
 
 #include <QChar>
 
@@ -17,32 +18,7 @@ MemoCache<QList<MarkdownText::Block>> &parseCache()
 // The line patterns use the regular-expression classes of the reply's dialect: \s is
 // [\t\n\f\r\p{Z}] and \d is any decimal digit (Nd), beyond the BMP included. They are matched by
 // hand because every line of every reply goes through them on each redraw of a streaming reply.
-bool isPatternSpace(char32_t c)
-{
-    if (c == U'\t' || c == U'\n' || c == U'\f' || c == U'\r' || c == U' ')
-        return true;
-    if (c < 0x80)
-        return false;
-    switch (QChar::category(c)) {
-    case QChar::Separator_Space:
-    case QChar::Separator_Line:
-    case QChar::Separator_Paragraph:
-        return true;
-    default:
-        return false;
-    }
-}
-
-char32_t codePointAt(QStringView s, qsizetype i, qsizetype *width)
-{
-    const QChar c = s[i];
-    if (c.isHighSurrogate() && i + 1 < s.size() && s[i + 1].isLowSurrogate()) {
-        *width = 2;
-        return QChar::surrogateToUcs4(c, s[i + 1]);
-    }
-    *width = 1;
-    return c.unicode();
-}
+using UnicodeText::isPatternSpace;
 
 // Length of the \s+ run at i (0 when there is none). Every member of the class is in the BMP.
 qsizetype spaceRun(QStringView s, qsizetype i)
@@ -84,7 +60,7 @@ qsizetype orderedPrefix(QStringView line, qint64 *number)
     bool asciiOnly = true;
     while (i < line.size()) {
         qsizetype width = 1;
-        const char32_t c = codePointAt(line, i, &width);
+        const char32_t c = UnicodeText::codePointAt(line, i, &width);
         if (!QChar::isDigit(c))
             break;
         asciiOnly = asciiOnly && c < 0x80;
@@ -290,12 +266,39 @@ QList<MarkdownText::Block> MarkdownText::parse(QStringView text)
     return blocks;
 }
 
+namespace {
+
+qsizetype bytesOf(const QString &text)
+{
+    return text.size() * qsizetype(sizeof(QChar));
+}
+
+// What a parse result holds in memory, near enough for the cache's budget.
+qsizetype footprint(const QList<MarkdownText::Block> &blocks)
+{
+    qsizetype bytes = blocks.size() * qsizetype(sizeof(MarkdownText::Block));
+    for (const MarkdownText::Block &block : blocks) {
+        bytes += bytesOf(block.text) + bytesOf(block.code) + bytesOf(block.language.value_or(QString()));
+        for (const QString &cell : block.headers)
+            bytes += bytesOf(cell) + qsizetype(sizeof(QString));
+        for (const QStringList &row : block.rows) {
+            for (const QString &cell : row)
+                bytes += bytesOf(cell) + qsizetype(sizeof(QString));
+        }
+    }
+    return bytes;
+}
+
+} // namespace
+
 QList<MarkdownText::Block> MarkdownText::cachedParse(const QString &text)
 {
     MemoCache<QList<Block>> &cache = parseCache();
     if (const QList<Block> *hit = cache.find(text))
         return *hit;
-    return cache.store(text, parse(text));
+    QList<Block> blocks = parse(text);
+    const qsizetype bytes = footprint(blocks);
+    return cache.store(text, std::move(blocks), bytes);
 }
 
 QStringList MarkdownText::splitRow(QStringView line)
@@ -333,6 +336,11 @@ bool MarkdownText::isTableSeparator(QStringView line)
 qsizetype MarkdownText::cacheSize()
 {
     return parseCache().size();
+}
+
+qsizetype MarkdownText::cacheBytes()
+{
+    return parseCache().bytes();
 }
 
 void MarkdownText::clearCache()

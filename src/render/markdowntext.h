@@ -61,6 +61,7 @@ public:
 
     // The cache, for tests and benchmarks.
     static qsizetype cacheSize();
+    static qsizetype cacheBytes();
     static void clearCache();
 };
 

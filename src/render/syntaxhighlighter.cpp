@@ -188,7 +188,10 @@ StyledCode SyntaxHighlighter::highlighted(const QString &code, const std::option
     std::optional<QString> lowered;
     if (language)
         lowered = language->toLower();
-    return cache.store(key, build(code, lowered));
+    StyledCode styled = build(code, lowered);
+    const qsizetype bytes =
+        styled.text.size() * qsizetype(sizeof(QChar)) + styled.runs.size() * qsizetype(sizeof(ColorRun));
+    return cache.store(key, std::move(styled), bytes);
 }
 
 StyledCode SyntaxHighlighter::build(const QString &code, const std::optional<QString> &language)
@@ -250,6 +253,11 @@ void SyntaxHighlighter::apply(const QRegularExpression &pattern, CodeColor color
 qsizetype SyntaxHighlighter::cacheSize()
 {
     return highlightCache().size();
+}
+
+qsizetype SyntaxHighlighter::cacheBytes()
+{
+    return highlightCache().bytes();
 }
 
 void SyntaxHighlighter::clearCache()

@@ -55,5 +55,6 @@ public:
 
     // The cache, for tests and benchmarks.
     static qsizetype cacheSize();
+    static qsizetype cacheBytes();
     static void clearCache();
 };

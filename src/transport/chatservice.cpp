@@ -13,9 +13,21 @@ QString ChatServiceError::errorDescription() const
     case Kind::missingAPIKey:
         return QStringLiteral("No API key set for this provider. Open Settings and paste your key.");
     case Kind::invalidBaseURL:
+        return QStringLiteral("The provider Base URL is empty or invalid.");
+    case Kind::controlCharacterInKey:
+        return QStringLiteral(
+            "The API key contains a line break or another control character. Paste it again in Settings.");
+    case Kind::lineTooLong:
+        return QStringLiteral("The provider sent a line longer than 16 MB.");
+    case Kind::replyTooLong:
+        return QStringLiteral("The reply passed 32 MB and was stopped.");
+    case Kind::bodyTooLarge:
+        return QStringLiteral("Provider returned HTTP ") + QString::number(status) +
+               QStringLiteral(" with a body over 16 MB.");
+    case Kind::modelListTooLarge:
         break;
     }
-    return QStringLiteral("The provider Base URL is empty or invalid.");
+    return QStringLiteral("The model list is larger than 16 MB.");
 }
 
 QString errorDescription(const ServiceError &error)
@@ -181,12 +193,15 @@ ChatService::Parsed ChatService::parseSSELine(QByteArrayView line, ProviderWire 
     if (payload == "[DONE]")
         return {Parsed::Kind::done, {}, {}};
 
-    // One parser per thread: its buffers are reused from line to line.
+    // One parser per thread: its buffers are reused from line to line, except those a rare huge
+    // line made large, which would otherwise stay for the life of the process.
     thread_local Json::Parser parser;
     const Json::Value root = parser.parse(payload);
-    if (!root.isObject())
-        return skip();
-    return wire == ProviderWire::anthropic ? parseAnthropic(root) : parseOpenAI(root);
+    Parsed parsed;
+    if (root.isObject())
+        parsed = wire == ProviderWire::anthropic ? parseAnthropic(root) : parseOpenAI(root);
+    parser.releaseBuffersAbove(1024 * 1024);
+    return parsed;
 }
 
 ChatService::Parsed ChatService::parseSSELine(QStringView line, ProviderWire wire)

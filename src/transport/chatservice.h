@@ -17,10 +17,20 @@ class QObject;
 // The transport's own failures, with the texts the user sees.
 struct ChatServiceError
 {
-    enum class Kind { http, decoding, missingAPIKey, invalidBaseURL };
+    enum class Kind {
+        http,
+        decoding,
+        missingAPIKey,
+        invalidBaseURL,
+        controlCharacterInKey, // refused before sending: the key would break the request's headers
+        lineTooLong,           // one stream line over TransferLimits::lineBytes
+        replyTooLong,          // the reply's text over TransferLimits::replyTextBytes
+        bodyTooLarge,          // a non-2xx body over TransferLimits::errorBodyBytes; status set
+        modelListTooLarge      // a model list over TransferLimits::modelListBytes
+    };
 
     Kind kind = Kind::http;
-    int status = 0;  // http: the response status, -1 when the reply was not HTTP at all
+    int status = 0;  // http, bodyTooLarge: the response status, -1 when the reply was not HTTP at all
     QString body;    // http: the whole body, line breaks dropped
     QString message; // decoding
 
@@ -30,10 +40,23 @@ struct ChatServiceError
     static ChatServiceError invalidBaseURL() { return {Kind::invalidBaseURL, 0, {}, {}}; }
     // A reply whose scheme is not http or https.
     static ChatServiceError notHTTP() { return http(-1, QStringLiteral("No HTTP response")); }
+    static ChatServiceError of(Kind kind, int status = 0) { return {kind, status, {}, {}}; }
 
     QString errorDescription() const;
 
     friend bool operator==(const ChatServiceError &, const ChatServiceError &) = default;
+};
+
+// The most a provider may send before the transport stops reading, so that a server that never
+// stops cannot exhaust memory. Every real provider stays far below them; tests shrink them.
+struct TransferLimits
+{
+    static constexpr qsizetype megabyte = 1024 * 1024;
+
+    qsizetype lineBytes = 16 * megabyte;      // one line of a streamed reply
+    qsizetype replyTextBytes = 32 * megabyte; // a reply's text, in UTF-8 bytes
+    qsizetype errorBodyBytes = 16 * megabyte; // the body of a non-2xx answer
+    qsizetype modelListBytes = 16 * megabyte; // a model-list body
 };
 
 // A failure of the transfer itself (refused connection, DNS, TLS, time-out), in Qt's words.
@@ -65,13 +88,15 @@ struct ChatEvent
 };
 
 // The one entry point through which a conversation talks to a provider. A cheap value; the
-// transfer time-out (no bytes for that long ends the reply) is its only setting, 60 s unless a
-// test shortens it.
+// transfer time-out (no bytes for that long ends the reply, 60 s) and the size limits are its
+// only settings, which only tests change.
 class ChatService final
 {
 public:
-    explicit ChatService(std::chrono::milliseconds transferTimeout = std::chrono::seconds(60))
+    explicit ChatService(std::chrono::milliseconds transferTimeout = std::chrono::seconds(60),
+                         TransferLimits limits = {})
         : m_transferTimeout(transferTimeout)
+        , m_limits(limits)
     {}
 
     // Sends the conversation to the provider's chat endpoint and returns at once a stream on
@@ -104,4 +129,5 @@ public:
 
 private:
     std::chrono::milliseconds m_transferTimeout;
+    TransferLimits m_limits;
 };

@@ -14,6 +14,21 @@ ChatStream::~ChatStream()
     stopTransfer();
 }
 
+namespace {
+
+qsizetype utf8Length(QStringView text)
+{
+    qsizetype bytes = text.size();
+    for (const QChar c : text) {
+        const char16_t u = c.unicode();
+        if (u >= 0x80)
+            bytes += (u >= 0x800 && !c.isSurrogate()) ? 2 : 1;
+    }
+    return bytes;
+}
+
+} // namespace
+
 ChatStream *ChatService::stream(const Provider &provider, const QList<ChatMessage> &messages, QObject *consumer) const
 {
     auto *stream = new ChatStream;
@@ -22,12 +37,14 @@ ChatStream *ChatService::stream(const Provider &provider, const QList<ChatMessag
     const int timeoutMs = int(m_transferTimeout.count());
     // Started on the next turn so that even an immediate failure reaches a consumer that
     // connects after stream() returns.
-    QTimer::singleShot(0, stream,
-                       [stream, provider, messages, timeoutMs] { stream->start(provider, messages, timeoutMs); });
+    QTimer::singleShot(0, stream, [stream, provider, messages, timeoutMs, limits = m_limits] {
+        stream->start(provider, messages, timeoutMs, limits);
+    });
     return stream;
 }
 
-void ChatStream::start(const Provider &provider, const QList<ChatMessage> &messages, int transferTimeoutMs)
+void ChatStream::start(const Provider &provider, const QList<ChatMessage> &messages, int transferTimeoutMs,
+                       TransferLimits limits)
 {
     if (m_finished)
         return;
@@ -43,8 +60,14 @@ void ChatStream::start(const Provider &provider, const QList<ChatMessage> &messa
     HttpRequest request = std::get<HttpRequest>(std::move(built));
     request.timeoutMs = transferTimeoutMs;
     m_wire = provider.wire;
+    m_limits = limits;
+    auto sent = NetworkAccess::send(request);
+    if (auto *refused = std::get_if<ServiceError>(&sent)) {
+        end(*refused, false);
+        return;
+    }
     m_state = State::waitingForHead;
-    m_reply = NetworkAccess::send(request);
+    m_reply = std::get<QNetworkReply *>(sent);
     connect(m_reply, &QNetworkReply::metaDataChanged, this, &ChatStream::handleHead);
     connect(m_reply, &QNetworkReply::readyRead, this, &ChatStream::handleReadyRead);
     connect(m_reply, &QNetworkReply::finished, this, &ChatStream::handleReplyFinished);
@@ -54,20 +77,14 @@ void ChatStream::handleHead()
 {
     if (m_state != State::waitingForHead || !m_reply)
         return;
-    switch (NetworkAccess::replyKind(*m_reply)) {
-    case NetworkAccess::ReplyKind::http:
-        break;
-    case NetworkAccess::ReplyKind::notHTTP:
-        end(ChatServiceError::notHTTP(), false);
-        return;
-    case NetworkAccess::ReplyKind::unsupported:
-        end(NetworkAccess::transferError(*m_reply), false);
+    const NetworkAccess::ReplyState head = NetworkAccess::replyState(*m_reply);
+    if (head.failure) {
+        end(*head.failure, false);
         return;
     }
-    const QVariant status = m_reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
-    if (!status.isValid())
-        return; // no head yet: a transfer error will follow
-    m_status = status.toInt();
+    if (!head.status)
+        return;
+    m_status = *head.status;
     m_state = (m_status >= 200 && m_status <= 299) ? State::readingEvents : State::collectingError;
 }
 
@@ -76,7 +93,7 @@ void ChatStream::handleReadyRead()
     handleHead();
     if (m_state != State::readingEvents && m_state != State::collectingError)
         return;
-    m_buffer += m_reply->readAll();
+    take(m_reply->readAll());
     processLines(false);
 }
 
@@ -87,17 +104,12 @@ void ChatStream::handleReplyFinished()
     handleHead();
     if (m_finished)
         return;
-    const QNetworkReply::NetworkError error = m_reply->error();
-    // Qt flags 4xx and 5xx replies as content or server errors; for us those are still a
-    // whole HTTP answer. Only failures of the connection itself end a reply as a transfer error.
-    const bool transferFailed =
-        error != QNetworkReply::NoError && (m_state == State::waitingForHead || m_state == State::readingEvents ||
-                                            error < QNetworkReply::ContentAccessDenied);
-    if (transferFailed) {
-        end(NetworkAccess::transferError(*m_reply), false);
+    const NetworkAccess::ReplyState state = NetworkAccess::replyState(*m_reply);
+    if (state.failure || !state.status) {
+        end(state.failure.value_or(ChatServiceError::notHTTP()), false);
         return;
     }
-    m_buffer += m_reply->readAll();
+    take(m_reply->readAll());
     processLines(true);
     if (m_finished)
         return;
@@ -107,48 +119,79 @@ void ChatStream::handleReplyFinished()
         end(std::nullopt, false);
 }
 
-void ChatStream::processLines(bool atEnd)
+void ChatStream::take(const QByteArray &bytes)
 {
-    qsizetype start = 0;
-    const auto takeLine = [&](qsizetype endOfLine) {
-        QByteArrayView line = QByteArrayView(m_buffer).sliced(start, endOfLine - start);
-        if (line.endsWith('\r'))
-            line.chop(1);
-        if (m_state == State::collectingError) {
-            m_errorBody += line;
+    if (m_finished)
+        return;
+    if (m_state == State::collectingError) {
+        m_bodyBytes += bytes.size();
+        if (m_bodyBytes > m_limits.errorBodyBytes) {
+            end(ChatServiceError::of(ChatServiceError::Kind::bodyTooLarge, m_status), false);
             return;
         }
-        const ChatService::Parsed parsed = ChatService::parseSSELine(line, m_wire);
-        switch (parsed.kind) {
-        case ChatService::Parsed::Kind::delta:
-            emit eventReceived(ChatEvent::delta(parsed.text));
-            break;
-        case ChatService::Parsed::Kind::usage:
-            emit eventReceived(ChatEvent::usageEvent(parsed.usage));
-            break;
-        case ChatService::Parsed::Kind::done:
-            end(std::nullopt, false);
-            break;
-        case ChatService::Parsed::Kind::skip:
-            break;
-        }
-    };
+    }
+    m_buffer += bytes;
+}
 
+void ChatStream::handleLine(QByteArrayView line)
+{
+    if (line.endsWith('\r'))
+        line.chop(1);
+    if (m_state == State::collectingError) {
+        m_errorBody += line;
+        return;
+    }
+    if (line.size() > m_limits.lineBytes) {
+        end(ChatServiceError::of(ChatServiceError::Kind::lineTooLong), false);
+        return;
+    }
+    const ChatService::Parsed parsed = ChatService::parseSSELine(line, m_wire);
+    switch (parsed.kind) {
+    case ChatService::Parsed::Kind::delta:
+        m_replyBytes += utf8Length(parsed.text);
+        if (m_replyBytes > m_limits.replyTextBytes) {
+            end(ChatServiceError::of(ChatServiceError::Kind::replyTooLong), false);
+            return;
+        }
+        emit eventReceived(ChatEvent::delta(parsed.text));
+        break;
+    case ChatService::Parsed::Kind::usage:
+        emit eventReceived(ChatEvent::usageEvent(parsed.usage));
+        break;
+    case ChatService::Parsed::Kind::done:
+        end(std::nullopt, false);
+        break;
+    case ChatService::Parsed::Kind::skip:
+        break;
+    }
+}
+
+void ChatStream::processLines(bool atEnd)
+{
+    if (m_finished)
+        return;
     // Splitting only at "\n" bytes keeps a UTF-8 character that straddles two reads whole.
+    qsizetype start = 0;
     while (!m_finished) {
         const qsizetype newline = m_buffer.indexOf('\n', m_scanFrom);
         if (newline < 0)
             break;
-        takeLine(newline);
+        handleLine(QByteArrayView(m_buffer).sliced(start, newline - start));
         start = newline + 1;
         m_scanFrom = start;
     }
     if (m_finished)
         return;
-    if (atEnd && start < m_buffer.size())
-        takeLine(m_buffer.size());
+    if (atEnd && start < m_buffer.size()) {
+        handleLine(QByteArrayView(m_buffer).sliced(start));
+        return;
+    }
     m_buffer.remove(0, start);
-    m_scanFrom = atEnd ? 0 : m_buffer.size();
+    m_scanFrom = m_buffer.size();
+    // A line still without its end that is already past the limit (its "\r" aside) never
+    // becomes one we would read.
+    if (m_state == State::readingEvents && m_buffer.size() > m_limits.lineBytes + 1)
+        end(ChatServiceError::of(ChatServiceError::Kind::lineTooLong), false);
 }
 
 void ChatStream::cancel()

@@ -23,7 +23,8 @@ struct QTypeTraits::has_operator_less_than<std::optional<ServiceError>> : std::f
 // eventReceived after it, and finished(nullopt) follows on a later turn of the event loop
 // (cancellation is a normal end). If the consumer passed to stream() is destroyed, the stream
 // aborts and emits nothing more. The stream deletes itself (deleteLater) after finished, or
-// after its consumer is gone.
+// after its consumer is gone. What it holds stays within its TransferLimits whatever the server
+// sends: past a limit it stops reading and ends with that limit's error.
 class ChatStream final : public QObject
 {
     Q_OBJECT
@@ -41,7 +42,8 @@ signals:
     // Emitted for each text fragment or token count, in stream order.
     void eventReceived(const ChatEvent &event);
     // Emitted once when the reply ends: nullopt for a normal end (including cancel()), or the
-    // failure (missing key, bad base URL, HTTP status with its body, transfer error).
+    // failure (missing key, bad base URL, a key that would break the headers, HTTP status with
+    // its body, a limit passed, transfer error).
     void finished(const std::optional<ServiceError> &error);
 
 private:
@@ -49,11 +51,14 @@ private:
 
     explicit ChatStream(QObject *parent = nullptr);
 
-    void start(const Provider &provider, const QList<ChatMessage> &messages, int transferTimeoutMs);
+    void start(const Provider &provider, const QList<ChatMessage> &messages, int transferTimeoutMs,
+               TransferLimits limits);
     void handleHead();
     void handleReadyRead();
     void handleReplyFinished();
+    void take(const QByteArray &bytes);
     void processLines(bool atEnd);
+    void handleLine(QByteArrayView line);
     void end(std::optional<ServiceError> error, bool deferred);
     void stopTransfer();
     void abandon();
@@ -64,8 +69,11 @@ private:
     State m_state = State::starting;
     ProviderWire m_wire = ProviderWire::openAI;
     int m_status = 0;
-    QByteArray m_buffer;      // bytes not yet split into lines
-    qsizetype m_scanFrom = 0; // where to look for the next "\n" in m_buffer
-    QByteArray m_errorBody;   // non-2xx body, line breaks dropped
+    QByteArray m_buffer;        // bytes not yet split into lines
+    qsizetype m_scanFrom = 0;   // where to look for the next "\n" in m_buffer
+    QByteArray m_errorBody;     // non-2xx body, line breaks dropped
+    qsizetype m_bodyBytes = 0;  // non-2xx body bytes received, line breaks included
+    qsizetype m_replyBytes = 0; // UTF-8 bytes of the text delivered so far
+    TransferLimits m_limits;
     bool m_finished = false;
 };

@@ -16,11 +16,7 @@ ModelsFetch::ModelsFetch(QObject *parent)
 
 ModelsFetch::~ModelsFetch()
 {
-    if (m_reply) {
-        m_reply->disconnect(this);
-        m_reply->abort();
-        m_reply->deleteLater();
-    }
+    NetworkAccess::discard(m_reply, this);
 }
 
 ModelsFetch *ModelsService::fetchModels(const Provider &provider, QObject *consumer) const
@@ -29,7 +25,8 @@ ModelsFetch *ModelsService::fetchModels(const Provider &provider, QObject *consu
     if (consumer)
         QObject::connect(consumer, &QObject::destroyed, fetch, &ModelsFetch::abandon);
     const int timeoutMs = int(m_transferTimeout.count());
-    QTimer::singleShot(0, fetch, [fetch, provider, timeoutMs] { fetch->start(provider, timeoutMs); });
+    QTimer::singleShot(0, fetch,
+                       [fetch, provider, timeoutMs, limits = m_limits] { fetch->start(provider, timeoutMs, limits); });
     return fetch;
 }
 
@@ -82,7 +79,7 @@ std::variant<QStringList, ChatServiceError> ModelsService::parseResponse(int sta
     return ids;
 }
 
-void ModelsFetch::start(const Provider &provider, int transferTimeoutMs)
+void ModelsFetch::start(const Provider &provider, int transferTimeoutMs, TransferLimits limits)
 {
     if (m_finished)
         return;
@@ -93,33 +90,45 @@ void ModelsFetch::start(const Provider &provider, int transferTimeoutMs)
     }
     HttpRequest request = std::get<HttpRequest>(std::move(built));
     request.timeoutMs = transferTimeoutMs;
-    m_reply = NetworkAccess::send(request);
+    m_limits = limits;
+    auto sent = NetworkAccess::send(request);
+    if (auto *refused = std::get_if<ServiceError>(&sent)) {
+        end(*refused, false);
+        return;
+    }
+    m_reply = std::get<QNetworkReply *>(sent);
+    connect(m_reply, &QNetworkReply::readyRead, this, &ModelsFetch::handleReadyRead);
     connect(m_reply, &QNetworkReply::finished, this, &ModelsFetch::handleReplyFinished);
+}
+
+void ModelsFetch::handleReadyRead()
+{
+    if (m_finished || !m_reply)
+        return;
+    const NetworkAccess::ReplyState state = NetworkAccess::replyState(*m_reply);
+    if (!state.status)
+        return; // not HTTP, or no head yet: the end says which
+    m_body += m_reply->readAll();
+    const bool success = *state.status >= 200 && *state.status <= 299;
+    if (success && m_body.size() > m_limits.modelListBytes)
+        end(ServiceError(ChatServiceError::of(ChatServiceError::Kind::modelListTooLarge)), false);
+    else if (!success && m_body.size() > m_limits.errorBodyBytes)
+        end(ServiceError(ChatServiceError::of(ChatServiceError::Kind::bodyTooLarge, *state.status)), false);
 }
 
 void ModelsFetch::handleReplyFinished()
 {
     if (m_finished || !m_reply)
         return;
-    QNetworkReply &reply = *m_reply;
-    switch (NetworkAccess::replyKind(reply)) {
-    case NetworkAccess::ReplyKind::http:
-        break;
-    case NetworkAccess::ReplyKind::notHTTP:
-        end(ServiceError(ChatServiceError::notHTTP()), false);
+    handleReadyRead();
+    if (m_finished)
         return;
-    case NetworkAccess::ReplyKind::unsupported:
-        end(ServiceError(NetworkAccess::transferError(reply)), false);
+    const NetworkAccess::ReplyState state = NetworkAccess::replyState(*m_reply);
+    if (state.failure || !state.status) {
+        end(ServiceError(state.failure.value_or(ChatServiceError::notHTTP())), false);
         return;
     }
-    const QVariant status = reply.attribute(QNetworkRequest::HttpStatusCodeAttribute);
-    // A 4xx or 5xx is an answer, not a failed transfer, even though Qt flags it as an error.
-    if (!status.isValid() ||
-        (reply.error() != QNetworkReply::NoError && reply.error() < QNetworkReply::ContentAccessDenied)) {
-        end(ServiceError(NetworkAccess::transferError(reply)), false);
-        return;
-    }
-    auto parsed = ModelsService::parseResponse(status.toInt(), reply.readAll());
+    auto parsed = ModelsService::parseResponse(*state.status, m_body);
     if (auto *failure = std::get_if<ChatServiceError>(&parsed))
         end(ServiceError(*failure), false);
     else
@@ -128,16 +137,10 @@ void ModelsFetch::handleReplyFinished()
 
 void ModelsFetch::cancel()
 {
-    if (m_finished || !m_reply) {
-        if (!m_finished)
-            end(ServiceError(
-                    TransferError{QNetworkReply::OperationCanceledError, QStringLiteral("Operation canceled")}),
-                true);
+    if (m_finished)
         return;
-    }
-    m_reply->disconnect(this);
-    m_reply->abort();
-    end(ServiceError(NetworkAccess::transferError(*m_reply)), true);
+    NetworkAccess::discard(m_reply, this);
+    end(ServiceError(NetworkAccess::cancelled()), true);
 }
 
 void ModelsFetch::end(Result result, bool deferred)

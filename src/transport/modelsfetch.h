@@ -13,7 +13,7 @@ class QNetworkReply;
 // One running model-list request, created only by ModelsService::fetchModels(). Lives on the
 // main thread, emits finished exactly once and then deletes itself (deleteLater). If the
 // consumer passed to fetchModels() is destroyed first, the transfer is aborted and nothing is
-// emitted.
+// emitted. The body it keeps stays within its TransferLimits whatever the server sends.
 class ModelsFetch final : public QObject
 {
     Q_OBJECT
@@ -31,7 +31,8 @@ public:
 
 signals:
     // Emitted once: the sorted model identifiers, or the failure (missing key, bad base URL,
-    // HTTP status with its body, unexpected response shape, transfer error).
+    // a key that would break the headers, HTTP status with its body, unexpected response shape,
+    // a body past its limit, transfer error).
     void finished(const ModelsFetch::Result &result);
 
 private:
@@ -39,11 +40,14 @@ private:
 
     explicit ModelsFetch(QObject *parent = nullptr);
 
-    void start(const Provider &provider, int transferTimeoutMs);
+    void start(const Provider &provider, int transferTimeoutMs, TransferLimits limits);
+    void handleReadyRead();
     void handleReplyFinished();
     void end(Result result, bool deferred);
     void abandon();
 
     QPointer<QNetworkReply> m_reply;
+    QByteArray m_body;
+    TransferLimits m_limits;
     bool m_finished = false;
 };

@@ -12,13 +12,15 @@
 class ModelsFetch;
 class QObject;
 
-// Asks a provider for the identifiers of its models. A cheap value; the transfer time-out is
-// its only setting (60 s unless a test shortens it).
+// Asks a provider for the identifiers of its models. A cheap value; the transfer time-out (60 s)
+// and the size limits are its only settings, which only tests change.
 class ModelsService final
 {
 public:
-    explicit ModelsService(std::chrono::milliseconds transferTimeout = std::chrono::seconds(60))
+    explicit ModelsService(std::chrono::milliseconds transferTimeout = std::chrono::seconds(60),
+                           TransferLimits limits = {})
         : m_transferTimeout(transferTimeout)
+        , m_limits(limits)
     {}
 
     // Starts the GET of the provider's model list and returns at once; the result arrives
@@ -37,4 +39,5 @@ public:
 
 private:
     std::chrono::milliseconds m_transferTimeout;
+    TransferLimits m_limits;
 };

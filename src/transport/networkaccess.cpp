@@ -18,6 +18,54 @@ void destroyManager()
     shared = nullptr;
 }
 
+bool isHTTP(const QString &scheme)
+{
+    return scheme == u"http" || scheme == u"https";
+}
+
+// Schemes Qt reads without HTTP: such a URL names something that answers, but with no status.
+bool isNotHTTP(const QString &scheme)
+{
+    return scheme == u"file" || scheme == u"qrc" || scheme == u"data";
+}
+
+bool hasControlCharacter(QByteArrayView value)
+{
+    // Decoded, so that the C1 controls of UTF-8 count as well as the ASCII ones.
+    for (const QChar c : QString::fromUtf8(value)) {
+        if (c.category() == QChar::Other_Control)
+            return true;
+    }
+    return false;
+}
+
+TransferError unknownScheme()
+{
+    return {QNetworkReply::ProtocolUnknownError, QStringLiteral("The Base URL must start with http:// or https://.")};
+}
+
+// Qt's error codes that only restate a 4xx or 5xx status (content and server errors).
+bool restatesStatus(QNetworkReply::NetworkError code)
+{
+    return (code >= QNetworkReply::ContentAccessDenied && code <= QNetworkReply::UnknownContentError) ||
+           (code >= QNetworkReply::InternalServerError && code <= QNetworkReply::UnknownServerError);
+}
+
+// Qt's own account of a failed transfer, in words a user can act on where Qt's are misleading.
+TransferError transferError(const QNetworkReply &reply)
+{
+    switch (reply.error()) {
+    case QNetworkReply::OperationCanceledError:
+        // Our own aborts disconnect first, so a cancellation that reaches us is the transfer
+        // time-out, which Qt reports in the same words as a user's Stop.
+        return {QNetworkReply::TimeoutError, QStringLiteral("The request timed out.")};
+    case QNetworkReply::ProtocolUnknownError:
+        return unknownScheme();
+    default:
+        return {reply.error(), reply.errorString()};
+    }
+}
+
 } // namespace
 
 QNetworkAccessManager &manager()
@@ -31,27 +79,39 @@ QNetworkAccessManager &manager()
     return *shared;
 }
 
-QNetworkReply *send(const HttpRequest &request)
+std::variant<QNetworkReply *, ServiceError> send(const HttpRequest &request)
 {
-    QNetworkRequest networkRequest = request.toNetworkRequest();
-    // Manual redirects: Qt's default would replay our raw headers, the API key among them, to
-    // whatever host the Location names.
-    networkRequest.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
-    if (request.body)
-        return manager().sendCustomRequest(networkRequest, request.method, *request.body);
-    return manager().sendCustomRequest(networkRequest, request.method);
+    for (const auto &header : request.headers) {
+        if (hasControlCharacter(header.second))
+            return ChatServiceError::of(ChatServiceError::Kind::controlCharacterInKey);
+    }
+    const QString scheme = request.url.scheme();
+    if (!isHTTP(scheme) && !isNotHTTP(scheme))
+        return unknownScheme();
+
+    const QNetworkRequest networkRequest = request.toNetworkRequest();
+    QNetworkReply *reply = request.body ? manager().sendCustomRequest(networkRequest, request.method, *request.body)
+                                        : manager().sendCustomRequest(networkRequest, request.method);
+    reply->setReadBufferSize(TransferLimits::megabyte);
+    return reply;
 }
 
-ReplyKind replyKind(const QNetworkReply &reply)
+ReplyState replyState(const QNetworkReply &reply)
 {
     const QString scheme = reply.url().scheme();
-    if (scheme == u"http" || scheme == u"https")
-        return ReplyKind::http;
     // Qt refuses a POST to file: as an unknown protocol, yet such a URL does name something
     // that answers without HTTP.
-    if (scheme == u"file" || scheme == u"qrc" || scheme == u"data")
-        return ReplyKind::notHTTP;
-    return ReplyKind::unsupported;
+    if (isNotHTTP(scheme))
+        return {std::nullopt, ChatServiceError::notHTTP()};
+    if (!isHTTP(scheme))
+        return {std::nullopt, unknownScheme()};
+    const QVariant status = reply.attribute(QNetworkRequest::HttpStatusCodeAttribute);
+    const QNetworkReply::NetworkError code = reply.error();
+    if (code != QNetworkReply::NoError && !(status.isValid() && status.toInt() >= 400 && restatesStatus(code)))
+        return {std::nullopt, transferError(reply)};
+    if (status.isValid())
+        return {status.toInt(), std::nullopt};
+    return {};
 }
 
 void discard(QPointer<QNetworkReply> &reply, const QObject *receiver)
@@ -66,9 +126,9 @@ void discard(QPointer<QNetworkReply> &reply, const QObject *receiver)
     r->deleteLater();
 }
 
-TransferError transferError(const QNetworkReply &reply)
+TransferError cancelled()
 {
-    return {reply.error(), reply.errorString()};
+    return {QNetworkReply::OperationCanceledError, QStringLiteral("Operation canceled")};
 }
 
 } // namespace NetworkAccess

@@ -4,6 +4,9 @@
 
 #include <QPointer>
 
+#include <optional>
+#include <variant>
+
 class QNetworkAccessManager;
 class QNetworkReply;
 struct HttpRequest;
@@ -15,21 +18,28 @@ namespace NetworkAccess {
 // the application object. Requires a QCoreApplication.
 QNetworkAccessManager &manager();
 
-// Sends request (its method, headers, body and time-out). Redirects are never followed: a 3xx
-// reaches the caller as its own status, so an API key never travels to another origin. The
-// caller owns the reply.
-QNetworkReply *send(const HttpRequest &request);
+// Sends request (its method, headers, body and time-out); the caller owns the reply. Refuses,
+// sending nothing, a header value that holds a control character (a key pasted with a line
+// break would otherwise split the request or add headers of its own) and a URL whose scheme Qt
+// cannot send to. Qt keeps at most 1 MB unread, so a reader that drains the reply on each
+// readyRead bounds what a fast server can pile up in memory.
+std::variant<QNetworkReply *, ServiceError> send(const HttpRequest &request);
 
-// What a finished or answering reply is: HTTP; something Qt reads without HTTP (file:, qrc:,
-// data:), which answers but with no status; or a scheme it cannot send to at all.
-enum class ReplyKind { http, notHTTP, unsupported };
-ReplyKind replyKind(const QNetworkReply &reply);
+// A reply as far as Qt has told of it: the HTTP status once the head is in, or the failure that
+// ends it; neither while the head is awaited. A 4xx or 5xx is an answer even though Qt flags it
+// as an error too; only a failed transfer, or a reply that is not HTTP at all, is a failure.
+struct ReplyState
+{
+    std::optional<int> status;
+    std::optional<ServiceError> failure;
+};
+ReplyState replyState(const QNetworkReply &reply);
 
 // Ends a transfer its owner no longer wants: receiver hears nothing more from the reply, a
 // running transfer is aborted, the reply is deleted later, and the pointer is cleared.
 void discard(QPointer<QNetworkReply> &reply, const QObject *receiver);
 
-// Qt's own account of a failed transfer.
-TransferError transferError(const QNetworkReply &reply);
+// What the user is told when the user ends a transfer themselves.
+TransferError cancelled();
 
 } // namespace NetworkAccess

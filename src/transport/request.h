@@ -21,8 +21,9 @@ struct HttpRequest
     std::optional<QByteArray> body;               // absent for GET
     int timeoutMs = defaultTimeoutMs;
 
-    // The QNetworkRequest carrying exactly these headers and the transfer time-out. Redirects
-    // are left to the sender, which must keep the key from other origins.
+    // The QNetworkRequest carrying exactly these headers and the transfer time-out. Redirects are
+    // never followed: a 3xx reaches the caller as its own status, so the key never travels to
+    // another origin.
     QNetworkRequest toNetworkRequest() const;
 };
 

@@ -78,6 +78,21 @@ LoopbackResponse LoopbackResponse::eventStream(const QList<QByteArray> &pieces, 
     return response;
 }
 
+LoopbackResponse LoopbackResponse::silent()
+{
+    LoopbackResponse response;
+    response.neverAnswer = true;
+    return response;
+}
+
+LoopbackResponse LoopbackResponse::stalling(int status, const QByteArray &bytes, const QByteArray &contentType)
+{
+    LoopbackResponse response = text(status, bytes, contentType);
+    response.pieces.append({"never sent", 600000});
+    response.framing = Framing::closeDelimited;
+    return response;
+}
+
 LoopbackServer::LoopbackServer(QObject *parent)
     : QObject(parent)
 {}

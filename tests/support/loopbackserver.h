@@ -48,6 +48,11 @@ struct LoopbackResponse
 
     static LoopbackResponse text(int status, const QByteArray &body, const QByteArray &contentType = "text/plain");
     static LoopbackResponse eventStream(const QList<QByteArray> &pieces, int delayMs = 0);
+    // Reads the request and never answers.
+    static LoopbackResponse silent();
+    // Sends the status, headers and bytes at once, then nothing more for ten minutes, without a
+    // length: only a client that stops reading on its own ends the transfer.
+    static LoopbackResponse stalling(int status, const QByteArray &bytes, const QByteArray &contentType = "text/plain");
 };
 
 // An HTTP/1.1 server on 127.0.0.1 for tests and the mock provider: plain TCP or TLS, one

@@ -34,7 +34,6 @@ class tst_Inspect : public QObject
 private slots:
     void contract_data();
     void contract();
-    void requestDescribesTheWholeRequest();
 };
 
 void tst_Inspect::contract_data()
@@ -43,36 +42,36 @@ void tst_Inspect::contract_data()
     QTest::addColumn<QByteArray>("input");
     QTest::addColumn<int>("exitCode");
     QTest::addColumn<QByteArray>("output"); // exact stdout; empty: not compared
-
-    const auto args = [](std::initializer_list<const char *> list) {
-        QStringList out;
-        for (const char *a : list)
-            out.append(QString::fromUtf8(a));
-        return out;
+    const auto add = [](const char *name, const char *args, const QByteArray &input, int exitCode,
+                        const QByteArray &output = {}) {
+        QTest::newRow(name) << QString::fromLatin1(args).split(u' ') << input << exitCode << output;
     };
-    QTest::newRow("sse lines") << args({"sse", "--wire", "openAI"})
-                               << QByteArray("data: {\"choices\":[{\"delta\":{\"content\":\"a\"}}]}\r\n"
-                                             "data: {\"usage\":{\"completion_tokens\":5}}\ndata: [DONE]")
-                               << 0
-                               << QByteArray(
-                                      "{\"delta\":\"a\"}\n{\"usage\":{\"completionTokens\":5}}\n{\"done\":true}\n");
-    QTest::newRow("sse final line feed") << args({"sse", "--wire", "anthropic"}) << QByteArray("event: x\n") << 0
-                                         << QByteArray("{\"skip\":true}\n{\"skip\":true}\n");
-    QTest::newRow("sse without wire") << args({"sse"}) << QByteArray() << 2 << QByteArray();
-    QTest::newRow("sse unknown wire") << args({"sse", "--wire", "OpenAI"}) << QByteArray() << 2 << QByteArray();
-    QTest::newRow("title") << args({"title"}) << QByteArray("[" + userMessage + "]") << 0
-                           << QByteArray("\"Hi there\"\n");
-    QTest::newRow("no title") << args({"title"}) << QByteArray("[]") << 0 << QByteArray("null\n");
-    QTest::newRow("decode message") << args({"decode", "message"}) << userMessage << 0
-                                    << QByteArray(userMessage + "\n");
-    QTest::newRow("decode usage keeps only present counts")
-        << args({"decode", "usage"}) << QByteArray(R"({"totalTokens":null,"promptTokens":7})") << 0
-        << QByteArray("{\"promptTokens\":7}\n");
-    QTest::newRow("decode failure is a result")
-        << args({"decode", "message"}) << QByteArray(R"({"role":"user","content":""})") << 1 << QByteArray();
-    QTest::newRow("not json is bad usage") << args({"decode", "provider"}) << QByteArray("{nope") << 2 << QByteArray();
-    QTest::newRow("unknown subcommand") << args({"frobnicate"}) << QByteArray() << 2 << QByteArray();
-    QTest::newRow("unknown decode kind") << args({"decode", "thing"}) << QByteArray("{}") << 2 << QByteArray();
+    add("sse lines", "sse --wire openAI",
+        "data: {\"choices\":[{\"delta\":{\"content\":\"a\"}}]}\r\n"
+        "data: {\"usage\":{\"completion_tokens\":5}}\ndata: [DONE]",
+        0, "{\"delta\":\"a\"}\n{\"usage\":{\"completionTokens\":5}}\n{\"done\":true}\n");
+    add("sse final line feed", "sse --wire anthropic", "event: x\n", 0, "{\"skip\":true}\n{\"skip\":true}\n");
+    add("sse without wire", "sse", {}, 2);
+    add("sse unknown wire", "sse --wire OpenAI", {}, 2);
+    add("title", "title", "[" + userMessage + "]", 0, "\"Hi there\"\n");
+    add("no title", "title", "[]", 0, "null\n");
+    add("decode message", "decode message", userMessage, 0, userMessage + "\n");
+    add("decode usage keeps only present counts", "decode usage", R"({"totalTokens":null,"promptTokens":7})", 0,
+        "{\"promptTokens\":7}\n");
+    add("decode failure is a result", "decode message", R"({"role":"user","content":""})", 1);
+    add("not json is bad usage", "decode provider", "{nope", 2);
+    add("unknown subcommand", "frobnicate", {}, 2);
+    add("unknown decode kind", "decode thing", "{}", 2);
+    const QByteArray request = R"({"provider":{"id":"0E984725-C51C-4BF4-9960-E1C80E27ABA0","name":"G","wire":"openAI",)"
+                               R"("baseURL":"https://api.example.com/v1/","model":"m","apiKey":" k "},"messages":[)" +
+                               userMessage + "]}";
+    add("request", "request", request, 0,
+        R"({"url":"https:\/\/api.example.com\/v1\/chat\/completions","method":"POST","headers":[["Content-Type",)"
+        R"("application\/json"],["Authorization","Bearer  k "]],"timeout":60,"body":{"model":"m","stream":true,)"
+        R"("stream_options":{"include_usage":true},"messages":[{"role":"user","content":" Hi\nthere "}]}})"
+        "\n");
+    add("request with a blank base URL", "request", QByteArray(request).replace("https://api.example.com/v1/", " "), 1,
+        "{\"error\":\"The provider Base URL is empty or invalid.\"}\n");
 }
 
 void tst_Inspect::contract()
@@ -94,30 +93,6 @@ void tst_Inspect::contract()
         QVERIFY(run.out.isEmpty());
         QVERIFY(!run.err.isEmpty());
     }
-}
-
-void tst_Inspect::requestDescribesTheWholeRequest()
-{
-    const QByteArray input = R"({"provider":{"id":"0E984725-C51C-4BF4-9960-E1C80E27ABA0","name":"G","wire":"openAI",)"
-                             R"("baseURL":"https://api.example.com/v1/","model":"m","apiKey":" k "},"messages":[)" +
-                             userMessage + "]}";
-    const Run run = inspect({QStringLiteral("request")}, input);
-    QCOMPARE(run.exitCode, 0);
-    const auto doc = Json::Document::parse(run.out);
-    QVERIFY(doc);
-    const Json::Value root = doc->root();
-    QCOMPARE(root["url"].toString(), QStringLiteral("https://api.example.com/v1/chat/completions"));
-    QCOMPARE(root["method"].toString(), QStringLiteral("POST"));
-    QCOMPARE(root["timeout"].toInt64(), qint64(60));
-    const auto headers = root["headers"].elements();
-    QCOMPARE(headers.size(), 2);
-    QCOMPARE(headers[1].elements()[1].toString(), QStringLiteral("Bearer  k "));
-    QCOMPARE(root["body"]["messages"].elements()[0]["content"].toString(), QStringLiteral(" Hi\nthere "));
-
-    const Run blank =
-        inspect({QStringLiteral("request")}, QByteArray(input).replace("https://api.example.com/v1/", " "));
-    QCOMPARE(blank.exitCode, 1);
-    QCOMPARE(blank.out, QByteArray("{\"error\":\"The provider Base URL is empty or invalid.\"}\n"));
 }
 
 QTEST_GUILESS_MAIN(tst_Inspect)

@@ -42,18 +42,10 @@ struct Recorder
 
 Provider provider(ProviderWire wire, const QString &baseURL, const QString &key = QStringLiteral("sk-test"))
 {
-    Provider p;
-    p.wire = wire;
-    p.baseURL = baseURL;
-    p.model = QStringLiteral("test-model");
-    p.apiKey = key;
-    return p;
+    return {QUuid(), {}, wire, baseURL, QStringLiteral("test-model"), {}, key};
 }
 
-QList<ChatMessage> hi()
-{
-    return {ChatMessage(ChatRole::user, QStringLiteral("Hi"))};
-}
+const QList<ChatMessage> hi{ChatMessage(ChatRole::user, QStringLiteral("Hi"))};
 
 QByteArray sse(const QByteArray &json)
 {
@@ -70,7 +62,7 @@ Recorder run(const Provider &p, const ChatService &service = ChatService())
 {
     Recorder recorder;
     QObject consumer;
-    QPointer<ChatStream> stream = service.stream(p, hi(), &consumer);
+    QPointer<ChatStream> stream = service.stream(p, hi, &consumer);
     recorder.attach(stream, &consumer);
     [&] { QTRY_COMPARE_WITH_TIMEOUT(recorder.finishedCount, 1, 20000); }();
     [&] { QTRY_VERIFY(stream.isNull()); }();
@@ -93,6 +85,7 @@ struct FailCase
     QString key = QStringLiteral("k");
     LoopbackResponse response = LoopbackResponse::eventStream({chunk("x")});
     std::chrono::milliseconds timeout = 60s;
+    TransferLimits limits = {};
     QString text = {}; // the whole text of our own errors; part of the network stack's text otherwise
     int code = -1;     // QNetworkReply's code of a transfer error
     int requests = 1;
@@ -114,6 +107,7 @@ private slots:
     void deliversEventsInOrder();
     void fails_data();
     void fails();
+    void shippedLimits();
     void twoStreams_data();
     void twoStreams();
     void mockProviderProcess_streamsItsReply();
@@ -204,8 +198,6 @@ void tst_ChatStream::fails_data()
     sameOrigin.headers.append({QByteArray("Location"), QByteArray("/v2/chat/completions")});
     LoopbackResponse crossOrigin = LoopbackResponse::text(307, "see other host");
     crossOrigin.headers.append({QByteArray("Location"), QByteArray("{elsewhere}/v1/chat/completions")});
-    LoopbackResponse silent;
-    silent.neverAnswer = true;
     LoopbackResponse dropped = LoopbackResponse::eventStream({chunk("first"), chunk("lost")});
     dropped.framing = LoopbackResponse::Framing::contentLength;
     dropped.dropAfterPieces = 1;
@@ -226,10 +218,10 @@ void tst_ChatStream::fails_data()
         << FailCase{.key = QStringLiteral("sk-secret"),
                     .response = crossOrigin,
                     .text = QStringLiteral("Provider returned HTTP 307: see other host")};
-    QTest::newRow("file: base URL, file exists")
-        << FailCase{.base = QStringLiteral("{dir}/v1"), .text = noResponse, .requests = 0};
-    QTest::newRow("file: base URL, no file")
-        << FailCase{.base = QStringLiteral("{dir}/missing"), .text = noResponse, .requests = 0};
+    // Schemes Qt reads locally, even where a file answers to the path.
+    for (const char *base : {"{dir}/v1", "{dir}/missing", "data:text/plain,x", "qrc:/v1"})
+        QTest::addRow("base URL %s", base)
+            << FailCase{.base = QString::fromLatin1(base), .text = noResponse, .requests = 0};
     QTest::newRow("refused connection") << FailCase{.base = QStringLiteral("{closed}/v1"),
                                                     .text = QStringLiteral("Connection refused"),
                                                     .code = QNetworkReply::ConnectionRefusedError,
@@ -238,15 +230,66 @@ void tst_ChatStream::fails_data()
                                                  .text = QStringLiteral("SSL"),
                                                  .code = QNetworkReply::SslHandshakeFailedError,
                                                  .requests = 0};
-    QTest::newRow("silent server times out")
-        << FailCase{.response = silent, .timeout = 300ms, .code = QNetworkReply::OperationCanceledError};
+    const QString timedOut = QStringLiteral("The request timed out.");
+    QTest::newRow("silent server times out") << FailCase{.response = LoopbackResponse::silent(),
+                                                         .timeout = 300ms,
+                                                         .text = timedOut,
+                                                         .code = QNetworkReply::TimeoutError};
     QTest::newRow("server stalling mid-body times out")
         << FailCase{.response = LoopbackResponse::eventStream({chunk("first"), chunk("never")}, 60000),
                     .timeout = 300ms,
-                    .code = QNetworkReply::OperationCanceledError,
+                    .text = timedOut,
+                    .code = QNetworkReply::TimeoutError,
                     .events = 1};
     QTest::newRow("connection dropped mid-body")
         << FailCase{.response = dropped, .code = QNetworkReply::RemoteHostClosedError, .events = 1};
+
+    const QString unknownScheme = QStringLiteral("The Base URL must start with http:// or https://.");
+    for (const char *base : {"api.example.com/v1", "ftp://127.0.0.1/v1"})
+        QTest::addRow("base URL %s", base)
+            << FailCase{.base = QString::fromLatin1(base), .text = unknownScheme, .code = 301, .requests = 0};
+    const QString badKey =
+        QStringLiteral("The API key contains a line break or another control character. Paste it again in Settings.");
+    for (const char *key : {"sk-abc\r\nX-Injected: yes", "sk-abc\n", "sk-\ttab", "sk-\u0085next-line"})
+        QTest::addRow("key %s refused", QByteArray(key).toPercentEncoding().constData())
+            << FailCase{.key = QString::fromUtf8(key), .text = badKey, .requests = 0};
+
+    // The limits, shrunk: the texts name the shipped sizes.
+    const QString lineTooLong = QStringLiteral("The provider sent a line longer than 16 MB.");
+    // Past a limit the stream stops reading at once; it does not wait for the end of a body
+    // that stalls, or never ends.
+    QTest::newRow("line that never ends")
+        << FailCase{.response = LoopbackResponse::stalling(200, chunk("kept") + "data: " + QByteArray(2000, 'x')),
+                    .limits = {.lineBytes = 1024},
+                    .text = lineTooLong,
+                    .events = 1};
+    QTest::newRow("whole line over the limit in one read") << FailCase{
+        .response = LoopbackResponse::eventStream({chunk("kept") + chunk(QByteArray(2000, 'y')) + chunk("z")}),
+        .limits = {.lineBytes = 1024},
+        .text = lineTooLong,
+        .events = 1};
+    // A line of exactly the limit is read, also while its "\r" waits for the "\n" of a later read.
+    const QByteArray head = R"(data: {"choices":[{"delta":{"content":")", tail = R"("}}]})";
+    const QByteArray exact = head + QByteArray(1024 - head.size() - tail.size(), 'x') + tail;
+    QTest::newRow("line of exactly the limit, then one byte more")
+        << FailCase{.response = LoopbackResponse::eventStream({exact + "\r", "\n" + QByteArray(1025, 'y') + "\n"}, 20),
+                    .limits = {.lineBytes = 1024},
+                    .text = lineTooLong,
+                    .events = 1};
+    // "é" is two bytes of text: the limit counts UTF-8, not characters.
+    QTest::newRow("reply text passes the limit, text so far delivered") << FailCase{
+        .response = LoopbackResponse::eventStream({chunk("\xC3\xA9\xC3\xA9"), chunk("\xC3\xA9"), chunk("x")}),
+        .limits = {.replyTextBytes = 5},
+        .text = QStringLiteral("The reply passed 32 MB and was stopped."),
+        .events = 1};
+    QTest::newRow("error body over the limit")
+        << FailCase{.response = LoopbackResponse::stalling(500, QByteArray(40, 'e')),
+                    .limits = {.errorBodyBytes = 16},
+                    .text = QStringLiteral("Provider returned HTTP 500 with a body over 16 MB.")};
+    QTest::newRow("error body of exactly the limit")
+        << FailCase{.response = LoopbackResponse::text(502, "0123456789abcdef"),
+                    .limits = {.errorBodyBytes = 16},
+                    .text = QStringLiteral("Provider returned HTTP 502: 0123456789abcdef")};
 }
 
 void tst_ChatStream::fails()
@@ -274,7 +317,7 @@ void tst_ChatStream::fails()
                              .replace(QStringLiteral("{closed}"), QStringLiteral("http://127.0.0.1:%1").arg(closedPort))
                              .replace(QStringLiteral("{dir}"), QUrl::fromLocalFile(m_dir.path()).toString());
 
-    const Recorder recorder = run(provider(ProviderWire::openAI, base, row.key), ChatService(row.timeout));
+    const Recorder recorder = run(provider(ProviderWire::openAI, base, row.key), ChatService(row.timeout, row.limits));
     QVERIFY(recorder.error.has_value());
     const auto *transfer = std::get_if<TransferError>(&*recorder.error);
     QCOMPARE(transfer ? int(transfer->code) : -1, row.code);
@@ -286,6 +329,15 @@ void tst_ChatStream::fails()
     QCOMPARE(recorder.events.size(), row.events);
     QCOMPARE(server.requests().size(), row.requests);
     QCOMPARE(elsewhere.connectionCount(), 0);
+}
+
+// The texts of the limits name these sizes.
+void tst_ChatStream::shippedLimits()
+{
+    const TransferLimits shipped;
+    const qsizetype mb = 1024 * 1024;
+    QVERIFY(shipped.lineBytes == 16 * mb && shipped.replyTextBytes == 32 * mb && shipped.errorBodyBytes == 16 * mb &&
+            shipped.modelListBytes == 16 * mb);
 }
 
 void tst_ChatStream::twoStreams_data()
@@ -315,9 +367,9 @@ void tst_ChatStream::twoStreams()
     Provider p = provider(ProviderWire::openAI, server.url().toString());
     p.model = QStringLiteral("a");
     Recorder a, b;
-    a.attach(ChatService().stream(p, hi(), &consumerA), &consumerA);
+    a.attach(ChatService().stream(p, hi, &consumerA), &consumerA);
     p.model = QStringLiteral("b");
-    QPointer<ChatStream> second = ChatService().stream(p, hi(), consumerB);
+    QPointer<ChatStream> second = ChatService().stream(p, hi, consumerB);
     b.attach(second, this); // outlives consumerB, to see anything emitted after it is gone
     std::optional<bool> finishedAtCancel;
     connect(second, &ChatStream::eventReceived, this, [&] {

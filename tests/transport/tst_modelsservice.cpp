@@ -6,6 +6,7 @@
 #include <QTest>
 
 using namespace std::chrono_literals;
+using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -29,21 +30,20 @@ struct Outcome
 
 Provider provider(ProviderWire wire, const QString &baseURL, const QString &key = QStringLiteral("sk-test"))
 {
-    Provider p;
-    p.wire = wire;
-    p.baseURL = baseURL;
-    p.apiKey = key;
-    return p;
+    return {QUuid(), {}, wire, baseURL, {}, {}, key};
 }
 
 struct FetchCase
 {
     ProviderWire wire = ProviderWire::openAI;
     QString key = QStringLiteral("sk-test");
+    QString base = {}; // the loopback server's /v1/ when empty
     LoopbackResponse response = {};
     std::chrono::milliseconds timeout = 60s;
+    TransferLimits limits = {};
     QStringList models = {};
     QString error = {};
+    int requests = 1;
 };
 
 } // namespace
@@ -73,32 +73,53 @@ void tst_ModelsService::fetch_data()
             .response = json(body),
             .error = QStringLiteral("Could not parse the provider response: Unexpected /models response shape")};
     };
-    LoopbackResponse never;
-    never.neverAnswer = true;
 
-    QTest::newRow("sorted by code point, upper case first")
-        << list(R"({"data":[{"id":"zeta"},{"id":"Alpha"},{"id":"beta"}]})", "Alpha beta zeta");
-    QTest::newRow("beyond the BMP sorts after U+FFxx")
-        << list(R"({"data":[{"id":"\ud83d\ude00"},{"id":"\uff21"}]})", "\uff21 \U0001F600");
-    QTest::newRow("duplicates stay") << list(R"({"data":[{"id":"m"},{"id":"a"},{"id":"m"}]})", "a m m");
+    // By code point: upper case first, beyond the BMP after U+FFxx; duplicates stay.
+    QTest::newRow("sorted") << list(
+        R"({"data":[{"id":"zeta"},{"id":"\ud83d\ude00"},{"id":"m"},{"id":"alpha"},{"id":"\uff21"},{"id":"m"},{"id":"Zed"}]})",
+        "Zed alpha m m zeta \uff21 \U0001F600");
     QTest::newRow("ids that are no strings are left out")
         << list(R"({"object":"list","data":[{"id":7},{"name":"x"},{"id":"gpt","owned_by":"me"},{"id":null}]})", "gpt");
     QTest::newRow("anthropic dialect, empty data")
         << FetchCase{.wire = ProviderWire::anthropic, .response = json(R"({"data":[]})")};
-    QTest::newRow("top-level array") << shapeError(R"([{"id":"a"}])");
-    QTest::newRow("string element") << shapeError(R"({"data":[{"id":"a"},"b"]})");
-    QTest::newRow("data not an array") << shapeError(R"({"data":{"id":"a"}})");
-    QTest::newRow("no data") << shapeError(R"({"models":[]})");
-    QTest::newRow("not JSON") << shapeError("<html>oops</html>");
+    for (const char *body : {R"([{"id":"a"}])", R"({"data":[{"id":"a"},"b"]})", R"({"data":{"id":"a"}})",
+                             R"({"models":[]})", "<html>oops</html>"})
+        QTest::addRow("shape error: %s", body) << shapeError(body);
     QTest::newRow("404 plain text") << FetchCase{.response = LoopbackResponse::text(404, "Not Found\n"),
                                                  .error = QStringLiteral("Provider returned HTTP 404: Not Found\n")};
     QTest::newRow("500 body not UTF-8 is empty") << FetchCase{.response = LoopbackResponse::text(500, "bad \xff byte"),
                                                               .error = QStringLiteral("Provider returned HTTP 500: ")};
-    QTest::newRow("no key, nothing sent")
-        << FetchCase{.key = QString(),
-                     .error = QStringLiteral("No API key set for this provider. Open Settings and paste your key.")};
-    QTest::newRow("silent server times out")
-        << FetchCase{.response = never, .timeout = 300ms, .error = QStringLiteral("Operation canceled")};
+    // Refused before anything is sent.
+    QTest::newRow("no key") << FetchCase{.key = QString(),
+                                         .error =
+                                             u"No API key set for this provider. Open Settings and paste your key."_s,
+                                         .requests = 0};
+    QTest::newRow("key with a line break") << FetchCase{
+        .key = u"sk-test\r\nHost: elsewhere"_s,
+        .error = u"The API key contains a line break or another control character. Paste it again in Settings."_s,
+        .requests = 0};
+    QTest::newRow("base URL without a scheme") << FetchCase{
+        .base = u"localhost/v1"_s, .error = u"The Base URL must start with http:// or https://."_s, .requests = 0};
+    QTest::newRow("silent server times out") << FetchCase{
+        .response = LoopbackResponse::silent(), .timeout = 300ms, .error = QStringLiteral("The request timed out.")};
+
+    // The limits, shrunk: the texts name the shipped size.
+    QByteArray longList = R"({"data":[)";
+    for (int i = 0; i < 200; ++i)
+        longList += R"({"id":"model-)" + QByteArray::number(i) + R"("},)";
+    // Past a limit the fetch stops reading at once, whether or not the body would ever end.
+    const auto stalling = [&longList](int status) { return LoopbackResponse::stalling(status, longList); };
+    QTest::newRow("model list over the limit")
+        << FetchCase{.response = stalling(200),
+                     .limits = {.modelListBytes = 1024},
+                     .error = QStringLiteral("The model list is larger than 16 MB.")};
+    QTest::newRow("error body over the limit")
+        << FetchCase{.response = stalling(503),
+                     .limits = {.errorBodyBytes = 1024},
+                     .error = QStringLiteral("Provider returned HTTP 503 with a body over 16 MB.")};
+    QTest::newRow("model list of exactly the limit") << FetchCase{.response = json(R"({"data":[{"id":"a"}]})"),
+                                                                  .limits = {.modelListBytes = 21},
+                                                                  .models = {QStringLiteral("a")}};
 }
 
 void tst_ModelsService::fetch()
@@ -107,21 +128,21 @@ void tst_ModelsService::fetch()
     LoopbackServer server;
     QVERIFY(server.listen());
     server.setResponse(row.response);
-    const QString base = server.url(QStringLiteral("/v1/")).toString();
+    const QString base = row.base.isEmpty() ? server.url(QStringLiteral("/v1/")).toString() : row.base;
 
     Outcome outcome;
     QObject consumer;
     QPointer<ModelsFetch> running =
-        ModelsService(row.timeout).fetchModels(provider(row.wire, base, row.key), &consumer);
+        ModelsService(row.timeout, row.limits).fetchModels(provider(row.wire, base, row.key), &consumer);
     outcome.attach(running, &consumer);
     QTRY_COMPARE_WITH_TIMEOUT(outcome.finishedCount, 1, 10000);
     QTRY_VERIFY(running.isNull());
     QCOMPARE(outcome.error, row.error);
     QCOMPARE(outcome.models, row.models);
 
-    // Nothing is sent without a key; otherwise a GET with only the dialect's own key headers.
-    QCOMPARE(server.connectionCount(), row.key.isEmpty() ? 0 : 1);
-    if (row.key.isEmpty())
+    // A GET with only the dialect's own key headers, unless refused before sending.
+    QCOMPARE(server.connectionCount(), row.requests);
+    if (!row.requests)
         return;
     const LoopbackRequest &request = server.requests().constFirst();
     const bool anthropic = row.wire == ProviderWire::anthropic;
@@ -145,9 +166,7 @@ void tst_ModelsService::stopEarly()
     QFETCH(bool, cancel);
     LoopbackServer server;
     QVERIFY(server.listen());
-    LoopbackResponse never;
-    never.neverAnswer = true;
-    server.setResponse(never);
+    server.setResponse(LoopbackResponse::silent());
 
     auto *consumer = new QObject;
     Outcome outcome;

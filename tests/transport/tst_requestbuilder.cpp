@@ -1,4 +1,4 @@
-#include "model/json.h"
+#include "rowfile.h"
 #include "transport/chatservice.h"
 
 #include <QTest>
@@ -12,23 +12,6 @@ Provider provider(ProviderWire wire, const QString &baseURL, const QString &mode
     return Provider{QUuid::createUuid(), QStringLiteral("P"), wire, baseURL, model, {}, QStringLiteral("sk-key")};
 }
 
-ChatMessage msg(ChatRole role, const QString &content)
-{
-    return ChatMessage(role, content);
-}
-
-// role/content pairs of the body's "messages", in order.
-QList<QPair<QString, QString>> sentMessages(const Json::Value &body)
-{
-    QList<QPair<QString, QString>> out;
-    for (const Json::Value &m : body["messages"].elements()) {
-        out.append({m["role"].toString(), m["content"].toString()});
-        if (m.size() != 2)
-            out.append({QStringLiteral("<extra keys>"), QString()});
-    }
-    return out;
-}
-
 } // namespace
 
 class tst_RequestBuilder : public QObject
@@ -40,9 +23,8 @@ private slots:
     void endpoint();
     void headersInOrder_data();
     void headersInOrder();
-    void openAIBody();
-    void anthropicSystemText_data();
-    void anthropicSystemText();
+    void body_data();
+    void body();
 };
 
 void tst_RequestBuilder::endpoint_data()
@@ -116,68 +98,34 @@ void tst_RequestBuilder::headersInOrder()
         QCOMPARE(network.rawHeader(name), value);
 }
 
-void tst_RequestBuilder::openAIBody()
+void tst_RequestBuilder::body_data()
 {
-    const QList<ChatMessage> messages{
-        msg(ChatRole::system, QStringLiteral("be brief")), msg(ChatRole::user, QStringLiteral("q1 \"quoted\" / ü 👍")),
-        msg(ChatRole::assistant, QString()), msg(ChatRole::system, QStringLiteral("late system"))};
-    const auto built = ChatService::makeRequest(
-        provider(ProviderWire::openAI, QStringLiteral("https://h/v1"), QString()), messages, QStringLiteral("k"));
-    const QByteArray body = *std::get<HttpRequest>(built).body;
-    QVERIFY(!body.contains('\n'));
-    const auto doc = Json::Document::parse(body);
-    QVERIFY(doc);
-    const Json::Value root = doc->root();
-    QCOMPARE(root.size(), 4);
-    QCOMPARE(root["model"].toString(), QString());
-    QVERIFY(root["model"].isString());
-    QVERIFY(root["stream"].isBool() && root["stream"].toBool());
-    QCOMPARE(root["stream_options"].size(), 1);
-    QVERIFY(root["stream_options"]["include_usage"].toBool());
-    QCOMPARE(sentMessages(root), (QList<QPair<QString, QString>>{
-                                     {QStringLiteral("system"), QStringLiteral("be brief")},
-                                     {QStringLiteral("user"), QStringLiteral("q1 \"quoted\" / ü 👍")},
-                                     {QStringLiteral("assistant"), QString()},
-                                     {QStringLiteral("system"), QStringLiteral("late system")},
-                                 }));
-}
-
-void tst_RequestBuilder::anthropicSystemText_data()
-{
+    QTest::addColumn<int>("wire");
     QTest::addColumn<QList<ChatMessage>>("messages");
-    QTest::addColumn<QVariant>("system"); // invalid: no "system" member
-    QTest::addColumn<int>("turns");
-    const auto sys = [](const char *text) { return msg(ChatRole::system, QString::fromUtf8(text)); };
-    const auto user = msg(ChatRole::user, QStringLiteral("u"));
-    QTest::newRow("A, user, B") << QList<ChatMessage>{sys("A"), user, sys("B")} << QVariant(QStringLiteral("A\n\nB"))
-                                << 1;
-    QTest::newRow("no system") << QList<ChatMessage>{user, msg(ChatRole::assistant, QStringLiteral("a")), user}
-                               << QVariant() << 3;
-    QTest::newRow("one empty system") << QList<ChatMessage>{sys(""), user} << QVariant() << 1;
-    QTest::newRow("two empty systems") << QList<ChatMessage>{sys(""), user, sys("")} << QVariant(QStringLiteral("\n\n"))
-                                       << 1;
+    QTest::addColumn<QByteArray>("body");
+    const QList<QStringList> rows = readTextRowFile(QStringLiteral(VERBOLT_TEST_DATA "/requests.rows"));
+    QVERIFY(!rows.isEmpty());
+    for (const QStringList &row : rows) {
+        QList<ChatMessage> messages;
+        for (const QString &message : row.mid(3)) {
+            const auto role = chatRoleFromRaw(message.section(u':', 0, 0));
+            QVERIFY2(role, qPrintable(message));
+            messages.append(ChatMessage(*role, message.section(u':', 1)));
+        }
+        QVERIFY2(row.size() >= 3 && (row[1] == u"openAI" || row[1] == u"anthropic"), qPrintable(row.first()));
+        QTest::newRow(qPrintable(row.first()))
+            << int(row[1] == u"openAI" ? ProviderWire::openAI : ProviderWire::anthropic) << messages << row[2].toUtf8();
+    }
 }
 
-void tst_RequestBuilder::anthropicSystemText()
+void tst_RequestBuilder::body()
 {
+    QFETCH(int, wire);
     QFETCH(QList<ChatMessage>, messages);
-    QFETCH(QVariant, system);
-    QFETCH(int, turns);
-    const auto built = ChatService::makeRequest(provider(ProviderWire::anthropic, QStringLiteral("https://h/v1")),
+    QFETCH(QByteArray, body);
+    const auto built = ChatService::makeRequest(provider(ProviderWire(wire), QStringLiteral("https://h/v1"), QString()),
                                                 messages, QStringLiteral("k"));
-    const auto doc = Json::Document::parse(*std::get<HttpRequest>(built).body);
-    QVERIFY(doc);
-    const Json::Value root = doc->root();
-    QCOMPARE(root["max_tokens"].toInt64(), qint64(4096));
-    QVERIFY(root["stream"].toBool());
-    QVERIFY(!root.contains("stream_options"));
-    QCOMPARE(root.contains("system"), system.isValid());
-    if (system.isValid())
-        QCOMPARE(root["system"].toString(), system.toString());
-    const auto sent = sentMessages(root);
-    QCOMPARE(sent.size(), turns);
-    for (const auto &[role, content] : sent)
-        QVERIFY(role != u"system");
+    QCOMPARE(*std::get<HttpRequest>(built).body, body);
 }
 
 QTEST_GUILESS_MAIN(tst_RequestBuilder)
