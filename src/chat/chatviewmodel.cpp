@@ -21,7 +21,7 @@ std::optional<qint64> merged(const std::optional<qint64> &incoming, const std::o
 
 QString ChatViewModel::noProviderText()
 {
-    return QStringLiteral("Pick a provider first (Settings ⌘,).");
+    return QStringLiteral("Pick a provider first (Settings Ctrl+,).");
 }
 
 ChatViewModel::ChatViewModel(QObject *parent)

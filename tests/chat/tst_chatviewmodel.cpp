@@ -159,7 +159,7 @@ void tst_ChatViewModel::guards_data()
     const std::optional<QString> none;
     QTest::newRow("blank input") << QStringLiteral(" \n\t  \n") << true << true << false << none;
     QTest::newRow("no provider") << QStringLiteral("hi") << false << true << false
-                                 << std::optional(QStringLiteral("Pick a provider first (Settings ⌘,)."));
+                                 << std::optional(QStringLiteral("Pick a provider first (Settings Ctrl+,)."));
     QTest::newRow("no conversation") << QStringLiteral("hi") << true << false << false << none;
     QTest::newRow("a reply already streaming") << QStringLiteral("second") << true << true << true << none;
 }

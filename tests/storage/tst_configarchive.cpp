@@ -6,6 +6,8 @@
 #include <QSettings>
 #include <QTest>
 
+#include <sys/stat.h>
+
 using namespace StorageTest;
 
 namespace {
@@ -131,24 +133,32 @@ private slots:
     {
         QTest::addColumn<QByteArray>("bytes");
         QTest::addColumn<QString>("reason"); // a word the failure text must hold
+        QTest::addColumn<QString>("path");   // read instead of an archive with those bytes
 
         const QByteArray good =
             ConfigArchive::encode({1, {provider(u"fine"_s), provider(u"odd"_s)}, {conversation(u"c"_s, 5)}});
         QByteArray unknownWire = good;
         unknownWire.replace(unknownWire.lastIndexOf("\"openAI\""), 8, "\"gemini\"");
-        QTest::newRow("a provider of unknown wire") << unknownWire << u"wire"_s;
-        QTest::newRow("no version") << QByteArray(good).replace(",\n  \"version\" : 1", "") << u"version"_s;
+        QTest::newRow("a provider of unknown wire") << unknownWire << u"wire"_s << QString();
+        QTest::newRow("no version") << QByteArray(good).replace(",\n  \"version\" : 1", "") << u"version"_s
+                                    << QString();
         QTest::newRow("a date that is text")
-            << QByteArray(good).replace("\"updatedAt\" : 5", "\"updatedAt\" : \"x\"") << u"updatedAt"_s;
-        QTest::newRow("no providers") << "{\"version\":1,\"conversations\":[]}"_ba << u"providers"_s;
-        QTest::newRow("not JSON") << "version = 1"_ba << QString();
-        QTest::newRow("a list") << "[]"_ba << QString();
-        QTest::newRow("missing file") << QByteArray() << QString();
+            << QByteArray(good).replace("\"updatedAt\" : 5", "\"updatedAt\" : \"x\"") << u"updatedAt"_s << QString();
+        QTest::newRow("no providers") << "{\"version\":1,\"conversations\":[]}"_ba << u"providers"_s << QString();
+        QTest::newRow("not JSON") << "version = 1"_ba << QString() << QString();
+        QTest::newRow("a list") << "[]"_ba << QString() << QString();
+        QTest::newRow("missing file") << QByteArray() << QString() << QString();
+        // Neither may hang or fill memory.
+        QTest::newRow("an endless device") << QByteArray() << u"regular file"_s << u"/dev/zero"_s;
+        QTest::newRow("a pipe nobody writes to") << QByteArray() << u"regular file"_s << m_folder + u"/pipe.json"_s;
     }
     void badArchive_importsNothing()
     {
         QFETCH(QByteArray, bytes);
         QFETCH(QString, reason);
+        QFETCH(QString, path);
+        if (path.endsWith(u"pipe.json"_s))
+            QCOMPARE(::mkfifo(QFile::encodeName(path).constData(), 0600), 0);
 
         Stores stores;
         stores.providers.add(provider(u"mine"_s));
@@ -157,7 +167,7 @@ private slots:
         if (!bytes.isEmpty())
             QVERIFY(writeAll(m_archive, bytes));
 
-        ScriptedDialogs dialogs(m_archive);
+        ScriptedDialogs dialogs(path.isEmpty() ? m_archive : path);
         const auto failure = stores.importFrom(dialogs);
         const QString prefix = u"Import failed: "_s;
         QVERIFY2(failure && failure->startsWith(prefix) && failure->size() > prefix.size() && failure->contains(reason),
@@ -176,6 +186,21 @@ private slots:
         QCOMPARE(dialogs.saves.size() + dialogs.opens.size(), 2);
         QCOMPARE(stores.snapshot(), before);
         QVERIFY(QDir(m_folder).isEmpty());
+    }
+
+    // A full disk or a read-only preferences folder: the import must not claim success.
+    void importThatCannotBeSaved_fails()
+    {
+        Stores stores;
+        ScriptedDialogs dialogs(m_archive);
+        QVERIFY(writeAll(m_archive, ConfigArchive::encode({1, {provider(u"p"_s)}, {}})));
+        const QString folder = QFileInfo(stores.providers.settingsFileName()).absolutePath();
+        QDir().mkpath(folder);
+        std::optional<QString> failure;
+        if (!whileReadOnly(folder, m_profile.root(), [&] { failure = stores.importFrom(dialogs); }))
+            QSKIP("cannot make a folder read-only for this user");
+        QVERIFY2(failure && failure->startsWith(u"Import failed: "_s), qPrintable(failure.value_or(QString())));
+        QCOMPARE(stores.importFrom(dialogs), std::nullopt); // and succeeds once it can be saved
     }
 
     void exportIntoReadOnlyFolder_failsAndKeepsOldFile()

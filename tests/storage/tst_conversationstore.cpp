@@ -21,6 +21,13 @@ class tst_ConversationStore : public QObject
     {
         return decodeJson<QList<Conversation>>(readAll(m_file)).value_or(QList<Conversation>());
     }
+    // The file once everything the store handed to its writer is on disk.
+    QList<Conversation> savedBy(ConversationStore &store)
+    {
+        store.waitForSaved();
+        return storedHistory();
+    }
+    QStringList asideCopies() const { return QDir(m_folder).entryList({u"conversations.unreadable-*"_s}, QDir::Files); }
     // Three conversations in the file, newest first.
     std::array<Conversation, 3> storedThree()
     {
@@ -45,24 +52,29 @@ private slots:
         QCOMPARE(store.selected(), std::optional<Conversation>(newest));
     }
 
-    // Around the page boundaries where the file is either mapped or read.
     void load_readsFilesOfEverySize_data()
     {
         QTest::addColumn<int>("size");
-        for (const int size : {4000, 4031, 4032, 4033, 4095, 4096, 4097, 8192})
-            QTest::addRow("%d bytes", size) << size;
+        QTest::addColumn<bool>("byteOrderMark");
+        for (const int size : {4000, 4095, 4096, 4097, 5 << 20})
+            QTest::addRow("%d bytes", size) << size << false;
+        QTest::newRow("after a byte-order mark") << 4000 << true;
     }
+    // Also writes back a conversation larger than the writer's chunks.
     void load_readsFilesOfEverySize()
     {
         QFETCH(int, size);
+        QFETCH(bool, byteOrderMark);
         Conversation c = conversation(u"x"_s, 100);
         c.title = QString(size - encodeJson(QList<Conversation>{c}).size() + 1, u'x');
         QCOMPARE(encodeJson(QList<Conversation>{c}).size(), size);
-        QVERIFY(writeHistory({c}));
+        QVERIFY(writeAll(m_file, (byteOrderMark ? "\xEF\xBB\xBF"_ba : ""_ba) + encodeJson(QList<Conversation>{c})));
 
         ConversationStore store;
         QCOMPARE(store.conversations(), QList<Conversation>{c});
         QVERIFY(!store.keptAsidePath());
+        const Conversation created = store.newChat(std::nullopt);
+        QCOMPARE(savedBy(store), (QList<Conversation>{created, c}));
     }
 
     void undecodableFile_isKeptAside_data()
@@ -87,8 +99,15 @@ private slots:
         QVERIFY(isOwnerOnly(aside.filePath()));
 
         const Conversation created = store.newChat(std::nullopt);
-        QCOMPARE(storedHistory(), QList<Conversation>{created});
+        QCOMPARE(savedBy(store), QList<Conversation>{created});
         QCOMPARE(readAll(aside.filePath()), bytes);
+
+        // Starting again on the same bytes keeps no second copy; other bytes get their own.
+        QVERIFY(writeAll(m_file, bytes));
+        QCOMPARE(ConversationStore().keptAsidePath(), store.keptAsidePath());
+        QVERIFY(writeAll(m_file, bytes + "x"));
+        QVERIFY(ConversationStore().keptAsidePath() != store.keptAsidePath());
+        QCOMPARE(asideCopies().size(), 2);
     }
 
     void unreadableFileThatCannotBeKeptAside_isNeverOverwritten()
@@ -99,6 +118,7 @@ private slots:
         if (!whileReadOnly(m_folder, m_profile.root(), [&] {
                 store = std::make_unique<ConversationStore>(m_file);
                 store->newChat(std::nullopt);
+                store->waitForSaved();
             }))
             QSKIP("cannot make a folder read-only for this user");
         QVERIFY(!store->keptAsidePath());
@@ -126,7 +146,7 @@ private slots:
         QCOMPARE(created.createdAt, created.updatedAt);
         QCOMPARE(store.conversations().first(), created);
         QCOMPARE(store.selectedID(), idOf(created));
-        QCOMPARE(storedHistory(), store.conversations());
+        QCOMPARE(savedBy(store), store.conversations());
         QCOMPARE(listSpy.count(), 2);
         QCOMPARE(selectionSpy.count(), 2);
 
@@ -161,7 +181,7 @@ private slots:
         store.updateMessages(created.id, messages);
         QCOMPARE(store.conversations().first().title, expected);
         QCOMPARE(store.conversations().first().messages, messages);
-        QCOMPARE(storedHistory(), store.conversations());
+        QCOMPARE(savedBy(store), store.conversations());
     }
 
     // Each save encodes only what changed since the last one; the file must still equal the
@@ -172,7 +192,10 @@ private slots:
         ConversationStore store;
         double now = 800000000; // moved by hand, so the order never depends on the machine's speed
         store.setClock([&now] { return now += 1; });
-        const auto fileMatches = [&] { return readAll(m_file) == encodeJson(store.conversations()); };
+        const auto fileMatches = [&] {
+            store.waitForSaved();
+            return readAll(m_file) == encodeJson(store.conversations());
+        };
 
         store.updateMessages(c.id, {ChatMessage(ChatRole::user, u"more"_s)});
         QCOMPARE(ids(store.conversations()), (QList<QUuid>{c.id, a.id, b.id}));
@@ -200,6 +223,11 @@ private slots:
         QVERIFY(fileMatches());
         QCOMPARE(storedHistory().last().title, u"edited outside"_s);
 
+        // Saves handed over faster than they are written still end with the newest state.
+        for (int i = 0; i < 50; ++i)
+            store.rename(a.id, QString::number(i));
+        QVERIFY(fileMatches());
+
         // Unknown ids and blank titles change nothing, and save nothing.
         const QList<Conversation> before = store.conversations();
         QVERIFY(QFile::remove(m_file));
@@ -208,6 +236,7 @@ private slots:
         store.rename(QUuid::createUuid(), u"x"_s);
         store.rename(a.id, u" \t\n "_s);
         QCOMPARE(store.conversations(), before);
+        store.waitForSaved();
         QVERIFY(!QFileInfo::exists(m_file));
         QCOMPARE(listSpy.count(), 0);
     }
@@ -225,6 +254,7 @@ private slots:
         QCOMPARE(ids(store.conversations()), QList<QUuid>{a.id});
         store.deleteConversation(a);
         QVERIFY(!store.selectedID());
+        store.waitForSaved();
         QCOMPARE(readAll(m_file), "[]"_ba);
     }
 
@@ -243,19 +273,58 @@ private slots:
         store.merge({olderB, c});
         QCOMPARE(store.conversations(), (QList<Conversation>{c, a, olderB}));
         QCOMPARE(store.selectedID(), idOf(a));
-        QCOMPARE(storedHistory(), store.conversations());
+        QCOMPARE(savedBy(store), store.conversations());
+    }
+
+    // Two stores on one file stand for two processes: neither save may drop what the other saved.
+    void anotherWritersChanges_areMergedIntoTheSave()
+    {
+        const auto [a, b, c] = storedThree();
+        ConversationStore mine;
+        ConversationStore other;
+        double now = 1000;
+        mine.setClock([&now] { return now += 1; });
+        other.setClock([&now] { return now += 1; });
+        QSignalSpy updated(&mine, &ConversationStore::conversationUpdated);
+
+        const Conversation theirs = other.newChat(std::nullopt);
+        other.rename(b.id, u"renamed elsewhere"_s);
+        other.rename(a.id, u"renamed there too"_s);
+        other.waitForSaved();
+
+        mine.rename(a.id, u"mine wins"_s); // changed here as well: this process's record is saved
+        mine.deleteConversation(c);
+        const Conversation ours = mine.newChat(std::nullopt);
+        const QList<Conversation> saved = savedBy(mine);
+
+        QCOMPARE(ids(saved), (QList<QUuid>{ours.id, theirs.id, a.id, b.id}));
+        QCOMPARE(saved.at(2).title, u"mine wins"_s);
+        QCOMPARE(saved.at(3).title, u"renamed elsewhere"_s);
+        QCOMPARE(mine.conversations(), saved);
+        QCOMPARE(mine.selectedID(), idOf(ours));
+        QVERIFY(updated.contains(QVariantList{QVariant::fromValue(theirs.id)}));
+        QVERIFY(updated.contains(QVariantList{QVariant::fromValue(b.id)}));
+
+        // Bytes another program left that cannot be read are kept aside before they are replaced.
+        QVERIFY(writeAll(m_file, "not a history"_ba));
+        mine.rename(b.id, u"again"_s);
+        QCOMPARE(savedBy(mine), mine.conversations());
+        QCOMPARE(readAll(mine.keptAsidePath().value_or(QString())), "not a history"_ba);
     }
 
     void readOnlyFolder_leavesOldFileWhole()
     {
         ConversationStore store;
         const Conversation created = store.newChat(std::nullopt);
+        store.waitForSaved();
         const QByteArray before = readAll(m_file);
         std::optional<QString> error;
         if (!whileReadOnly(m_folder, m_profile.root(), [&] {
                 store.updateMessages(created.id, {ChatMessage(ChatRole::user, u"kept in memory"_s)});
+                store.waitForSaved();
                 error = store.lastSaveError();
                 store.newChat(std::nullopt);
+                store.waitForSaved();
             }))
             QSKIP("cannot make a folder read-only for this user");
         QVERIFY(error);
@@ -266,8 +335,8 @@ private slots:
 
         // Once the folder is writable again, the next save carries everything.
         store.rename(created.id, u"back"_s);
+        QCOMPARE(savedBy(store), store.conversations());
         QVERIFY(!store.lastSaveError());
-        QCOMPARE(storedHistory(), store.conversations());
     }
 };
 
