@@ -1,10 +1,14 @@
 #include "model/jsoncoding.h"
+#include "storage/coredumps.h"
 #include "storage/providerstore.h"
 #include "storagetestsupport.h"
 
 #include <QSettings>
 #include <QSignalSpy>
 #include <QTest>
+
+#include <sys/prctl.h>
+#include <sys/resource.h>
 
 using namespace StorageTest;
 
@@ -201,6 +205,16 @@ private slots:
         QCOMPARE(providers.selectedID(), idOf(b));
         QVERIFY(!before.isEmpty());
         QCOMPARE(readAll(file), before);
+    }
+
+    // Last: the process cannot be dumped afterwards. The keys it holds never reach a core file.
+    void disableCoreDumps_leavesNothingToDump()
+    {
+        QVERIFY(disableCoreDumps());
+        QCOMPARE(::prctl(PR_GET_DUMPABLE, 0, 0, 0, 0), 0);
+        rlimit core = {};
+        QCOMPARE(::getrlimit(RLIMIT_CORE, &core), 0);
+        QCOMPARE(core.rlim_cur, rlim_t(0));
     }
 };
 
