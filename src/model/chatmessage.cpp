@@ -129,3 +129,37 @@ bool fromJson(const Json::Value &v, ChatMessage &out, QString &error)
     out = std::move(message);
     return true;
 }
+
+bool checkMessageJson(const Json::Value &v, QString &error)
+{
+    if (!v.isObject()) {
+        error = QStringLiteral("Expected an object for the message");
+        return false;
+    }
+    // The shape of the text alone tells whether it is a UUID.
+    const Json::Value id = v["id"];
+    if (!id.isString() || !isUuidText(id.stringUtf8())) {
+        ChatMessage ignored;
+        return fromJson(v, ignored, error);
+    }
+    const Json::Value role = v["role"];
+    if (!role.isString() || !v["content"].isString()) {
+        // The rare failure takes the full path, for the same description.
+        ChatMessage ignored;
+        return fromJson(v, ignored, error);
+    }
+    const QByteArrayView raw = role.stringUtf8();
+    if (raw != "user" && raw != "assistant" && raw != "system") {
+        ChatMessage ignored;
+        return fromJson(v, ignored, error);
+    }
+    const Json::Value usage = v["usage"];
+    if (usage.isValid() && !usage.isNull()) {
+        TokenUsage decoded;
+        if (!fromJson(usage, decoded, error)) {
+            error = prefixed(QStringLiteral("usage"), error);
+            return false;
+        }
+    }
+    return true;
+}

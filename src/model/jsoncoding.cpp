@@ -7,19 +7,42 @@ QString uuidText(const QUuid &id)
     return id.toString(QUuid::WithoutBraces).toUpper();
 }
 
-std::optional<QUuid> parseUuid(QStringView text)
+static char16_t unit(QChar c)
 {
-    // Only the canonical 36-character shape; QUuid alone would also take braces.
+    return c.unicode();
+}
+
+static char16_t unit(char c)
+{
+    return char16_t(uchar(c));
+}
+
+template<typename Text>
+static bool hasUuidShape(const Text &text)
+{
     if (text.size() != 36)
-        return std::nullopt;
+        return false;
     for (qsizetype i = 0; i < 36; ++i) {
-        const char16_t c = text[i].unicode();
+        const char16_t c = unit(text[i]);
         const bool hyphenSlot = i == 8 || i == 13 || i == 18 || i == 23;
         if (hyphenSlot ? c != u'-'
                        : !((c >= u'0' && c <= u'9') || (c >= u'a' && c <= u'f') || (c >= u'A' && c <= u'F')))
-            return std::nullopt;
+            return false;
     }
+    return true;
+}
+
+std::optional<QUuid> parseUuid(QStringView text)
+{
+    // Only the canonical 36-character shape; QUuid alone would also take braces.
+    if (!hasUuidShape(text))
+        return std::nullopt;
     return QUuid::fromString(text);
+}
+
+bool isUuidText(QByteArrayView utf8)
+{
+    return hasUuidShape(utf8);
 }
 
 QString missingKey(std::string_view key)

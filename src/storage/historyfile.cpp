@@ -7,6 +7,8 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <cstring>
+#include <memory>
 #include <sys/stat.h>
 
 namespace HistoryFile {
@@ -65,6 +67,191 @@ bool sameContent(const QString &a, const QString &b)
     return fb.atEnd();
 }
 
+// A light pass over the text that finds where each conversation and its messages lie, so that each
+// conversation is parsed on its own (never the whole history at once) and its messages can stay in
+// the file's bytes. It only splits: every piece is still fully checked by the JSON parser, and any
+// surprise sends the file down the plain path of one whole parse.
+class Scanner
+{
+public:
+    explicit Scanner(QByteArrayView text)
+        : m_p(text.data())
+        , m_n(text.size())
+    {}
+
+    struct Piece
+    {
+        QByteArrayView element;
+        QByteArrayView member; // the compact value of the wanted member, when found
+    };
+
+    // The top-level array's elements, and in each object the value of its first member named key
+    // when that is written without blanks (not when a key is written with escapes, which could
+    // hide another one of that name).
+    bool splitArray(QByteArrayView key, QList<Piece> &pieces)
+    {
+        skipBlanks();
+        if (!take('['))
+            return false;
+        skipBlanks();
+        if (!take(']')) {
+            for (;;) {
+                skipBlanks();
+                const qsizetype begin = m_i;
+                Piece piece;
+                bool compact = true;
+                if (m_i < m_n && m_p[m_i] == '{' ? !skipObject(key, piece.member) : !skipValue(compact))
+                    return false;
+                piece.element = QByteArrayView(m_p + begin, m_i - begin);
+                pieces.append(piece);
+                skipBlanks();
+                if (take(']'))
+                    break;
+                if (!take(','))
+                    return false;
+            }
+        }
+        skipBlanks();
+        return m_i == m_n;
+    }
+
+private:
+    static bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
+    void skipBlanks()
+    {
+        while (m_i < m_n && isBlank(m_p[m_i]))
+            ++m_i;
+    }
+    bool take(char c)
+    {
+        if (m_i < m_n && m_p[m_i] == c) {
+            ++m_i;
+            return true;
+        }
+        return false;
+    }
+    bool skipObject(QByteArrayView key, QByteArrayView &member)
+    {
+        take('{');
+        bool ambiguous = false;
+        bool seen = false;
+        skipBlanks();
+        if (take('}'))
+            return true;
+        for (;;) {
+            skipBlanks();
+            const qsizetype keyBegin = m_i;
+            if (!take('"') || !skipStringRest())
+                return false;
+            const QByteArrayView name(m_p + keyBegin + 1, m_i - keyBegin - 2);
+            ambiguous = ambiguous || name.contains('\\');
+            skipBlanks();
+            if (!take(':'))
+                return false;
+            skipBlanks();
+            const qsizetype valueBegin = m_i;
+            bool compact = true;
+            if (!skipValue(compact))
+                return false;
+            if (!seen && name == key) {
+                seen = true;
+                if (compact && !ambiguous)
+                    member = QByteArrayView(m_p + valueBegin, m_i - valueBegin);
+            }
+            skipBlanks();
+            if (take('}'))
+                break;
+            if (!take(','))
+                return false;
+        }
+        if (ambiguous)
+            member = {};
+        return true;
+    }
+
+    // Moves past the closing quote of a string whose opening quote was just taken. Almost all of a
+    // history is string content, so the closing quote is searched for, not walked to.
+    bool skipStringRest()
+    {
+        const qsizetype start = m_i;
+        for (;;) {
+            const void *quote = std::memchr(m_p + m_i, '"', size_t(m_n - m_i));
+            if (!quote)
+                return false;
+            const qsizetype at = static_cast<const char *>(quote) - m_p;
+            qsizetype backslashes = 0;
+            while (at - backslashes > start && m_p[at - backslashes - 1] == '\\')
+                ++backslashes;
+            m_i = at + 1;
+            if (backslashes % 2 == 0)
+                return true;
+        }
+    }
+    // Moves past one value; compact turns false when blanks lie between its tokens.
+    bool skipValue(bool &compact)
+    {
+        int depth = 0;
+        while (m_i < m_n) {
+            const char c = m_p[m_i++];
+            if (c == '"') {
+                if (!skipStringRest())
+                    return false;
+            } else if (c == '{' || c == '[') {
+                ++depth;
+            } else if (c == '}' || c == ']') {
+                if (--depth < 0)
+                    return false;
+            } else if (isBlank(c)) {
+                compact = false;
+            } else if (depth == 0 && (c == ',' || c == ':')) {
+                return false;
+            } else {
+                // A number or a literal at the top: it ends where the next token starts.
+                if (depth == 0) {
+                    while (m_i < m_n && !isBlank(m_p[m_i]) && m_p[m_i] != ',' && m_p[m_i] != ']' && m_p[m_i] != '}' &&
+                           m_p[m_i] != ':')
+                        ++m_i;
+                    return true;
+                }
+                continue;
+            }
+            if (depth == 0)
+                return true;
+        }
+        return false;
+    }
+
+    const char *m_p;
+    qsizetype m_n;
+    qsizetype m_i = 0;
+};
+
+// Each conversation parsed on its own, its messages left in the file's bytes.
+bool decodeByConversation(const std::shared_ptr<const QByteArray> &buffer, QByteArrayView content,
+                          QList<Conversation> &out)
+{
+    QList<Scanner::Piece> pieces;
+    if (!Scanner(content).splitArray("messages", pieces)) {
+        QString error;
+        const auto document = Json::Document::parsePadded(content, &error);
+        return document && fromJson(document->root(), out, error);
+    }
+    QList<Conversation> decoded;
+    decoded.reserve(pieces.size());
+    Json::Parser parser;
+    QString error;
+    for (const Scanner::Piece &piece : std::as_const(pieces)) {
+        // The file's own bytes (and the padding reserved after them) serve as the parser's input.
+        const Json::Value root = parser.parsePadded(piece.element, &error);
+        Conversation conversation;
+        if (!root.isValid() || !fromStoredJson(root, buffer, piece.member, conversation, error))
+            return false;
+        decoded.append(std::move(conversation));
+    }
+    out = std::move(decoded);
+    return true;
+}
+
 } // namespace
 
 Stamp stampOf(const QString &path)
@@ -90,15 +277,12 @@ ReadResult read(const QString &path)
         file.close();
         if (!bytes)
             continue;
-        QByteArrayView content(*bytes);
+        const auto buffer = std::make_shared<const QByteArray>(std::move(*bytes));
+        QByteArrayView content(*buffer);
         if (content.startsWith("\xEF\xBB\xBF"))
             content = content.sliced(3);
-        QString error;
-        const auto document = Json::Document::parsePadded(content, &error);
-        if (document && fromJson(document->root(), result.conversations, error))
-            result.status = ReadResult::Status::Decoded;
-        else
-            result.status = ReadResult::Status::Unreadable;
+        result.status = decodeByConversation(buffer, content, result.conversations) ? ReadResult::Status::Decoded
+                                                                                    : ReadResult::Status::Unreadable;
         return result;
     }
     result.status = ReadResult::Status::Unreadable;

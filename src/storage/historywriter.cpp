@@ -102,7 +102,7 @@ bool writeList(QIODevice &device, const QList<Conversation> &list)
     for (qsizetype i = 0; i < list.size(); ++i) {
         if (i > 0)
             chunk.append(',');
-        const QByteArray piece = encodeJson(list.at(i));
+        const QByteArray piece = encodeStored(list.at(i));
         if (chunk.size() + piece.size() > chunkSize && !flush())
             return false;
         if (piece.size() > chunkSize) {

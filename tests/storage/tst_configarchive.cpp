@@ -102,7 +102,13 @@ private slots:
         QCOMPARE(stores.importFrom(dialogs), std::nullopt);
         QCOMPARE(dialogs.opens.first().title, u"Import Config"_s);
         QCOMPARE(stores.snapshot(), before);
-        QCOMPARE(Stores().snapshot(), before); // on disk, not only in memory
+        stores.conversations.waitForSaved();
+        Stores reloaded; // on disk, not only in memory
+        QCOMPARE(reloaded.snapshot(), before);
+        // Records as loaded from the history are exported in the same pretty form.
+        const QByteArray exported = readAll(m_archive);
+        QCOMPARE(reloaded.exportTo(dialogs), std::nullopt);
+        QCOMPARE(readAll(m_archive), exported);
     }
 
     void import_mergesByIdKeepsSelectionAndResortsWhateverTheVersion()

@@ -52,23 +52,46 @@ private slots:
         QCOMPARE(store.selected(), std::optional<Conversation>(newest));
     }
 
-    void load_readsFilesOfEverySize_data()
+    // However the file is written (by us, by hand, by another tool), it loads as the same records and
+    // is written back whole; a conversation larger than the writer's chunks too.
+    void load_readsEveryWayOfWriting_data()
     {
-        QTest::addColumn<int>("size");
-        QTest::addColumn<bool>("byteOrderMark");
-        for (const int size : {4000, 4095, 4096, 4097, 5 << 20})
-            QTest::addRow("%d bytes", size) << size << false;
-        QTest::newRow("after a byte-order mark") << 4000 << true;
+        QTest::addColumn<int>("titleSize");
+        QTest::addColumn<QByteArray>("before");
+        QTest::addColumn<QByteArray>("replace");
+        QTest::addColumn<QByteArray>("with");
+        QTest::newRow("compact") << 10 << ""_ba
+                                 << ""_ba
+                                 << ""_ba;
+        QTest::newRow("over 4 MB") << (5 << 20) << ""_ba
+                                   << ""_ba
+                                   << ""_ba;
+        QTest::newRow("after a byte-order mark") << 10 << "\xEF\xBB\xBF"_ba
+                                                 << ""_ba
+                                                 << ""_ba;
+        QTest::newRow("blanks between tokens") << 10 << " \n"_ba
+                                               << "\"messages\":[{"_ba
+                                               << "\"messages\" : [ {"_ba;
+        QTest::newRow("an escaped key") << 10 << ""_ba
+                                        << "\"messages\""_ba
+                                        << "\"m\\u0065ssages\""_ba;
+        QTest::newRow("slashes unescaped") << 10 << ""_ba
+                                           << "\\/"_ba
+                                           << "/"_ba;
     }
-    // Also writes back a conversation larger than the writer's chunks.
-    void load_readsFilesOfEverySize()
+    void load_readsEveryWayOfWriting()
     {
-        QFETCH(int, size);
-        QFETCH(bool, byteOrderMark);
+        QFETCH(int, titleSize);
+        QFETCH(QByteArray, before);
+        QFETCH(QByteArray, replace);
+        QFETCH(QByteArray, with);
         Conversation c = conversation(u"x"_s, 100);
-        c.title = QString(size - encodeJson(QList<Conversation>{c}).size() + 1, u'x');
-        QCOMPARE(encodeJson(QList<Conversation>{c}).size(), size);
-        QVERIFY(writeAll(m_file, (byteOrderMark ? "\xEF\xBB\xBF"_ba : ""_ba) + encodeJson(QList<Conversation>{c})));
+        c.title = QString(titleSize, u'x');
+        c.messages.append(ChatMessage(ChatRole::user, u"a \"quoted\\\" \\ path/to \u00e9 \U0001F600"_s));
+        QByteArray bytes = encodeJson(QList<Conversation>{c});
+        if (!replace.isEmpty())
+            bytes.replace(replace, with);
+        QVERIFY(writeAll(m_file, before + bytes + (before.startsWith(' ') ? before : ""_ba)));
 
         ConversationStore store;
         QCOMPARE(store.conversations(), QList<Conversation>{c});
@@ -84,6 +107,16 @@ private slots:
         QTest::newRow("not JSON") << "\xff\xfe garbage"_ba;
         QTest::newRow("cut short") << two.chopped(5);
         QTest::newRow("one record lacks updatedAt") << QByteArray(two).replace(",\"updatedAt\":2", "");
+        QTest::newRow("a message of unknown role") << QByteArray(two).replace("\"assistant\"", "\"robot\"");
+        QTest::newRow("a message id that is no UUID") << QByteArray(two).replace(two.indexOf("\"id\"", 50) + 6, 1, "X");
+        QTest::newRow("text after the list") << two + "x";
+        QTest::newRow("a comma too many") << QByteArray(two).insert(two.size() - 1, ',');
+        QTest::newRow("a comma missing") << QByteArray(two).replace("},{", "}{");
+        QTest::newRow("a message of unknown role") << QByteArray(two).replace("\"assistant\"", "\"robot\"");
+        QTest::newRow("a message id that is no UUID") << QByteArray(two).replace(two.indexOf("\"id\"", 50) + 6, 1, "X");
+        QTest::newRow("text after the list") << two + "x";
+        QTest::newRow("a comma too many") << QByteArray(two).insert(two.size() - 1, ',');
+        QTest::newRow("a comma missing") << QByteArray(two).replace("},{", "}{");
     }
     void undecodableFile_isKeptAside()
     {
