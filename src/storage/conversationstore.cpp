@@ -58,11 +58,14 @@ void ConversationStore::load()
         sortNewestFirst();
         if (!m_conversations.isEmpty())
             m_selectedID = m_conversations.first().id;
-    } else if (read.status == HistoryFile::ReadResult::Status::Unreadable) {
+    } else if (read.status == HistoryFile::ReadResult::Status::Unreadable && read.stamp.size > 0) {
         // The first save would replace the history with a shorter one; keep the original beside
         // it first, leaving the file itself untouched at start.
         m_keptAsidePath = HistoryFile::keepAside(m_filePath, false);
         unreadableInPlace = !m_keptAsidePath;
+    } else if (read.status == HistoryFile::ReadResult::Status::Changing) {
+        // Someone is writing it (a backup being restored): the first save reads it again.
+        unreadableInPlace = true;
     }
     m_writer = std::make_unique<HistoryWriter>(m_filePath, read.stamp, read.conversations, unreadableInPlace, [this] {
         QMetaObject::invokeMethod(this, &ConversationStore::takeSaveOutcomes, Qt::QueuedConnection);

@@ -266,7 +266,7 @@ ReadResult read(const QString &path)
 {
     ReadResult result;
     QFile file(path);
-    // A few attempts only: a file rewritten without pause is then simply unreadable this time.
+    // A few attempts only: a file rewritten without pause is then left for later.
     for (int attempt = 0; attempt < 3; ++attempt) {
         if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
             result.stamp = stampOf(path);
@@ -285,7 +285,7 @@ ReadResult read(const QString &path)
                                                                                     : ReadResult::Status::Unreadable;
         return result;
     }
-    result.status = ReadResult::Status::Unreadable;
+    result.status = ReadResult::Status::Changing;
     result.stamp = stampOf(path);
     return result;
 }

@@ -29,7 +29,8 @@ Stamp stampOf(const QString &path);
 
 struct ReadResult
 {
-    enum class Status { Missing, Unreadable, Decoded };
+    // Changing: another program kept writing the file while it was read.
+    enum class Status { Missing, Unreadable, Changing, Decoded };
     Status status = Status::Missing;
     QList<Conversation> conversations; // in the file's order
     Stamp stamp;                       // of the version that was read

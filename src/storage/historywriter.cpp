@@ -192,22 +192,28 @@ HistoryWriter::Outcome HistoryWriter::write(Job job)
     if (!current.exists) {
         base.clear();
     } else if (m_unreadableInPlace || !(current == m_known)) {
-        HistoryFile::ReadResult onDisk;
-        onDisk.status = HistoryFile::ReadResult::Status::Unreadable;
-        if (!(current == m_known))
-            onDisk = HistoryFile::read(m_path);
+        HistoryFile::ReadResult onDisk = HistoryFile::read(m_path);
         base.clear();
-        if (onDisk.status == HistoryFile::ReadResult::Status::Decoded) {
+        switch (onDisk.status) {
+        case HistoryFile::ReadResult::Status::Decoded:
             base = std::move(onDisk.conversations);
             fromFile = true;
-        } else if (onDisk.status == HistoryFile::ReadResult::Status::Unreadable) {
+            break;
+        case HistoryFile::ReadResult::Status::Changing:
+            return fail(QStringLiteral("The conversation history %1 is being written by another program.").arg(m_path));
+        case HistoryFile::ReadResult::Status::Unreadable:
             // Replacing it would destroy whatever history it holds: it is kept aside first, or
-            // left alone when that is impossible.
-            outcome.keptAsidePath = HistoryFile::keepAside(m_path, true);
-            if (!outcome.keptAsidePath)
-                return fail(QStringLiteral("The conversation history in %1 could not be read or kept aside; "
-                                           "it is left as it is.")
-                                .arg(m_path));
+            // left alone when that is impossible. An empty file holds nothing to keep.
+            if (onDisk.stamp.size > 0) {
+                outcome.keptAsidePath = HistoryFile::keepAside(m_path, true);
+                if (!outcome.keptAsidePath)
+                    return fail(QStringLiteral("The conversation history in %1 could not be read or kept aside; "
+                                               "it is left as it is.")
+                                    .arg(m_path));
+            }
+            break;
+        case HistoryFile::ReadResult::Status::Missing:
+            break;
         }
     }
 
