@@ -8,6 +8,33 @@
 
 using namespace StorageTest;
 
+namespace {
+
+// However the file is written (by us, by hand, by another tool), it loads as the same records and
+// is written back whole; a conversation larger than the writer's chunks too.
+struct Writing
+{
+    const char *name;
+    int titleSize;
+    QByteArray around; // before the list, and after it when blank
+    QByteArray replace;
+    QByteArray with;
+};
+const QList<Writing> &writings()
+{
+    static const QList<Writing> all = {
+        {"compact", 10, {}, {}, {}},
+        {"over 4 MB", 5 << 20, {}, {}, {}},
+        {"after a byte-order mark", 10, "\xEF\xBB\xBF", {}, {}},
+        {"blanks between tokens", 10, " \n", "\"messages\":[{", "\"messages\" : [ {"},
+        {"an escaped key", 10, {}, "\"messages\"", "\"m\\u0065ssages\""},
+        {"slashes unescaped", 10, {}, "\\/", "/"},
+    };
+    return all;
+}
+
+} // namespace
+
 class tst_ConversationStore : public QObject
 {
     Q_OBJECT
@@ -52,46 +79,23 @@ private slots:
         QCOMPARE(store.selected(), std::optional<Conversation>(newest));
     }
 
-    // However the file is written (by us, by hand, by another tool), it loads as the same records and
-    // is written back whole; a conversation larger than the writer's chunks too.
     void load_readsEveryWayOfWriting_data()
     {
-        QTest::addColumn<int>("titleSize");
-        QTest::addColumn<QByteArray>("before");
-        QTest::addColumn<QByteArray>("replace");
-        QTest::addColumn<QByteArray>("with");
-        QTest::newRow("compact") << 10 << ""_ba
-                                 << ""_ba
-                                 << ""_ba;
-        QTest::newRow("over 4 MB") << (5 << 20) << ""_ba
-                                   << ""_ba
-                                   << ""_ba;
-        QTest::newRow("after a byte-order mark") << 10 << "\xEF\xBB\xBF"_ba
-                                                 << ""_ba
-                                                 << ""_ba;
-        QTest::newRow("blanks between tokens") << 10 << " \n"_ba
-                                               << "\"messages\":[{"_ba
-                                               << "\"messages\" : [ {"_ba;
-        QTest::newRow("an escaped key") << 10 << ""_ba
-                                        << "\"messages\""_ba
-                                        << "\"m\\u0065ssages\""_ba;
-        QTest::newRow("slashes unescaped") << 10 << ""_ba
-                                           << "\\/"_ba
-                                           << "/"_ba;
+        QTest::addColumn<int>("row");
+        for (int row = 0; row < writings().size(); ++row)
+            QTest::newRow(writings().at(row).name) << row;
     }
     void load_readsEveryWayOfWriting()
     {
-        QFETCH(int, titleSize);
-        QFETCH(QByteArray, before);
-        QFETCH(QByteArray, replace);
-        QFETCH(QByteArray, with);
+        QFETCH(int, row);
+        const auto &[name, titleSize, around, replace, with] = writings().at(row);
         Conversation c = conversation(u"x"_s, 100);
         c.title = QString(titleSize, u'x');
         c.messages.append(ChatMessage(ChatRole::user, u"a \"quoted\\\" \\ path/to \u00e9 \U0001F600"_s));
         QByteArray bytes = encodeJson(QList<Conversation>{c});
         if (!replace.isEmpty())
             bytes.replace(replace, with);
-        QVERIFY(writeAll(m_file, before + bytes + (before.startsWith(' ') ? before : ""_ba)));
+        QVERIFY(writeAll(m_file, around + bytes + (around.startsWith(' ') ? around : QByteArray())));
 
         ConversationStore store;
         QCOMPARE(store.conversations(), QList<Conversation>{c});
@@ -229,6 +233,7 @@ private slots:
             store.waitForSaved();
             return readAll(m_file) == encodeJson(store.conversations());
         };
+        QSignalSpy updated(&store, &ConversationStore::conversationUpdated);
 
         store.updateMessages(c.id, {ChatMessage(ChatRole::user, u"more"_s)});
         QCOMPARE(ids(store.conversations()), (QList<QUuid>{c.id, a.id, b.id}));
@@ -244,8 +249,13 @@ private slots:
         QVERIFY(fileMatches());
         const Conversation created = store.newChat(QUuid::createUuid());
         QVERIFY(fileMatches());
-        store.merge({conversation(u"c again"_s, 50, c.id), conversation(u"d"_s, 250)});
+        const Conversation d = conversation(u"d"_s, 250);
+        store.merge({conversation(u"c again"_s, 50, c.id), d});
         QVERIFY(fileMatches());
+        QList<QUuid> updatedIDs;
+        for (const QList<QVariant> &signal : std::as_const(updated))
+            updatedIDs.append(signal.first().toUuid());
+        QCOMPARE(updatedIDs, (QList<QUuid>{c.id, b.id, c.id, d.id})); // not for a new chat
         store.deleteConversation(created);
         QVERIFY(fileMatches());
         QList<Conversation> edited = store.conversations();
