@@ -127,12 +127,17 @@ private slots:
         replaced.cachedModels = {u"m1"_s};
         const Provider added = provider(u"added"_s);
         const Conversation between = conversation(u"between"_s, 200);
+        // Replaced whole even though the local copy is newer, then sorted to its place.
+        Conversation olderNewer = conversation(u"newer from elsewhere"_s, 50, newer.id);
+        olderNewer.providerID = QUuid::createUuid();
         // The version is read, never checked.
-        QVERIFY(writeAll(m_archive, ConfigArchive::encode({7, {added, replaced}, {between}})));
+        QVERIFY(writeAll(m_archive, ConfigArchive::encode({7, {added, replaced}, {olderNewer, between}})));
 
         ScriptedDialogs dialogs(m_archive);
         QCOMPARE(stores.importFrom(dialogs), std::nullopt);
-        QCOMPARE(stores.snapshot(), (Snapshot{{replaced, other, added}, other.id, {newer, between, older}, older.id}));
+        const Snapshot expected{{replaced, other, added}, other.id, {between, older, olderNewer}, older.id};
+        QCOMPARE(stores.snapshot(), expected);
+        QCOMPARE(Stores().snapshot().conversations, expected.conversations);
     }
 
     void badArchive_importsNothing_data()

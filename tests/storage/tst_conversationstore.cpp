@@ -301,24 +301,6 @@ private slots:
         QCOMPARE(readAll(m_file), "[]"_ba);
     }
 
-    void merge_replacesWholeAndResorts()
-    {
-        ConversationStore store;
-        const Conversation a = conversation(u"a"_s, 100);
-        const Conversation b = conversation(u"b"_s, 300);
-        store.merge({a, b}); // empty store: the newest merged becomes selected
-        QCOMPARE(store.selectedID(), idOf(b));
-        store.setSelectedID(a.id);
-
-        Conversation olderB = conversation(u"b from elsewhere"_s, 50, b.id);
-        olderB.providerID = QUuid::createUuid();
-        const Conversation c = conversation(u"c"_s, 200);
-        store.merge({olderB, c});
-        QCOMPARE(store.conversations(), (QList<Conversation>{c, a, olderB}));
-        QCOMPARE(store.selectedID(), idOf(a));
-        QCOMPARE(savedBy(store), store.conversations());
-    }
-
     // Two stores on one file stand for two processes: neither save may drop what the other saved.
     void anotherWritersChanges_areMergedIntoTheSave()
     {

@@ -171,23 +171,6 @@ private slots:
         QCOMPARE(settings().value(ProviderStore::providersKey).toByteArray(), "[]"_ba);
     }
 
-    void merge_replacesInPlaceAndAppends()
-    {
-        ProviderStore providers;
-        const Provider a = provider(u"a"_s);
-        const Provider b = provider(u"b"_s);
-        providers.merge({a, b}); // empty store: the first imported becomes selected
-        QCOMPARE(providers.selectedID(), idOf(a));
-        providers.setSelectedID(b.id);
-
-        const Provider newerA = provider(u"a2"_s, ProviderWire::anthropic, a.id);
-        const Provider c = provider(u"c"_s);
-        providers.merge({c, newerA});
-        QCOMPARE(providers.providers(), (QList<Provider>{newerA, b, c}));
-        QCOMPARE(providers.selectedID(), idOf(b));
-        QCOMPARE(storedProviders(), providers.providers());
-    }
-
     void readOnlyFolder_keepsMemoryAndOldFile()
     {
         const Provider a = provider(u"a"_s);
