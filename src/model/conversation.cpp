@@ -89,9 +89,12 @@ qsizetype MessageList::size() const
 
 bool operator==(const MessageList &a, const MessageList &b)
 {
-    if (a.m_stored && a.m_stored == b.m_stored)
+    if (a.size() != b.size())
+        return false;
+    // The same stored bytes hold the same messages; that spares decoding both.
+    if (a.m_stored && b.m_stored && (a.m_stored == b.m_stored || a.m_stored->json == b.m_stored->json))
         return true;
-    return a.size() == b.size() && a.list() == b.list();
+    return a.list() == b.list();
 }
 
 std::optional<QString> Conversation::derivedTitle(const QList<ChatMessage> &messages)

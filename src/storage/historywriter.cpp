@@ -123,6 +123,15 @@ bool writeList(QIODevice &device, const QList<Conversation> &list)
 // has is appended (nothing is ever dropped). When the base brought anything in, the whole list is
 // sorted newest first. Records of a base read from the file that this process did not have as they
 // are go to adopted, when given.
+// A record read from the file, with its messages decoded: kept in their stored form, a single one
+// would hold the whole file it came from in memory.
+static const Conversation &adopt(Conversation record, QList<Conversation> &adopted)
+{
+    record.messages.list();
+    adopted.append(std::move(record));
+    return adopted.last();
+}
+
 static QList<Conversation> mergeOnto(const QList<Conversation> &base, const HistoryWriter::Job &job,
                                      QList<Conversation> *adopted)
 {
@@ -144,19 +153,20 @@ static QList<Conversation> mergeOnto(const QList<Conversation> &base, const Hist
             continue;
         }
         const Conversation &theirs = base.at(*there);
-        if (adopted && !(theirs == record)) {
-            adopted->append(theirs);
+        if (!adopted) {
+            merged.append(theirs);
+        } else if (theirs == record) {
+            merged.append(record); // the same: the copy this process holds already
+        } else {
+            merged.append(adopt(theirs, *adopted));
             broughtIn = true;
         }
-        merged.append(theirs);
     }
     for (const Conversation &record : base) {
         if (placed.contains(record.id) || job.deleted.contains(record.id))
             continue;
         placed.insert(record.id);
-        if (adopted)
-            adopted->append(record);
-        merged.append(record);
+        merged.append(adopted ? adopt(record, *adopted) : record);
         broughtIn = true;
     }
     if (broughtIn)
