@@ -1,5 +1,7 @@
 #include "model/jsoncoding.h"
 
+#include <array>
+
 namespace JsonCoding {
 
 QString uuidText(const QUuid &id)
@@ -7,42 +9,39 @@ QString uuidText(const QUuid &id)
     return id.toString(QUuid::WithoutBraces).toUpper();
 }
 
-static char16_t unit(QChar c)
-{
-    return c.unicode();
-}
-
-static char16_t unit(char c)
-{
-    return char16_t(uchar(c));
-}
-
-template<typename Text>
-static bool hasUuidShape(const Text &text)
-{
-    if (text.size() != 36)
-        return false;
-    for (qsizetype i = 0; i < 36; ++i) {
-        const char16_t c = unit(text[i]);
-        const bool hyphenSlot = i == 8 || i == 13 || i == 18 || i == 23;
-        if (hyphenSlot ? c != u'-'
-                       : !((c >= u'0' && c <= u'9') || (c >= u'a' && c <= u'f') || (c >= u'A' && c <= u'F')))
-            return false;
-    }
-    return true;
-}
-
 std::optional<QUuid> parseUuid(QStringView text)
 {
     // Only the canonical 36-character shape; QUuid alone would also take braces.
-    if (!hasUuidShape(text))
+    if (text.size() != 36)
         return std::nullopt;
+    for (qsizetype i = 0; i < 36; ++i) {
+        const char16_t c = text[i].unicode();
+        const bool hyphenSlot = i == 8 || i == 13 || i == 18 || i == 23;
+        if (hyphenSlot ? c != u'-'
+                       : !((c >= u'0' && c <= u'9') || (c >= u'a' && c <= u'f') || (c >= u'A' && c <= u'F')))
+            return std::nullopt;
+    }
     return QUuid::fromString(text);
 }
 
 bool isUuidText(QByteArrayView utf8)
 {
-    return hasUuidShape(utf8);
+    // Every message of a history is checked at start: a table instead of a chain of comparisons.
+    static constexpr auto hexDigit = [] {
+        std::array<bool, 256> table = {};
+        for (int c = '0'; c <= '9'; ++c)
+            table[size_t(c)] = true;
+        for (int c = 'a'; c <= 'f'; ++c)
+            table[size_t(c)] = table[size_t(c - 'a' + 'A')] = true;
+        return table;
+    }();
+    if (utf8.size() != 36)
+        return false;
+    const auto *p = reinterpret_cast<const unsigned char *>(utf8.data());
+    bool ok = p[8] == '-' && p[13] == '-' && p[18] == '-' && p[23] == '-';
+    for (int i = 0; i < 36; ++i)
+        ok &= hexDigit[p[i]] || i == 8 || i == 13 || i == 18 || i == 23;
+    return ok;
 }
 
 QString missingKey(std::string_view key)
