@@ -19,16 +19,17 @@ struct Writing
     QByteArray around; // before the list, and after it when blank
     QByteArray replace;
     QByteArray with;
+    bool keptAsStored; // the messages stay undecoded until read: the history costs about its size
 };
 const QList<Writing> &writings()
 {
     static const QList<Writing> all = {
-        {"compact", 10, {}, {}, {}},
-        {"over 4 MB", 5 << 20, {}, {}, {}},
-        {"after a byte-order mark", 10, "\xEF\xBB\xBF", {}, {}},
-        {"blanks between tokens", 10, " \n", "\"messages\":[{", "\"messages\" : [ {"},
-        {"an escaped key", 10, {}, "\"messages\"", "\"m\\u0065ssages\""},
-        {"slashes unescaped", 10, {}, "\\/", "/"},
+        {"compact", 10, {}, {}, {}, true},
+        {"over 4 MB", 5 << 20, {}, {}, {}, true},
+        {"after a byte-order mark", 10, "\xEF\xBB\xBF", {}, {}, true},
+        {"blanks between tokens", 10, " \n", "\"messages\":[{", "\"messages\" : [ {", false},
+        {"an escaped key", 10, {}, "\"messages\"", "\"m\\u0065ssages\"", false},
+        {"slashes unescaped", 10, {}, "\\/", "/", true},
     };
     return all;
 }
@@ -88,7 +89,7 @@ private slots:
     void load_readsEveryWayOfWriting()
     {
         QFETCH(int, row);
-        const auto &[name, titleSize, around, replace, with] = writings().at(row);
+        const auto &[name, titleSize, around, replace, with, keptAsStored] = writings().at(row);
         Conversation c = conversation(u"x"_s, 100);
         c.title = QString(titleSize, u'x');
         c.messages.append(ChatMessage(ChatRole::user, u"a \"quoted\\\" \\ path/to \u00e9 \U0001F600"_s));
@@ -98,10 +99,13 @@ private slots:
         QVERIFY(writeAll(m_file, around + bytes + (around.startsWith(' ') ? around : QByteArray())));
 
         ConversationStore store;
-        QCOMPARE(store.conversations(), QList<Conversation>{c});
-        QVERIFY(!store.keptAsidePath());
+        const auto storedForm = [&] { return store.conversations().last().messages.stored().has_value(); };
+        QCOMPARE(storedForm(), keptAsStored);
         const Conversation created = store.newChat(std::nullopt);
         QCOMPARE(savedBy(store), (QList<Conversation>{created, c}));
+        QCOMPARE(storedForm(), keptAsStored); // saving did not decode it
+        QCOMPARE(store.conversations(), (QList<Conversation>{created, c}));
+        QVERIFY(!store.keptAsidePath());
     }
 
     void undecodableFile_isKeptAside_data()
