@@ -10,6 +10,7 @@
 #include <cstring>
 #include <memory>
 #include <sys/stat.h>
+#include <thread>
 
 namespace HistoryFile {
 
@@ -85,16 +86,20 @@ public:
         QByteArrayView member; // the compact value of the wanted member, when found
     };
 
+    // Where the text lies within the top-level array: all of it, its head up to the end of an
+    // element, or its tail from the start of an element.
+    enum class Span { Whole, Head, Tail };
+
     // The top-level array's elements, and in each object the value of its first member named key
     // when that is written without blanks (not when a key is written with escapes, which could
     // hide another one of that name).
-    bool splitArray(QByteArrayView key, QList<Piece> &pieces)
+    bool splitArray(QByteArrayView key, QList<Piece> &pieces, Span span = Span::Whole)
     {
         skipBlanks();
-        if (!take('['))
+        if (span != Span::Tail && !take('['))
             return false;
         skipBlanks();
-        if (!take(']')) {
+        if (span == Span::Tail || !take(']')) {
             for (;;) {
                 skipBlanks();
                 const qsizetype begin = m_i;
@@ -104,6 +109,8 @@ public:
                     return false;
                 piece.element = QByteArrayView(m_p + begin, m_i - begin);
                 pieces.append(piece);
+                if (span == Span::Head && m_i == m_n)
+                    return true;
                 skipBlanks();
                 if (take(']'))
                     break;
@@ -112,7 +119,7 @@ public:
             }
         }
         skipBlanks();
-        return m_i == m_n;
+        return span != Span::Head && m_i == m_n;
     }
 
 private:
@@ -226,10 +233,69 @@ private:
     qsizetype m_i = 0;
 };
 
+bool decodePieces(const std::shared_ptr<const QByteArray> &buffer, const QList<Scanner::Piece> &pieces,
+                  QList<Conversation> &out)
+{
+    out.reserve(out.size() + pieces.size());
+    Json::Parser parser;
+    QString error;
+    for (const Scanner::Piece &piece : pieces) {
+        // The file's own bytes (and the padding reserved after them) serve as the parser's input.
+        const Json::Value root = parser.parsePadded(piece.element, &error);
+        Conversation conversation;
+        if (!root.isValid() || !fromStoredJson(root, buffer, piece.member, conversation, error))
+            return false;
+        out.append(std::move(conversation));
+    }
+    return true;
+}
+
+// Splits and decodes one half of the array on each of two threads; nothing when the history is too
+// small to be worth a thread or the cut cannot be trusted. The cut is made before the conversation
+// that follows a conversation's last member as this program writes them (a key with its quotes
+// cannot occur inside a string, where every quote is escaped, but a message could still carry a
+// member of that name); the first half's scan has to end exactly on it, or the halves are dropped.
+std::optional<bool> decodeInHalves(const std::shared_ptr<const QByteArray> &buffer, QByteArrayView content,
+                                   QList<Conversation> &out)
+{
+    constexpr qsizetype worthSplitting = 1 << 20;
+    if (content.size() < worthSplitting)
+        return std::nullopt;
+    const qsizetype last = content.indexOf("\"updatedAt\":", content.size() / 2);
+    const qsizetype cut = last < 0 ? -1 : content.indexOf("},{\"id\":", last);
+    if (cut < 0)
+        return std::nullopt;
+    const QByteArrayView head = content.first(cut + 1);
+    const QByteArrayView tail = content.sliced(cut + 2);
+
+    QList<Conversation> later;
+    bool laterScanned = false;
+    bool laterDecoded = false;
+    std::thread other([&] {
+        QList<Scanner::Piece> pieces;
+        laterScanned = Scanner(tail).splitArray("messages", pieces, Scanner::Span::Tail);
+        laterDecoded = laterScanned && decodePieces(buffer, pieces, later);
+    });
+    QList<Scanner::Piece> pieces;
+    const bool headScanned = Scanner(head).splitArray("messages", pieces, Scanner::Span::Head);
+    QList<Conversation> decoded;
+    const bool headDecoded = headScanned && decodePieces(buffer, pieces, decoded);
+    other.join();
+    if (!headScanned || !laterScanned)
+        return std::nullopt;
+    if (!headDecoded || !laterDecoded)
+        return false;
+    decoded.append(std::move(later));
+    out = std::move(decoded);
+    return true;
+}
+
 // Each conversation parsed on its own, its messages left in the file's bytes.
 bool decodeByConversation(const std::shared_ptr<const QByteArray> &buffer, QByteArrayView content,
                           QList<Conversation> &out)
 {
+    if (const std::optional<bool> decoded = decodeInHalves(buffer, content, out))
+        return *decoded;
     QList<Scanner::Piece> pieces;
     if (!Scanner(content).splitArray("messages", pieces)) {
         QString error;
@@ -237,17 +303,8 @@ bool decodeByConversation(const std::shared_ptr<const QByteArray> &buffer, QByte
         return document && fromJson(document->root(), out, error);
     }
     QList<Conversation> decoded;
-    decoded.reserve(pieces.size());
-    Json::Parser parser;
-    QString error;
-    for (const Scanner::Piece &piece : std::as_const(pieces)) {
-        // The file's own bytes (and the padding reserved after them) serve as the parser's input.
-        const Json::Value root = parser.parsePadded(piece.element, &error);
-        Conversation conversation;
-        if (!root.isValid() || !fromStoredJson(root, buffer, piece.member, conversation, error))
-            return false;
-        decoded.append(std::move(conversation));
-    }
+    if (!decodePieces(buffer, pieces, decoded))
+        return false;
     out = std::move(decoded);
     return true;
 }
