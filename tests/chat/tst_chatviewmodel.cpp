@@ -10,18 +10,6 @@
 
 namespace {
 
-Provider provider(const QString &baseURL, ProviderWire wire = ProviderWire::openAI,
-                  const QString &key = QStringLiteral("sk-test"))
-{
-    Provider p;
-    p.id = QUuid::createUuid();
-    p.wire = wire;
-    p.baseURL = baseURL;
-    p.model = QStringLiteral("m");
-    p.apiKey = key;
-    return p;
-}
-
 QByteArray delta(const QByteArray &text)
 {
     return R"(data: {"choices":[{"delta":{"content":")" + text + "\"}}]}\n\n";
@@ -79,7 +67,16 @@ private slots:
     void interruptedMidReply();
 
 private:
-    Provider loopback() const { return provider(m_server->url(QStringLiteral("/v1")).toString()); }
+    Provider loopback(ProviderWire wire = ProviderWire::openAI) const
+    {
+        return {QUuid::createUuid(),
+                {},
+                wire,
+                m_server->url(QStringLiteral("/v1")).toString(),
+                QStringLiteral("m"),
+                {},
+                QStringLiteral("sk-test")};
+    }
     void start(const QString &text, const std::optional<Provider> &p)
     {
         m_vm->setInput(text);
@@ -281,7 +278,7 @@ void tst_ChatViewModel::turn()
     connect(m_server.get(), &LoopbackServer::requestReceived, this,
             [&] { storedAtRequest = stored(m_conversation.id); });
     m_server->setResponse(row.response);
-    QVERIFY(runTurn(QStringLiteral("  hello  "), provider(m_server->url(QStringLiteral("/v1")).toString(), row.wire)));
+    QVERIFY(runTurn(QStringLiteral("  hello  "), loopback(row.wire)));
 
     QCOMPARE(m_streamEnds, 1);
     QCOMPARE(m_vm->errorText().has_value(), !row.error.isEmpty());

@@ -67,7 +67,7 @@ private slots:
         QDir().mkpath(m_folder);
     }
 
-    void export_isPrettySortedOwnerOnly()
+    void export_isPrettySortedOwnerOnly_andCancelChangesNothing()
     {
         Stores stores;
         ScriptedDialogs dialogs(m_archive);
@@ -80,6 +80,16 @@ private slots:
         QCOMPARE(asked.message, u"Includes API keys in plain text \u2014 keep this file safe."_s);
         QCOMPARE(asked.suggestedName, u"verbolt-config.json"_s);
         QVERIFY(asked.nameFilters.first().contains(u"*.json"_s));
+
+        QVERIFY(QFile::remove(m_archive));
+        stores.providers.add(provider(u"mine"_s));
+        const Snapshot before = stores.snapshot();
+        dialogs.answer.reset(); // the user cancels
+        QCOMPARE(stores.exportTo(dialogs), std::nullopt);
+        QCOMPARE(stores.importFrom(dialogs), std::nullopt);
+        QCOMPARE(dialogs.saves.size() + dialogs.opens.size(), 3);
+        QCOMPARE(stores.snapshot(), before);
+        QVERIFY(QDir(m_folder).isEmpty());
     }
 
     void exportThenImport_intoFreshProfile_restoresEverything()
@@ -184,19 +194,6 @@ private slots:
         QVERIFY2(failure && failure->startsWith(prefix) && failure->size() > prefix.size() && failure->contains(reason),
                  qPrintable(failure.value_or(QString())));
         QCOMPARE(stores.snapshot(), before);
-    }
-
-    void cancel_changesNothing()
-    {
-        Stores stores;
-        stores.providers.add(provider(u"mine"_s));
-        const Snapshot before = stores.snapshot();
-        ScriptedDialogs dialogs; // answers nothing: the user cancelled
-        QCOMPARE(stores.exportTo(dialogs), std::nullopt);
-        QCOMPARE(stores.importFrom(dialogs), std::nullopt);
-        QCOMPARE(dialogs.saves.size() + dialogs.opens.size(), 2);
-        QCOMPARE(stores.snapshot(), before);
-        QVERIFY(QDir(m_folder).isEmpty());
     }
 
     // A full disk or a read-only preferences folder: the import must not claim success.
