@@ -82,7 +82,6 @@ private slots:
     {
         QTest::addColumn<QByteArray>("bytes");
         QTest::newRow("garbage") << "\x01\x02not json"_ba;
-        QTest::newRow("an older shape") << R"([{"name":"Groq","key":"sk-1"}])"_ba;
         QTest::newRow("one element with an unknown wire")
             << encodeJson(QList<Provider>{provider(u"ok"_s)}).replace("\"openAI\"", "\"gemini\"");
     }
