@@ -9,6 +9,7 @@
 
 #include <cstring>
 #include <memory>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <thread>
 
@@ -21,6 +22,17 @@ Stamp stampOf(const struct stat &st)
     return {true, st.st_dev, st.st_ino, st.st_size, qint64(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec};
 }
 
+// A large history is read into huge pages where the system allows them on request: a few faults
+// instead of one per 4 KiB while the bytes are copied in, and fewer TLB misses while they are parsed.
+void preferHugePages(char *data, qsizetype size)
+{
+    constexpr quintptr huge = 2 << 20;
+    const quintptr begin = (quintptr(data) + huge - 1) & ~(huge - 1);
+    const quintptr end = (quintptr(data) + quintptr(size)) & ~(huge - 1);
+    if (end > begin)
+        ::madvise(reinterpret_cast<void *>(begin), end - begin, MADV_HUGEPAGE);
+}
+
 // The whole file as it is at one moment, with room after it for the parser's padding.
 std::optional<QByteArray> readStable(QFile &file, Stamp &stamp)
 {
@@ -31,6 +43,7 @@ std::optional<QByteArray> readStable(QFile &file, Stamp &stamp)
     const qsizetype expected = qsizetype(before.st_size);
     QByteArray bytes;
     bytes.reserve(expected + 1 + Json::parsePadding);
+    preferHugePages(bytes.data(), bytes.capacity());
     bytes.resize(expected + 1);
     qsizetype used = 0;
     while (used < bytes.size()) {
