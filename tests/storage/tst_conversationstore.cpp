@@ -161,24 +161,6 @@ private slots:
         QCOMPARE(asideCopies().size(), 2);
     }
 
-    void unreadableFileThatCannotBeKeptAside_isNeverOverwritten()
-    {
-        const QByteArray bytes = R"([{"broken":)"_ba;
-        QVERIFY(writeAll(m_file, bytes));
-        std::unique_ptr<ConversationStore> store;
-        if (!whileReadOnly(m_folder, m_profile.root(), [&] {
-                store = std::make_unique<ConversationStore>(m_file);
-                store->newChat(std::nullopt);
-                store->waitForSaved();
-            }))
-            QSKIP("cannot make a folder read-only for this user");
-        QVERIFY(!store->keptAsidePath());
-        QCOMPARE(store->conversations().size(), 1);
-        QVERIFY(store->lastSaveError());
-        QCOMPARE(readAll(m_file), bytes);
-        QCOMPARE(QDir(m_folder).entryList(QDir::Files), QStringList{u"conversations.json"_s});
-    }
-
     void newChat_isSelectedFirstAndSaved()
     {
         ConversationStore store;
@@ -351,31 +333,44 @@ private slots:
         QCOMPARE(readAll(mine.keptAsidePath().value_or(QString())), "not a history"_ba);
     }
 
+    // A folder that cannot be written keeps the old file whole and the changes in memory, even a
+    // history that could not be read nor kept aside; once it can be written, the next save carries
+    // everything, and keeps such a history aside first.
+    void readOnlyFolder_leavesOldFileWhole_data()
+    {
+        QTest::addColumn<bool>("unreadable");
+        QTest::newRow("readable history") << false;
+        QTest::newRow("unreadable history") << true;
+    }
     void readOnlyFolder_leavesOldFileWhole()
     {
-        ConversationStore store;
-        const Conversation created = store.newChat(std::nullopt);
-        store.waitForSaved();
+        QFETCH(bool, unreadable);
+        QVERIFY(unreadable ? writeAll(m_file, R"([{"broken":)"_ba) : writeHistory({conversation(u"old"_s, 1)}));
         const QByteArray before = readAll(m_file);
+        // An unreadable history is met with the folder already read-only, so it cannot be kept aside.
+        auto store = unreadable ? nullptr : std::make_unique<ConversationStore>(m_file);
         std::optional<QString> error;
         if (!whileReadOnly(m_folder, m_profile.root(), [&] {
-                store.updateMessages(created.id, {ChatMessage(ChatRole::user, u"kept in memory"_s)});
-                store.waitForSaved();
-                error = store.lastSaveError();
-                store.newChat(std::nullopt);
-                store.waitForSaved();
+                if (!store)
+                    store = std::make_unique<ConversationStore>(m_file);
+                store->updateMessages(store->newChat(std::nullopt).id, {ChatMessage(ChatRole::user, u"in memory"_s)});
+                store->waitForSaved();
+                error = store->lastSaveError();
             }))
             QSKIP("cannot make a folder read-only for this user");
         QVERIFY(error);
-        QCOMPARE(store.conversations().size(), 2);
-        QCOMPARE(store.conversations().at(1).title, u"kept in memory"_s);
+        QVERIFY(!store->keptAsidePath());
+        QCOMPARE(store->conversations().first().title, u"in memory"_s);
+        QCOMPARE(store->conversations().size(), unreadable ? 1 : 2);
         QCOMPARE(readAll(m_file), before);
         QCOMPARE(QDir(m_folder).entryList(QDir::Files), QStringList{u"conversations.json"_s});
 
-        // Once the folder is writable again, the next save carries everything.
-        store.rename(created.id, u"back"_s);
-        QCOMPARE(savedBy(store), store.conversations());
-        QVERIFY(!store.lastSaveError());
+        store->rename(store->conversations().last().id, u"back"_s);
+        QCOMPARE(savedBy(*store), store->conversations());
+        QVERIFY(!store->lastSaveError());
+        QCOMPARE(store->keptAsidePath().has_value(), unreadable);
+        if (unreadable)
+            QCOMPARE(readAll(*store->keptAsidePath()), before);
     }
 };
 
