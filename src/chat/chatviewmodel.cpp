@@ -21,7 +21,7 @@ std::optional<qint64> merged(const std::optional<qint64> &incoming, const std::o
 
 QString ChatViewModel::noProviderText()
 {
-    return QStringLiteral("Pick a provider first (Settings ⌘,).");
+    return QStringLiteral("Pick a provider first (Settings Ctrl+,).");
 }
 
 ChatViewModel::ChatViewModel(QObject *parent)
@@ -75,7 +75,7 @@ void ChatViewModel::activate(const std::optional<Conversation> &conversation)
     const std::optional<QUuid> oldID = m_conversationID;
     stop();
     m_conversationID = conversation ? std::optional<QUuid>(conversation->id) : std::nullopt;
-    m_messages = conversation ? conversation->messages : QList<ChatMessage>();
+    m_messages = conversation ? conversation->messages.list() : QList<ChatMessage>();
     emit messagesChanged();
     setErrorText(std::nullopt);
     m_pendingText.clear();

@@ -100,6 +100,20 @@ bool fromJson(const Json::Value &v, TokenUsage &out, QString &error)
     return true;
 }
 
+static bool readUsage(const Json::Value &v, std::optional<TokenUsage> &out, QString &error)
+{
+    const Json::Value usage = v["usage"];
+    if (!usage.isValid() || usage.isNull())
+        return true;
+    TokenUsage decoded;
+    if (!fromJson(usage, decoded, error)) {
+        error = prefixed(QStringLiteral("usage"), error);
+        return false;
+    }
+    out = decoded;
+    return true;
+}
+
 bool fromJson(const Json::Value &v, ChatMessage &out, QString &error)
 {
     if (!v.isObject()) {
@@ -117,15 +131,24 @@ bool fromJson(const Json::Value &v, ChatMessage &out, QString &error)
         return false;
     }
     message.role = *parsedRole;
-    const Json::Value usage = v["usage"];
-    if (usage.isValid() && !usage.isNull()) {
-        TokenUsage decoded;
-        if (!fromJson(usage, decoded, error)) {
-            error = prefixed(QStringLiteral("usage"), error);
-            return false;
-        }
-        message.usage = decoded;
-    }
+    if (!readUsage(v, message.usage, error))
+        return false;
     out = std::move(message);
     return true;
+}
+
+bool checkMessageJson(const Json::Value &v, QString &error)
+{
+    // The usual well-formed message is checked without decoding its text; anything else takes the
+    // full decoder, for the same description of what is wrong.
+    const Json::Value id = v["id"];
+    const Json::Value role = v["role"];
+    const auto knownRole = [](QByteArrayView raw) { return raw == "user" || raw == "assistant" || raw == "system"; };
+    if (id.isString() && isUuidText(id.stringUtf8()) && role.isString() && knownRole(role.stringUtf8()) &&
+        v["content"].isString()) {
+        std::optional<TokenUsage> usage;
+        return readUsage(v, usage, error);
+    }
+    ChatMessage ignored;
+    return fromJson(v, ignored, error);
 }

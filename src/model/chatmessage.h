@@ -79,3 +79,5 @@ void toJson(Json::Writer &w, const ChatMessage &message);
 bool fromJson(const Json::Value &v, TokenUsage &out, QString &error);
 // Fails when "id", "role" or "content" is missing or mistyped, the id is no UUID or the role unknown.
 bool fromJson(const Json::Value &v, ChatMessage &out, QString &error);
+// Succeeds exactly when fromJson would, without decoding the content.
+bool checkMessageJson(const Json::Value &v, QString &error);

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cmath>
+#include <mutex>
 
 using namespace JsonCoding;
 
@@ -33,6 +34,69 @@ QDateTime toDateTime(double seconds)
 
 } // namespace ReferenceDate
 
+struct MessageList::Stored
+{
+    std::shared_ptr<const QByteArray> buffer; // the history file's bytes, shared by every stored list
+    QByteArrayView json;
+    qsizetype count = 0;
+    mutable std::once_flag decodeOnce;
+    mutable QList<ChatMessage> decoded;
+};
+
+MessageList MessageList::fromStored(std::shared_ptr<const QByteArray> buffer, QByteArrayView json, qsizetype count)
+{
+    auto stored = std::make_shared<Stored>();
+    stored->buffer = std::move(buffer);
+    stored->json = json;
+    stored->count = count;
+    MessageList list;
+    list.m_stored = std::move(stored);
+    return list;
+}
+
+std::optional<QByteArrayView> MessageList::stored() const
+{
+    if (!m_stored)
+        return std::nullopt;
+    return m_stored->json;
+}
+
+const QList<ChatMessage> &MessageList::list() const
+{
+    if (!m_stored)
+        return m_list;
+    std::call_once(m_stored->decodeOnce, [stored = m_stored.get()] {
+        // Checked when the file was loaded, so this cannot fail.
+        if (auto decoded = decodeJson<QList<ChatMessage>>(stored->json))
+            stored->decoded = std::move(*decoded);
+    });
+    return m_stored->decoded;
+}
+
+QList<ChatMessage> &MessageList::list()
+{
+    if (m_stored) {
+        m_list = std::as_const(*this).list();
+        m_stored.reset();
+    }
+    return m_list;
+}
+
+qsizetype MessageList::size() const
+{
+    return m_stored ? m_stored->count : m_list.size();
+}
+
+bool operator==(const MessageList &a, const MessageList &b)
+{
+    if (a.size() != b.size())
+        return false;
+    // The same stored bytes hold the same messages; that spares decoding both.
+    if (a.m_stored && b.m_stored && (a.m_stored == b.m_stored || a.m_stored->json == b.m_stored->json))
+        return true;
+    return a.list() == b.list();
+}
+
 std::optional<QString> Conversation::derivedTitle(const QList<ChatMessage> &messages)
 {
     for (const ChatMessage &m : messages) {
@@ -55,7 +119,7 @@ std::optional<QString> Conversation::derivedTitle(const QList<ChatMessage> &mess
     return std::nullopt;
 }
 
-void toJson(Json::Writer &w, const Conversation &c)
+static void write(Json::Writer &w, const Conversation &c, bool keepStored)
 {
     w.beginObject();
     w.key(QLatin1StringView("id"));
@@ -67,10 +131,14 @@ void toJson(Json::Writer &w, const Conversation &c)
         w.string(uuidText(*c.providerID));
     }
     w.key(QLatin1StringView("messages"));
-    w.beginArray();
-    for (const ChatMessage &m : c.messages)
-        toJson(w, m);
-    w.endArray();
+    if (const auto stored = c.messages.stored(); stored && keepStored) {
+        w.raw(*stored);
+    } else {
+        w.beginArray();
+        for (const ChatMessage &m : c.messages)
+            toJson(w, m);
+        w.endArray();
+    }
     w.key(QLatin1StringView("createdAt"));
     w.number(c.createdAt);
     w.key(QLatin1StringView("updatedAt"));
@@ -78,13 +146,25 @@ void toJson(Json::Writer &w, const Conversation &c)
     w.endObject();
 }
 
-bool fromJson(const Json::Value &v, Conversation &out, QString &error)
+void toJson(Json::Writer &w, const Conversation &c)
+{
+    write(w, c, false);
+}
+
+QByteArray encodeStored(const Conversation &c)
+{
+    Json::Writer w;
+    write(w, c, true);
+    return w.take();
+}
+
+// Everything but the messages, for both decoders.
+static bool readHeader(const Json::Value &v, Conversation &c, QString &error)
 {
     if (!v.isObject()) {
         error = QStringLiteral("Expected an object for the conversation");
         return false;
     }
-    Conversation c;
     if (!readUuid(v, "id", c.id, error) || !readString(v, "title", c.title, error))
         return false;
     const Json::Value provider = v["providerID"];
@@ -94,10 +174,50 @@ bool fromJson(const Json::Value &v, Conversation &out, QString &error)
             return false;
         c.providerID = id;
     }
-    if (!readList(v, "messages", c.messages, error))
+    return true;
+}
+
+static bool readDates(const Json::Value &v, Conversation &c, QString &error)
+{
+    return readDouble(v, "createdAt", c.createdAt, error) && readDouble(v, "updatedAt", c.updatedAt, error);
+}
+
+bool fromJson(const Json::Value &v, Conversation &out, QString &error)
+{
+    Conversation c;
+    QList<ChatMessage> messages;
+    if (!readHeader(v, c, error) || !readList(v, "messages", messages, error) || !readDates(v, c, error))
         return false;
-    if (!readDouble(v, "createdAt", c.createdAt, error) || !readDouble(v, "updatedAt", c.updatedAt, error))
+    c.messages = std::move(messages);
+    out = std::move(c);
+    return true;
+}
+
+bool fromStoredJson(const Json::Value &v, const std::shared_ptr<const QByteArray> &buffer, QByteArrayView messagesJson,
+                    Conversation &out, QString &error)
+{
+    if (messagesJson.isEmpty())
+        return fromJson(v, out, error);
+    Conversation c;
+    if (!readHeader(v, c, error))
         return false;
+    const Json::Value messages = v["messages"];
+    if (!messages.isArray()) {
+        QList<ChatMessage> ignored; // the usual description of what is wrong
+        return readList(v, "messages", ignored, error);
+    }
+    qsizetype count = 0;
+    const bool valid = messages.forEachElement([&](const Json::Value &message) {
+        if (!checkMessageJson(message, error)) {
+            error = prefixed(QStringLiteral("messages[%1]").arg(count), error);
+            return false;
+        }
+        ++count;
+        return true;
+    });
+    if (!valid || !readDates(v, c, error))
+        return false;
+    c.messages = MessageList::fromStored(buffer, messagesJson, count);
     out = std::move(c);
     return true;
 }

@@ -1,5 +1,7 @@
 #include "model/jsoncoding.h"
 
+#include <array>
+
 namespace JsonCoding {
 
 QString uuidText(const QUuid &id)
@@ -20,6 +22,26 @@ std::optional<QUuid> parseUuid(QStringView text)
             return std::nullopt;
     }
     return QUuid::fromString(text);
+}
+
+bool isUuidText(QByteArrayView utf8)
+{
+    // Every message of a history is checked at start: a table instead of a chain of comparisons.
+    static constexpr auto hexDigit = [] {
+        std::array<bool, 256> table = {};
+        for (int c = '0'; c <= '9'; ++c)
+            table[size_t(c)] = true;
+        for (int c = 'a'; c <= 'f'; ++c)
+            table[size_t(c)] = table[size_t(c - 'a' + 'A')] = true;
+        return table;
+    }();
+    if (utf8.size() != 36)
+        return false;
+    const auto *p = reinterpret_cast<const unsigned char *>(utf8.data());
+    bool ok = p[8] == '-' && p[13] == '-' && p[18] == '-' && p[23] == '-';
+    for (int i = 0; i < 36; ++i)
+        ok &= hexDigit[p[i]] || i == 8 || i == 13 || i == 18 || i == 23;
+    return ok;
 }
 
 QString missingKey(std::string_view key)

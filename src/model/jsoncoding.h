@@ -16,6 +16,8 @@ namespace JsonCoding {
 QString uuidText(const QUuid &id);
 // Parses only the 36-character form (either case); anything else is nullopt.
 std::optional<QUuid> parseUuid(QStringView text);
+// Whether parseUuid would take this UTF-8 text.
+bool isUuidText(QByteArrayView utf8);
 
 QString missingKey(std::string_view key);
 QString wrongType(std::string_view key, const char *expected);

@@ -1,5 +1,6 @@
 #include "storage/atomicfile.h"
 
+#include <QDateTime>
 #include <QFile>
 #include <QSaveFile>
 
@@ -29,6 +30,11 @@ std::optional<QString> write(const QString &path, const std::function<bool(QIODe
     if (!file.commit())
         return file.errorString();
     return std::nullopt;
+}
+
+QString asideStamp()
+{
+    return QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-HHmmss"));
 }
 
 bool restrictToOwner(const QString &path)

@@ -20,6 +20,10 @@ std::optional<QString> write(const QString &path, const QByteArray &bytes);
 // write to the device fails.
 std::optional<QString> write(const QString &path, const std::function<bool(QIODevice &)> &produce);
 
+// The time stamp in the name of something kept aside ("20250114-093012"), in local time: copies of an
+// unreadable history and of an unreadable provider list are named alike.
+QString asideStamp();
+
 // Makes an existing file readable by its owner only. Returns false when that failed.
 bool restrictToOwner(const QString &path);
 

@@ -8,6 +8,7 @@
 
 #include <QCoreApplication>
 #include <QFile>
+#include <QFileInfo>
 
 using namespace JsonCoding;
 
@@ -50,6 +51,11 @@ std::optional<QString> importConfig(ProviderStore &providers, ConversationStore 
     if (!path || path->isEmpty())
         return std::nullopt;
 
+    // A device or a pipe could be read for ever (or block until something writes to it).
+    const QFileInfo info(*path);
+    if (info.exists() && !info.isFile())
+        return QStringLiteral("Import failed: ") +
+               QCoreApplication::translate("ConfigArchive", "%1 is not a regular file.").arg(*path);
     QFile file(*path);
     if (!file.open(QIODevice::ReadOnly))
         return QStringLiteral("Import failed: ") + file.errorString();
@@ -64,6 +70,12 @@ std::optional<QString> importConfig(ProviderStore &providers, ConversationStore 
 
     providers.merge(payload->providers);
     conversations.merge(payload->conversations);
+    // An import is the one save the user waits for and can repeat: a failure is told, not dropped.
+    if (const auto error = providers.lastSaveError())
+        return QStringLiteral("Import failed: ") + *error;
+    conversations.waitForSaved();
+    if (const auto error = conversations.lastSaveError())
+        return QStringLiteral("Import failed: ") + *error;
     return std::nullopt;
 }
 

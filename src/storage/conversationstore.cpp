@@ -1,16 +1,16 @@
 #include "storage/conversationstore.h"
 
 #include "model/jsoncoding.h"
-#include "storage/atomicfile.h"
+#include "storage/historyfile.h"
+#include "storage/historywriter.h"
 
-#include <QDateTime>
+#include <QCoreApplication>
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 #include <QStandardPaths>
 
 #include <algorithm>
-#include <numeric>
+#include <utility>
 
 namespace {
 
@@ -30,6 +30,14 @@ ConversationStore::ConversationStore(const QString &filePath, QObject *parent)
     // A folder that cannot be made is not an error here: the first save will fail quietly.
     QDir().mkpath(QFileInfo(m_filePath).absolutePath());
     load();
+    // Closing the last window quits at once: whatever was handed to the writer is on disk first.
+    if (QCoreApplication *app = QCoreApplication::instance())
+        connect(app, &QCoreApplication::aboutToQuit, this, &ConversationStore::waitForSaved);
+}
+
+ConversationStore::~ConversationStore()
+{
+    m_writer.reset();
 }
 
 QString ConversationStore::defaultFilePath()
@@ -41,100 +49,43 @@ QString ConversationStore::defaultFilePath()
     return folder + QStringLiteral("/conversations.json");
 }
 
-namespace {
-
-// Maps the file when the parser's padding after its end still lies in the file's last page (the
-// rest of that page reads as zeros), which saves copying the whole history out of the page cache
-// into fresh memory. Otherwise reads it into a buffer with room for the padding.
-std::optional<QList<Conversation>> decodeHistory(QFile &file)
-{
-    const qint64 size = file.size();
-    constexpr qint64 page = 4096;
-    const auto decode = [](QByteArrayView bytes) -> std::optional<QList<Conversation>> {
-        QString error;
-        const auto document = Json::Document::parsePadded(bytes, &error);
-        QList<Conversation> decoded;
-        if (document && fromJson(document->root(), decoded, error))
-            return decoded;
-        return std::nullopt;
-    };
-    if (size > 0 && size % page != 0 && size % page + Json::parsePadding <= page) {
-        if (uchar *mapped = file.map(0, size)) {
-            auto result = decode(QByteArrayView(mapped, qsizetype(size)));
-            file.unmap(mapped);
-            return result;
-        }
-    }
-    QByteArray bytes;
-    bytes.reserve(qsizetype(size) + Json::parsePadding);
-    bytes.resize(qsizetype(size));
-    if (file.read(bytes.data(), size) != size || !file.atEnd())
-        return std::nullopt;
-    return decode(bytes);
-}
-
-} // namespace
-
 void ConversationStore::load()
 {
-    QFile file(m_filePath);
-    if (!file.exists())
-        return;
-    std::optional<QList<Conversation>> decoded;
-    if (file.open(QIODevice::ReadOnly))
-        decoded = decodeHistory(file);
-    file.close();
-    if (decoded) {
-        m_conversations = std::move(*decoded);
-        forgetEncodings();
+    const HistoryFile::ReadResult read = HistoryFile::read(m_filePath);
+    bool unreadableInPlace = false;
+    if (read.status == HistoryFile::ReadResult::Status::Decoded) {
+        m_conversations = read.conversations; // shared with the writer's copy, not copied
         sortNewestFirst();
         if (!m_conversations.isEmpty())
             m_selectedID = m_conversations.first().id;
-    } else {
-        // The first save would replace the history with a shorter one; keep the original
-        // beside it first, leaving the file itself untouched at start.
-        m_unreadableFileInPlace = true;
-        keepUnreadableAside(false);
+    } else if (read.status == HistoryFile::ReadResult::Status::Unreadable && read.stamp.size > 0) {
+        // The first save would replace the history with a shorter one; keep the original beside
+        // it first, leaving the file itself untouched at start.
+        m_keptAsidePath = HistoryFile::keepAside(m_filePath, false);
+        unreadableInPlace = !m_keptAsidePath;
+    } else if (read.status == HistoryFile::ReadResult::Status::Changing) {
+        // Someone is writing it (a backup being restored): the first save reads it again.
+        unreadableInPlace = true;
     }
+    m_writer = std::make_unique<HistoryWriter>(m_filePath, read.stamp, read.conversations, unreadableInPlace, [this] {
+        QMetaObject::invokeMethod(this, &ConversationStore::takeSaveOutcomes, Qt::QueuedConnection);
+    });
 }
 
-bool ConversationStore::keepUnreadableAside(bool allowMove)
+void ConversationStore::waitForSaved()
 {
-    if (!m_unreadableFileInPlace)
-        return true;
-    const QFileInfo info(m_filePath);
-    const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-HHmmss"));
-    QString aside;
-    for (int n = 1;; ++n) {
-        const QString suffix = n == 1 ? QString() : u'-' + QString::number(n);
-        aside = info.absolutePath() + QStringLiteral("/conversations.unreadable-") + stamp + suffix +
-                QStringLiteral(".json");
-        if (!QFileInfo::exists(aside))
-            break;
-    }
-    if (!m_keptAsidePath) {
-        if (QFile::copy(m_filePath, aside)) {
-            AtomicFile::restrictToOwner(aside);
-            m_keptAsidePath = aside;
-        }
-    }
-    if (m_keptAsidePath) {
-        m_unreadableFileInPlace = false;
-        return true;
-    }
-    // A file we cannot even read cannot be copied; moving it keeps it just as well.
-    if (allowMove && QFile::rename(m_filePath, aside)) {
-        m_keptAsidePath = aside;
-        m_unreadableFileInPlace = false;
-        return true;
-    }
-    return false;
+    m_writer->waitForIdle();
+    takeSaveOutcomes();
 }
 
 void ConversationStore::setConversations(const QList<Conversation> &conversations)
 {
+    // Whatever the new list holds counts as this process's own, and whatever it lacks as deleted.
+    for (const Conversation &c : std::as_const(m_conversations))
+        markDeleted(c.id);
     m_conversations = conversations;
-    forgetEncodings();
+    for (const Conversation &c : std::as_const(m_conversations))
+        markChanged(c.id);
     emit conversationsChanged();
 }
 
@@ -170,7 +121,7 @@ Conversation ConversationStore::newChat(const std::optional<QUuid> &providerID)
     conversation.createdAt = m_clock();
     conversation.updatedAt = conversation.createdAt;
     m_conversations.prepend(conversation);
-    m_encoded.prepend(QByteArray());
+    markChanged(conversation.id);
     emit conversationsChanged();
     setSelectedID(conversation.id);
     persist();
@@ -183,7 +134,6 @@ void ConversationStore::updateMessages(const QUuid &id, const QList<ChatMessage>
     if (i < 0)
         return;
     Conversation conversation = m_conversations.takeAt(i);
-    m_encoded.removeAt(i);
     conversation.messages = messages;
     conversation.updatedAt = m_clock();
     if (conversation.title == newChatTitle) {
@@ -191,8 +141,9 @@ void ConversationStore::updateMessages(const QUuid &id, const QList<ChatMessage>
             conversation.title = std::move(*title);
     }
     m_conversations.prepend(std::move(conversation));
-    m_encoded.prepend(QByteArray());
+    markChanged(id);
     emit conversationsChanged();
+    emit conversationUpdated(id);
     persist();
 }
 
@@ -205,19 +156,16 @@ void ConversationStore::rename(const QUuid &id, const QString &title)
     if (trimmed.isEmpty())
         return;
     m_conversations[i].title = trimmed;
-    m_encoded[i].clear();
+    markChanged(id);
     emit conversationsChanged();
+    emit conversationUpdated(id);
     persist();
 }
 
 void ConversationStore::deleteConversation(const Conversation &conversation)
 {
-    for (qsizetype i = m_conversations.size() - 1; i >= 0; --i) {
-        if (m_conversations.at(i).id == conversation.id) {
-            m_conversations.removeAt(i);
-            m_encoded.removeAt(i);
-        }
-    }
+    m_conversations.removeIf([&](const Conversation &c) { return c.id == conversation.id; });
+    markDeleted(conversation.id);
     emit conversationsChanged();
     if (m_selectedID && *m_selectedID == conversation.id)
         setSelectedID(m_conversations.isEmpty() ? std::nullopt : std::optional<QUuid>(m_conversations.first().id));
@@ -228,86 +176,81 @@ void ConversationStore::merge(const QList<Conversation> &incoming)
 {
     for (const Conversation &conversation : incoming) {
         const qsizetype i = indexOf(conversation.id);
-        if (i >= 0) {
+        if (i >= 0)
             m_conversations[i] = conversation;
-            m_encoded[i].clear();
-        } else {
+        else
             m_conversations.append(conversation);
-            m_encoded.append(QByteArray());
-        }
+        markChanged(conversation.id);
     }
     sortNewestFirst();
     emit conversationsChanged();
+    for (const Conversation &conversation : incoming)
+        emit conversationUpdated(conversation.id);
     if (!m_selectedID && !m_conversations.isEmpty())
         setSelectedID(m_conversations.first().id);
     persist();
 }
 
-void ConversationStore::persist()
+void ConversationStore::markChanged(const QUuid &id)
 {
-    if (!keepUnreadableAside(true)) {
-        m_lastSaveError =
-            tr("The conversation history in %1 could not be read or kept aside; it is left as it is.").arg(m_filePath);
-        return;
-    }
-    if (m_encoded.size() != m_conversations.size())
-        forgetEncodings();
-    for (qsizetype i = 0; i < m_conversations.size(); ++i) {
-        if (m_encoded.at(i).isEmpty())
-            m_encoded[i] = encodeJson(m_conversations.at(i));
-    }
-    // The same bytes as encoding the whole list at once, gathered in chunks of a few megabytes:
-    // few system calls, and never a second copy of the whole history in memory.
-    m_lastSaveError = AtomicFile::write(m_filePath, [this](QIODevice &device) {
-        constexpr qsizetype chunkSize = 4 << 20;
-        QByteArray chunk;
-        chunk.reserve(chunkSize);
-        const auto flush = [&] {
-            const bool written = device.write(chunk) == chunk.size();
-            chunk.resize(0);
-            return written;
-        };
-        chunk.append('[');
-        for (qsizetype i = 0; i < m_encoded.size(); ++i) {
-            if (i > 0)
-                chunk.append(',');
-            const QByteArray &piece = m_encoded.at(i);
-            if (chunk.size() + piece.size() > chunkSize && !flush())
-                return false;
-            if (piece.size() > chunkSize) {
-                if (device.write(piece) != piece.size())
-                    return false;
-            } else {
-                chunk.append(piece);
-            }
-        }
-        chunk.append(']');
-        return flush();
-    });
+    m_deleted.remove(id);
+    m_changed.insert(id);
+    m_changedIn.insert(id, m_saveGeneration + 1);
 }
 
-void ConversationStore::forgetEncodings()
+void ConversationStore::markDeleted(const QUuid &id)
 {
-    m_encoded = QList<QByteArray>(m_conversations.size());
+    m_changed.remove(id);
+    m_deleted.insert(id);
+    m_changedIn.insert(id, m_saveGeneration + 1);
+}
+
+void ConversationStore::persist()
+{
+    // A copy of the list costs a reference count here; the records themselves are shared until
+    // this thread changes one of them.
+    HistoryWriter::Job job;
+    job.generation = ++m_saveGeneration;
+    job.snapshot = m_conversations;
+    job.changed = std::exchange(m_changed, {});
+    job.deleted = std::exchange(m_deleted, {});
+    m_writer->submit(std::move(job));
+}
+
+void ConversationStore::takeSaveOutcomes()
+{
+    QList<QUuid> adopted;
+    for (HistoryWriter::Outcome &outcome : m_writer->takeOutcomes()) {
+        m_lastSaveError = outcome.error;
+        if (outcome.keptAsidePath)
+            m_keptAsidePath = outcome.keptAsidePath;
+        for (Conversation &record : outcome.adopted) {
+            // Changed or deleted here after that save: this process's newer state is kept, and the
+            // next save writes it.
+            if (m_changedIn.value(record.id) > outcome.generation)
+                continue;
+            const qsizetype i = indexOf(record.id);
+            if (i >= 0)
+                m_conversations[i] = std::move(record);
+            else
+                m_conversations.append(std::move(record));
+            adopted.append(m_conversations.at(i >= 0 ? i : m_conversations.size() - 1).id);
+        }
+    }
+    if (adopted.isEmpty())
+        return;
+    sortNewestFirst();
+    emit conversationsChanged();
+    for (const QUuid &id : std::as_const(adopted))
+        emit conversationUpdated(id);
+    if (!m_selectedID && !m_conversations.isEmpty())
+        setSelectedID(m_conversations.first().id);
 }
 
 void ConversationStore::sortNewestFirst()
 {
-    QList<qsizetype> order(m_conversations.size());
-    std::iota(order.begin(), order.end(), 0);
-    std::stable_sort(order.begin(), order.end(), [this](qsizetype a, qsizetype b) {
-        return m_conversations.at(a).updatedAt > m_conversations.at(b).updatedAt;
-    });
-    QList<Conversation> conversations;
-    QList<QByteArray> encoded;
-    conversations.reserve(order.size());
-    encoded.reserve(order.size());
-    for (const qsizetype i : std::as_const(order)) {
-        conversations.append(std::move(m_conversations[i]));
-        encoded.append(std::move(m_encoded[i]));
-    }
-    m_conversations = std::move(conversations);
-    m_encoded = std::move(encoded);
+    std::stable_sort(m_conversations.begin(), m_conversations.end(),
+                     [](const Conversation &a, const Conversation &b) { return a.updatedAt > b.updatedAt; });
 }
 
 qsizetype ConversationStore::indexOf(const QUuid &id) const

@@ -2,23 +2,35 @@
 
 #include "model/conversation.h"
 
+#include <QHash>
 #include <QList>
 #include <QObject>
+#include <QSet>
 #include <QString>
 #include <QUuid>
 
 #include <functional>
+#include <memory>
 #include <optional>
 
+class HistoryWriter;
+
 // All conversations, newest first by updatedAt, and which one is selected. The list lives in one
-// compact JSON file written whole and atomically (owner-only) by every mutating operation before
-// it returns; the selection is never stored, so each start selects the newest conversation.
-// Write failures are silent: memory keeps the change and the old file stays whole.
+// compact JSON file, written whole and atomically (owner-only) after every mutating operation; the
+// selection is never stored, so each start selects the newest conversation.
+//
+// Saving happens on a writer thread: an operation hands over a snapshot of the list and returns at
+// once, the file ends with the newest state, and waitForSaved() (also run by the destructor and
+// when the application is about to quit) blocks until everything handed over is on disk. Write
+// failures are silent: memory keeps the change, the old file stays whole and lastSaveError() says
+// why. Other processes may write the same file: each save holds a lock beside it and first merges
+// in whatever another process saved since (by id, never deleting); records taken in that way show
+// in the list too, announced by conversationsChanged() and conversationUpdated().
 //
 // A file that exists but cannot be read or decoded loads as empty. Before anything could be
 // written over it, it is copied beside itself as "conversations.unreadable-<yyyyMMdd-HHmmss>.json"
-// (moved there if it cannot be copied; if neither works the store never writes over it), and
-// keptAsidePath() tells where, so a window can let the user know.
+// (one copy per distinct content; moved there if it cannot be copied; if neither works the store
+// never writes over it), and keptAsidePath() tells where, so a window can let the user know.
 class ConversationStore final : public QObject
 {
     Q_OBJECT
@@ -32,6 +44,8 @@ public:
     explicit ConversationStore(QObject *parent = nullptr);
     // An explicit file; its folder is created if missing.
     explicit ConversationStore(const QString &filePath, QObject *parent = nullptr);
+    // Waits for the pending save.
+    ~ConversationStore() override;
 
     static QString defaultFilePath();
 
@@ -58,9 +72,13 @@ public:
     // Replaces by id or appends, re-sorts newest first, selects the first when nothing was, saves once.
     void merge(const QList<Conversation> &incoming);
 
-    // Where an unreadable history found at start was kept, if it was.
+    // Blocks until every save handed to the writer is on disk (or has failed), then takes in what
+    // those saves found (errors, another process's records) before it returns.
+    void waitForSaved();
+
+    // Where an unreadable history was kept, if one was found.
     std::optional<QString> keptAsidePath() const { return m_keptAsidePath; }
-    // The failure of the last save, or nothing when it succeeded.
+    // The failure of the last save that finished, or nothing when it succeeded.
     std::optional<QString> lastSaveError() const { return m_lastSaveError; }
 
     // The clock that stamps new and updated conversations (ReferenceDate seconds).
@@ -71,23 +89,31 @@ signals:
     void conversationsChanged();
     // Emitted when the selected id changes.
     void selectedIDChanged();
+    // Emitted after an operation here (updateMessages, rename, merge) or a save that took in another
+    // process's changes changed the record with this id.
+    void conversationUpdated(const QUuid &id);
 
 private:
     void load();
     void persist();
-    bool keepUnreadableAside(bool allowMove);
+    void markChanged(const QUuid &id);
+    void markDeleted(const QUuid &id);
+    void takeSaveOutcomes();
     void sortNewestFirst();
-    void forgetEncodings();
     qsizetype indexOf(const QUuid &id) const;
 
     QString m_filePath;
     QList<Conversation> m_conversations;
-    // The compact JSON of each conversation, index for index; empty until encoded, and emptied
-    // whenever its conversation changes. A save then encodes only what changed since the last one.
-    QList<QByteArray> m_encoded;
     std::optional<QUuid> m_selectedID;
     std::optional<QString> m_keptAsidePath;
     std::optional<QString> m_lastSaveError;
-    bool m_unreadableFileInPlace = false;
     std::function<double()> m_clock;
+
+    // What changed since the last save was handed over, and in which save each id last changed:
+    // another process's record never replaces one changed here after the save that found it.
+    quint64 m_saveGeneration = 0;
+    QSet<QUuid> m_changed;
+    QSet<QUuid> m_deleted;
+    QHash<QUuid, quint64> m_changedIn;
+    std::unique_ptr<HistoryWriter> m_writer;
 };

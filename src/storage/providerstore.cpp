@@ -3,7 +3,6 @@
 #include "model/jsoncoding.h"
 #include "storage/atomicfile.h"
 
-#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -27,7 +26,7 @@ void ProviderStore::load()
             QString key = unreadableKey;
             const QVariant existing = m_settings.value(key);
             if (existing.isValid() && existing.toByteArray() != stored)
-                key += u'.' + QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-HHmmss"));
+                key += u'.' + AtomicFile::asideStamp();
             m_settings.setValue(key, stored);
             m_keptAsideKey = key;
         }
@@ -136,6 +135,10 @@ void ProviderStore::persist()
 {
     m_settings.setValue(providersKey, encodeJson(m_providers));
     sync();
+    if (m_settings.status() == QSettings::NoError)
+        m_lastSaveError.reset();
+    else
+        m_lastSaveError = tr("The providers could not be saved to %1.").arg(m_settings.fileName());
 }
 
 void ProviderStore::sync()

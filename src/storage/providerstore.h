@@ -55,6 +55,8 @@ public:
 
     // The preferences key holding undecodable bytes found at start, if any.
     std::optional<QString> keptAsideKey() const { return m_keptAsideKey; }
+    // Why the last write of the list could not be saved, or nothing when it was.
+    std::optional<QString> lastSaveError() const { return m_lastSaveError; }
     // The preferences file, for telling the user where their providers live.
     QString settingsFileName() const { return m_settings.fileName(); }
 
@@ -74,4 +76,5 @@ private:
     QList<Provider> m_providers;
     std::optional<QUuid> m_selectedID;
     std::optional<QString> m_keptAsideKey;
+    std::optional<QString> m_lastSaveError;
 };

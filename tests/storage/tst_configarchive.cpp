@@ -6,6 +6,8 @@
 #include <QSettings>
 #include <QTest>
 
+#include <sys/stat.h>
+
 using namespace StorageTest;
 
 namespace {
@@ -65,7 +67,7 @@ private slots:
         QDir().mkpath(m_folder);
     }
 
-    void export_isPrettySortedOwnerOnly()
+    void export_isPrettySortedOwnerOnly_andCancelChangesNothing()
     {
         Stores stores;
         ScriptedDialogs dialogs(m_archive);
@@ -78,6 +80,16 @@ private slots:
         QCOMPARE(asked.message, u"Includes API keys in plain text \u2014 keep this file safe."_s);
         QCOMPARE(asked.suggestedName, u"verbolt-config.json"_s);
         QVERIFY(asked.nameFilters.first().contains(u"*.json"_s));
+
+        QVERIFY(QFile::remove(m_archive));
+        stores.providers.add(provider(u"mine"_s));
+        const Snapshot before = stores.snapshot();
+        dialogs.answer.reset(); // the user cancels
+        QCOMPARE(stores.exportTo(dialogs), std::nullopt);
+        QCOMPARE(stores.importFrom(dialogs), std::nullopt);
+        QCOMPARE(dialogs.saves.size() + dialogs.opens.size(), 3);
+        QCOMPARE(stores.snapshot(), before);
+        QVERIFY(QDir(m_folder).isEmpty());
     }
 
     void exportThenImport_intoFreshProfile_restoresEverything()
@@ -100,7 +112,13 @@ private slots:
         QCOMPARE(stores.importFrom(dialogs), std::nullopt);
         QCOMPARE(dialogs.opens.first().title, u"Import Config"_s);
         QCOMPARE(stores.snapshot(), before);
-        QCOMPARE(Stores().snapshot(), before); // on disk, not only in memory
+        stores.conversations.waitForSaved();
+        Stores reloaded; // on disk, not only in memory
+        QCOMPARE(reloaded.snapshot(), before);
+        // Records as loaded from the history are exported in the same pretty form.
+        const QByteArray exported = readAll(m_archive);
+        QCOMPARE(reloaded.exportTo(dialogs), std::nullopt);
+        QCOMPARE(readAll(m_archive), exported);
     }
 
     void import_mergesByIdKeepsSelectionAndResortsWhateverTheVersion()
@@ -119,36 +137,49 @@ private slots:
         replaced.cachedModels = {u"m1"_s};
         const Provider added = provider(u"added"_s);
         const Conversation between = conversation(u"between"_s, 200);
+        // Replaced whole even though the local copy is newer, then sorted to its place.
+        Conversation olderNewer = conversation(u"newer from elsewhere"_s, 50, newer.id);
+        olderNewer.providerID = QUuid::createUuid();
         // The version is read, never checked.
-        QVERIFY(writeAll(m_archive, ConfigArchive::encode({7, {added, replaced}, {between}})));
+        QVERIFY(writeAll(m_archive, ConfigArchive::encode({7, {added, replaced}, {olderNewer, between}})));
 
         ScriptedDialogs dialogs(m_archive);
         QCOMPARE(stores.importFrom(dialogs), std::nullopt);
-        QCOMPARE(stores.snapshot(), (Snapshot{{replaced, other, added}, other.id, {newer, between, older}, older.id}));
+        const Snapshot expected{{replaced, other, added}, other.id, {between, older, olderNewer}, older.id};
+        QCOMPARE(stores.snapshot(), expected);
+        QCOMPARE(Stores().snapshot().conversations, expected.conversations);
     }
 
     void badArchive_importsNothing_data()
     {
         QTest::addColumn<QByteArray>("bytes");
         QTest::addColumn<QString>("reason"); // a word the failure text must hold
+        QTest::addColumn<QString>("path");   // read instead of an archive with those bytes
 
         const QByteArray good =
             ConfigArchive::encode({1, {provider(u"fine"_s), provider(u"odd"_s)}, {conversation(u"c"_s, 5)}});
         QByteArray unknownWire = good;
         unknownWire.replace(unknownWire.lastIndexOf("\"openAI\""), 8, "\"gemini\"");
-        QTest::newRow("a provider of unknown wire") << unknownWire << u"wire"_s;
-        QTest::newRow("no version") << QByteArray(good).replace(",\n  \"version\" : 1", "") << u"version"_s;
+        QTest::newRow("a provider of unknown wire") << unknownWire << u"wire"_s << QString();
+        QTest::newRow("no version") << QByteArray(good).replace(",\n  \"version\" : 1", "") << u"version"_s
+                                    << QString();
         QTest::newRow("a date that is text")
-            << QByteArray(good).replace("\"updatedAt\" : 5", "\"updatedAt\" : \"x\"") << u"updatedAt"_s;
-        QTest::newRow("no providers") << "{\"version\":1,\"conversations\":[]}"_ba << u"providers"_s;
-        QTest::newRow("not JSON") << "version = 1"_ba << QString();
-        QTest::newRow("a list") << "[]"_ba << QString();
-        QTest::newRow("missing file") << QByteArray() << QString();
+            << QByteArray(good).replace("\"updatedAt\" : 5", "\"updatedAt\" : \"x\"") << u"updatedAt"_s << QString();
+        QTest::newRow("no providers") << "{\"version\":1,\"conversations\":[]}"_ba << u"providers"_s << QString();
+        QTest::newRow("not JSON") << "version = 1"_ba << QString() << QString();
+        QTest::newRow("a list") << "[]"_ba << QString() << QString();
+        QTest::newRow("missing file") << QByteArray() << QString() << QString();
+        // Neither may hang or fill memory.
+        QTest::newRow("an endless device") << QByteArray() << u"regular file"_s << u"/dev/zero"_s;
+        QTest::newRow("a pipe nobody writes to") << QByteArray() << u"regular file"_s << m_folder + u"/pipe.json"_s;
     }
     void badArchive_importsNothing()
     {
         QFETCH(QByteArray, bytes);
         QFETCH(QString, reason);
+        QFETCH(QString, path);
+        if (path.endsWith(u"pipe.json"_s))
+            QCOMPARE(::mkfifo(QFile::encodeName(path).constData(), 0600), 0);
 
         Stores stores;
         stores.providers.add(provider(u"mine"_s));
@@ -157,7 +188,7 @@ private slots:
         if (!bytes.isEmpty())
             QVERIFY(writeAll(m_archive, bytes));
 
-        ScriptedDialogs dialogs(m_archive);
+        ScriptedDialogs dialogs(path.isEmpty() ? m_archive : path);
         const auto failure = stores.importFrom(dialogs);
         const QString prefix = u"Import failed: "_s;
         QVERIFY2(failure && failure->startsWith(prefix) && failure->size() > prefix.size() && failure->contains(reason),
@@ -165,31 +196,28 @@ private slots:
         QCOMPARE(stores.snapshot(), before);
     }
 
-    void cancel_changesNothing()
+    // A full disk or a read-only preferences folder: the import must not claim success.
+    void importThatCannotBeSaved_fails()
     {
         Stores stores;
-        stores.providers.add(provider(u"mine"_s));
-        const Snapshot before = stores.snapshot();
-        ScriptedDialogs dialogs; // answers nothing: the user cancelled
-        QCOMPARE(stores.exportTo(dialogs), std::nullopt);
-        QCOMPARE(stores.importFrom(dialogs), std::nullopt);
-        QCOMPARE(dialogs.saves.size() + dialogs.opens.size(), 2);
-        QCOMPARE(stores.snapshot(), before);
-        QVERIFY(QDir(m_folder).isEmpty());
+        ScriptedDialogs dialogs(m_archive);
+        QVERIFY(writeAll(m_archive, ConfigArchive::encode({1, {provider(u"p"_s)}, {}})));
+        const QString folder = QFileInfo(stores.providers.settingsFileName()).absolutePath();
+        QDir().mkpath(folder);
+        std::optional<QString> failure;
+        if (!whileReadOnly(folder, m_profile.root(), [&] { failure = stores.importFrom(dialogs); }))
+            QSKIP("cannot make a folder read-only for this user");
+        QVERIFY2(failure && failure->startsWith(u"Import failed: "_s), qPrintable(failure.value_or(QString())));
+        QCOMPARE(stores.importFrom(dialogs), std::nullopt); // and succeeds once it can be saved
     }
 
-    void exportIntoReadOnlyFolder_failsAndKeepsOldFile()
+    // The old file kept whole is the atomic writer's, checked with the transcript export.
+    void exportIntoMissingFolder_fails()
     {
-        QVERIFY(writeAll(m_archive, "the previous backup"_ba));
         Stores stores;
-        stores.providers.add(provider(u"mine"_s));
-        ScriptedDialogs dialogs(m_archive);
-        std::optional<QString> failure;
-        if (!whileReadOnly(m_folder, m_profile.root(), [&] { failure = stores.exportTo(dialogs); }))
-            QSKIP("cannot make a folder read-only for this user");
-        QVERIFY(failure && failure->startsWith(u"Export failed: "_s));
-        QCOMPARE(readAll(m_archive), "the previous backup"_ba);
-        QCOMPARE(QDir(m_folder).entryList(QDir::Files), QStringList{QFileInfo(m_archive).fileName()});
+        ScriptedDialogs dialogs(m_folder + u"/no/such/folder.json"_s);
+        const auto failure = stores.exportTo(dialogs);
+        QVERIFY2(failure && failure->startsWith(u"Export failed: "_s), qPrintable(failure.value_or(QString())));
     }
 };
 

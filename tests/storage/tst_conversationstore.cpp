@@ -8,6 +8,56 @@
 
 using namespace StorageTest;
 
+namespace {
+
+// However the file is written (by us, by hand, by another tool), it loads as the same records and
+// is written back whole; a conversation larger than the writer's chunks too, and a history large
+// enough to be read in two halves.
+struct Writing
+{
+    const char *name;
+    int count;
+    int titleSize;
+    QByteArray around; // before the list, and after it when blank
+    QByteArray replace;
+    QByteArray with;
+    bool keptAsStored; // the messages stay undecoded until read: the history costs about its size
+};
+const QList<Writing> &writings()
+{
+    static const QList<Writing> all = {
+        {"compact", 1, 10, {}, {}, {}, true},
+        {"over 4 MB", 1, 5 << 20, {}, {}, {}, true},
+        {"many conversations over 1 MB", 64, 20000, {}, {}, {}, true},
+        {"messages with a member named like a conversation's last",
+         64,
+         20000,
+         {},
+         "\"role\"",
+         "\"updatedAt\":1,\"role\"",
+         true},
+        {"after a byte-order mark", 1, 10, "\xEF\xBB\xBF", {}, {}, true},
+        {"blanks between tokens", 1, 10, " \n", "\"messages\":[{", "\"messages\" : [ {", false},
+        {"an escaped key", 1, 10, {}, "\"messages\"", "\"m\\u0065ssages\"", false},
+        {"slashes unescaped", 1, 10, {}, "\\/", "/", true},
+    };
+    return all;
+}
+
+// count conversations with titles of titleSize characters, of three dates: each date's own keep the file's order.
+QList<Conversation> history(int count, int titleSize)
+{
+    QList<Conversation> list;
+    for (int i = 0; i < count; ++i) {
+        Conversation c = conversation(QString(titleSize, QChar(u'a' + i % 26)), 100 + i % 3);
+        c.messages.append(ChatMessage(ChatRole::user, u"a \"quoted\\\" \\ path/to \u00e9 \U0001F600"_s));
+        list.append(c);
+    }
+    return list;
+}
+
+} // namespace
+
 class tst_ConversationStore : public QObject
 {
     Q_OBJECT
@@ -21,6 +71,13 @@ class tst_ConversationStore : public QObject
     {
         return decodeJson<QList<Conversation>>(readAll(m_file)).value_or(QList<Conversation>());
     }
+    // The file once everything the store handed to its writer is on disk.
+    QList<Conversation> savedBy(ConversationStore &store)
+    {
+        store.waitForSaved();
+        return storedHistory();
+    }
+    QStringList asideCopies() const { return QDir(m_folder).entryList({u"conversations.unreadable-*"_s}, QDir::Files); }
     // Three conversations in the file, newest first.
     std::array<Conversation, 3> storedThree()
     {
@@ -32,36 +89,33 @@ class tst_ConversationStore : public QObject
 private slots:
     void init() { QDir(m_folder).removeRecursively(); }
 
-    void load_sortsNewestFirstStably()
+    void load_readsEveryWayOfWriting_data()
     {
-        const Conversation old = conversation(u"old"_s, 100);
-        const Conversation tieA = conversation(u"tieA"_s, 200);
-        const Conversation newest = conversation(u"newest"_s, 300.5);
-        const Conversation tieB = conversation(u"tieB"_s, 200);
-        QVERIFY(writeHistory({old, tieA, newest, tieB}));
+        QTest::addColumn<int>("row");
+        for (int row = 0; row < writings().size(); ++row)
+            QTest::newRow(writings().at(row).name) << row;
+    }
+    void load_readsEveryWayOfWriting()
+    {
+        QFETCH(int, row);
+        const auto &[name, count, titleSize, around, replace, with, keptAsStored] = writings().at(row);
+        const QList<Conversation> written = history(count, titleSize);
+        QByteArray bytes = encodeJson(written);
+        if (!replace.isEmpty())
+            bytes.replace(replace, with);
+        QVERIFY(writeAll(m_file, around + bytes + (around.startsWith(' ') ? around : QByteArray())));
+        QList<Conversation> expected = written;
+        std::stable_sort(expected.begin(), expected.end(),
+                         [](const Conversation &a, const Conversation &b) { return a.updatedAt > b.updatedAt; });
 
         ConversationStore store;
-        QCOMPARE(ids(store.conversations()), (QList<QUuid>{newest.id, tieA.id, tieB.id, old.id}));
-        QCOMPARE(store.selected(), std::optional<Conversation>(newest));
-    }
-
-    // Around the page boundaries where the file is either mapped or read.
-    void load_readsFilesOfEverySize_data()
-    {
-        QTest::addColumn<int>("size");
-        for (const int size : {4000, 4031, 4032, 4033, 4095, 4096, 4097, 8192})
-            QTest::addRow("%d bytes", size) << size;
-    }
-    void load_readsFilesOfEverySize()
-    {
-        QFETCH(int, size);
-        Conversation c = conversation(u"x"_s, 100);
-        c.title = QString(size - encodeJson(QList<Conversation>{c}).size() + 1, u'x');
-        QCOMPARE(encodeJson(QList<Conversation>{c}).size(), size);
-        QVERIFY(writeHistory({c}));
-
-        ConversationStore store;
-        QCOMPARE(store.conversations(), QList<Conversation>{c});
+        const auto storedForm = [&] { return store.conversations().last().messages.stored().has_value(); };
+        QCOMPARE(storedForm(), keptAsStored);
+        QCOMPARE(store.selected(), std::optional(expected.first()));
+        expected.prepend(store.newChat(std::nullopt));
+        QCOMPARE(savedBy(store), expected);
+        QCOMPARE(storedForm(), keptAsStored); // saving did not decode it
+        QCOMPARE(store.conversations(), expected);
         QVERIFY(!store.keptAsidePath());
     }
 
@@ -72,6 +126,15 @@ private slots:
         QTest::newRow("not JSON") << "\xff\xfe garbage"_ba;
         QTest::newRow("cut short") << two.chopped(5);
         QTest::newRow("one record lacks updatedAt") << QByteArray(two).replace(",\"updatedAt\":2", "");
+        QTest::newRow("a message of unknown role") << QByteArray(two).replace("\"assistant\"", "\"robot\"");
+        QTest::newRow("a message id that is no UUID") << QByteArray(two).replace(two.indexOf("\"id\"", 50) + 6, 1, "X");
+        QTest::newRow("text after the list") << two + "x";
+        QTest::newRow("a comma too many") << QByteArray(two).insert(two.size() - 1, ',');
+        QTest::newRow("a comma missing") << QByteArray(two).replace("},{", "}{");
+        const QByteArray large = encodeJson(history(64, 20000));
+        const qsizetype lastRole = large.lastIndexOf("\"assistant\"");
+        QTest::newRow("a bad record late in a large history") << QByteArray(large).replace(lastRole, 11, "\"robot\"");
+        QTest::newRow("a bad record early in a large history") << QByteArray(large).replace(",\"updatedAt\":100", "");
     }
     void undecodableFile_isKeptAside()
     {
@@ -87,25 +150,15 @@ private slots:
         QVERIFY(isOwnerOnly(aside.filePath()));
 
         const Conversation created = store.newChat(std::nullopt);
-        QCOMPARE(storedHistory(), QList<Conversation>{created});
+        QCOMPARE(savedBy(store), QList<Conversation>{created});
         QCOMPARE(readAll(aside.filePath()), bytes);
-    }
 
-    void unreadableFileThatCannotBeKeptAside_isNeverOverwritten()
-    {
-        const QByteArray bytes = R"([{"broken":)"_ba;
+        // Starting again on the same bytes keeps no second copy; other bytes get their own.
         QVERIFY(writeAll(m_file, bytes));
-        std::unique_ptr<ConversationStore> store;
-        if (!whileReadOnly(m_folder, m_profile.root(), [&] {
-                store = std::make_unique<ConversationStore>(m_file);
-                store->newChat(std::nullopt);
-            }))
-            QSKIP("cannot make a folder read-only for this user");
-        QVERIFY(!store->keptAsidePath());
-        QCOMPARE(store->conversations().size(), 1);
-        QVERIFY(store->lastSaveError());
-        QCOMPARE(readAll(m_file), bytes);
-        QCOMPARE(QDir(m_folder).entryList(QDir::Files), QStringList{u"conversations.json"_s});
+        QCOMPARE(ConversationStore().keptAsidePath(), store.keptAsidePath());
+        QVERIFY(writeAll(m_file, bytes + "x"));
+        QVERIFY(ConversationStore().keptAsidePath() != store.keptAsidePath());
+        QCOMPARE(asideCopies().size(), 2);
     }
 
     void newChat_isSelectedFirstAndSaved()
@@ -126,7 +179,7 @@ private slots:
         QCOMPARE(created.createdAt, created.updatedAt);
         QCOMPARE(store.conversations().first(), created);
         QCOMPARE(store.selectedID(), idOf(created));
-        QCOMPARE(storedHistory(), store.conversations());
+        QCOMPARE(savedBy(store), store.conversations());
         QCOMPARE(listSpy.count(), 2);
         QCOMPARE(selectionSpy.count(), 2);
 
@@ -161,7 +214,7 @@ private slots:
         store.updateMessages(created.id, messages);
         QCOMPARE(store.conversations().first().title, expected);
         QCOMPARE(store.conversations().first().messages, messages);
-        QCOMPARE(storedHistory(), store.conversations());
+        QCOMPARE(savedBy(store), store.conversations());
     }
 
     // Each save encodes only what changed since the last one; the file must still equal the
@@ -172,7 +225,11 @@ private slots:
         ConversationStore store;
         double now = 800000000; // moved by hand, so the order never depends on the machine's speed
         store.setClock([&now] { return now += 1; });
-        const auto fileMatches = [&] { return readAll(m_file) == encodeJson(store.conversations()); };
+        const auto fileMatches = [&] {
+            store.waitForSaved();
+            return readAll(m_file) == encodeJson(store.conversations());
+        };
+        QSignalSpy updated(&store, &ConversationStore::conversationUpdated);
 
         store.updateMessages(c.id, {ChatMessage(ChatRole::user, u"more"_s)});
         QCOMPARE(ids(store.conversations()), (QList<QUuid>{c.id, a.id, b.id}));
@@ -188,8 +245,13 @@ private slots:
         QVERIFY(fileMatches());
         const Conversation created = store.newChat(QUuid::createUuid());
         QVERIFY(fileMatches());
-        store.merge({conversation(u"c again"_s, 50, c.id), conversation(u"d"_s, 250)});
+        const Conversation d = conversation(u"d"_s, 250);
+        store.merge({conversation(u"c again"_s, 50, c.id), d});
         QVERIFY(fileMatches());
+        QList<QUuid> updatedIDs;
+        for (const QList<QVariant> &signal : std::as_const(updated))
+            updatedIDs.append(signal.first().toUuid());
+        QCOMPARE(updatedIDs, (QList<QUuid>{c.id, b.id, c.id, d.id})); // not for a new chat
         store.deleteConversation(created);
         QVERIFY(fileMatches());
         QList<Conversation> edited = store.conversations();
@@ -200,6 +262,11 @@ private slots:
         QVERIFY(fileMatches());
         QCOMPARE(storedHistory().last().title, u"edited outside"_s);
 
+        // Saves handed over faster than they are written still end with the newest state.
+        for (int i = 0; i < 50; ++i)
+            store.rename(a.id, QString::number(i));
+        QVERIFY(fileMatches());
+
         // Unknown ids and blank titles change nothing, and save nothing.
         const QList<Conversation> before = store.conversations();
         QVERIFY(QFile::remove(m_file));
@@ -208,6 +275,7 @@ private slots:
         store.rename(QUuid::createUuid(), u"x"_s);
         store.rename(a.id, u" \t\n "_s);
         QCOMPARE(store.conversations(), before);
+        store.waitForSaved();
         QVERIFY(!QFileInfo::exists(m_file));
         QCOMPARE(listSpy.count(), 0);
     }
@@ -225,49 +293,84 @@ private slots:
         QCOMPARE(ids(store.conversations()), QList<QUuid>{a.id});
         store.deleteConversation(a);
         QVERIFY(!store.selectedID());
+        store.waitForSaved();
         QCOMPARE(readAll(m_file), "[]"_ba);
     }
 
-    void merge_replacesWholeAndResorts()
+    // Two stores on one file stand for two processes: neither save may drop what the other saved.
+    void anotherWritersChanges_areMergedIntoTheSave()
     {
-        ConversationStore store;
-        const Conversation a = conversation(u"a"_s, 100);
-        const Conversation b = conversation(u"b"_s, 300);
-        store.merge({a, b}); // empty store: the newest merged becomes selected
-        QCOMPARE(store.selectedID(), idOf(b));
-        store.setSelectedID(a.id);
+        const auto [a, b, c] = storedThree();
+        ConversationStore mine;
+        ConversationStore other;
+        double now = 1000;
+        mine.setClock([&now] { return now += 1; });
+        other.setClock([&now] { return now += 1; });
+        QSignalSpy updated(&mine, &ConversationStore::conversationUpdated);
 
-        Conversation olderB = conversation(u"b from elsewhere"_s, 50, b.id);
-        olderB.providerID = QUuid::createUuid();
-        const Conversation c = conversation(u"c"_s, 200);
-        store.merge({olderB, c});
-        QCOMPARE(store.conversations(), (QList<Conversation>{c, a, olderB}));
-        QCOMPARE(store.selectedID(), idOf(a));
-        QCOMPARE(storedHistory(), store.conversations());
+        const Conversation theirs = other.newChat(std::nullopt);
+        other.rename(b.id, u"renamed elsewhere"_s);
+        other.rename(a.id, u"renamed there too"_s);
+        other.waitForSaved();
+
+        mine.rename(a.id, u"mine wins"_s); // changed here as well: this process's record is saved
+        mine.deleteConversation(c);
+        const Conversation ours = mine.newChat(std::nullopt);
+        const QList<Conversation> saved = savedBy(mine);
+
+        QCOMPARE(ids(saved), (QList<QUuid>{ours.id, theirs.id, a.id, b.id}));
+        QCOMPARE(saved.at(2).title, u"mine wins"_s);
+        QCOMPARE(saved.at(3).title, u"renamed elsewhere"_s);
+        QCOMPARE(mine.conversations(), saved);
+        QCOMPARE(mine.selectedID(), idOf(ours));
+        QVERIFY(updated.contains(QVariantList{QVariant::fromValue(theirs.id)}));
+        QVERIFY(updated.contains(QVariantList{QVariant::fromValue(b.id)}));
+
+        // Bytes another program left that cannot be read are kept aside before they are replaced.
+        QVERIFY(writeAll(m_file, "not a history"_ba));
+        mine.rename(b.id, u"again"_s);
+        QCOMPARE(savedBy(mine), mine.conversations());
+        QCOMPARE(readAll(mine.keptAsidePath().value_or(QString())), "not a history"_ba);
     }
 
+    // A folder that cannot be written keeps the old file whole and the changes in memory, even a
+    // history that could not be read nor kept aside; once it can be written, the next save carries
+    // everything, and keeps such a history aside first.
+    void readOnlyFolder_leavesOldFileWhole_data()
+    {
+        QTest::addColumn<bool>("unreadable");
+        QTest::newRow("readable history") << false;
+        QTest::newRow("unreadable history") << true;
+    }
     void readOnlyFolder_leavesOldFileWhole()
     {
-        ConversationStore store;
-        const Conversation created = store.newChat(std::nullopt);
+        QFETCH(bool, unreadable);
+        QVERIFY(unreadable ? writeAll(m_file, R"([{"broken":)"_ba) : writeHistory({conversation(u"old"_s, 1)}));
         const QByteArray before = readAll(m_file);
+        // An unreadable history is met with the folder already read-only, so it cannot be kept aside.
+        auto store = unreadable ? nullptr : std::make_unique<ConversationStore>(m_file);
         std::optional<QString> error;
         if (!whileReadOnly(m_folder, m_profile.root(), [&] {
-                store.updateMessages(created.id, {ChatMessage(ChatRole::user, u"kept in memory"_s)});
-                error = store.lastSaveError();
-                store.newChat(std::nullopt);
+                if (!store)
+                    store = std::make_unique<ConversationStore>(m_file);
+                store->updateMessages(store->newChat(std::nullopt).id, {ChatMessage(ChatRole::user, u"in memory"_s)});
+                store->waitForSaved();
+                error = store->lastSaveError();
             }))
             QSKIP("cannot make a folder read-only for this user");
         QVERIFY(error);
-        QCOMPARE(store.conversations().size(), 2);
-        QCOMPARE(store.conversations().at(1).title, u"kept in memory"_s);
+        QVERIFY(!store->keptAsidePath());
+        QCOMPARE(store->conversations().first().title, u"in memory"_s);
+        QCOMPARE(store->conversations().size(), unreadable ? 1 : 2);
         QCOMPARE(readAll(m_file), before);
         QCOMPARE(QDir(m_folder).entryList(QDir::Files), QStringList{u"conversations.json"_s});
 
-        // Once the folder is writable again, the next save carries everything.
-        store.rename(created.id, u"back"_s);
-        QVERIFY(!store.lastSaveError());
-        QCOMPARE(storedHistory(), store.conversations());
+        store->rename(store->conversations().last().id, u"back"_s);
+        QCOMPARE(savedBy(*store), store->conversations());
+        QVERIFY(!store->lastSaveError());
+        QCOMPARE(store->keptAsidePath().has_value(), unreadable);
+        if (unreadable)
+            QCOMPARE(readAll(*store->keptAsidePath()), before);
     }
 };
 

@@ -1,10 +1,14 @@
 #include "model/jsoncoding.h"
+#include "storage/coredumps.h"
 #include "storage/providerstore.h"
 #include "storagetestsupport.h"
 
 #include <QSettings>
 #include <QSignalSpy>
 #include <QTest>
+
+#include <sys/prctl.h>
+#include <sys/resource.h>
 
 using namespace StorageTest;
 
@@ -78,7 +82,6 @@ private slots:
     {
         QTest::addColumn<QByteArray>("bytes");
         QTest::newRow("garbage") << "\x01\x02not json"_ba;
-        QTest::newRow("an older shape") << R"([{"name":"Groq","key":"sk-1"}])"_ba;
         QTest::newRow("one element with an unknown wire")
             << encodeJson(QList<Provider>{provider(u"ok"_s)}).replace("\"openAI\"", "\"gemini\"");
     }
@@ -167,23 +170,6 @@ private slots:
         QCOMPARE(settings().value(ProviderStore::providersKey).toByteArray(), "[]"_ba);
     }
 
-    void merge_replacesInPlaceAndAppends()
-    {
-        ProviderStore providers;
-        const Provider a = provider(u"a"_s);
-        const Provider b = provider(u"b"_s);
-        providers.merge({a, b}); // empty store: the first imported becomes selected
-        QCOMPARE(providers.selectedID(), idOf(a));
-        providers.setSelectedID(b.id);
-
-        const Provider newerA = provider(u"a2"_s, ProviderWire::anthropic, a.id);
-        const Provider c = provider(u"c"_s);
-        providers.merge({c, newerA});
-        QCOMPARE(providers.providers(), (QList<Provider>{newerA, b, c}));
-        QCOMPARE(providers.selectedID(), idOf(b));
-        QCOMPARE(storedProviders(), providers.providers());
-    }
-
     void readOnlyFolder_keepsMemoryAndOldFile()
     {
         const Provider a = provider(u"a"_s);
@@ -201,6 +187,16 @@ private slots:
         QCOMPARE(providers.selectedID(), idOf(b));
         QVERIFY(!before.isEmpty());
         QCOMPARE(readAll(file), before);
+    }
+
+    // Last: the process cannot be dumped afterwards. The keys it holds never reach a core file.
+    void disableCoreDumps_leavesNothingToDump()
+    {
+        QVERIFY(disableCoreDumps());
+        QCOMPARE(::prctl(PR_GET_DUMPABLE, 0, 0, 0, 0), 0);
+        rlimit core = {};
+        QCOMPARE(::getrlimit(RLIMIT_CORE, &core), 0);
+        QCOMPARE(core.rlim_cur, rlim_t(0));
     }
 };
 

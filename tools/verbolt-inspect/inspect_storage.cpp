@@ -24,32 +24,28 @@ private:
     QString m_path;
 };
 
-void writeOptionalId(Json::Writer &w, const std::optional<QUuid> &id)
+QByteArray optionalIdJson(const std::optional<QUuid> &id)
 {
-    if (id)
-        w.string(JsonCoding::uuidText(*id));
-    else
-        w.null();
+    if (!id)
+        return QByteArrayLiteral("null");
+    return '"' + JsonCoding::uuidText(*id).toLatin1() + '"';
 }
 
+// Printed a conversation at a time, messages as stored: a large history is never held twice.
 int store(const QStringList &args)
 {
     if (!args.isEmpty())
         return Inspect::usage(QStringLiteral("store takes no arguments"));
     const ProviderStore providers;
     const ConversationStore conversations;
-    Json::Writer w;
-    w.beginObject();
-    w.key(QLatin1StringView("providers"));
-    toJson(w, providers.providers());
-    w.key(QLatin1StringView("selectedProviderID"));
-    writeOptionalId(w, providers.selectedID());
-    w.key(QLatin1StringView("conversations"));
-    toJson(w, conversations.conversations());
-    w.key(QLatin1StringView("selectedConversationID"));
-    writeOptionalId(w, conversations.selectedID());
-    w.endObject();
-    Inspect::printLine(w.data());
+    Inspect::printRaw("{\"providers\":" + encodeJson(providers.providers()) +
+                      ",\"selectedProviderID\":" + optionalIdJson(providers.selectedID()) + ",\"conversations\":[");
+    bool first = true;
+    for (const Conversation &conversation : conversations.conversations()) {
+        Inspect::printRaw((first ? QByteArray() : QByteArrayLiteral(",")) + encodeStored(conversation));
+        first = false;
+    }
+    Inspect::printLine("],\"selectedConversationID\":" + optionalIdJson(conversations.selectedID()) + '}');
     return 0;
 }
 

@@ -1,4 +1,5 @@
 #include "inspect.h"
+#include "storage/coredumps.h"
 
 #include <QCoreApplication>
 #include <QFile>
@@ -121,6 +122,7 @@ VERBOLT_INSPECT_COMMAND("decode", decode);
 
 int main(int argc, char **argv)
 {
+    disableCoreDumps();
     QCoreApplication app(argc, argv);
     QStringList args = app.arguments().mid(1);
     const auto &commands = Inspect::commands();
