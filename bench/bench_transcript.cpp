@@ -21,10 +21,12 @@
 #include <QScrollBar>
 #include <QTextDocument>
 #include <QThread>
+#include <QTimer>
 
 #include <cstdio>
 #include <ctime>
-#include <malloc.h>
+#include <functional>
+#include <memory>
 #include <vector>
 
 namespace {
@@ -63,6 +65,29 @@ void settle()
         QCoreApplication::processEvents();
 }
 
+// One window's transcript, shown at the bench's size, over a conversation of these messages.
+// beforeView runs before the transcript connects to the view model, so its own connections run
+// first on every change.
+struct Window
+{
+    ChatViewModel chat;
+    ScrollController scroll;
+    std::unique_ptr<TranscriptView> view;
+
+    explicit Window(const QList<ChatMessage> &messages, const std::function<void(ChatViewModel &)> &beforeView = {})
+    {
+        if (beforeView)
+            beforeView(chat);
+        Conversation conversation;
+        conversation.id = QUuid::createUuid();
+        conversation.messages = messages;
+        chat.activate(conversation);
+        view = std::make_unique<TranscriptView>(&chat, &scroll);
+        view->resize(viewWidth, viewHeight);
+        view->show();
+    }
+};
+
 struct StreamFigures
 {
     std::vector<double> updateMs; // transcript update plus paint, per update
@@ -71,27 +96,19 @@ struct StreamFigures
     double mainCpu = 0;
     double rssBefore = 0;
     double rssAfter = 0;
-    double rssAfterTrim = 0; // ... once the allocator has returned freed memory
     qsizetype replyLength = 0;
 };
 
 StreamFigures streamReply(const Provider &provider, bool keepPrefixes)
 {
-    ChatViewModel chat;
-    double now = 1000;
-    chat.setClock([&] { return std::exchange(now, now + pieceSeconds); });
-    Conversation conversation;
-    conversation.id = QUuid::createUuid();
-    chat.activate(conversation);
-
     StreamFigures figures;
     QElapsedTimer timer;
-    // Connected before the transcript exists, so it runs before the transcript's own handler.
-    QObject::connect(&chat, &ChatViewModel::messageChanged, &chat, [&] { timer.start(); });
-    ScrollController scroll;
-    TranscriptView view(&chat, &scroll);
-    view.resize(viewWidth, viewHeight);
-    view.show();
+    double now = 1000;
+    Window window({}, [&](ChatViewModel &chat) {
+        chat.setClock([&] { return std::exchange(now, now + pieceSeconds); });
+        QObject::connect(&chat, &ChatViewModel::messageChanged, &chat, [&] { timer.start(); });
+    });
+    ChatViewModel &chat = window.chat;
     settle();
     QObject::connect(&chat, &ChatViewModel::messageChanged, &chat, [&](qsizetype index) {
         // Every update is painted before the next one, as the window's repaint would paint it:
@@ -119,11 +136,10 @@ StreamFigures streamReply(const Provider &provider, bool keepPrefixes)
     chat.send(provider);
     loop.exec();
     figures.mainCpu = threadCpuSeconds() - cpuStart;
-    settle();
+    // "After" is once the reply has wound down: a moment later, as the user would look.
+    QTimer::singleShot(1500, &loop, &QEventLoop::quit);
+    loop.exec();
     figures.rssAfter = residentMegabytes();
-    // What the allocator keeps of freed memory is resident too, but not held by the transcript.
-    malloc_trim(0);
-    figures.rssAfterTrim = residentMegabytes();
     figures.replyLength = chat.messages().last().content.size();
     return figures;
 }
@@ -212,7 +228,6 @@ int main(int argc, char **argv)
     // The first turn ever also pays for loading fonts and filling glyph caches once per process.
     const StreamFigures cold = streamReply(provider, false);
     // The memory figure: a turn in a process that has drawn text before.
-    malloc_trim(0);
     const StreamFigures first = streamReply(provider, false);
     std::vector<double> lastUpdates, wholeCpu;
     StreamFigures sampled;
@@ -237,7 +252,6 @@ int main(int argc, char **argv)
     Bench::report("stream: resident memory before", first.rssBefore, "MB");
     Bench::report("stream: resident memory after", first.rssAfter, "MB");
     Bench::report("stream: resident memory growth", first.rssAfter - first.rssBefore, "MB");
-    Bench::report("stream: growth, freed heap returned", first.rssAfterTrim - first.rssBefore, "MB");
     Bench::report("stream: growth, first turn of the process", cold.rssAfter - cold.rssBefore, "MB");
     Bench::report("stream: resident memory after 6 replies", rssAfterRuns, "MB");
 
@@ -253,22 +267,15 @@ int main(int argc, char **argv)
 
     // Opening a long conversation: from activation to the first painted frame.
     for (int count : {1000, 200}) {
-        Conversation conversation;
-        conversation.id = QUuid::createUuid();
-        conversation.messages = makeHistory(count);
+        const QList<ChatMessage> messages = makeHistory(count);
         std::vector<double> open;
         for (int run = 0; run < 7; ++run) {
             MarkdownText::clearCache();
             SyntaxHighlighter::clearCache();
             QElapsedTimer timer;
             timer.start();
-            ChatViewModel chat;
-            ScrollController scroll;
-            chat.activate(conversation);
-            TranscriptView view(&chat, &scroll);
-            view.resize(viewWidth, viewHeight);
-            view.show();
-            const QImage frame = view.grab().toImage();
+            Window window(messages);
+            const QImage frame = window.view->grab().toImage();
             open.push_back(double(timer.nsecsElapsed()) / 1e6);
             if (frame.isNull())
                 status = 1;
@@ -279,15 +286,8 @@ int main(int argc, char **argv)
 
     // A window of 200 messages resized, at its end and in its middle.
     {
-        Conversation conversation;
-        conversation.id = QUuid::createUuid();
-        conversation.messages = makeHistory(200);
-        ChatViewModel chat;
-        ScrollController scroll;
-        chat.activate(conversation);
-        TranscriptView view(&chat, &scroll);
-        view.resize(viewWidth, viewHeight);
-        view.show();
+        Window window(makeHistory(200));
+        TranscriptView &view = *window.view;
         settle();
         for (bool middle : {false, true}) {
             if (middle)

@@ -14,8 +14,13 @@
 #include <QPropertyAnimation>
 #include <QResizeEvent>
 #include <QScrollBar>
+#include <QTimer>
 
 #include <algorithm>
+
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 // The round button that brings a detached transcript back to its end. It fades and grows in
 // when it appears and fades and shrinks away when it goes.
@@ -111,6 +116,8 @@ namespace {
 // viewport heights.
 constexpr double buildMargin = 0.5;
 constexpr double keepMargin = 2.0;
+// After a reply ends, before freed memory is handed back.
+constexpr int trimDelayMs = 1000;
 
 } // namespace
 
@@ -149,6 +156,15 @@ TranscriptArea::TranscriptArea(ChatViewModel *chat, ScrollController *scroll, QW
     connect(m_chat, &ChatViewModel::messageRemoved, this, &TranscriptArea::handleRemoved);
     connect(m_chat, &ChatViewModel::messageChanged, this, &TranscriptArea::handleChanged);
     connect(m_chat, &ChatViewModel::errorTextChanged, this, &TranscriptArea::handleErrorText);
+    connect(m_chat, &ChatViewModel::isStreamingChanged, this, [this] {
+#ifdef __GLIBC__
+        // A long reply passes through thousands of short-lived parses and layouts; the allocator
+        // would keep their freed pages resident for the rest of the session. They are handed back
+        // once the reply and its transfer have wound down.
+        if (!m_chat->isStreaming())
+            QTimer::singleShot(trimDelayMs, this, [] { malloc_trim(0); });
+#endif
+    });
 
     changeEvent(nullptr);
     handleReset();
