@@ -7,6 +7,7 @@
 #include <QClipboard>
 #include <QDesktopServices>
 #include <QElapsedTimer>
+#include <QMouseEvent>
 #include <QScrollArea>
 #include <QScrollBar>
 #include <QTest>
@@ -146,6 +147,21 @@ void tst_MarkdownViews::copyCode()
     QCOMPARE(QGuiApplication::clipboard()->text(), QStringLiteral("print(\"hi\")\nexit()"));
     QVERIFY(view.copied());
     QVERIFY(view.copyButton()->icon().cacheKey() != before);
+
+    // The code itself is selectable: a drag over the second line and the copy shortcut.
+    CodeTextView *code = view.codeView();
+    view.resize(400, view.heightForWidth(400));
+    view.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&view));
+    const int line = (code->contentHeight() - 2 * CodeTextView::padding) / 2;
+    const int y = CodeTextView::padding + line + line / 2;
+    QTest::mousePress(code, Qt::LeftButton, {}, QPoint(CodeTextView::padding, y));
+    QMouseEvent move(QEvent::MouseMove, QPointF(code->contentWidth(), y),
+                     code->mapToGlobal(QPointF(code->contentWidth(), y)), Qt::NoButton, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(code, &move);
+    QCOMPARE(code->selectedText(), QStringLiteral("exit()"));
+    QTest::keyClick(code, Qt::Key_C, Qt::ControlModifier);
+    QCOMPARE(QGuiApplication::clipboard()->text(), QStringLiteral("exit()"));
 }
 
 // Each press schedules its own reset and none is cancelled: a second press shortly after the

@@ -144,7 +144,8 @@ void tst_TranscriptView::opensLazilyAndListsEveryMessage()
 void tst_TranscriptView::followsUntilTheUserScrollsAway()
 {
     QList<QByteArray> pieces;
-    for (int i = 0; i < 150; ++i)
+    // Long enough to outlast the steps below on a busy machine.
+    for (int i = 0; i < 300; ++i)
         pieces.append(deltaEvent(paragraph(i)));
     send(pieces, 30);
 
