@@ -4,6 +4,7 @@
 #include "ui/theme.h"
 
 #include <QClipboard>
+#include <QCoreApplication>
 #include <QGuiApplication>
 #include <QKeyEvent>
 #include <QLabel>
@@ -14,6 +15,7 @@
 #include <QScrollArea>
 #include <QTextLayout>
 #include <QToolButton>
+#include <QWheelEvent>
 
 #include <cmath>
 
@@ -286,6 +288,7 @@ CodeBlockView::CodeBlockView(const QString &code, const std::optional<QString> &
     m_scroll->viewport()->setAttribute(Qt::WA_StaticContents);
     setAttribute(Qt::WA_StaticContents);
     m_scroll->setWidget(m_codeView);
+    m_scroll->viewport()->installEventFilter(this);
     m_codeView->setAutoFillBackground(false);
 
     applyStyle();
@@ -404,6 +407,29 @@ void CodeBlockView::paintEvent(QPaintEvent *)
     QPainterPath path;
     path.addRoundedRect(QRectF(rect()), cornerRadius, cornerRadius);
     painter.fillPath(path, Theme::withOpacity(Theme::color(Theme::Color::Secondary, palette()), 0.12));
+}
+
+bool CodeBlockView::eventFilter(QObject *watched, QEvent *event)
+{
+    // The code strip scrolls only sideways: an upward or downward wheel belongs to the transcript
+    // around it, which would otherwise never see it.
+    if (watched == m_scroll->viewport() && event->type() == QEvent::Wheel) {
+        auto *wheel = static_cast<QWheelEvent *>(event);
+        if (qAbs(wheel->angleDelta().y()) >= qAbs(wheel->angleDelta().x())) {
+            // Sent on to the enclosing scroll area's viewport: a forwarded event does not propagate.
+            for (QWidget *w = parentWidget(); w; w = w->parentWidget()) {
+                if (auto *area = qobject_cast<QAbstractScrollArea *>(w)) {
+                    const QPointF at = area->viewport()->mapFromGlobal(wheel->globalPosition());
+                    QWheelEvent copy(at, wheel->globalPosition(), wheel->pixelDelta(), wheel->angleDelta(),
+                                     wheel->buttons(), wheel->modifiers(), wheel->phase(), wheel->inverted(),
+                                     wheel->source());
+                    QCoreApplication::sendEvent(area->viewport(), &copy);
+                    return true;
+                }
+            }
+        }
+    }
+    return MarkdownBlockView::eventFilter(watched, event);
 }
 
 void CodeBlockView::changeEvent(QEvent *event)

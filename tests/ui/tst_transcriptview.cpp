@@ -1,15 +1,18 @@
 #include "chat/chatviewmodel.h"
 #include "loopbackserver.h"
+#include "ui/codeblockview.h"
 #include "ui/messagebubble.h"
 #include "ui/scrollcontroller.h"
 #include "ui/transcriptview.h"
 
 #include <QAbstractButton>
 #include <QAccessible>
+#include <QApplication>
 #include <QLabel>
 #include <QScreen>
 #include <QScrollBar>
 #include <QTest>
+#include <QWheelEvent>
 
 namespace {
 
@@ -42,6 +45,7 @@ private slots:
     void followsUntilTheUserScrollsAway();
     void tallUpdatesDoNotDetach();
     void errorLineFollowsTheMessages();
+    void wheelOverCodeScrollsTheTranscript();
     void streamedPaintMatchesAFreshPaint_data();
     void streamedPaintMatchesAFreshPaint();
 
@@ -193,6 +197,31 @@ void tst_TranscriptView::tallUpdatesDoNotDetach()
     QVERIFY(bar()->maximum() > 1000);
     QVERIFY(!detached);
     QTRY_VERIFY(atEnd());
+}
+
+// Code scrolls sideways inside its block; a vertical wheel over it still moves the transcript,
+// and counts as the user's own scroll.
+void tst_TranscriptView::wheelOverCodeScrollsTheTranscript()
+{
+    Conversation conversation;
+    conversation.id = QUuid::createUuid();
+    for (int i = 0; i < 30; ++i) {
+        conversation.messages.append(ChatMessage(
+            ChatRole::assistant, QStringLiteral("```\nline one of a wide block %1\nline two\nline three\n```").arg(i)));
+    }
+    m_chat->activate(conversation);
+    QTRY_VERIFY(!m_scroll->contentChangeInProgress()); // activating ended a reply, which settles first
+    auto *code = m_view->area()->bubbleAt(29)->findChild<CodeTextView *>();
+    QVERIFY(code && code->isVisible());
+    const int before = bar()->value();
+    // Where a wheel over the code ends up once the code itself has let it pass.
+    QWidget *strip = code->parentWidget();
+    const QPoint at = strip->rect().center();
+    QWheelEvent wheel(at, strip->mapToGlobal(at), QPoint(), QPoint(0, 240), Qt::NoButton, Qt::NoModifier,
+                      Qt::NoScrollPhase, false);
+    QApplication::sendEvent(strip, &wheel);
+    QVERIFY(bar()->value() < before);
+    QVERIFY(!m_scroll->autoScroll());
 }
 
 void tst_TranscriptView::errorLineFollowsTheMessages()
