@@ -267,10 +267,12 @@ void LoopbackServer::sendPieces(QTcpSocket *socket, LoopbackResponse response, i
         }
         const LoopbackResponse::Piece &piece = response.pieces.at(next);
         if (piece.delayMs > 0) {
+            // Read before zeroing: piece may refer to the very entry that is zeroed.
+            const int delayMs = piece.delayMs;
             // Zero the delay so that the piece goes out when the timer fires.
             response.pieces[next].delayMs = 0;
             QPointer<QTcpSocket> guard(socket);
-            QTimer::singleShot(piece.delayMs, this, [this, guard, response = std::move(response), next]() mutable {
+            QTimer::singleShot(delayMs, this, [this, guard, response = std::move(response), next]() mutable {
                 if (guard && guard->state() == QAbstractSocket::ConnectedState)
                     sendPieces(guard, std::move(response), next);
             });
