@@ -79,6 +79,15 @@ public:
 signals:
     // Emitted after every change of the transcript, including each move of streamed text into it.
     void messagesChanged();
+    // Finer notices of the same changes, each emitted just before its messagesChanged(), so that a
+    // view can update only what changed: the whole list was replaced (another conversation) ...
+    void messagesReset();
+    // ... one message was added at index ...
+    void messageInserted(qsizetype index);
+    // ... one message was removed from index ...
+    void messageRemoved(qsizetype index);
+    // ... or the content or usage of the message at index changed.
+    void messageChanged(qsizetype index);
     // Emitted when the composer's text changes, also when a send clears it.
     void inputChanged();
     // Emitted when a reply starts or stops streaming.
