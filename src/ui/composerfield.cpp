@@ -24,7 +24,7 @@ ComposerField::ComposerField(QWidget *parent)
     m_editor->setTabChangesFocus(true);
     m_editor->setLineWrapMode(QPlainTextEdit::WidgetWidth);
     m_editor->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
-    m_editor->setVerticalScrollBarPolicy(Qt::ScrollBarAsNeeded);
+    m_editor->setVerticalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     m_editor->document()->setDocumentMargin(0);
     // The field draws its own rounded background; the editor must not paint over it.
     m_editor->viewport()->setAutoFillBackground(false);
