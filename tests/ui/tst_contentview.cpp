@@ -71,6 +71,8 @@ private slots:
     void turn_createsConversationStreamsAndStops();
     void returnWithBlankText_changesNothing_data();
     void returnWithBlankText_changesNothing();
+    void composer_growsFromOneToSixLines_data();
+    void composer_growsFromOneToSixLines();
     void tokenTotal_data();
     void tokenTotal();
     void renameAndDelete_fromRowMenu();
@@ -345,6 +347,33 @@ void tst_ContentView::returnWithBlankText_changesNothing()
     QTest::keyClick(editor, Qt::Key_Return, Qt::ShiftModifier);
     QCOMPARE(view->chat()->input(), u"two\n"_s);
     QVERIFY(view->chat()->messages().isEmpty());
+}
+
+void tst_ContentView::composer_growsFromOneToSixLines_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<int>("lines");
+    QTest::newRow("empty") << u""_s << 1;
+    QTest::newRow("three lines") << u"a\nb\nc"_s << 3;
+    QTest::newRow("one long line wraps") << u"word "_s.repeated(12) << -1; // 2 or more, by the font
+    QTest::newRow("more than six") << u"a\n"_s.repeated(10) << 6;
+}
+
+void tst_ContentView::composer_growsFromOneToSixLines()
+{
+    QFETCH(QString, text);
+    QFETCH(int, lines);
+    ComposerField field;
+    field.resize(300, field.height());
+    field.show();
+    const int oneLine = field.height();
+    field.setText(text);
+    if (lines < 0) {
+        QVERIFY(field.visibleLines() >= 2 && field.visibleLines() < 6);
+        lines = field.visibleLines();
+    }
+    QCOMPARE(field.visibleLines(), lines);
+    QCOMPARE(field.height() - oneLine, (lines - 1) * field.editor()->fontMetrics().lineSpacing());
 }
 
 void tst_ContentView::tokenTotal_data()
