@@ -5,6 +5,8 @@
 #include "storage/providerstore.h"
 #include "ui/composerfield.h"
 #include "ui/contentview.h"
+#include "ui/messagebubble.h"
+#include "ui/transcriptview.h"
 
 #include <QAbstractItemView>
 #include <QComboBox>
@@ -380,23 +382,29 @@ void tst_ContentView::tokenTotal_data()
 {
     QTest::addColumn<QList<ChatMessage>>("messages");
     QTest::addColumn<QString>("shown");
+    QTest::addColumn<QString>("lastBubble"); // the usage part of the last message's header
     const ChatMessage plain(ChatRole::user, u"hi"_s);
     constexpr qint64 max = std::numeric_limits<qint64>::max();
 
-    QTest::newRow("no usage") << QList{plain} << u""_s;
-    QTest::newRow("a reported total of 0 adds nothing") << QList{reply({}, {}, 0)} << u""_s;
-    QTest::newRow("prompt only") << QList{plain, reply(5, {}, {})} << u"5 tokens"_s;
-    QTest::newRow("prompt plus completion") << QList{reply(10, 5, {})} << u"15 tokens"_s;
-    QTest::newRow("the reported total wins") << QList{reply(10, 5, 100)} << u"100 tokens"_s;
-    QTest::newRow("a negative total counts") << QList{reply({}, {}, 30), reply({}, {}, -10)} << u"20 tokens"_s;
-    QTest::newRow("sum below 1 shows nothing") << QList{reply({}, {}, 5), reply({}, {}, -5)} << u""_s;
-    QTest::newRow("overflow saturates") << QList{reply({}, {}, max), reply(max, max, {})} << u"%1 tokens"_s.arg(max);
+    QTest::newRow("no usage") << QList{plain} << u""_s << u""_s;
+    QTest::newRow("a reported total of 0 adds nothing") << QList{reply({}, {}, 0)} << u""_s << u"· 0 tokens"_s;
+    QTest::newRow("prompt only") << QList{plain, reply(5, {}, {})} << u"5 tokens"_s << u"· 5 tokens"_s;
+    QTest::newRow("prompt plus completion") << QList{reply(10, 5, {})} << u"15 tokens"_s << u"· 10↑ 5↓ · 15 tokens"_s;
+    QTest::newRow("the reported total wins")
+        << QList{reply(10, 5, 100)} << u"100 tokens"_s << u"· 10↑ 5↓ · 100 tokens"_s;
+    QTest::newRow("a negative total counts")
+        << QList{reply({}, {}, 30), reply({}, {}, -10)} << u"20 tokens"_s << u"· -10 tokens"_s;
+    QTest::newRow("sum below 1 shows nothing")
+        << QList{reply({}, {}, 5), reply({}, {}, -5)} << u""_s << u"· -5 tokens"_s;
+    QTest::newRow("overflow saturates") << QList{reply({}, {}, max), reply(max, max, {})} << u"%1 tokens"_s.arg(max)
+                                        << u"· %1↑ %1↓ · %1 tokens"_s.arg(max);
 }
 
 void tst_ContentView::tokenTotal()
 {
     QFETCH(QList<ChatMessage>, messages);
     QFETCH(QString, shown);
+    QFETCH(QString, lastBubble);
     addProvider(u"Mock"_s);
     const Conversation c = m_chats->newChat(std::nullopt);
     m_chats->updateMessages(c.id, messages);
@@ -404,6 +412,12 @@ void tst_ContentView::tokenTotal()
     auto *label = find<QLabel>(view, "tokenTotal");
     QCOMPARE(label->text(), shown);
     QCOMPARE(label->isVisible(), !shown.isEmpty());
+
+    // The header and the bubbles count by different rules; both come from the same messages.
+    auto *transcript = view->findChild<TranscriptView *>();
+    QTRY_VERIFY(transcript->area()->bubbleAt(messages.size() - 1));
+    QLabel *usage = transcript->area()->bubbleAt(messages.size() - 1)->usageLabel();
+    QCOMPARE(usage->isVisible() ? usage->text() : QString(), lastBubble);
 }
 
 void tst_ContentView::renameAndDelete_fromRowMenu()
