@@ -6,6 +6,7 @@
 #include "ui/composerfield.h"
 #include "ui/contentview.h"
 #include "ui/messagebubble.h"
+#include "ui/scrollcontroller.h"
 #include "ui/transcriptview.h"
 
 #include <QAbstractItemView>
@@ -336,7 +337,9 @@ void tst_ContentView::returnWithBlankText_changesNothing()
     editor->setPlainText(text);
     QVERIFY(!find<QToolButton>(view, "sendButton")->isEnabled());
 
+    QVERIFY(!view->scroll()->contentChangeInProgress());
     QTest::keyClick(editor, Qt::Key_Return);
+    QVERIFY(view->scroll()->contentChangeInProgress()); // the send still began and scrolled
     QVERIFY(!view->chat()->isStreaming());
     QVERIFY(view->chat()->messages().isEmpty());
     QCOMPARE(view->chat()->errorText(), std::nullopt);
@@ -534,6 +537,7 @@ void tst_ContentView::twoWindows_shareSelectionAndSeeEachOthersTurns()
                       leftList->visualRect(leftList->model()->index(1, 0)).center());
     QCOMPARE(m_chats->selectedID(), a.id);
     QVERIFY(!right->chat()->isStreaming());
+    QTRY_COMPARE(left->focusWidget(), find<QPlainTextEdit>(left, "composer")); // ready to type
     QCOMPARE(rightList->currentIndex().data(Qt::DisplayRole).toString(), a.title);
     QVERIFY(right->chat()->messages().isEmpty());
 
