@@ -69,6 +69,12 @@ bool InlineText::setSource(const QString &source)
         break;
     }
     m_firstChange = first;
+    // The old layout's line of that character may hold text that now wraps onto the next line.
+    m_oldChangedTop = 0;
+    if (m_laidOutWidth > 0 && m_layout.lineCount() > 0) {
+        const QTextLine line = m_layout.lineForTextPosition(int(std::min(first, oldText.size())));
+        m_oldChangedTop = line.isValid() ? int(line.y()) : int(m_layout.lineAt(m_layout.lineCount() - 1).y());
+    }
     m_laidOutWidth = -1;
     m_idealWidth = -1;
     return true;
@@ -79,9 +85,8 @@ int InlineText::changedTop() const
     if (m_laidOutWidth < 0 || m_layout.lineCount() == 0)
         return 0;
     const QTextLine line = m_layout.lineForTextPosition(int(std::min(m_firstChange, m_text.size())));
-    if (!line.isValid())
-        return int(m_layout.lineAt(m_layout.lineCount() - 1).y());
-    return int(line.y());
+    const int top = line.isValid() ? int(line.y()) : int(m_layout.lineAt(m_layout.lineCount() - 1).y());
+    return std::min(top, m_oldChangedTop);
 }
 
 bool InlineText::setFont(const QFont &font)

@@ -62,6 +62,7 @@ private:
     QFont m_font;
     QTextLayout m_layout;
     qsizetype m_firstChange = 0;
+    int m_oldChangedTop = 0; // the same place in the layout before the change
     qreal m_laidOutWidth = -1;
     int m_height = 0;
     int m_idealWidth = -1;
