@@ -53,6 +53,8 @@ public:
     void setInput(const QString &input);
     bool isStreaming() const { return m_isStreaming; }
     std::optional<QString> errorText() const { return m_errorText; }
+    // The window shows its own failures (a model-list fetch, an export) in the same line.
+    void setErrorText(const std::optional<QString> &text);
 
     // Where messages are saved. Never owned: the view model stops saving once the store is destroyed.
     void setStore(ConversationStore *store);
@@ -112,7 +114,6 @@ private:
     void persist();
 
     void setStreaming(bool streaming);
-    void setErrorText(const std::optional<QString> &text);
     qsizetype indexOfMessage(const QUuid &id) const;
 
     QList<ChatMessage> m_messages;
