@@ -501,7 +501,7 @@ void ContentView::showConversation(const std::optional<Conversation> &conversati
 {
     m_chat->activate(conversation);
     m_seenID = conversation ? std::optional(conversation->id) : std::nullopt;
-    m_seenMessages = conversation ? conversation->messages : QList<ChatMessage>();
+    m_seenMessages = conversation ? conversation->messages.list() : QList<ChatMessage>();
 }
 
 void ContentView::handleProvidersChanged()
