@@ -3,6 +3,8 @@
 #include "storage/conversationstore.h"
 #include "transport/chatstream.h"
 
+#include <QSet>
+
 #include <chrono>
 
 namespace {
@@ -241,10 +243,58 @@ void ChatViewModel::appendDelta(const QString &text, const QUuid &id)
     emit messagesChanged();
 }
 
+namespace {
+
+// Another window may have saved turns into the same conversation while this one streamed. They
+// are kept: every stored message this transcript lacks goes in after the message that preceded
+// it in the store, past this transcript's own newer messages there, so each turn stays in one
+// piece and neither window's turn is lost. Messages both have are saved as this transcript has them.
+QList<ChatMessage> withOthersTurns(const QList<ChatMessage> &mine, const QList<ChatMessage> &stored)
+{
+    QSet<QUuid> mineIDs;
+    mineIDs.reserve(mine.size());
+    for (const ChatMessage &m : mine)
+        mineIDs.insert(m.id);
+    QSet<QUuid> storedIDs;
+    bool othersAdded = false;
+    for (const ChatMessage &m : stored) {
+        storedIDs.insert(m.id);
+        othersAdded = othersAdded || !mineIDs.contains(m.id);
+    }
+    if (!othersAdded)
+        return mine;
+
+    QList<ChatMessage> merged = mine;
+    qsizetype insertAt = 0; // just past the last stored message placed so far
+    for (const ChatMessage &m : stored) {
+        if (mineIDs.contains(m.id)) {
+            for (qsizetype i = 0; i < merged.size(); ++i) {
+                if (merged.at(i).id == m.id) {
+                    insertAt = i + 1;
+                    break;
+                }
+            }
+            continue;
+        }
+        while (insertAt < merged.size() && !storedIDs.contains(merged.at(insertAt).id))
+            ++insertAt;
+        merged.insert(insertAt++, m);
+    }
+    return merged;
+}
+
+} // namespace
+
 void ChatViewModel::persist()
 {
-    if (m_conversationID && m_store)
-        m_store->updateMessages(*m_conversationID, m_messages);
+    if (!m_conversationID || !m_store)
+        return;
+    for (const Conversation &stored : m_store->conversations()) {
+        if (stored.id == *m_conversationID) {
+            m_store->updateMessages(stored.id, withOthersTurns(m_messages, stored.messages.list()));
+            return;
+        }
+    }
 }
 
 void ChatViewModel::setStreaming(bool streaming)

@@ -64,6 +64,7 @@ private slots:
     void stopThenSendAtOnce_keepsAndSavesStoppedReplyFirst();
     void interruptedMidReply_data();
     void interruptedMidReply();
+    void twoViewModelsStreamingIntoOneConversation_keepEachOthersTurns();
 
 private:
     Provider loopback() const
@@ -368,3 +369,25 @@ void tst_ChatViewModel::interruptedMidReply()
 
 QTEST_GUILESS_MAIN(tst_ChatViewModel)
 #include "tst_chatviewmodel.moc"
+
+void tst_ChatViewModel::twoViewModelsStreamingIntoOneConversation_keepEachOthersTurns()
+{
+    int request = 0;
+    m_server->setHandler([&request](const LoopbackRequest &) {
+        return ++request == 1 ? stalling({delta("first reply"), "data: [DONE]\n\n"}, 300)
+                              : stalling({delta("second reply"), "data: [DONE]\n\n"}, 600);
+    });
+    ChatViewModel other;
+    other.setStore(m_store.get());
+    start(QStringLiteral("first"), loopback());
+    // The other window shows what the first one saved, then sends while the first still streams.
+    other.activate(m_store->selected());
+    other.setInput(QStringLiteral("second"));
+    other.send(loopback());
+    QVERIFY(m_vm->isStreaming() && other.isStreaming());
+
+    QTRY_VERIFY_WITH_TIMEOUT(!m_vm->isStreaming() && !other.isStreaming(), 10000);
+    QCOMPARE(contents(stored(m_conversation.id)),
+             (QStringList{QStringLiteral("first"), QStringLiteral("first reply"), QStringLiteral("second"),
+                          QStringLiteral("second reply")}));
+}
