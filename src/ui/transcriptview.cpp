@@ -485,7 +485,10 @@ void TranscriptArea::changeEvent(QEvent *event)
     if (!event || event->type() == QEvent::PaletteChange || event->type() == QEvent::FontChange) {
         m_error->setFont(Theme::font(Theme::TextStyle::Callout));
         QPalette pal = m_error->palette();
-        pal.setColor(QPalette::WindowText, Theme::color(Theme::Color::Red, palette()));
+        // The label sits on the transcript's Base background, where Qt draws with Text, not WindowText.
+        const QColor red = Theme::color(Theme::Color::Red, palette());
+        pal.setColor(QPalette::WindowText, red);
+        pal.setColor(QPalette::Text, red);
         m_error->setPalette(pal);
     }
     if (!event)

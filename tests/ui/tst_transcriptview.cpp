@@ -3,6 +3,7 @@
 #include "ui/codeblockview.h"
 #include "ui/messagebubble.h"
 #include "ui/scrollcontroller.h"
+#include "ui/theme.h"
 #include "ui/transcriptview.h"
 
 #include <QAbstractButton>
@@ -233,6 +234,8 @@ void tst_TranscriptView::errorLineFollowsTheMessages()
     QLabel *error = area->errorLabel();
     QVERIFY(error->isVisible());
     QCOMPARE(error->text(), ChatViewModel::noProviderText());
+    // Red in the role the label is really drawn with, whatever its background.
+    QCOMPARE(error->palette().color(error->foregroundRole()), Theme::color(Theme::Color::Red, area->palette()));
     QVERIFY(area->anchorBottom() > before + error->height());
     QCOMPARE(error->x(), TranscriptArea::errorPadding);
 }
