@@ -174,6 +174,11 @@ SettingsView::SettingsView(ProviderStore *store, ConversationStore *chats, QWidg
 
 SettingsView::~SettingsView() = default;
 
+ProviderEditor *SettingsView::editor() const
+{
+    return m_editor;
+}
+
 void SettingsView::setFileDialogs(FileDialogs *dialogs)
 {
     m_dialogs = dialogs ? dialogs : m_ownDialogs.get();

@@ -43,7 +43,7 @@ public:
     void setSelection(const std::optional<QUuid> &selection);
     std::optional<QString> backupNote() const { return m_backupNote; }
     // The editor on show, or null when the pane shows the empty state.
-    ProviderEditor *editor() const { return m_editor; }
+    ProviderEditor *editor() const;
 
     // Stores a fresh provider made from the preset and shows it in the editor.
     void addPreset(const Provider &preset);
