@@ -276,10 +276,11 @@ void ProviderEditor::changeEvent(QEvent *event)
 
 void ProviderEditor::applyColours()
 {
-    const auto tint = [](QLabel *label, Theme::Color colour) {
-        QPalette palette = label->palette();
-        palette.setColor(QPalette::WindowText, Theme::color(colour, label->palette()));
-        label->setPalette(palette);
+    // Read from this form's palette: a label may not have taken the new palette yet.
+    const auto tint = [this](QLabel *label, Theme::Color colour) {
+        QPalette own = label->palette();
+        own.setColor(QPalette::WindowText, Theme::color(colour, palette()));
+        label->setPalette(own);
     };
     tint(m_fetchingLabel, Theme::Color::Secondary);
     tint(m_keyNote, Theme::Color::Secondary);

@@ -43,6 +43,17 @@ protected:
         option->decorationPosition = QStyleOptionViewItem::Right;
         option->textElideMode = Qt::ElideRight;
     }
+    QSize sizeHint(const QStyleOptionViewItem &option, const QModelIndex &index) const override
+    {
+        return QStyledItemDelegate::sizeHint(option, index) + QSize(0, 8);
+    }
+    void paint(QPainter *painter, const QStyleOptionViewItem &option, const QModelIndex &index) const override
+    {
+        // Rows sit inset from the list's edges, as a sidebar's rows do.
+        QStyleOptionViewItem inset = option;
+        inset.rect.adjust(4, 1, -4, -1);
+        QStyledItemDelegate::paint(painter, inset, index);
+    }
 };
 
 QFrame *divider(QWidget *parent)
@@ -326,9 +337,10 @@ void SettingsView::applyColours()
     const int iconSize = QFontInfo(Theme::font(Theme::TextStyle::LargeTitle)).pixelSize();
     m_emptyIcon->setPixmap(Theme::symbolIcon("key.horizontal"_L1, Theme::color(Theme::Color::Secondary, palette()))
                                .pixmap(iconSize, iconSize));
+    // Read from this view's palette: a label may not have taken the new palette yet.
     for (QLabel *label : {m_emptyText, m_note}) {
-        QPalette p = label->palette();
-        p.setColor(QPalette::WindowText, Theme::color(Theme::Color::Secondary, label->palette()));
-        label->setPalette(p);
+        QPalette own = label->palette();
+        own.setColor(QPalette::WindowText, Theme::color(Theme::Color::Secondary, palette()));
+        label->setPalette(own);
     }
 }
