@@ -136,7 +136,6 @@ ProviderEditor::ProviderEditor(ProviderStore *store, const QUuid &providerID, QW
 
     connect(m_fetchButton, &QPushButton::clicked, this, &ProviderEditor::fetchModels);
     connect(m_saveButton, &QPushButton::clicked, this, &ProviderEditor::save);
-    connect(m_apiKey, &QLineEdit::returnPressed, this, &ProviderEditor::save);
 
     setFetchedModels({});
     setFetching(false);
