@@ -76,6 +76,7 @@ void ChatViewModel::activate(const std::optional<Conversation> &conversation)
     stop();
     m_conversationID = conversation ? std::optional<QUuid>(conversation->id) : std::nullopt;
     m_messages = conversation ? conversation->messages : QList<ChatMessage>();
+    emit messagesReset();
     emit messagesChanged();
     setErrorText(std::nullopt);
     m_pendingText.clear();
@@ -103,12 +104,14 @@ void ChatViewModel::send(const std::optional<Provider> &provider)
 
     setErrorText(std::nullopt);
     m_messages.append(ChatMessage(ChatRole::user, text));
+    emit messageInserted(m_messages.size() - 1);
     emit messagesChanged();
     setInput(QString());
     persist();
 
     const ChatMessage reply(ChatRole::assistant, QString());
     m_messages.append(reply);
+    emit messageInserted(m_messages.size() - 1);
     emit messagesChanged();
     setStreaming(true);
     m_pendingText.clear();
@@ -172,6 +175,7 @@ void ChatViewModel::handleEvent(const Turn &turn, const ChatEvent &event)
         if (m_messages.at(index).usage == usage)
             break;
         m_messages[index].usage = usage;
+        emit messageChanged(index);
         emit messagesChanged();
         break;
     }
@@ -190,6 +194,7 @@ void ChatViewModel::handleFinished(const Turn &turn, const std::optional<Service
         const qsizetype index = indexOfMessage(turn.replyID);
         if (index >= 0 && m_messages.at(index).content.isEmpty()) {
             m_messages.removeAt(index);
+            emit messageRemoved(index);
             emit messagesChanged();
         }
     }
@@ -232,6 +237,7 @@ void ChatViewModel::appendDelta(const QString &text, const QUuid &id)
     if (index < 0)
         return;
     m_messages[index].content += text;
+    emit messageChanged(index);
     emit messagesChanged();
 }
 

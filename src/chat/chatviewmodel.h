@@ -53,6 +53,8 @@ public:
     void setInput(const QString &input);
     bool isStreaming() const { return m_isStreaming; }
     std::optional<QString> errorText() const { return m_errorText; }
+    // The window shows its own failures (a model-list fetch, an export) in the same line.
+    void setErrorText(const std::optional<QString> &text);
 
     // Where messages are saved. Never owned: the view model stops saving once the store is destroyed.
     void setStore(ConversationStore *store);
@@ -77,6 +79,15 @@ public:
 signals:
     // Emitted after every change of the transcript, including each move of streamed text into it.
     void messagesChanged();
+    // Finer notices of the same changes, each emitted just before its messagesChanged(), so that a
+    // view can update only what changed: the whole list was replaced (another conversation) ...
+    void messagesReset();
+    // ... one message was added at index ...
+    void messageInserted(qsizetype index);
+    // ... one message was removed from index ...
+    void messageRemoved(qsizetype index);
+    // ... or the content or usage of the message at index changed.
+    void messageChanged(qsizetype index);
     // Emitted when the composer's text changes, also when a send clears it.
     void inputChanged();
     // Emitted when a reply starts or stops streaming.
@@ -103,7 +114,6 @@ private:
     void persist();
 
     void setStreaming(bool streaming);
-    void setErrorText(const std::optional<QString> &text);
     qsizetype indexOfMessage(const QUuid &id) const;
 
     QList<ChatMessage> m_messages;

@@ -251,11 +251,12 @@ void LoopbackServer::sendPieces(QTcpSocket *socket, LoopbackResponse response, i
             return;
         }
         const LoopbackResponse::Piece &piece = response.pieces.at(next);
-        if (piece.delayMs > 0) {
-            // Zero the delay so that the piece goes out when the timer fires.
+        if (const int delayMs = piece.delayMs; delayMs > 0) {
+            // Zero the delay so that the piece goes out when the timer fires (piece refers to
+            // the same element, so the delay is read first).
             response.pieces[next].delayMs = 0;
             QPointer<QTcpSocket> guard(socket);
-            QTimer::singleShot(piece.delayMs, this, [this, guard, response = std::move(response), next]() mutable {
+            QTimer::singleShot(delayMs, this, [this, guard, response = std::move(response), next]() mutable {
                 if (guard && guard->state() == QAbstractSocket::ConnectedState)
                     sendPieces(guard, std::move(response), next);
             });

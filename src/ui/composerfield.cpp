@@ -1,0 +1,107 @@
+#include "ui/composerfield.h"
+
+#include "ui/theme.h"
+
+#include <QAbstractTextDocumentLayout>
+#include <QEvent>
+#include <QKeyEvent>
+#include <QPainter>
+#include <QPainterPath>
+#include <QPlainTextEdit>
+#include <QScrollBar>
+#include <QVBoxLayout>
+
+#include <algorithm>
+
+ComposerField::ComposerField(QWidget *parent)
+    : QWidget(parent)
+    , m_editor(new QPlainTextEdit(this))
+{
+    m_editor->setObjectName(QStringLiteral("composer"));
+    m_editor->setPlaceholderText(QStringLiteral("Message…"));
+    m_editor->setAccessibleName(QStringLiteral("Message"));
+    m_editor->setFrameShape(QFrame::NoFrame);
+    m_editor->setTabChangesFocus(true);
+    m_editor->setLineWrapMode(QPlainTextEdit::WidgetWidth);
+    m_editor->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+    m_editor->setVerticalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+    m_editor->document()->setDocumentMargin(0);
+    // The field draws its own rounded background; the editor must not paint over it.
+    m_editor->viewport()->setAutoFillBackground(false);
+    m_editor->setAutoFillBackground(false);
+    m_editor->installEventFilter(this);
+    setFocusProxy(m_editor);
+    setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Fixed);
+
+    auto *layout = new QVBoxLayout(this);
+    layout->setContentsMargins(padding, padding, padding, padding);
+    layout->addWidget(m_editor);
+
+    connect(m_editor, &QPlainTextEdit::textChanged, this, [this] {
+        updateHeight();
+        emit textChanged();
+    });
+    // Wrapping changes with the width, and so does the number of lines shown.
+    connect(m_editor->document()->documentLayout(), &QAbstractTextDocumentLayout::documentSizeChanged, this,
+            [this] { updateHeight(); });
+    updateHeight();
+}
+
+QString ComposerField::text() const
+{
+    return m_editor->toPlainText();
+}
+
+void ComposerField::setText(const QString &text)
+{
+    if (m_editor->toPlainText() != text)
+        m_editor->setPlainText(text);
+}
+
+bool ComposerField::eventFilter(QObject *watched, QEvent *event)
+{
+    if (watched == m_editor && event->type() == QEvent::KeyPress) {
+        auto *key = static_cast<QKeyEvent *>(event);
+        if (key->key() == Qt::Key_Return || key->key() == Qt::Key_Enter) {
+            if (key->modifiers() & Qt::ShiftModifier) {
+                m_editor->textCursor().insertText(QStringLiteral("\n"));
+            } else {
+                emit submitted();
+            }
+            return true;
+        }
+    }
+    return QWidget::eventFilter(watched, event);
+}
+
+void ComposerField::paintEvent(QPaintEvent *)
+{
+    QPainter painter(this);
+    painter.setRenderHint(QPainter::Antialiasing);
+    const QRectF box = QRectF(rect()).adjusted(0.5, 0.5, -0.5, -0.5);
+    QPainterPath path;
+    path.addRoundedRect(box, cornerRadius, cornerRadius);
+    painter.fillPath(path, Theme::color(Theme::Color::TextBackground, palette()));
+    painter.setPen(QPen(Theme::withOpacity(Theme::color(Theme::Color::Secondary, palette()), 0.3), 1));
+    painter.drawPath(path);
+}
+
+void ComposerField::changeEvent(QEvent *event)
+{
+    if (event->type() == QEvent::FontChange)
+        updateHeight();
+    QWidget::changeEvent(event);
+}
+
+void ComposerField::updateHeight()
+{
+    // The plain-text layout measures its document in lines, wrapped lines included.
+    const int lines =
+        std::clamp(int(m_editor->document()->documentLayout()->documentSize().height()), minimumLines, maximumLines);
+    m_lines = lines;
+    const int height = lines * m_editor->fontMetrics().lineSpacing() + 2 * m_editor->frameWidth();
+    if (m_editor->height() != height || m_editor->minimumHeight() != height) {
+        m_editor->setFixedHeight(height);
+        setFixedHeight(height + 2 * padding);
+    }
+}

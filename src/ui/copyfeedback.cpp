@@ -1,0 +1,40 @@
+#include "ui/copyfeedback.h"
+
+#include <QClipboard>
+#include <QGuiApplication>
+#include <QTimer>
+
+namespace {
+int s_resetDelayMs = CopyFeedback::shippedResetDelayMs;
+}
+
+CopyFeedback::CopyFeedback(QObject *parent)
+    : QObject(parent)
+{}
+
+void CopyFeedback::copy(const QString &text)
+{
+    QClipboard *clipboard = QGuiApplication::clipboard();
+    clipboard->clear();
+    clipboard->setText(text);
+    setCopied(true);
+    QTimer::singleShot(s_resetDelayMs, this, [this] { setCopied(false); });
+}
+
+void CopyFeedback::setResetDelayMs(int ms)
+{
+    s_resetDelayMs = ms < 0 ? shippedResetDelayMs : ms;
+}
+
+int CopyFeedback::resetDelayMs()
+{
+    return s_resetDelayMs;
+}
+
+void CopyFeedback::setCopied(bool copied)
+{
+    if (m_copied == copied)
+        return;
+    m_copied = copied;
+    emit copiedChanged();
+}

@@ -1,0 +1,333 @@
+#include "ui/markdowntextview.h"
+
+#include "ui/codeblockview.h"
+#include "ui/tableblockview.h"
+#include "ui/theme.h"
+
+#include <QDesktopServices>
+#include <QEvent>
+#include <QMouseEvent>
+#include <QPainter>
+#include <QUrl>
+
+namespace {
+
+using Kind = MarkdownText::Block::Kind;
+
+constexpr int prefixGap = 6;  // between a bullet or number and its text
+constexpr int quoteBar = 3;   // width of a quote's bar
+constexpr int quoteGap = 8;   // between the bar and the quote's text
+constexpr int headingPad = 2; // above a heading
+
+bool isTextKind(Kind kind)
+{
+    return kind == Kind::Heading || kind == Kind::Paragraph || kind == Kind::Bullet || kind == Kind::Ordered ||
+           kind == Kind::Quote;
+}
+
+int headingPixelSize(qint64 level)
+{
+    switch (level) {
+    case 1:
+        return 22;
+    case 2:
+        return 19;
+    case 3:
+        return 17;
+    default:
+        return 15;
+    }
+}
+
+QString bulletGlyph()
+{
+    return QString(QChar(0x2022));
+}
+
+QString orderedLabel(qint64 number)
+{
+    return QString::number(number) + QLatin1Char('.');
+}
+
+// Digits of equal width: every digit gets the cell of the widest one.
+int digitCell(const QFontMetrics &metrics)
+{
+    int widest = 0;
+    for (char c = '0'; c <= '9'; ++c)
+        widest = std::max(widest, metrics.horizontalAdvance(QLatin1Char(c)));
+    return widest;
+}
+
+int orderedLabelWidth(const QFontMetrics &metrics, qint64 number)
+{
+    const QString label = orderedLabel(number);
+    int width = 0;
+    for (QChar c : label)
+        width += c.isDigit() ? digitCell(metrics) : metrics.horizontalAdvance(c);
+    return width;
+}
+
+} // namespace
+
+TextBlockView::TextBlockView(const MarkdownText::Block &block, QWidget *parent)
+    : MarkdownBlockView(parent)
+{
+    setMouseTracking(true);
+    setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Preferred);
+    setBlock(block);
+}
+
+bool TextBlockView::setBlock(const MarkdownText::Block &block)
+{
+    if (!isTextKind(block.kind))
+        return false;
+    m_block = block;
+    m_text.setFont(blockFont());
+    m_text.setSource(block.text);
+    setAccessibleName(displayText());
+    updateGeometry();
+    update();
+    return true;
+}
+
+QFont TextBlockView::blockFont() const
+{
+    if (m_block.kind == Kind::Heading)
+        return Theme::systemFont(headingPixelSize(m_block.level), QFont::Bold);
+    return font();
+}
+
+int TextBlockView::topPadding() const
+{
+    return m_block.kind == Kind::Heading ? headingPad : 0;
+}
+
+int TextBlockView::leadingWidth() const
+{
+    const QFontMetrics metrics(m_text.font());
+    switch (m_block.kind) {
+    case Kind::Bullet:
+        return metrics.horizontalAdvance(bulletGlyph()) + prefixGap;
+    case Kind::Ordered:
+        return orderedLabelWidth(metrics, m_block.number) + prefixGap;
+    case Kind::Quote:
+        return quoteBar + quoteGap;
+    default:
+        return 0;
+    }
+}
+
+int TextBlockView::heightForWidth(int width) const
+{
+    const int textHeight = m_text.heightForWidth(width - leadingWidth());
+    const int prefixHeight = QFontMetrics(m_text.font()).height();
+    const bool hasPrefix = m_block.kind == Kind::Bullet || m_block.kind == Kind::Ordered;
+    return topPadding() + std::max(textHeight, hasPrefix ? prefixHeight : 0);
+}
+
+int TextBlockView::idealWidth() const
+{
+    return leadingWidth() + m_text.idealWidth();
+}
+
+bool TextBlockView::fillsWidth() const
+{
+    return m_block.kind == Kind::Paragraph || m_block.kind == Kind::Bullet || m_block.kind == Kind::Ordered;
+}
+
+QSize TextBlockView::sizeHint() const
+{
+    const int w = idealWidth();
+    return {w, heightForWidth(w)};
+}
+
+QString TextBlockView::displayText() const
+{
+    switch (m_block.kind) {
+    case Kind::Bullet:
+        return bulletGlyph() + QLatin1Char(' ') + m_text.plainText();
+    case Kind::Ordered:
+        return orderedLabel(m_block.number) + QLatin1Char(' ') + m_text.plainText();
+    default:
+        return QString(m_text.plainText()).replace(QChar::LineSeparator, QLatin1Char('\n'));
+    }
+}
+
+void TextBlockView::paintEvent(QPaintEvent *)
+{
+    QPainter painter(this);
+    const QPalette pal = palette();
+    const QColor secondary = Theme::color(Theme::Color::Secondary, pal);
+    const QColor primary = Theme::color(Theme::Color::Primary, pal);
+    const QColor link = pal.color(QPalette::Link);
+    const int leading = leadingWidth();
+    // The text is laid out for this width already when the stack placed the block.
+    m_text.heightForWidth(width() - leading);
+
+    painter.setFont(m_text.font());
+    const QFontMetrics metrics(m_text.font());
+    switch (m_block.kind) {
+    case Kind::Bullet:
+        painter.setPen(primary);
+        painter.drawText(QPoint(0, metrics.ascent()), bulletGlyph());
+        break;
+    case Kind::Ordered: {
+        painter.setPen(primary);
+        const int cell = digitCell(metrics);
+        int x = 0;
+        for (QChar c : orderedLabel(m_block.number)) {
+            const int advance = c.isDigit() ? cell : metrics.horizontalAdvance(c);
+            painter.drawText(QRect(x, 0, advance, metrics.height()), Qt::AlignHCenter | Qt::AlignTop, QString(c));
+            x += advance;
+        }
+        break;
+    }
+    case Kind::Quote:
+        painter.fillRect(QRect(0, 0, quoteBar, height()), Theme::withOpacity(secondary, 0.4));
+        break;
+    default:
+        break;
+    }
+    m_text.draw(&painter, QPointF(leading, topPadding()), m_block.kind == Kind::Quote ? secondary : primary, link);
+}
+
+void TextBlockView::changeEvent(QEvent *event)
+{
+    if (event->type() == QEvent::FontChange) {
+        m_text.setFont(blockFont());
+        updateGeometry();
+    }
+    if (event->type() == QEvent::PaletteChange)
+        update();
+    MarkdownBlockView::changeEvent(event);
+}
+
+std::optional<QString> TextBlockView::linkAt(QPoint pos) const
+{
+    return m_text.linkAt(QPointF(pos) - QPointF(leadingWidth(), topPadding()));
+}
+
+void TextBlockView::mouseMoveEvent(QMouseEvent *event)
+{
+    const std::optional<QString> link = linkAt(event->position().toPoint());
+    const bool openable = link && InlineMarkdown::isOpenableLink(*link);
+    setCursor(openable ? Qt::PointingHandCursor : Qt::ArrowCursor);
+    setToolTip(link ? *link : QString());
+    MarkdownBlockView::mouseMoveEvent(event);
+}
+
+void TextBlockView::mouseReleaseEvent(QMouseEvent *event)
+{
+    if (event->button() == Qt::LeftButton) {
+        // A model's reply may carry any target: only web and mail links leave the program, and
+        // only to the user's own browser or mail client.
+        const std::optional<QString> link = linkAt(event->position().toPoint());
+        if (link && InlineMarkdown::isOpenableLink(*link)) {
+            QDesktopServices::openUrl(QUrl(*link));
+            event->accept();
+            return;
+        }
+    }
+    MarkdownBlockView::mouseReleaseEvent(event);
+}
+
+MarkdownTextView::MarkdownTextView(QWidget *parent)
+    : QWidget(parent)
+{
+    setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Preferred);
+}
+
+MarkdownBlockView *MarkdownTextView::makeView(const MarkdownText::Block &block, QWidget *parent)
+{
+    switch (block.kind) {
+    case Kind::Code:
+        return new CodeBlockView(block.code, block.language, parent);
+    case Kind::Table:
+        return new TableBlockView(block.headers, block.rows, parent);
+    default:
+        return new TextBlockView(block, parent);
+    }
+}
+
+bool MarkdownTextView::setText(const QString &text)
+{
+    if (text == m_text && !text.isNull())
+        return false;
+    m_text = text.isNull() ? QLatin1String("") : text;
+    const QList<MarkdownText::Block> blocks = MarkdownText::cachedParse(m_text);
+
+    qsizetype firstChanged = blocks.size();
+    for (qsizetype k = 0; k < blocks.size(); ++k) {
+        if (k < m_views.size()) {
+            if (m_blocks.at(k) == blocks.at(k))
+                continue;
+            firstChanged = std::min(firstChanged, k);
+            if (!m_views.at(k)->setBlock(blocks.at(k))) {
+                delete m_views.at(k);
+                m_views[k] = makeView(blocks.at(k), this);
+                m_views.at(k)->show();
+            }
+        } else {
+            firstChanged = std::min(firstChanged, k);
+            m_views.append(makeView(blocks.at(k), this));
+            m_views.last()->show();
+        }
+    }
+    if (m_views.size() > blocks.size()) {
+        firstChanged = std::min(firstChanged, blocks.size());
+        qDeleteAll(m_views.begin() + blocks.size(), m_views.end());
+        m_views.resize(blocks.size());
+    }
+    m_blocks = blocks;
+    layOutBlocks(firstChanged);
+    updateGeometry();
+    return true;
+}
+
+int MarkdownTextView::heightForWidth(int width) const
+{
+    int height = 0;
+    for (const MarkdownBlockView *view : m_views)
+        height += view->heightForWidth(width);
+    if (!m_views.isEmpty())
+        height += blockSpacing * int(m_views.size() - 1);
+    return height;
+}
+
+QSize MarkdownTextView::sizeHint() const
+{
+    const int w = idealWidth() < 0 ? 400 : idealWidth();
+    return {w, heightForWidth(w)};
+}
+
+int MarkdownTextView::idealWidth() const
+{
+    int widest = 0;
+    for (const MarkdownBlockView *view : m_views) {
+        if (view->fillsWidth())
+            return -1;
+        widest = std::max(widest, view->idealWidth());
+    }
+    return widest;
+}
+
+void MarkdownTextView::resizeEvent(QResizeEvent *event)
+{
+    QWidget::resizeEvent(event);
+    layOutBlocks(0);
+}
+
+void MarkdownTextView::layOutBlocks(qsizetype from)
+{
+    const int w = width();
+    int y = 0;
+    if (from > 0 && from <= m_views.size())
+        y = m_views.at(from - 1)->geometry().bottom() + 1 + blockSpacing;
+    else
+        from = 0;
+    for (qsizetype k = from; k < m_views.size(); ++k) {
+        const int h = m_views.at(k)->heightForWidth(w);
+        m_views.at(k)->setGeometry(0, y, w, h);
+        y += h + blockSpacing;
+    }
+}

@@ -1,0 +1,100 @@
+#pragma once
+
+#include "render/markdowntext.h"
+#include "ui/inlinetext.h"
+
+#include <QList>
+#include <QString>
+#include <QWidget>
+
+// The view of one Markdown block. A view is kept while its block changes in place: setBlock()
+// takes the new payload and reports whether this view can show it at all.
+class MarkdownBlockView : public QWidget
+{
+    Q_OBJECT
+
+public:
+    using QWidget::QWidget;
+
+    // Shows block; false (and nothing changed) when the block is of a kind this view cannot draw.
+    virtual bool setBlock(const MarkdownText::Block &block) = 0;
+    // The width the block needs to show everything without wrapping.
+    virtual int idealWidth() const = 0;
+    // Whether the block takes all the width it is offered (paragraphs, list items, code).
+    virtual bool fillsWidth() const = 0;
+    bool hasHeightForWidth() const override { return true; }
+};
+
+// Headings, paragraphs, list items and quotes: inline Markdown painted from one cached layout.
+// Only links react to the mouse (opened in the browser when InlineMarkdown allows it); the text
+// is not selectable.
+class TextBlockView final : public MarkdownBlockView
+{
+    Q_OBJECT
+
+public:
+    explicit TextBlockView(const MarkdownText::Block &block, QWidget *parent = nullptr);
+
+    bool setBlock(const MarkdownText::Block &block) override;
+    int heightForWidth(int width) const override;
+    int idealWidth() const override;
+    bool fillsWidth() const override;
+    QSize sizeHint() const override;
+
+    const MarkdownText::Block &block() const { return m_block; }
+    // The text as shown, with the bullet or number in front.
+    QString displayText() const;
+    const QFont &textFont() const { return m_text.font(); }
+
+protected:
+    void paintEvent(QPaintEvent *event) override;
+    void changeEvent(QEvent *event) override;
+    void mouseMoveEvent(QMouseEvent *event) override;
+    void mouseReleaseEvent(QMouseEvent *event) override;
+
+private:
+    // Space taken left of the text (bullet, number or bar with its gap).
+    int leadingWidth() const;
+    int topPadding() const;
+    QFont blockFont() const;
+    std::optional<QString> linkAt(QPoint pos) const;
+
+    MarkdownText::Block m_block;
+    mutable InlineText m_text;
+};
+
+// A Markdown text as a stack of block views, 3 points apart. When the text changes, the view at
+// index k is updated in place, so a block that did not change is neither rebuilt nor laid out
+// again and a code block keeps its copied state.
+class MarkdownTextView final : public QWidget
+{
+    Q_OBJECT
+
+public:
+    explicit MarkdownTextView(QWidget *parent = nullptr);
+
+    // Returns whether anything changed.
+    bool setText(const QString &text);
+    const QString &text() const { return m_text; }
+
+    int heightForWidth(int width) const override;
+    bool hasHeightForWidth() const override { return true; }
+    QSize sizeHint() const override;
+    // The width needed without wrapping; -1 when a block takes any width it is offered.
+    int idealWidth() const;
+
+    const QList<MarkdownBlockView *> &blockViews() const { return m_views; }
+
+    static constexpr int blockSpacing = 3;
+
+protected:
+    void resizeEvent(QResizeEvent *event) override;
+
+private:
+    void layOutBlocks(qsizetype from);
+    static MarkdownBlockView *makeView(const MarkdownText::Block &block, QWidget *parent);
+
+    QString m_text;
+    QList<MarkdownText::Block> m_blocks;
+    QList<MarkdownBlockView *> m_views;
+};

@@ -1,0 +1,279 @@
+#include "ui/messagebubble.h"
+
+#include "ui/copyfeedback.h"
+#include "ui/markdowntextview.h"
+#include "ui/theme.h"
+
+#include <QEvent>
+#include <QLabel>
+#include <QPainter>
+#include <QPainterPath>
+#include <QToolButton>
+
+namespace {
+
+QToolButton *makeCopyButton(QWidget *parent)
+{
+    auto *button = new QToolButton(parent);
+    button->setAutoRaise(true);
+    button->setFocusPolicy(Qt::TabFocus);
+    button->setToolTip(MessageBubble::tr("Copy Markdown"));
+    button->setAccessibleName(MessageBubble::tr("Copy Markdown"));
+    button->setCursor(Qt::PointingHandCursor);
+    return button;
+}
+
+QLabel *makeLabel(QWidget *parent)
+{
+    auto *label = new QLabel(parent);
+    label->setTextFormat(Qt::PlainText);
+    return label;
+}
+
+// Places a row of parts side by side, centred on the row's middle, and returns the row's width.
+int placeRow(const QList<QWidget *> &parts, QPoint origin, int rowHeight, int spacing, bool apply)
+{
+    int x = origin.x();
+    bool first = true;
+    for (QWidget *part : parts) {
+        if (part->isHidden())
+            continue;
+        if (!first)
+            x += spacing;
+        first = false;
+        const QSize size = part->sizeHint();
+        if (apply)
+            part->setGeometry(x, origin.y() + (rowHeight - size.height()) / 2, size.width(), size.height());
+        x += size.width();
+    }
+    return x - origin.x();
+}
+
+int rowHeight(const QList<QWidget *> &parts)
+{
+    int height = 0;
+    for (QWidget *part : parts) {
+        if (!part->isHidden())
+            height = std::max(height, part->sizeHint().height());
+    }
+    return height;
+}
+
+} // namespace
+
+MessageBubble::MessageBubble(const ChatMessage &message, QWidget *parent)
+    : QWidget(parent)
+    , m_role(makeLabel(this))
+    , m_usage(makeLabel(this))
+    , m_headerCopy(makeCopyButton(this))
+    , m_markdown(new MarkdownTextView(this))
+    , m_ellipsis(makeLabel(this))
+    , m_footerCopy(makeCopyButton(this))
+    , m_footerLabel(makeLabel(this))
+    , m_feedback(new CopyFeedback(this))
+{
+    m_ellipsis->setText(QString(QChar(0x2026)));
+    connect(m_headerCopy, &QToolButton::clicked, this, &MessageBubble::copy);
+    connect(m_footerCopy, &QToolButton::clicked, this, &MessageBubble::copy);
+    connect(m_feedback, &CopyFeedback::copiedChanged, this, &MessageBubble::updateCopyState);
+    applyStyle();
+    updateCopyState();
+    // The blank message has an id of its own, so every part is set once here.
+    setMessage(message);
+}
+
+QString MessageBubble::roleLabel(ChatRole role)
+{
+    switch (role) {
+    case ChatRole::system:
+        return tr("System");
+    case ChatRole::user:
+        return tr("You");
+    case ChatRole::assistant:
+        break;
+    }
+    return tr("Assistant");
+}
+
+QString MessageBubble::usageText(const std::optional<TokenUsage> &usage, qint64 total)
+{
+    const QString tokens = QString::number(total) + QStringLiteral(" tokens");
+    if (usage && usage->promptTokens && usage->completionTokens) {
+        return QString::number(*usage->promptTokens) + QStringLiteral("↑ ") +
+               QString::number(*usage->completionTokens) + QStringLiteral("↓ · ") + tokens;
+    }
+    return tokens;
+}
+
+QString MessageBubble::usagePart(const std::optional<TokenUsage> &usage)
+{
+    const std::optional<qint64> total = displayedTokenCount(usage);
+    if (!total)
+        return {};
+    return QStringLiteral("· ") + usageText(usage, *total);
+}
+
+QColor MessageBubble::bubbleColor(ChatRole role, const QPalette &palette)
+{
+    if (role == ChatRole::user)
+        return Theme::withOpacity(Theme::color(Theme::Color::Accent, palette), 0.18);
+    return Theme::withOpacity(Theme::color(Theme::Color::Secondary, palette), 0.12);
+}
+
+bool MessageBubble::setMessage(const ChatMessage &message)
+{
+    if (message == m_message)
+        return false;
+    const bool hadContent = hasContent();
+    m_message = message;
+    m_role->setText(roleLabel(message.role));
+    const QString usage = usagePart(message.usage);
+    m_usage->setText(usage);
+    m_usage->setHidden(usage.isEmpty());
+
+    const bool content = hasContent();
+    m_headerCopy->setHidden(!content);
+    m_footerCopy->setHidden(!content);
+    m_footerLabel->setHidden(!content);
+    m_markdown->setHidden(!content);
+    m_ellipsis->setHidden(content);
+    if (content || hadContent)
+        m_markdown->setText(message.content);
+
+    setAccessibleName(roleLabel(message.role));
+    setAccessibleDescription(content ? message.content : QString(QChar(0x2026)));
+    updateGeometry();
+    placeChildren();
+    update();
+    return true;
+}
+
+bool MessageBubble::copied() const
+{
+    return m_feedback->copied();
+}
+
+void MessageBubble::copy()
+{
+    m_feedback->copy(m_message.content);
+}
+
+void MessageBubble::updateCopyState()
+{
+    const QIcon icon =
+        Theme::symbolIcon(m_feedback->copied() ? QLatin1StringView("checkmark") : QLatin1StringView("doc.on.doc"));
+    m_headerCopy->setIcon(icon);
+    m_footerCopy->setIcon(icon);
+    m_footerLabel->setText(m_feedback->copied() ? tr("Copied") : tr("Copy"));
+    if (m_footerLabel->isVisible())
+        placeChildren();
+}
+
+void MessageBubble::applyStyle()
+{
+    const QFont caption = Theme::font(Theme::TextStyle::Caption2);
+    const QColor secondary = Theme::color(Theme::Color::Secondary, palette());
+    for (QLabel *label : {m_role, m_usage, m_footerLabel}) {
+        label->setFont(caption);
+        QPalette pal = label->palette();
+        pal.setColor(QPalette::WindowText, secondary);
+        label->setPalette(pal);
+    }
+    QPalette pal = m_ellipsis->palette();
+    pal.setColor(QPalette::WindowText, secondary);
+    m_ellipsis->setPalette(pal);
+    const int iconSize = std::max(8, caption.pixelSize());
+    m_headerCopy->setIconSize(QSize(iconSize, iconSize));
+    m_footerCopy->setIconSize(QSize(iconSize, iconSize));
+}
+
+MessageBubble::Layout MessageBubble::layoutFor(int width) const
+{
+    const QList<QWidget *> header{m_role, m_usage, m_headerCopy};
+    const QList<QWidget *> footer{m_footerCopy, m_footerLabel};
+    const int stackMax = std::max(1, width - 2 * sidePadding - oppositeGap - rowSpacing);
+
+    const int headerWidth = placeRow(header, {}, 0, partSpacing, false);
+    const int headerHeight = rowHeight(header);
+    const bool content = hasContent();
+    const int footerWidth = content ? placeRow(footer, {}, 0, partSpacing, false) : 0;
+    const int footerHeight = content ? rowHeight(footer) : 0;
+
+    int innerWidth = 0;
+    bool fills = false;
+    if (content) {
+        const int ideal = m_markdown->idealWidth();
+        fills = ideal < 0;
+        innerWidth = fills ? stackMax - 2 * contentPadding : std::min(ideal, stackMax - 2 * contentPadding);
+    } else {
+        innerWidth = m_ellipsis->sizeHint().width();
+    }
+    innerWidth = std::max(1, innerWidth);
+    const int innerHeight = content ? m_markdown->heightForWidth(innerWidth) : m_ellipsis->sizeHint().height();
+    const int contentWidth = innerWidth + 2 * contentPadding;
+    const int stackWidth = std::min(stackMax, std::max({headerWidth, contentWidth, footerWidth}));
+
+    const int x = m_message.role == ChatRole::user ? width - sidePadding - stackWidth : sidePadding;
+    Layout layout;
+    layout.header = QRect(x, 0, headerWidth, headerHeight);
+    layout.content = QRect(x, headerHeight + stackSpacing, contentWidth, innerHeight + 2 * contentPadding);
+    layout.height = layout.content.bottom() + 1;
+    if (content) {
+        layout.footer = QRect(x, layout.height + stackSpacing, footerWidth, footerHeight);
+        layout.height = layout.footer.bottom() + 1;
+    }
+    return layout;
+}
+
+int MessageBubble::heightForWidth(int width) const
+{
+    return layoutFor(width).height;
+}
+
+QSize MessageBubble::sizeHint() const
+{
+    return {400, heightForWidth(400)};
+}
+
+QRect MessageBubble::contentRect() const
+{
+    return layoutFor(width()).content;
+}
+
+void MessageBubble::placeChildren()
+{
+    const Layout layout = layoutFor(width());
+    placeRow({m_role, m_usage, m_headerCopy}, layout.header.topLeft(), layout.header.height(), partSpacing, true);
+    const QRect inner = layout.content.adjusted(contentPadding, contentPadding, -contentPadding, -contentPadding);
+    if (hasContent())
+        m_markdown->setGeometry(inner);
+    else
+        m_ellipsis->setGeometry(QRect(inner.topLeft(), m_ellipsis->sizeHint()));
+    if (hasContent())
+        placeRow({m_footerCopy, m_footerLabel}, layout.footer.topLeft(), layout.footer.height(), partSpacing, true);
+}
+
+void MessageBubble::resizeEvent(QResizeEvent *event)
+{
+    QWidget::resizeEvent(event);
+    placeChildren();
+}
+
+void MessageBubble::paintEvent(QPaintEvent *)
+{
+    QPainter painter(this);
+    painter.setRenderHint(QPainter::Antialiasing);
+    QPainterPath path;
+    path.addRoundedRect(QRectF(contentRect()), cornerRadius, cornerRadius);
+    painter.fillPath(path, bubbleColor(m_message.role, palette()));
+}
+
+void MessageBubble::changeEvent(QEvent *event)
+{
+    if (event->type() == QEvent::PaletteChange || event->type() == QEvent::FontChange) {
+        applyStyle();
+        placeChildren();
+        update();
+    }
+    QWidget::changeEvent(event);
+}

@@ -1,0 +1,95 @@
+#pragma once
+
+#include "model/chatmessage.h"
+
+#include <QWidget>
+
+#include <optional>
+
+class CopyFeedback;
+class MarkdownTextView;
+class QLabel;
+class QToolButton;
+
+// One message of the transcript: a header with the speaker and the token usage, the body
+// rendered as Markdown on a tinted rounded background, and a footer with a copy control. The
+// user's messages sit at the right edge, every other role at the left; no bubble comes closer
+// than 40 points to the opposite edge. The bubble takes the whole width of its row and places
+// itself within it.
+//
+// A bubble is kept while its message changes (streamed text, usage arriving): setMessage()
+// updates it in place, so its copied state and its blocks' views survive.
+class MessageBubble final : public QWidget
+{
+    Q_OBJECT
+
+public:
+    explicit MessageBubble(const ChatMessage &message, QWidget *parent = nullptr);
+
+    // Returns whether anything shown changed.
+    bool setMessage(const ChatMessage &message);
+    const ChatMessage &message() const { return m_message; }
+
+    // "System", "You" or "Assistant".
+    static QString roleLabel(ChatRole role);
+    // "12↑ 34↓ · 46 tokens" when both counts are known, otherwise "46 tokens".
+    static QString usageText(const std::optional<TokenUsage> &usage, qint64 total);
+    // The header's usage part ("· " and the usage text), empty when nothing is to be shown.
+    static QString usagePart(const std::optional<TokenUsage> &usage);
+    static QColor bubbleColor(ChatRole role, const QPalette &palette);
+
+    bool copied() const;
+    // Puts the message's raw Markdown on the clipboard.
+    void copy();
+
+    int heightForWidth(int width) const override;
+    bool hasHeightForWidth() const override { return true; }
+    QSize sizeHint() const override;
+    // The rounded content area in the bubble's coordinates.
+    QRect contentRect() const;
+
+    QLabel *roleLabelWidget() const { return m_role; }
+    QLabel *usageLabel() const { return m_usage; }
+    QToolButton *headerCopyButton() const { return m_headerCopy; }
+    QToolButton *footerCopyButton() const { return m_footerCopy; }
+    QLabel *footerLabel() const { return m_footerLabel; }
+    MarkdownTextView *markdownView() const { return m_markdown; }
+    QLabel *ellipsisLabel() const { return m_ellipsis; }
+
+    static constexpr int sidePadding = 12;
+    static constexpr int oppositeGap = 40;
+    static constexpr int rowSpacing = 8; // between the bubble and the space on its other side
+    static constexpr int stackSpacing = 4;
+    static constexpr int partSpacing = 6;
+    static constexpr int contentPadding = 10;
+    static constexpr qreal cornerRadius = 10;
+
+protected:
+    void paintEvent(QPaintEvent *event) override;
+    void resizeEvent(QResizeEvent *event) override;
+    void changeEvent(QEvent *event) override;
+
+private:
+    struct Layout
+    {
+        QRect header;
+        QRect content;
+        QRect footer;
+        int height = 0;
+    };
+    Layout layoutFor(int width) const;
+    void placeChildren();
+    void updateCopyState();
+    void applyStyle();
+    bool hasContent() const { return !m_message.content.isEmpty(); }
+
+    ChatMessage m_message;
+    QLabel *m_role;
+    QLabel *m_usage;
+    QToolButton *m_headerCopy;
+    MarkdownTextView *m_markdown;
+    QLabel *m_ellipsis;
+    QToolButton *m_footerCopy;
+    QLabel *m_footerLabel;
+    CopyFeedback *m_feedback;
+};

@@ -1,0 +1,519 @@
+#include "ui/transcriptview.h"
+
+#include "chat/chatviewmodel.h"
+#include "ui/messagebubble.h"
+#include "ui/scrollcontroller.h"
+#include "ui/theme.h"
+
+#include <QAbstractButton>
+#include <QEvent>
+#include <QLabel>
+#include <QPainter>
+#include <QPainterPath>
+#include <QPropertyAnimation>
+#include <QResizeEvent>
+#include <QScrollBar>
+
+#include <algorithm>
+
+// The round button that brings a detached transcript back to its end. It fades and grows in
+// when it appears and fades and shrinks away when it goes.
+class JumpButton final : public QAbstractButton
+{
+    Q_OBJECT
+    Q_PROPERTY(qreal reveal READ reveal WRITE setReveal)
+
+public:
+    static constexpr int iconSize = 14;
+    static constexpr int padding = 10;
+    static constexpr int diameter = iconSize + 2 * padding;
+    static constexpr int revealMs = 150;
+
+    explicit JumpButton(QWidget *parent)
+        : QAbstractButton(parent)
+        , m_animation(new QPropertyAnimation(this, "reveal", this))
+    {
+        setFocusPolicy(Qt::TabFocus);
+        setCursor(Qt::PointingHandCursor);
+        setToolTip(tr("Scroll to bottom"));
+        setAccessibleName(tr("Scroll to bottom"));
+        setIcon(Theme::symbolIcon(QLatin1StringView("arrow.down"), Theme::Color::Primary));
+        setFixedSize(diameter, diameter);
+        m_animation->setDuration(revealMs);
+        m_animation->setEasingCurve(QEasingCurve::OutCubic);
+        connect(m_animation, &QPropertyAnimation::finished, this, [this] {
+            if (m_reveal <= 0)
+                hide();
+        });
+        hide();
+    }
+
+    qreal reveal() const { return m_reveal; }
+    void setReveal(qreal reveal)
+    {
+        m_reveal = reveal;
+        update();
+    }
+
+    // Shows or hides the button with its transition.
+    void setShown(bool shown)
+    {
+        if (shown == m_shown)
+            return;
+        m_shown = shown;
+        if (shown)
+            show();
+        m_animation->stop();
+        m_animation->setStartValue(m_reveal);
+        m_animation->setEndValue(shown ? 1.0 : 0.0);
+        m_animation->start();
+    }
+    bool isShown() const { return m_shown; }
+
+    QSize sizeHint() const override { return {diameter, diameter}; }
+
+protected:
+    void paintEvent(QPaintEvent *) override
+    {
+        QPainter painter(this);
+        painter.setRenderHint(QPainter::Antialiasing);
+        painter.setOpacity(m_reveal);
+        const qreal scale = 0.6 + 0.4 * m_reveal;
+        painter.translate(width() / 2.0, height() / 2.0);
+        painter.scale(scale, scale);
+        painter.translate(-width() / 2.0, -height() / 2.0);
+
+        // A thin, translucent disc over the transcript, like frosted glass.
+        const QRectF disc = QRectF(rect()).adjusted(0.5, 0.5, -0.5, -0.5);
+        QColor material = palette().color(QPalette::Window);
+        material.setAlphaF(0.82f);
+        painter.setPen(QPen(Theme::withOpacity(Theme::color(Theme::Color::Secondary, palette()), 0.3), 1));
+        painter.setBrush(material);
+        painter.drawEllipse(disc);
+        if (hasFocus()) {
+            painter.setPen(QPen(Theme::color(Theme::Color::Accent, palette()), 2));
+            painter.setBrush(Qt::NoBrush);
+            painter.drawEllipse(disc.adjusted(1, 1, -1, -1));
+        }
+        icon().paint(&painter, QRect(padding, padding, iconSize, iconSize));
+    }
+
+private:
+    QPropertyAnimation *m_animation;
+    qreal m_reveal = 0;
+    bool m_shown = false;
+};
+
+namespace {
+
+// How far beyond the visible area bubbles are built, and beyond which they are dropped, in
+// viewport heights.
+constexpr double buildMargin = 0.5;
+constexpr double keepMargin = 2.0;
+
+} // namespace
+
+TranscriptArea::TranscriptArea(ChatViewModel *chat, ScrollController *scroll, QWidget *parent)
+    : QAbstractScrollArea(parent)
+    , m_chat(chat)
+    , m_scroll(scroll)
+    , m_error(new QLabel(viewport()))
+{
+    setFrameShape(QFrame::NoFrame);
+    setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+    setVerticalScrollBarPolicy(Qt::ScrollBarAsNeeded);
+    setFocusPolicy(Qt::StrongFocus);
+    viewport()->setBackgroundRole(QPalette::Base);
+    verticalScrollBar()->setSingleStep(24);
+    setAccessibleName(tr("Transcript"));
+
+    m_error->setTextFormat(Qt::PlainText);
+    m_error->setWordWrap(true);
+    m_error->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    m_error->hide();
+
+    QScrollBar *bar = verticalScrollBar();
+    m_scroll->setProxy(bar);
+    connect(bar, &QAbstractSlider::actionTriggered, this, [this, bar](int) {
+        // The wheel, the keys and the scroll bar all come through here before the value moves.
+        if (bar->sliderPosition() != bar->value())
+            m_userScrolling = true;
+    });
+    connect(bar, &QAbstractSlider::valueChanged, this, [this] { reportGeometry(); });
+    connect(bar, &QAbstractSlider::rangeChanged, this, [this] { reportGeometry(); });
+
+    connect(m_chat, &ChatViewModel::messagesReset, this, &TranscriptArea::handleReset);
+    connect(m_chat, &ChatViewModel::messageInserted, this, &TranscriptArea::handleInserted);
+    connect(m_chat, &ChatViewModel::messageRemoved, this, &TranscriptArea::handleRemoved);
+    connect(m_chat, &ChatViewModel::messageChanged, this, &TranscriptArea::handleChanged);
+    connect(m_chat, &ChatViewModel::errorTextChanged, this, &TranscriptArea::handleErrorText);
+
+    changeEvent(nullptr);
+    handleReset();
+    handleErrorText();
+}
+
+TranscriptArea::~TranscriptArea()
+{
+    if (m_scroll && m_scroll->proxy() == verticalScrollBar())
+        m_scroll->setProxy(nullptr);
+}
+
+MessageBubble *TranscriptArea::bubbleAt(qsizetype index) const
+{
+    if (index < 0 || index >= messageCount())
+        return nullptr;
+    return m_rows[std::size_t(index)].bubble;
+}
+
+int TranscriptArea::builtBubbleCount() const
+{
+    return int(std::count_if(m_rows.begin(), m_rows.end(), [](const Row &row) { return !row.bubble.isNull(); }));
+}
+
+void TranscriptArea::updatePrefix() const
+{
+    const qsizetype n = messageCount();
+    m_tops.resize(std::size_t(n));
+    for (qsizetype i = m_validTops; i < n; ++i) {
+        m_tops[std::size_t(i)] =
+            i == 0 ? verticalPadding : m_tops[std::size_t(i - 1)] + m_rows[std::size_t(i - 1)].height + stackSpacing;
+    }
+    m_validTops = n;
+}
+
+void TranscriptArea::invalidateFrom(qsizetype index)
+{
+    m_validTops = std::min(m_validTops, std::max<qsizetype>(0, index));
+}
+
+int TranscriptArea::rowTop(qsizetype index) const
+{
+    updatePrefix();
+    return m_tops[std::size_t(index)];
+}
+
+int TranscriptArea::anchorBottom() const
+{
+    const qsizetype n = messageCount();
+    int y = n == 0 ? verticalPadding : rowTop(n - 1) + m_rows[std::size_t(n - 1)].height + stackSpacing;
+    if (!m_error->isHidden())
+        y += m_error->height() + stackSpacing;
+    return y + anchorHeight;
+}
+
+int TranscriptArea::contentHeight() const
+{
+    return anchorBottom() + verticalPadding;
+}
+
+qsizetype TranscriptArea::rowAt(int y) const
+{
+    updatePrefix();
+    if (m_tops.empty())
+        return -1;
+    auto it = std::upper_bound(m_tops.begin(), m_tops.end(), y);
+    return std::max<qsizetype>(0, (it - m_tops.begin()) - 1);
+}
+
+int TranscriptArea::estimateHeight(qsizetype index) const
+{
+    // Close enough to keep the scroll bar steady until the bubble is built and measured.
+    const ChatMessage &message = m_chat->messages().at(index);
+    const QFontMetrics metrics(font());
+    const int textWidth = std::max(40, m_width - 2 * MessageBubble::sidePadding - MessageBubble::oppositeGap -
+                                           MessageBubble::rowSpacing - 2 * MessageBubble::contentPadding);
+    const qsizetype chars = message.content.size();
+    const qsizetype breaks = message.content.count(QLatin1Char('\n'));
+    const qsizetype lines = std::max<qsizetype>(1, breaks + chars * metrics.averageCharWidth() / textWidth);
+    const int chrome = 2 * MessageBubble::contentPadding + 2 * (metrics.height() + MessageBubble::stackSpacing);
+    return chrome + int(std::min<qsizetype>(lines * (metrics.lineSpacing() + 1), 1'000'000));
+}
+
+void TranscriptArea::handleReset()
+{
+    for (Row &row : m_rows)
+        delete row.bubble;
+    m_rows.clear();
+    const QList<ChatMessage> &messages = m_chat->messages();
+    m_rows.resize(std::size_t(messages.size()));
+    for (qsizetype i = 0; i < messages.size(); ++i) {
+        m_rows[std::size_t(i)].id = messages.at(i).id;
+        m_rows[std::size_t(i)].height = estimateHeight(i);
+    }
+    m_validTops = 0;
+    runTriggers();
+    // Another conversation opens at its end, so only its last messages are ever built.
+    updatePrefix();
+    updateRange();
+    verticalScrollBar()->setValue(verticalScrollBar()->maximum());
+    relayout();
+}
+
+void TranscriptArea::handleInserted(qsizetype index)
+{
+    runTriggers();
+    Row row;
+    row.id = m_chat->messages().at(index).id;
+    row.height = estimateHeight(index);
+    m_rows.insert(m_rows.begin() + index, row);
+    invalidateFrom(index);
+    relayout();
+}
+
+void TranscriptArea::handleRemoved(qsizetype index)
+{
+    runTriggers();
+    delete m_rows[std::size_t(index)].bubble;
+    m_rows.erase(m_rows.begin() + index);
+    invalidateFrom(index);
+    relayout();
+}
+
+void TranscriptArea::handleChanged(qsizetype index)
+{
+    // Following first: the geometry reports of this very growth then fall into the scroll's
+    // own window and cannot detach the transcript by themselves.
+    runTriggers();
+    Row &row = m_rows[std::size_t(index)];
+    const ChatMessage &message = m_chat->messages().at(index);
+    if (row.bubble) {
+        row.bubble->setMessage(message);
+        const int height = row.bubble->heightForWidth(m_width);
+        if (height != row.height) {
+            row.height = height;
+            invalidateFrom(index + 1);
+        }
+    } else {
+        row.height = estimateHeight(index);
+        invalidateFrom(index + 1);
+    }
+    relayout();
+}
+
+void TranscriptArea::handleErrorText()
+{
+    const std::optional<QString> text = m_chat->errorText();
+    m_error->setText(text.value_or(QString()));
+    m_error->setHidden(!text);
+    if (text)
+        m_error->resize(m_width - 2 * errorPadding, m_error->heightForWidth(m_width - 2 * errorPadding));
+    relayout();
+}
+
+void TranscriptArea::runTriggers()
+{
+    const QList<ChatMessage> &messages = m_chat->messages();
+    const qsizetype count = messages.size();
+    const qsizetype length = count ? messages.last().content.size() : 0;
+    const bool countChanged = count != m_lastCount;
+    const bool lengthChanged = length != m_lastLength;
+    m_lastCount = count;
+    m_lastLength = length;
+    if (m_scroll->contentChangeInProgress())
+        return;
+    if (countChanged) {
+        m_scroll->scrollToBottom(true);
+        return;
+    }
+    // While a reply streams its growth is followed only by a transcript that is following.
+    if (lengthChanged && (!m_chat->isStreaming() || m_scroll->autoScroll()))
+        m_scroll->scrollToBottom(true);
+}
+
+void TranscriptArea::updateRange()
+{
+    QScrollBar *bar = verticalScrollBar();
+    const int visible = viewport()->height();
+    bar->setPageStep(std::max(1, visible));
+    bar->setRange(0, std::max(0, contentHeight() - visible));
+}
+
+void TranscriptArea::relayout()
+{
+    if (m_inRelayout || m_width <= 0)
+        return;
+    m_inRelayout = true;
+    QScrollBar *bar = verticalScrollBar();
+    const int visible = std::max(1, viewport()->height());
+    const QList<ChatMessage> &messages = m_chat->messages();
+
+    // Bubbles built here replace estimates with real heights; what the user looks at stays put:
+    // the end when the view was at its end, otherwise the first visible message.
+    for (int pass = 0; pass < 4; ++pass) {
+        updatePrefix();
+        updateRange();
+        const int value = bar->value();
+        const bool atEnd = value >= bar->maximum();
+        const qsizetype anchorRow = rowAt(value);
+        const int anchorOffset = anchorRow >= 0 ? value - rowTop(anchorRow) : 0;
+
+        const qsizetype first = rowAt(int(value - visible * buildMargin));
+        const qsizetype last = rowAt(int(value + visible * (1 + buildMargin)));
+        bool changed = false;
+        for (qsizetype i = std::max<qsizetype>(0, first); i >= 0 && i <= last; ++i) {
+            Row &row = m_rows[std::size_t(i)];
+            if (row.bubble)
+                continue;
+            row.bubble = new MessageBubble(messages.at(i), viewport());
+            const int height = row.bubble->heightForWidth(m_width);
+            row.bubble->setGeometry(0, rowTop(i) - value, m_width, height);
+            row.bubble->show();
+            row.measured = true;
+            if (height != row.height) {
+                row.height = height;
+                invalidateFrom(i + 1);
+                changed = true;
+            }
+        }
+        if (!changed)
+            break;
+        updatePrefix();
+        updateRange();
+        if (atEnd)
+            bar->setValue(bar->maximum());
+        else if (anchorRow >= 0)
+            bar->setValue(rowTop(anchorRow) + anchorOffset);
+    }
+
+    // Far bubbles go, and with them their layouts and highlighted code.
+    const int value = bar->value();
+    const int keepTop = int(value - visible * keepMargin);
+    const int keepBottom = int(value + visible * (1 + keepMargin));
+    for (qsizetype i = 0; i < messageCount(); ++i) {
+        Row &row = m_rows[std::size_t(i)];
+        if (!row.bubble)
+            continue;
+        const int top = rowTop(i);
+        if (top + row.height < keepTop || top > keepBottom)
+            delete row.bubble;
+    }
+    placeRows(0);
+    m_inRelayout = false;
+    reportGeometry();
+}
+
+void TranscriptArea::placeRows(qsizetype from)
+{
+    const int value = verticalScrollBar()->value();
+    for (qsizetype i = from; i < messageCount(); ++i) {
+        Row &row = m_rows[std::size_t(i)];
+        if (row.bubble)
+            row.bubble->setGeometry(0, rowTop(i) - value, m_width, row.height);
+    }
+    if (!m_error->isHidden()) {
+        const qsizetype n = messageCount();
+        const int top = n == 0 ? verticalPadding : rowTop(n - 1) + m_rows[std::size_t(n - 1)].height + stackSpacing;
+        m_error->setGeometry(errorPadding, top - value, m_width - 2 * errorPadding, m_error->height());
+    }
+}
+
+void TranscriptArea::reportGeometry()
+{
+    if (m_inRelayout)
+        return;
+    m_scroll->setViewportHeight(viewport()->height());
+    m_scroll->setBottomOffset(anchorBottom() - verticalScrollBar()->value());
+    const bool streaming = m_chat->isStreaming();
+    if (m_userScrolling) {
+        m_userScrolling = false;
+        m_scroll->userDidScroll(streaming);
+    } else {
+        m_scroll->scrollDidChange(streaming);
+    }
+}
+
+void TranscriptArea::remeasureAll()
+{
+    for (qsizetype i = 0; i < messageCount(); ++i) {
+        Row &row = m_rows[std::size_t(i)];
+        row.height = row.bubble ? row.bubble->heightForWidth(m_width) : estimateHeight(i);
+    }
+    if (!m_error->isHidden())
+        m_error->resize(m_width - 2 * errorPadding, m_error->heightForWidth(m_width - 2 * errorPadding));
+    m_validTops = 0;
+}
+
+void TranscriptArea::resizeEvent(QResizeEvent *event)
+{
+    QAbstractScrollArea::resizeEvent(event);
+    const int width = viewport()->width();
+    if (width != m_width) {
+        // Keep the same message at the top of the view across the new wrapping.
+        QScrollBar *bar = verticalScrollBar();
+        const bool atEnd = bar->value() >= bar->maximum();
+        const qsizetype anchorRow = rowAt(bar->value());
+        m_width = width;
+        remeasureAll();
+        updateRange();
+        if (atEnd)
+            bar->setValue(bar->maximum());
+        else if (anchorRow >= 0)
+            bar->setValue(rowTop(anchorRow));
+    }
+    relayout();
+}
+
+void TranscriptArea::scrollContentsBy(int, int dy)
+{
+    if (m_inRelayout)
+        return;
+    viewport()->scroll(0, dy);
+    relayout();
+}
+
+void TranscriptArea::changeEvent(QEvent *event)
+{
+    if (!event || event->type() == QEvent::PaletteChange || event->type() == QEvent::FontChange) {
+        m_error->setFont(Theme::font(Theme::TextStyle::Callout));
+        QPalette pal = m_error->palette();
+        pal.setColor(QPalette::WindowText, Theme::color(Theme::Color::Red, palette()));
+        m_error->setPalette(pal);
+    }
+    if (!event)
+        return;
+    if (event->type() == QEvent::FontChange && m_width > 0) {
+        remeasureAll();
+        relayout();
+    }
+    QAbstractScrollArea::changeEvent(event);
+}
+
+TranscriptView::TranscriptView(ChatViewModel *chat, ScrollController *scroll, QWidget *parent)
+    : QWidget(parent)
+    , m_scroll(scroll)
+    , m_area(new TranscriptArea(chat, scroll, this))
+    , m_jump(new JumpButton(this))
+{
+    setFocusProxy(m_area);
+    connect(m_jump, &QAbstractButton::clicked, this, [this] {
+        m_scroll->setAutoScroll(true);
+        m_scroll->scrollToBottom(true);
+    });
+    connect(m_scroll, &ScrollController::autoScrollChanged, this,
+            [this] { m_jump->setShown(!m_scroll->autoScroll()); });
+    m_jump->setShown(!m_scroll->autoScroll());
+}
+
+QAbstractButton *TranscriptView::jumpButton() const
+{
+    return m_jump;
+}
+
+void TranscriptView::resizeEvent(QResizeEvent *event)
+{
+    QWidget::resizeEvent(event);
+    m_area->setGeometry(rect());
+    placeJumpButton();
+}
+
+void TranscriptView::placeJumpButton()
+{
+    constexpr int margin = 12;
+    // Clear of the scroll bar, so both stay usable.
+    const int bar = m_area->verticalScrollBar()->isVisible() ? m_area->verticalScrollBar()->width() : 0;
+    m_jump->move(width() - bar - margin - m_jump->width(), height() - margin - m_jump->height());
+    m_jump->raise();
+}
+
+#include "transcriptview.moc"

@@ -1,0 +1,117 @@
+#pragma once
+
+#include <QAbstractScrollArea>
+#include <QPointer>
+#include <QUuid>
+#include <QWidget>
+
+#include <vector>
+
+class ChatViewModel;
+class QAbstractButton;
+class JumpButton;
+class MessageBubble;
+class QLabel;
+class ScrollController;
+
+// The scrolling list of a conversation's messages, built lazily: only the bubbles near the
+// visible area exist; the others are rows with a known or estimated height. So opening a long
+// conversation and resizing the window cost what is on screen, and a streamed update costs the
+// one bubble that changed. Below the messages sit the red error line and a one-point bottom
+// anchor whose lower edge, with the visible height, is reported to the scroll controller after
+// every scroll, range change and resize.
+class TranscriptArea final : public QAbstractScrollArea
+{
+    Q_OBJECT
+
+public:
+    TranscriptArea(ChatViewModel *chat, ScrollController *scroll, QWidget *parent = nullptr);
+    ~TranscriptArea() override;
+
+    static constexpr int stackSpacing = 12;
+    static constexpr int verticalPadding = 12;
+    static constexpr int errorPadding = 12;
+    static constexpr int anchorHeight = 1;
+
+    qsizetype messageCount() const { return qsizetype(m_rows.size()); }
+    // The bubble of message index, or null while it is not built (far from the visible area).
+    MessageBubble *bubbleAt(qsizetype index) const;
+    // How many bubbles exist now.
+    int builtBubbleCount() const;
+    QLabel *errorLabel() const { return m_error; }
+    // The anchor's lower edge in content coordinates (the scroll view's own, unscrolled).
+    int anchorBottom() const;
+    int contentHeight() const;
+    // Where message index starts in content coordinates.
+    int rowTop(qsizetype index) const;
+
+protected:
+    void resizeEvent(QResizeEvent *event) override;
+    void scrollContentsBy(int dx, int dy) override;
+    void changeEvent(QEvent *event) override;
+
+private:
+    struct Row
+    {
+        QUuid id;
+        int height = 0;
+        bool measured = false;
+        QPointer<MessageBubble> bubble;
+    };
+
+    void handleReset();
+    void handleInserted(qsizetype index);
+    void handleRemoved(qsizetype index);
+    void handleChanged(qsizetype index);
+    void handleErrorText();
+    // The message-count and last-text-length triggers, run before the layout follows the change.
+    void runTriggers();
+
+    int estimateHeight(qsizetype index) const;
+    void invalidateFrom(qsizetype index);
+    void updatePrefix() const;
+    // Builds the bubbles near the visible area, drops the far ones, places everything and
+    // updates the scroll range, keeping what the user looks at in place.
+    void relayout();
+    void placeRows(qsizetype from);
+    void updateRange();
+    void reportGeometry();
+    qsizetype rowAt(int y) const;
+    void remeasureAll();
+
+    ChatViewModel *m_chat;
+    ScrollController *m_scroll;
+    std::vector<Row> m_rows;
+    mutable std::vector<int> m_tops; // content y of each row, valid below m_validTops
+    mutable qsizetype m_validTops = 0;
+    QLabel *m_error;
+    qsizetype m_lastCount = 0;
+    qsizetype m_lastLength = 0;
+    int m_width = -1;
+    bool m_userScrolling = false;
+    bool m_inRelayout = false;
+};
+
+// The transcript of a main window: the scrolling messages and, over their lower right corner
+// while the transcript does not follow new content, the jump-to-bottom button. Binds itself to
+// the chat view model's signals and hands its scroll bar to the scroll controller.
+class TranscriptView final : public QWidget
+{
+    Q_OBJECT
+
+public:
+    TranscriptView(ChatViewModel *chat, ScrollController *scroll, QWidget *parent = nullptr);
+
+    TranscriptArea *area() const { return m_area; }
+    QAbstractButton *jumpButton() const;
+
+protected:
+    void resizeEvent(QResizeEvent *event) override;
+
+private:
+    void placeJumpButton();
+
+    ScrollController *m_scroll;
+    TranscriptArea *m_area;
+    JumpButton *m_jump;
+};
