@@ -3,19 +3,25 @@
 #include "storage/conversationstore.h"
 #include "storage/providerstore.h"
 #include "storagetestsupport.h"
+#include "ui/composerfield.h"
 #include "ui/contentview.h"
 #include "ui/mainwindow.h"
+#include "ui/providereditor.h"
 #include "ui/settingsview.h"
 #include "ui/verboltapp.h"
 
 #include <QAction>
 #include <QApplication>
 #include <QLabel>
+#include <QLineEdit>
+#include <QMenu>
 #include <QMenuBar>
+#include <QPlainTextEdit>
 #include <QPushButton>
 #include <QSettings>
 #include <QSignalSpy>
 #include <QTest>
+#include <QToolButton>
 
 #include <future>
 #include <memory>
@@ -57,6 +63,7 @@ private slots:
     void initTestCase();
     void init();
 
+    void firstStart_settingsThenStreamedAnswer();
     void mainWindowFrameAndMenus();
     void shortcuts_data();
     void shortcuts();
@@ -81,6 +88,47 @@ void tst_VerboltApp::init()
 {
     QSettings(u"Verbolt"_s, u"Verbolt"_s).clear();
     QFile::remove(m_profile->conversationsFile());
+}
+
+// A new user's path: the empty state's button, a preset, a key, the model list, then a turn
+// typed in the composer.
+void tst_VerboltApp::firstStart_settingsThenStreamedAnswer()
+{
+    VerboltApp app;
+    MainWindow *window = app.newWindow();
+    activate(window);
+    QVERIFY(window->findChild<QWidget *>(u"emptyState"_s)->isVisible());
+    QTest::mouseClick(window->findChild<QAbstractButton *>(u"openSettingsButton"_s), Qt::LeftButton);
+    SettingsView *settings = app.settingsView();
+    QVERIFY(settings && settings->isVisible());
+
+    settings->findChild<QToolButton *>(u"addProvider"_s)->menu()->actions().last()->trigger();
+    ProviderEditor *editor = settings->editor();
+    QVERIFY(editor && editor->isVisible());
+    QTest::keyClicks(editor->findChild<QLineEdit *>(u"baseURL"_s), m_mock.baseURL());
+    QTest::keyClicks(editor->findChild<QLineEdit *>(u"apiKey"_s), u"sk-test"_s);
+    QTest::mouseClick(editor->findChild<QPushButton *>(u"fetchModels"_s), Qt::LeftButton);
+    QTRY_VERIFY(!editor->isFetching());
+    QMenu *models = editor->findChild<QToolButton *>(u"chooseModel"_s)->menu();
+    QCOMPARE(models->actions().size(), m_mock.options().models.size());
+    models->actions().first()->trigger();
+    QTest::mouseClick(editor->findChild<QPushButton *>(u"save"_s), Qt::LeftButton);
+    settings->window()->close();
+    QCOMPARE(app.store()->selected()->model, models->actions().first()->text());
+    QVERIFY(window->findChild<QWidget *>(u"chatArea"_s)->isVisible());
+
+    activate(window);
+    auto *composer = window->findChild<ComposerField *>()->findChild<QPlainTextEdit *>();
+    QTest::keyClicks(composer, u"Hello"_s);
+    QTest::keyClick(composer, Qt::Key_Return);
+    ChatViewModel *chat = chatOf(window);
+    QVERIFY(chat->isStreaming());
+    QTRY_VERIFY(!chat->isStreaming());
+    QCOMPARE(chat->errorText(), std::nullopt);
+    QCOMPARE(chat->messages().size(), 2);
+    QCOMPARE(chat->messages().last().content, m_mock.options().reply);
+    QCOMPARE(app.chats()->conversations().size(), 1);
+    QCOMPARE(app.chats()->conversations().first().messages, chat->messages());
 }
 
 void tst_VerboltApp::mainWindowFrameAndMenus()
