@@ -41,6 +41,7 @@ protected:
     {
         QStyledItemDelegate::initStyleOption(option, index);
         option->decorationPosition = QStyleOptionViewItem::Right;
+        option->showDecorationSelected = true;
         option->textElideMode = Qt::ElideRight;
     }
     QSize sizeHint(const QStyleOptionViewItem &option, const QModelIndex &index) const override
@@ -271,8 +272,13 @@ void SettingsView::rebuildList()
 {
     m_rebuilding = true;
     m_list->clear();
-    const QIcon warning =
-        Theme::symbolIcon("exclamationmark.triangle.fill"_L1, Theme::color(Theme::Color::Orange, palette()));
+    // The same orange mark on a selected row: the style's generated "selected" look would wash it out.
+    const QPixmap mark =
+        Theme::symbolIcon("exclamationmark.triangle.fill"_L1, Theme::color(Theme::Color::Orange, palette()))
+            .pixmap(m_list->iconSize().isValid() ? m_list->iconSize() : QSize(16, 16), devicePixelRatioF());
+    QIcon warning;
+    warning.addPixmap(mark, QIcon::Normal);
+    warning.addPixmap(mark, QIcon::Selected);
     for (const Provider &p : m_store->providers()) {
         auto *item = new QListWidgetItem(p.name, m_list);
         item->setData(idRole, p.id);

@@ -4,6 +4,7 @@
 // scratch profile against verbolt-mock-provider; tools/screenshots.sh does both.
 #include "chat/chatviewmodel.h"
 #include "storage/conversationstore.h"
+#include "storage/filedialogs.h"
 #include "storage/providerstore.h"
 #include "ui/contentview.h"
 #include "ui/mainwindow.h"
@@ -19,6 +20,7 @@
 #include <QLineEdit>
 #include <QMenu>
 #include <QPalette>
+#include <QStandardPaths>
 #include <QStyleFactory>
 #include <QToolButton>
 
@@ -100,6 +102,23 @@ private:
     QPalette m_dark = darkPalette();
 };
 
+// Answers the save dialog with a file in the scratch folder, as a user picking a place would.
+class ScratchDialogs final : public FileDialogs
+{
+public:
+    explicit ScratchDialogs(QString folder)
+        : m_folder(std::move(folder))
+    {}
+    std::optional<QString> saveFileName(const SaveDialogRequest &request) override
+    {
+        return QDir(m_folder).filePath(request.suggestedName);
+    }
+    std::optional<QString> openFileName(const OpenDialogRequest &) override { return std::nullopt; }
+
+private:
+    QString m_folder;
+};
+
 bool send(VerboltApp &verbolt, ChatViewModel *chat, const QString &text)
 {
     chat->setInput(text);
@@ -159,6 +178,11 @@ int main(int argc, char *argv[])
     if (!models.isEmpty())
         models.first()->trigger();
     editor->save();
+    // Into the profile's data folder: with a scratch profile, nothing lands outside it.
+    ScratchDialogs dialogs(QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation));
+    settings->setFileDialogs(&dialogs);
+    settings->exportConfig();
+    settings->setFileDialogs(nullptr);
     settle();
     ok &= shooter.shoot(settings, u"settings"_s);
     settings->close();
