@@ -70,7 +70,8 @@ private slots:
     void settingsWindow_isOneFixedWindow();
     void lastMainWindowClosing_endsProgramEvenWithSettingsOpen();
     void twoWindows_shareStoresAndFollowEachOthersTurns();
-    void unreadableHistory_namedInBarUntilDismissed();
+    void unreadableFile_namedInBarUntilDismissed_data();
+    void unreadableFile_namedInBarUntilDismissed();
     void secondStart_opensWindowInRunningProgram();
 
 private:
@@ -267,11 +268,22 @@ void tst_VerboltApp::twoWindows_shareStoresAndFollowEachOthersTurns()
     QVERIFY(chatOf(two)->messages().isEmpty());
 }
 
-void tst_VerboltApp::unreadableHistory_namedInBarUntilDismissed()
+void tst_VerboltApp::unreadableFile_namedInBarUntilDismissed_data()
 {
-    QVERIFY(StorageTest::writeAll(m_profile->conversationsFile(), "[{\"broken\":"));
+    QTest::addColumn<bool>("history");
+    QTest::newRow("conversations") << true;
+    QTest::newRow("providers") << false;
+}
+
+void tst_VerboltApp::unreadableFile_namedInBarUntilDismissed()
+{
+    QFETCH(bool, history);
+    if (history)
+        QVERIFY(StorageTest::writeAll(m_profile->conversationsFile(), "[{\"broken\":"));
+    else
+        QSettings(u"Verbolt"_s, u"Verbolt"_s).setValue(ProviderStore::providersKey, QByteArray("[{\"broken\":"));
     VerboltApp app;
-    const std::optional<QString> kept = app.chats()->keptAsidePath();
+    const std::optional<QString> kept = history ? app.chats()->keptAsidePath() : app.store()->keptAsideKey();
     QVERIFY(kept);
     MainWindow *one = app.newWindow();
     MainWindow *two = app.newWindow();
@@ -294,7 +306,10 @@ void tst_VerboltApp::unreadableHistory_namedInBarUntilDismissed()
     QVERIFY(!one->findChild<QWidget *>(u"keptAsideBar"_s)->isVisible());
     QVERIFY(!two->findChild<QWidget *>(u"keptAsideBar"_s)->isVisible());
     QVERIFY(app.newWindow()->keptAsideNotices().isEmpty());
-    QVERIFY(QFile::exists(*kept));
+    if (history)
+        QVERIFY(QFile::exists(*kept));
+    else
+        QVERIFY(QSettings(u"Verbolt"_s, u"Verbolt"_s).contains(*kept));
 }
 
 void tst_VerboltApp::secondStart_opensWindowInRunningProgram()
