@@ -10,6 +10,7 @@
 #include <QPainter>
 #include <QPainterPath>
 #include <QPaintEvent>
+#include <QResizeEvent>
 #include <QScrollArea>
 #include <QTextLayout>
 #include <QToolButton>
@@ -29,6 +30,8 @@ CodeTextView::CodeTextView(QWidget *parent)
     : QWidget(parent)
     , m_font(Theme::monospaceFont())
 {
+    // New lines repaint only themselves (setCode()); nothing above them moves.
+    setAttribute(Qt::WA_StaticContents);
     setFocusPolicy(Qt::ClickFocus);
     setCursor(Qt::IBeamCursor);
     m_lineHeight = int(std::ceil(QFontMetricsF(m_font).height()));
@@ -42,7 +45,7 @@ void CodeTextView::setCode(const StyledCode &code)
         return;
     m_code = code.text;
     const QStringList texts = code.text.split(QLatin1Char('\n'));
-    const bool grew = texts.size() != qsizetype(m_lines.size());
+    const bool shrank = texts.size() < qsizetype(m_lines.size());
     m_lines.resize(std::size_t(texts.size()));
 
     qsizetype runIndex = 0;
@@ -74,9 +77,8 @@ void CodeTextView::setCode(const StyledCode &code)
         lineStart = lineEnd + 1; // the line feed
     }
     setAccessibleName(m_code);
-    if (grew)
+    if (shrank)
         update();
-    updateGeometry();
 }
 
 void CodeTextView::layOutLine(Line &line) const
@@ -281,6 +283,8 @@ CodeBlockView::CodeBlockView(const QString &code, const std::optional<QString> &
     m_scroll->setWidgetResizable(false);
     m_scroll->setFocusPolicy(Qt::NoFocus);
     m_scroll->viewport()->setAutoFillBackground(false);
+    m_scroll->viewport()->setAttribute(Qt::WA_StaticContents);
+    setAttribute(Qt::WA_StaticContents);
     m_scroll->setWidget(m_codeView);
     m_codeView->setAutoFillBackground(false);
 
@@ -301,6 +305,7 @@ void CodeBlockView::setContent(const QString &code, const std::optional<QString>
 {
     const bool languageChanged = language != m_language || m_label->text().isEmpty();
     const bool codeChanged = code != m_code || m_codeView->code().isNull();
+    const bool grew = !languageChanged && !m_code.isEmpty() && code.startsWith(m_code);
     m_code = code;
     m_language = language;
     if (languageChanged) {
@@ -308,10 +313,13 @@ void CodeBlockView::setContent(const QString &code, const std::optional<QString>
         setAccessibleName(label());
     }
     if (codeChanged || languageChanged) {
-        m_codeView->setCode(SyntaxHighlighter::highlighted(code, language));
+        // Code still streaming in is highlighted once per prefix; caching each prefix would only
+        // push finished blocks out of the cache.
+        m_codeView->setCode(
+            grew ? SyntaxHighlighter::build(code, language ? std::optional(language->toLower()) : std::nullopt)
+                 : SyntaxHighlighter::highlighted(code, language));
         m_codeView->resize(std::max(m_codeView->contentWidth(), m_scroll->viewport()->width()),
                            m_codeView->contentHeight());
-        updateGeometry();
     }
 }
 
@@ -371,6 +379,14 @@ QSize CodeBlockView::sizeHint() const
 void CodeBlockView::resizeEvent(QResizeEvent *event)
 {
     MarkdownBlockView::resizeEvent(event);
+    // The rounded background: a new width redraws it all, a new height its lower edge.
+    if (event->oldSize().width() != width()) {
+        update();
+    } else if (event->oldSize().height() != height()) {
+        const int edge = int(cornerRadius) + 1;
+        const int top = std::min(event->oldSize().height(), height()) - edge;
+        update(QRect(0, top, width(), height() - top));
+    }
     const int header = headerHeight();
     const QSize label = m_label->sizeHint();
     const QSize button = m_copyButton->sizeHint();

@@ -242,6 +242,9 @@ QWidget *ContentView::buildHeader()
     m_providerPicker = new QComboBox(header);
     m_providerPicker->setObjectName(QStringLiteral("providerPicker"));
     m_providerPicker->setAccessibleName(QStringLiteral("Provider"));
+    // Screen readers announce a combo box by its current text; the description says what it picks.
+    m_providerPicker->setAccessibleDescription(QStringLiteral("Provider"));
+    m_providerPicker->setToolTip(QStringLiteral("Provider"));
     m_providerPicker->setMaximumWidth(200);
     m_providerPicker->setSizeAdjustPolicy(QComboBox::AdjustToContents);
     connect(m_providerPicker, &QComboBox::activated, this,
@@ -553,6 +556,7 @@ void ContentView::openRenameDialog(const Conversation &conversation)
     dialog->setWindowTitle(QStringLiteral("Rename chat"));
     dialog->setAttribute(Qt::WA_DeleteOnClose);
     dialog->setWindowModality(Qt::WindowModal);
+    dialog->setMinimumWidth(320);
 
     auto *title = new QLabel(QStringLiteral("Rename chat"), dialog);
     title->setFont(Theme::font(Theme::TextStyle::Headline));

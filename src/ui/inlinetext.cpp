@@ -20,6 +20,8 @@ bool InlineText::setSource(const QString &source)
 {
     if (source == m_source && !m_text.isNull())
         return false;
+    const QString oldText = std::move(m_text);
+    const QList<QTextLayout::FormatRange> oldFormats = std::move(m_formats);
     m_source = source;
     m_text.clear();
     m_formats.clear();
@@ -51,9 +53,40 @@ bool InlineText::setSource(const QString &source)
     m_text.replace(QLatin1Char('\n'), QChar::LineSeparator);
     if (m_text.isNull())
         m_text = QLatin1String("");
+
+    // The first character shown differently: text or style.
+    qsizetype first = 0;
+    const qsizetype common = std::min(oldText.size(), m_text.size());
+    while (first < common && oldText.at(first) == m_text.at(first))
+        ++first;
+    for (qsizetype i = 0; i < std::max(oldFormats.size(), m_formats.size()); ++i) {
+        if (i < oldFormats.size() && i < m_formats.size() && oldFormats.at(i).start == m_formats.at(i).start &&
+            oldFormats.at(i).length == m_formats.at(i).length && oldFormats.at(i).format == m_formats.at(i).format)
+            continue;
+        const qsizetype a = i < oldFormats.size() ? oldFormats.at(i).start : first;
+        const qsizetype b = i < m_formats.size() ? m_formats.at(i).start : first;
+        first = std::min({first, a, b});
+        break;
+    }
+    m_firstChange = first;
+    // The old layout's line of that character may hold text that now wraps onto the next line.
+    m_oldChangedTop = 0;
+    if (m_laidOutWidth > 0 && m_layout.lineCount() > 0) {
+        const QTextLine line = m_layout.lineForTextPosition(int(std::min(first, oldText.size())));
+        m_oldChangedTop = line.isValid() ? int(line.y()) : int(m_layout.lineAt(m_layout.lineCount() - 1).y());
+    }
     m_laidOutWidth = -1;
     m_idealWidth = -1;
     return true;
+}
+
+int InlineText::changedTop() const
+{
+    if (m_laidOutWidth < 0 || m_layout.lineCount() == 0)
+        return 0;
+    const QTextLine line = m_layout.lineForTextPosition(int(std::min(m_firstChange, m_text.size())));
+    const int top = line.isValid() ? int(line.y()) : int(m_layout.lineAt(m_layout.lineCount() - 1).y());
+    return std::min(top, m_oldChangedTop);
 }
 
 bool InlineText::setFont(const QFont &font)
@@ -114,7 +147,8 @@ void InlineText::layOut(qreal width)
     m_height = int(std::ceil(y));
 }
 
-void InlineText::draw(QPainter *painter, QPointF pos, const QColor &color, const QColor &linkColor) const
+void InlineText::draw(QPainter *painter, QPointF pos, const QColor &color, const QColor &linkColor,
+                      const QRectF &clip) const
 {
     QList<QTextLayout::FormatRange> colours;
     colours.reserve(m_links.size());
@@ -124,7 +158,7 @@ void InlineText::draw(QPainter *painter, QPointF pos, const QColor &color, const
         colours.append({link.start, link.length, format});
     }
     painter->setPen(color);
-    m_layout.draw(painter, pos, colours);
+    m_layout.draw(painter, pos, colours, clip);
 }
 
 std::optional<QString> InlineText::linkAt(QPointF point) const

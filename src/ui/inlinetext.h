@@ -34,8 +34,14 @@ public:
     int heightForWidth(int width);
     // The width of the widest line when nothing is wrapped.
     int idealWidth();
-    // Draws the text as last laid out, its top-left corner at pos, in color; links in linkColor.
-    void draw(QPainter *painter, QPointF pos, const QColor &color, const QColor &linkColor) const;
+    // Draws the lines of the text, as last laid out, that meet clip (in the text's own
+    // coordinates), its top-left corner at pos, in color; links in linkColor.
+    void draw(QPainter *painter, QPointF pos, const QColor &color, const QColor &linkColor,
+              const QRectF &clip = QRectF()) const;
+    // Where the last setSource() first changed what is shown: the top of the line holding the
+    // first changed character, in the current layout; 0 when unknown. A streamed paragraph
+    // repaints from there down instead of whole.
+    int changedTop() const;
     // The target of the link at a point relative to the text's top-left corner, if any.
     std::optional<QString> linkAt(QPointF point) const;
 
@@ -55,6 +61,8 @@ private:
     QList<Link> m_links;
     QFont m_font;
     QTextLayout m_layout;
+    qsizetype m_firstChange = 0;
+    int m_oldChangedTop = 0; // the same place in the layout before the change
     qreal m_laidOutWidth = -1;
     int m_height = 0;
     int m_idealWidth = -1;

@@ -8,6 +8,7 @@
 #include <QEvent>
 #include <QMouseEvent>
 #include <QPainter>
+#include <QResizeEvent>
 #include <QUrl>
 
 namespace {
@@ -72,6 +73,8 @@ int orderedLabelWidth(const QFontMetrics &metrics, qint64 number)
 TextBlockView::TextBlockView(const MarkdownText::Block &block, QWidget *parent)
     : MarkdownBlockView(parent)
 {
+    // Growing downwards repaints only the new strip; a new width repaints all (resizeEvent).
+    setAttribute(Qt::WA_StaticContents);
     setMouseTracking(true);
     setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Preferred);
     setBlock(block);
@@ -81,12 +84,19 @@ bool TextBlockView::setBlock(const MarkdownText::Block &block)
 {
     if (!isTextKind(block.kind))
         return false;
+    const bool restyled = block.kind != m_block.kind || block.level != m_block.level || block.number != m_block.number;
     m_block = block;
     m_text.setFont(blockFont());
     m_text.setSource(block.text);
     setAccessibleName(displayText());
-    updateGeometry();
-    update();
+    measurePrefix();
+    if (restyled || width() <= 0) {
+        update();
+    } else {
+        // Lines above the first changed character stay as they are on screen.
+        m_text.heightForWidth(width() - m_leading);
+        update(QRect(0, topPadding() + m_text.changedTop(), width(), height()));
+    }
     return true;
 }
 
@@ -102,27 +112,36 @@ int TextBlockView::topPadding() const
     return m_block.kind == Kind::Heading ? headingPad : 0;
 }
 
-int TextBlockView::leadingWidth() const
+void TextBlockView::measurePrefix()
 {
     const QFontMetrics metrics(m_text.font());
+    m_prefixHeight = 0;
     switch (m_block.kind) {
     case Kind::Bullet:
-        return metrics.horizontalAdvance(bulletGlyph()) + prefixGap;
+        m_leading = metrics.horizontalAdvance(bulletGlyph()) + prefixGap;
+        m_prefixHeight = metrics.height();
+        break;
     case Kind::Ordered:
-        return orderedLabelWidth(metrics, m_block.number) + prefixGap;
+        m_leading = orderedLabelWidth(metrics, m_block.number) + prefixGap;
+        m_prefixHeight = metrics.height();
+        break;
     case Kind::Quote:
-        return quoteBar + quoteGap;
+        m_leading = quoteBar + quoteGap;
+        break;
     default:
-        return 0;
+        m_leading = 0;
+        break;
     }
+}
+
+int TextBlockView::leadingWidth() const
+{
+    return m_leading;
 }
 
 int TextBlockView::heightForWidth(int width) const
 {
-    const int textHeight = m_text.heightForWidth(width - leadingWidth());
-    const int prefixHeight = QFontMetrics(m_text.font()).height();
-    const bool hasPrefix = m_block.kind == Kind::Bullet || m_block.kind == Kind::Ordered;
-    return topPadding() + std::max(textHeight, hasPrefix ? prefixHeight : 0);
+    return topPadding() + std::max(m_text.heightForWidth(width - m_leading), m_prefixHeight);
 }
 
 int TextBlockView::idealWidth() const
@@ -153,7 +172,7 @@ QString TextBlockView::displayText() const
     }
 }
 
-void TextBlockView::paintEvent(QPaintEvent *)
+void TextBlockView::paintEvent(QPaintEvent *event)
 {
     QPainter painter(this);
     const QPalette pal = palette();
@@ -188,13 +207,23 @@ void TextBlockView::paintEvent(QPaintEvent *)
     default:
         break;
     }
-    m_text.draw(&painter, QPointF(leading, topPadding()), m_block.kind == Kind::Quote ? secondary : primary, link);
+    const QPointF origin(leading, topPadding());
+    m_text.draw(&painter, origin, m_block.kind == Kind::Quote ? secondary : primary, link,
+                QRectF(event->rect()).translated(-origin));
+}
+
+void TextBlockView::resizeEvent(QResizeEvent *event)
+{
+    if (event->oldSize().width() != width())
+        update();
+    MarkdownBlockView::resizeEvent(event);
 }
 
 void TextBlockView::changeEvent(QEvent *event)
 {
     if (event->type() == QEvent::FontChange) {
         m_text.setFont(blockFont());
+        measurePrefix();
         updateGeometry();
     }
     if (event->type() == QEvent::PaletteChange)
@@ -234,6 +263,7 @@ void TextBlockView::mouseReleaseEvent(QMouseEvent *event)
 MarkdownTextView::MarkdownTextView(QWidget *parent)
     : QWidget(parent)
 {
+    setAttribute(Qt::WA_StaticContents);
     setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Preferred);
 }
 
@@ -253,8 +283,11 @@ bool MarkdownTextView::setText(const QString &text)
 {
     if (text == m_text && !text.isNull())
         return false;
+    // A streamed reply only grows, and each of its prefixes is drawn once: keeping them in the
+    // process-wide cache would fill it with texts nobody asks for again.
+    const bool grew = !m_text.isEmpty() && text.startsWith(m_text);
     m_text = text.isNull() ? QLatin1String("") : text;
-    const QList<MarkdownText::Block> blocks = MarkdownText::cachedParse(m_text);
+    const QList<MarkdownText::Block> blocks = grew ? MarkdownText::parse(m_text) : MarkdownText::cachedParse(m_text);
 
     qsizetype firstChanged = blocks.size();
     for (qsizetype k = 0; k < blocks.size(); ++k) {
@@ -279,19 +312,34 @@ bool MarkdownTextView::setText(const QString &text)
         m_views.resize(blocks.size());
     }
     m_blocks = blocks;
+    m_heights.resize(m_views.size());
+    m_heightsValid = std::min(m_heightsValid, firstChanged);
     layOutBlocks(firstChanged);
-    updateGeometry();
     return true;
 }
 
 int MarkdownTextView::heightForWidth(int width) const
 {
+    if (width != m_heightsWidth) {
+        m_heightsWidth = width;
+        m_heightsValid = 0;
+    }
+    // Blocks before the first changed one keep their measured heights.
+    for (qsizetype k = m_heightsValid; k < m_views.size(); ++k) {
+        m_heights[k] = m_views.at(k)->heightForWidth(width);
+    }
+    m_heightsValid = m_views.size();
     int height = 0;
-    for (const MarkdownBlockView *view : m_views)
-        height += view->heightForWidth(width);
+    for (int h : m_heights)
+        height += h;
     if (!m_views.isEmpty())
         height += blockSpacing * int(m_views.size() - 1);
     return height;
+}
+
+void MarkdownTextView::invalidateHeights()
+{
+    m_heightsValid = 0;
 }
 
 QSize MarkdownTextView::sizeHint() const
@@ -314,19 +362,29 @@ int MarkdownTextView::idealWidth() const
 void MarkdownTextView::resizeEvent(QResizeEvent *event)
 {
     QWidget::resizeEvent(event);
-    layOutBlocks(0);
+    // A change of height alone comes from the blocks themselves, which placed what moved.
+    if (event->oldSize().width() != width())
+        layOutBlocks(0);
+}
+
+void MarkdownTextView::changeEvent(QEvent *event)
+{
+    if (event->type() == QEvent::FontChange)
+        invalidateHeights();
+    QWidget::changeEvent(event);
 }
 
 void MarkdownTextView::layOutBlocks(qsizetype from)
 {
     const int w = width();
+    heightForWidth(w);
     int y = 0;
     if (from > 0 && from <= m_views.size())
         y = m_views.at(from - 1)->geometry().bottom() + 1 + blockSpacing;
     else
         from = 0;
     for (qsizetype k = from; k < m_views.size(); ++k) {
-        const int h = m_views.at(k)->heightForWidth(w);
+        const int h = m_heights.at(k);
         m_views.at(k)->setGeometry(0, y, w, h);
         y += h + blockSpacing;
     }

@@ -48,6 +48,7 @@ public:
 
 protected:
     void paintEvent(QPaintEvent *event) override;
+    void resizeEvent(QResizeEvent *event) override;
     void changeEvent(QEvent *event) override;
     void mouseMoveEvent(QMouseEvent *event) override;
     void mouseReleaseEvent(QMouseEvent *event) override;
@@ -58,9 +59,12 @@ private:
     int topPadding() const;
     QFont blockFont() const;
     std::optional<QString> linkAt(QPoint pos) const;
+    void measurePrefix();
 
     MarkdownText::Block m_block;
     mutable InlineText m_text;
+    int m_leading = 0;      // bullet, number or bar, with the gap after it
+    int m_prefixHeight = 0; // a bullet's or number's line
 };
 
 // A Markdown text as a stack of block views, 3 points apart. When the text changes, the view at
@@ -89,12 +93,18 @@ public:
 
 protected:
     void resizeEvent(QResizeEvent *event) override;
+    void changeEvent(QEvent *event) override;
 
 private:
     void layOutBlocks(qsizetype from);
+    void invalidateHeights();
     static MarkdownBlockView *makeView(const MarkdownText::Block &block, QWidget *parent);
 
     QString m_text;
     QList<MarkdownText::Block> m_blocks;
     QList<MarkdownBlockView *> m_views;
+    // Each block's height at m_heightsWidth; those before m_heightsValid are current.
+    mutable QList<int> m_heights;
+    mutable int m_heightsWidth = -1;
+    mutable qsizetype m_heightsValid = 0;
 };

@@ -8,6 +8,7 @@
 #include <QLabel>
 #include <QPainter>
 #include <QPainterPath>
+#include <QResizeEvent>
 #include <QToolButton>
 
 namespace {
@@ -72,6 +73,8 @@ MessageBubble::MessageBubble(const ChatMessage &message, QWidget *parent)
     , m_footerLabel(makeLabel(this))
     , m_feedback(new CopyFeedback(this))
 {
+    // A reply growing downwards repaints only what it uncovers and the strip setMessage() marks.
+    setAttribute(Qt::WA_StaticContents);
     m_ellipsis->setText(QString(QChar(0x2026)));
     connect(m_headerCopy, &QToolButton::clicked, this, &MessageBubble::copy);
     connect(m_footerCopy, &QToolButton::clicked, this, &MessageBubble::copy);
@@ -125,6 +128,7 @@ bool MessageBubble::setMessage(const ChatMessage &message)
     if (message == m_message)
         return false;
     const bool hadContent = hasContent();
+    const QRect before = contentRect();
     m_message = message;
     m_role->setText(roleLabel(message.role));
     const QString usage = usagePart(message.usage);
@@ -142,9 +146,18 @@ bool MessageBubble::setMessage(const ChatMessage &message)
 
     setAccessibleName(roleLabel(message.role));
     setAccessibleDescription(content ? message.content : QString(QChar(0x2026)));
-    updateGeometry();
     placeChildren();
-    update();
+    // A growing reply moves only the lower edge of its background: repainting just that strip
+    // keeps an update's paint to what changed.
+    const QRect after = contentRect();
+    if (before.left() != after.left() || before.top() != after.top() || before.width() != after.width()) {
+        update();
+    } else if (before.bottom() != after.bottom()) {
+        const int radius = int(cornerRadius) + 1;
+        const int top = std::min(before.bottom(), after.bottom()) - radius;
+        const int bottom = std::max(before.bottom(), after.bottom()) + 1;
+        update(QRect(after.left(), top, after.width(), bottom - top + 1));
+    }
     return true;
 }
 
@@ -256,6 +269,8 @@ void MessageBubble::placeChildren()
 void MessageBubble::resizeEvent(QResizeEvent *event)
 {
     QWidget::resizeEvent(event);
+    if (event->oldSize().width() != width())
+        update();
     placeChildren();
 }
 

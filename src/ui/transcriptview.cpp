@@ -4,6 +4,7 @@
 #include "ui/messagebubble.h"
 #include "ui/scrollcontroller.h"
 #include "ui/theme.h"
+#include "ui/transcriptaccessible.h"
 
 #include <QAbstractButton>
 #include <QEvent>
@@ -119,6 +120,7 @@ TranscriptArea::TranscriptArea(ChatViewModel *chat, ScrollController *scroll, QW
     , m_scroll(scroll)
     , m_error(new QLabel(viewport()))
 {
+    installTranscriptAccessibility();
     setFrameShape(QFrame::NoFrame);
     setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     setVerticalScrollBarPolicy(Qt::ScrollBarAsNeeded);

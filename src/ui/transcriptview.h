@@ -33,6 +33,7 @@ public:
     static constexpr int errorPadding = 12;
     static constexpr int anchorHeight = 1;
 
+    ChatViewModel *chat() const { return m_chat; }
     qsizetype messageCount() const { return qsizetype(m_rows.size()); }
     // The bubble of message index, or null while it is not built (far from the visible area).
     MessageBubble *bubbleAt(qsizetype index) const;

@@ -251,9 +251,10 @@ void LoopbackServer::sendPieces(QTcpSocket *socket, LoopbackResponse response, i
             return;
         }
         const LoopbackResponse::Piece &piece = response.pieces.at(next);
-        if (const int delayMs = piece.delayMs; delayMs > 0) {
-            // Zero the delay so that the piece goes out when the timer fires (piece refers to
-            // the same element, so the delay is read first).
+        if (piece.delayMs > 0) {
+            // Read before zeroing: piece may refer to the very entry that is zeroed.
+            const int delayMs = piece.delayMs;
+            // Zero the delay so that the piece goes out when the timer fires.
             response.pieces[next].delayMs = 0;
             QPointer<QTcpSocket> guard(socket);
             QTimer::singleShot(delayMs, this, [this, guard, response = std::move(response), next]() mutable {

@@ -5,6 +5,9 @@
 #include "storage/providerstore.h"
 #include "ui/composerfield.h"
 #include "ui/contentview.h"
+#include "ui/messagebubble.h"
+#include "ui/scrollcontroller.h"
+#include "ui/transcriptview.h"
 
 #include <QAbstractItemView>
 #include <QComboBox>
@@ -71,6 +74,8 @@ private slots:
     void turn_createsConversationStreamsAndStops();
     void returnWithBlankText_changesNothing_data();
     void returnWithBlankText_changesNothing();
+    void composer_growsFromOneToSixLines_data();
+    void composer_growsFromOneToSixLines();
     void tokenTotal_data();
     void tokenTotal();
     void renameAndDelete_fromRowMenu();
@@ -332,7 +337,9 @@ void tst_ContentView::returnWithBlankText_changesNothing()
     editor->setPlainText(text);
     QVERIFY(!find<QToolButton>(view, "sendButton")->isEnabled());
 
+    QVERIFY(!view->scroll()->contentChangeInProgress());
     QTest::keyClick(editor, Qt::Key_Return);
+    QVERIFY(view->scroll()->contentChangeInProgress()); // the send still began and scrolled
     QVERIFY(!view->chat()->isStreaming());
     QVERIFY(view->chat()->messages().isEmpty());
     QCOMPARE(view->chat()->errorText(), std::nullopt);
@@ -347,27 +354,60 @@ void tst_ContentView::returnWithBlankText_changesNothing()
     QVERIFY(view->chat()->messages().isEmpty());
 }
 
+void tst_ContentView::composer_growsFromOneToSixLines_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<int>("lines");
+    QTest::newRow("empty") << u""_s << 1;
+    QTest::newRow("three lines") << u"a\nb\nc"_s << 3;
+    QTest::newRow("one long line wraps") << u"word "_s.repeated(12) << -1; // 2 or more, by the font
+    QTest::newRow("more than six") << u"a\n"_s.repeated(10) << 6;
+}
+
+void tst_ContentView::composer_growsFromOneToSixLines()
+{
+    QFETCH(QString, text);
+    QFETCH(int, lines);
+    ComposerField field;
+    field.resize(300, field.height());
+    field.show();
+    const int oneLine = field.height();
+    field.setText(text);
+    if (lines < 0) {
+        QVERIFY(field.visibleLines() >= 2 && field.visibleLines() < 6);
+        lines = field.visibleLines();
+    }
+    QCOMPARE(field.visibleLines(), lines);
+    QCOMPARE(field.height() - oneLine, (lines - 1) * field.editor()->fontMetrics().lineSpacing());
+}
+
 void tst_ContentView::tokenTotal_data()
 {
     QTest::addColumn<QList<ChatMessage>>("messages");
     QTest::addColumn<QString>("shown");
+    QTest::addColumn<QString>("lastBubble"); // the usage part of the last message's header
     const ChatMessage plain(ChatRole::user, u"hi"_s);
     constexpr qint64 max = std::numeric_limits<qint64>::max();
 
-    QTest::newRow("no usage") << QList{plain} << u""_s;
-    QTest::newRow("a reported total of 0 adds nothing") << QList{reply({}, {}, 0)} << u""_s;
-    QTest::newRow("prompt only") << QList{plain, reply(5, {}, {})} << u"5 tokens"_s;
-    QTest::newRow("prompt plus completion") << QList{reply(10, 5, {})} << u"15 tokens"_s;
-    QTest::newRow("the reported total wins") << QList{reply(10, 5, 100)} << u"100 tokens"_s;
-    QTest::newRow("a negative total counts") << QList{reply({}, {}, 30), reply({}, {}, -10)} << u"20 tokens"_s;
-    QTest::newRow("sum below 1 shows nothing") << QList{reply({}, {}, 5), reply({}, {}, -5)} << u""_s;
-    QTest::newRow("overflow saturates") << QList{reply({}, {}, max), reply(max, max, {})} << u"%1 tokens"_s.arg(max);
+    QTest::newRow("no usage") << QList{plain} << u""_s << u""_s;
+    QTest::newRow("a reported total of 0 adds nothing") << QList{reply({}, {}, 0)} << u""_s << u"· 0 tokens"_s;
+    QTest::newRow("prompt only") << QList{plain, reply(5, {}, {})} << u"5 tokens"_s << u"· 5 tokens"_s;
+    QTest::newRow("prompt plus completion") << QList{reply(10, 5, {})} << u"15 tokens"_s << u"· 10↑ 5↓ · 15 tokens"_s;
+    QTest::newRow("the reported total wins")
+        << QList{reply(10, 5, 100)} << u"100 tokens"_s << u"· 10↑ 5↓ · 100 tokens"_s;
+    QTest::newRow("a negative total counts")
+        << QList{reply({}, {}, 30), reply({}, {}, -10)} << u"20 tokens"_s << u"· -10 tokens"_s;
+    QTest::newRow("sum below 1 shows nothing")
+        << QList{reply({}, {}, 5), reply({}, {}, -5)} << u""_s << u"· -5 tokens"_s;
+    QTest::newRow("overflow saturates") << QList{reply({}, {}, max), reply(max, max, {})} << u"%1 tokens"_s.arg(max)
+                                        << u"· %1↑ %1↓ · %1 tokens"_s.arg(max);
 }
 
 void tst_ContentView::tokenTotal()
 {
     QFETCH(QList<ChatMessage>, messages);
     QFETCH(QString, shown);
+    QFETCH(QString, lastBubble);
     addProvider(u"Mock"_s);
     const Conversation c = m_chats->newChat(std::nullopt);
     m_chats->updateMessages(c.id, messages);
@@ -375,6 +415,12 @@ void tst_ContentView::tokenTotal()
     auto *label = find<QLabel>(view, "tokenTotal");
     QCOMPARE(label->text(), shown);
     QCOMPARE(label->isVisible(), !shown.isEmpty());
+
+    // The header and the bubbles count by different rules; both come from the same messages.
+    auto *transcript = view->findChild<TranscriptView *>();
+    QTRY_VERIFY(transcript->area()->bubbleAt(messages.size() - 1));
+    QLabel *usage = transcript->area()->bubbleAt(messages.size() - 1)->usageLabel();
+    QCOMPARE(usage->isVisible() ? usage->text() : QString(), lastBubble);
 }
 
 void tst_ContentView::renameAndDelete_fromRowMenu()
@@ -491,6 +537,7 @@ void tst_ContentView::twoWindows_shareSelectionAndSeeEachOthersTurns()
                       leftList->visualRect(leftList->model()->index(1, 0)).center());
     QCOMPARE(m_chats->selectedID(), a.id);
     QVERIFY(!right->chat()->isStreaming());
+    QTRY_COMPARE(left->focusWidget(), find<QPlainTextEdit>(left, "composer")); // ready to type
     QCOMPARE(rightList->currentIndex().data(Qt::DisplayRole).toString(), a.title);
     QVERIFY(right->chat()->messages().isEmpty());
 

@@ -1,0 +1,318 @@
+// The transcript while a long reply streams in, and with long conversations: the 20,000-token
+// reply streamed over loopback in pieces of about four characters, one transcript update per
+// 50 ms of a simulated clock (five pieces), each update laid out and painted at once; a
+// conversation of 1,000 messages opened; a window of 200 messages resized. The naive Qt
+// transcript (QTextDocument::setMarkdown of the whole reply, laid out and painted at every
+// update) is measured in the same run on the same updates.
+#include "chat/chatviewmodel.h"
+#include "harness.h"
+#include "mockprovider.h"
+#include "render/markdowntext.h"
+#include "render/syntaxhighlighter.h"
+#include "ui/scrollcontroller.h"
+#include "ui/transcriptview.h"
+
+#include <QAbstractTextDocumentLayout>
+#include <QApplication>
+#include <QEventLoop>
+#include <QFile>
+#include <QImage>
+#include <QPainter>
+#include <QScrollBar>
+#include <QTextDocument>
+#include <QThread>
+
+#include <cstdio>
+#include <ctime>
+#include <malloc.h>
+#include <vector>
+
+namespace {
+
+constexpr int viewWidth = 760;
+constexpr int viewHeight = 900;
+// Seconds of the simulated clock per streamed piece: 100 pieces a second.
+constexpr double pieceSeconds = 0.01;
+// The naive transcript is measured on every sampleStride-th update (and scaled up) and on the
+// last lastCount updates: all of them would take minutes.
+constexpr std::size_t sampleStride = 40;
+constexpr std::size_t lastCount = 20;
+
+double threadCpuSeconds()
+{
+    timespec ts{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return double(ts.tv_sec) + double(ts.tv_nsec) / 1e9;
+}
+
+double residentMegabytes()
+{
+    QFile status(QStringLiteral("/proc/self/status"));
+    if (!status.open(QIODevice::ReadOnly))
+        return 0;
+    for (const QByteArray &line : status.readAll().split('\n')) {
+        if (line.startsWith("VmRSS:"))
+            return line.mid(6).trimmed().split(' ').value(0).toDouble() / 1024.0;
+    }
+    return 0;
+}
+
+void settle()
+{
+    for (int i = 0; i < 3; ++i)
+        QCoreApplication::processEvents();
+}
+
+struct StreamFigures
+{
+    std::vector<double> updateMs; // transcript update plus paint, per update
+    std::vector<QString> sampled; // the reply's text at every sampleStride-th update
+    std::vector<QString> last;    // ... and at the last lastCount updates
+    double mainCpu = 0;
+    double rssBefore = 0;
+    double rssAfter = 0;
+    double rssAfterTrim = 0; // ... once the allocator has returned freed memory
+    qsizetype replyLength = 0;
+};
+
+StreamFigures streamReply(const Provider &provider, bool keepPrefixes)
+{
+    ChatViewModel chat;
+    double now = 1000;
+    chat.setClock([&] { return std::exchange(now, now + pieceSeconds); });
+    Conversation conversation;
+    conversation.id = QUuid::createUuid();
+    chat.activate(conversation);
+
+    StreamFigures figures;
+    QElapsedTimer timer;
+    // Connected before the transcript exists, so it runs before the transcript's own handler.
+    QObject::connect(&chat, &ChatViewModel::messageChanged, &chat, [&] { timer.start(); });
+    ScrollController scroll;
+    TranscriptView view(&chat, &scroll);
+    view.resize(viewWidth, viewHeight);
+    view.show();
+    settle();
+    QObject::connect(&chat, &ChatViewModel::messageChanged, &chat, [&](qsizetype index) {
+        // Every update is painted before the next one, as the window's repaint would paint it:
+        // what the update marked dirty, nothing skipped or merged.
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::UpdateRequest);
+        figures.updateMs.push_back(double(timer.nsecsElapsed()) / 1e6);
+        if (keepPrefixes) {
+            const QString &text = chat.messages().at(index).content;
+            if ((figures.updateMs.size() - 1) % sampleStride == 0)
+                figures.sampled.push_back(text);
+            figures.last.push_back(text);
+            if (figures.last.size() > lastCount)
+                figures.last.erase(figures.last.begin());
+        }
+    });
+    QEventLoop loop;
+    chat.setOnStreamEnd([&] {
+        if (!chat.isStreaming())
+            loop.quit();
+    });
+
+    figures.rssBefore = residentMegabytes();
+    const double cpuStart = threadCpuSeconds();
+    chat.setInput(QStringLiteral("Write the long answer."));
+    chat.send(provider);
+    loop.exec();
+    figures.mainCpu = threadCpuSeconds() - cpuStart;
+    settle();
+    figures.rssAfter = residentMegabytes();
+    // What the allocator keeps of freed memory is resident too, but not held by the transcript.
+    malloc_trim(0);
+    figures.rssAfterTrim = residentMegabytes();
+    figures.replyLength = chat.messages().last().content.size();
+    return figures;
+}
+
+// The naive transcript: the whole reply through QTextDocument at every update, laid out at the
+// bubble's width and the visible bottom of it painted.
+double naiveUpdateMs(const QString &text)
+{
+    QElapsedTimer timer;
+    timer.start();
+    QTextDocument document;
+    document.setMarkdown(text);
+    document.setTextWidth(viewWidth - 100);
+    const qreal height = document.size().height();
+    QImage image(viewWidth, viewHeight, QImage::Format_ARGB32_Premultiplied);
+    image.fill(Qt::white);
+    QPainter painter(&image);
+    const qreal top = std::max<qreal>(0, height - viewHeight);
+    painter.translate(0, -top);
+    document.drawContents(&painter, QRectF(0, top, viewWidth, viewHeight));
+    return double(timer.nsecsElapsed()) / 1e6;
+}
+
+QList<ChatMessage> makeHistory(int count)
+{
+    QList<ChatMessage> messages;
+    messages.reserve(count);
+    for (int i = 0; i < count; ++i) {
+        if (i % 2 == 0) {
+            messages.append(
+                ChatMessage(ChatRole::user, QStringLiteral("Question %1: how does *this* part work?").arg(i)));
+            continue;
+        }
+        QString text =
+            QStringLiteral("## Answer %1\n\nIt works like **this**: the `layout` is cached per width, and "
+                           "only [what changed](https://example.com/%1) is drawn again. Größer, café, 日本語.\n\n"
+                           "- first point of the answer\n- second point, a little longer than the first\n\n")
+                .arg(i);
+        if (i % 3 == 1)
+            text += QStringLiteral("```python\ndef answer(x):\n    # the reply's own code\n    return x * %1\n```\n")
+                        .arg(i);
+        if (i % 5 == 1)
+            text += QStringLiteral("\n| Key | Value |\n|---|---|\n| a | %1 |\n| b | two |\n").arg(i);
+        messages.append(ChatMessage(ChatRole::assistant, text, TokenUsage{120, 340, 460}));
+    }
+    return messages;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    QApplication app(argc, argv);
+
+    QFile file(Bench::dataDir() + QStringLiteral("/reply-20k-tokens.md"));
+    if (!file.open(QIODevice::ReadOnly)) {
+        std::fprintf(stderr, "bench_transcript: cannot read %s\n", qPrintable(file.fileName()));
+        return 1;
+    }
+    MockProviderOptions options;
+    options.reply = QString::fromUtf8(file.readAll());
+
+    QThread providerThread;
+    auto *mock = new MockProvider;
+    mock->setOptions(options);
+    mock->moveToThread(&providerThread);
+    QObject::connect(&providerThread, &QThread::finished, mock, &QObject::deleteLater);
+    providerThread.start();
+    bool listening = false;
+    QMetaObject::invokeMethod(
+        mock, [&] { listening = mock->listen(); }, Qt::BlockingQueuedConnection);
+    if (!listening) {
+        std::fprintf(stderr, "bench_transcript: the provider cannot listen\n");
+        return 1;
+    }
+    Provider provider;
+    provider.id = QUuid::createUuid();
+    provider.name = QStringLiteral("Mock");
+    provider.baseURL = mock->baseURL();
+    provider.model = QStringLiteral("mock-small");
+    provider.apiKey = QStringLiteral("sk-bench");
+
+    int status = 0;
+    // The first turn ever also pays for loading fonts and filling glyph caches once per process.
+    const StreamFigures cold = streamReply(provider, false);
+    // The memory figure: a turn in a process that has drawn text before.
+    malloc_trim(0);
+    const StreamFigures first = streamReply(provider, false);
+    std::vector<double> lastUpdates, wholeCpu;
+    StreamFigures sampled;
+    for (int run = 0; run < 5; ++run) {
+        StreamFigures f = streamReply(provider, run == 4);
+        if (f.replyLength != options.reply.size()) {
+            std::fprintf(stderr, "bench_transcript: the reply arrived incomplete\n");
+            status = 1;
+        }
+        const std::size_t n = f.updateMs.size();
+        for (std::size_t i = n > lastCount ? n - lastCount : 0; i < n; ++i)
+            lastUpdates.push_back(f.updateMs[i]);
+        wholeCpu.push_back(f.mainCpu);
+        if (run == 4)
+            sampled = std::move(f);
+    }
+    const double rssAfterRuns = residentMegabytes();
+
+    Bench::report("stream: updates per reply", double(first.updateMs.size()), "updates");
+    Bench::report("stream: one update at the end (median)", Bench::median(lastUpdates), "ms");
+    Bench::report("stream: CPU for the whole reply (median)", Bench::median(wholeCpu) * 1000, "ms");
+    Bench::report("stream: resident memory before", first.rssBefore, "MB");
+    Bench::report("stream: resident memory after", first.rssAfter, "MB");
+    Bench::report("stream: resident memory growth", first.rssAfter - first.rssBefore, "MB");
+    Bench::report("stream: growth, freed heap returned", first.rssAfterTrim - first.rssBefore, "MB");
+    Bench::report("stream: growth, first turn of the process", cold.rssAfter - cold.rssBefore, "MB");
+    Bench::report("stream: resident memory after 6 replies", rssAfterRuns, "MB");
+
+    std::vector<double> naiveLast;
+    for (const QString &text : sampled.last)
+        naiveLast.push_back(naiveUpdateMs(text));
+    const double naiveStart = threadCpuSeconds();
+    for (const QString &text : sampled.sampled)
+        naiveUpdateMs(text);
+    const double naiveCpu = (threadCpuSeconds() - naiveStart) * double(sampleStride);
+    Bench::report("naive: one update at the end (median)", Bench::median(naiveLast), "ms");
+    Bench::report("naive: CPU for the whole reply (sampled, scaled)", naiveCpu * 1000, "ms");
+
+    // Opening a long conversation: from activation to the first painted frame.
+    for (int count : {1000, 200}) {
+        Conversation conversation;
+        conversation.id = QUuid::createUuid();
+        conversation.messages = makeHistory(count);
+        std::vector<double> open;
+        for (int run = 0; run < 7; ++run) {
+            MarkdownText::clearCache();
+            SyntaxHighlighter::clearCache();
+            QElapsedTimer timer;
+            timer.start();
+            ChatViewModel chat;
+            ScrollController scroll;
+            chat.activate(conversation);
+            TranscriptView view(&chat, &scroll);
+            view.resize(viewWidth, viewHeight);
+            view.show();
+            const QImage frame = view.grab().toImage();
+            open.push_back(double(timer.nsecsElapsed()) / 1e6);
+            if (frame.isNull())
+                status = 1;
+        }
+        const QByteArray name = QByteArray("open: first paint, ") + QByteArray::number(count) + " messages (median)";
+        Bench::report(name.constData(), Bench::median(open), "ms");
+    }
+
+    // A window of 200 messages resized, at its end and in its middle.
+    {
+        Conversation conversation;
+        conversation.id = QUuid::createUuid();
+        conversation.messages = makeHistory(200);
+        ChatViewModel chat;
+        ScrollController scroll;
+        chat.activate(conversation);
+        TranscriptView view(&chat, &scroll);
+        view.resize(viewWidth, viewHeight);
+        view.show();
+        settle();
+        for (bool middle : {false, true}) {
+            if (middle)
+                view.area()->verticalScrollBar()->setValue(view.area()->verticalScrollBar()->maximum() / 2);
+            settle();
+            int width = viewWidth;
+            std::vector<double> layoutOnly, withPaint;
+            for (int run = 0; run < 15; ++run) {
+                width = width == viewWidth ? viewWidth - 140 : viewWidth;
+                QElapsedTimer timer;
+                timer.start();
+                view.resize(width, viewHeight);
+                layoutOnly.push_back(double(timer.nsecsElapsed()) / 1e6);
+                view.repaint();
+                withPaint.push_back(double(timer.nsecsElapsed()) / 1e6);
+            }
+            Bench::report(middle ? "resize: 200 messages, middle, relayout" : "resize: 200 messages, end, relayout",
+                          Bench::median(layoutOnly), "ms");
+            Bench::report(middle ? "resize: 200 messages, middle, relayout+paint"
+                                 : "resize: 200 messages, end, relayout+paint",
+                          Bench::median(withPaint), "ms");
+        }
+    }
+
+    providerThread.quit();
+    providerThread.wait();
+    return status;
+}

@@ -1,0 +1,249 @@
+#include "chat/chatviewmodel.h"
+#include "loopbackserver.h"
+#include "ui/messagebubble.h"
+#include "ui/scrollcontroller.h"
+#include "ui/transcriptview.h"
+
+#include <QAbstractButton>
+#include <QAccessible>
+#include <QLabel>
+#include <QScreen>
+#include <QScrollBar>
+#include <QTest>
+
+namespace {
+
+QByteArray deltaEvent(const QString &text)
+{
+    QString escaped = text;
+    escaped.replace(QLatin1Char('\\'), QLatin1String("\\\\")).replace(QLatin1Char('\n'), QLatin1String("\\n"));
+    return "data: {\"choices\":[{\"delta\":{\"content\":\"" + escaped.toUtf8() + "\"}}]}\n\n";
+}
+
+QString paragraph(int i)
+{
+    return QStringLiteral("Paragraph %1 of the reply, long enough to wrap over a few lines in a narrow window, "
+                          "so the transcript grows by a good step with every update.\n\n")
+        .arg(i);
+}
+
+} // namespace
+
+// A window's transcript with its controller wired as the main window wires them, against a
+// provider on loopback.
+class tst_TranscriptView : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+    void opensLazilyAndListsEveryMessage();
+    void followsUntilTheUserScrollsAway();
+    void tallUpdatesDoNotDetach();
+    void errorLineFollowsTheMessages();
+    void streamedPaintMatchesAFreshPaint_data();
+    void streamedPaintMatchesAFreshPaint();
+
+private:
+    // Starts a turn whose reply arrives as these pieces, delayMs apart.
+    void send(const QList<QByteArray> &pieces, int delayMs);
+    QScrollBar *bar() const { return m_view->area()->verticalScrollBar(); }
+    bool atEnd() const { return bar()->value() == bar()->maximum(); }
+    // While a reply streams faster than the scroll eases, the view trails the end slightly.
+    bool nearEnd() const { return bar()->maximum() - bar()->value() < 150; }
+
+    std::unique_ptr<LoopbackServer> m_server;
+    std::unique_ptr<ChatViewModel> m_chat;
+    std::unique_ptr<ScrollController> m_scroll;
+    std::unique_ptr<TranscriptView> m_view;
+    double m_now = 0;
+};
+
+void tst_TranscriptView::init()
+{
+    m_server = std::make_unique<LoopbackServer>();
+    QVERIFY(m_server->listen());
+    m_chat = std::make_unique<ChatViewModel>();
+    // Every fragment reaches the transcript: each clock reading is a flush interval later.
+    m_chat->setClock([this] { return m_now += 1; });
+    m_scroll = std::make_unique<ScrollController>();
+    m_chat->setOnStreamEnd([this] { m_scroll->streamEnded(); });
+    Conversation conversation;
+    conversation.id = QUuid::createUuid();
+    m_chat->activate(conversation);
+    m_view = std::make_unique<TranscriptView>(m_chat.get(), m_scroll.get());
+    m_view->resize(480, 400);
+    m_view->show();
+    QVERIFY(QTest::qWaitForWindowExposed(m_view.get()));
+}
+
+void tst_TranscriptView::cleanup()
+{
+    m_view.reset();
+    m_chat.reset();
+    m_scroll.reset();
+    m_server.reset();
+}
+
+void tst_TranscriptView::send(const QList<QByteArray> &pieces, int delayMs)
+{
+    QList<QByteArray> all = pieces;
+    all.append("data: [DONE]\n\n");
+    m_server->setResponse(LoopbackResponse::eventStream(all, delayMs));
+    Provider provider;
+    provider.id = QUuid::createUuid();
+    provider.name = QStringLiteral("Loopback");
+    provider.baseURL = m_server->url(QStringLiteral("/v1")).toString();
+    provider.model = QStringLiteral("m");
+    provider.apiKey = QStringLiteral("sk-test");
+    m_chat->setInput(QStringLiteral("Tell me a long story."));
+    m_scroll->messageSent();
+    m_chat->send(provider);
+    QVERIFY(m_chat->isStreaming());
+}
+
+// A long conversation opens at its end with only the bubbles near it built, and a screen
+// reader still finds every message with its role and text.
+void tst_TranscriptView::opensLazilyAndListsEveryMessage()
+{
+    Conversation conversation;
+    conversation.id = QUuid::createUuid();
+    for (int i = 0; i < 1000; ++i) {
+        conversation.messages.append(
+            ChatMessage(i % 2 ? ChatRole::assistant : ChatRole::user, QStringLiteral("Message **%1**").arg(i)));
+    }
+    m_chat->activate(conversation);
+    TranscriptArea *area = m_view->area();
+    QCOMPARE(area->messageCount(), 1000);
+    QVERIFY(atEnd());
+    QVERIFY(area->bubbleAt(999));
+    QVERIFY(!area->bubbleAt(0));
+    QVERIFY(area->builtBubbleCount() < 40);
+
+    QAccessibleInterface *list = QAccessible::queryAccessibleInterface(area);
+    QVERIFY(list);
+    QCOMPARE(list->role(), QAccessible::List);
+    QCOMPARE(list->childCount(), 1000);
+    for (int i : {0, 500, 999}) {
+        QAccessibleInterface *item = list->child(i);
+        QVERIFY(item);
+        QCOMPARE(item->role(), QAccessible::ListItem);
+        QCOMPARE(item->text(QAccessible::Name), i % 2 ? QStringLiteral("Assistant") : QStringLiteral("You"));
+        QCOMPARE(item->text(QAccessible::Description), QStringLiteral("Message **%1**").arg(i));
+        QCOMPARE(list->indexOfChild(item), i);
+    }
+
+    // Scrolling to the top builds the first bubbles and lets the far ones go.
+    bar()->setValue(0);
+    QVERIFY(area->bubbleAt(0));
+    QVERIFY(!area->bubbleAt(999));
+    QVERIFY(area->builtBubbleCount() < 40);
+}
+
+void tst_TranscriptView::followsUntilTheUserScrollsAway()
+{
+    QList<QByteArray> pieces;
+    for (int i = 0; i < 150; ++i)
+        pieces.append(deltaEvent(paragraph(i)));
+    send(pieces, 30);
+
+    // Following: the reply is kept in view while it grows past the window.
+    QTRY_VERIFY_WITH_TIMEOUT(bar()->maximum() > 600, 5000);
+    QTRY_VERIFY(!m_scroll->contentChangeInProgress());
+    QTRY_VERIFY(nearEnd());
+    QVERIFY(m_scroll->autoScroll());
+    QVERIFY(!m_view->jumpButton()->isVisible());
+
+    // The user scrolls up: the transcript detaches at once and stays where the user left it.
+    bar()->triggerAction(QAbstractSlider::SliderPageStepSub);
+    bar()->triggerAction(QAbstractSlider::SliderPageStepSub);
+    QVERIFY(!m_scroll->autoScroll());
+    QVERIFY(m_view->jumpButton()->isVisible());
+    const int left = bar()->value();
+    const qsizetype length = m_chat->messages().last().content.size();
+    QTRY_VERIFY(m_chat->messages().last().content.size() > length + 300);
+    QCOMPARE(bar()->value(), left);
+
+    // Back at the end while streaming is not enough; the jump button is.
+    bar()->triggerAction(QAbstractSlider::SliderToMaximum);
+    QVERIFY(!m_scroll->autoScroll());
+    QTest::mouseClick(m_view->jumpButton(), Qt::LeftButton);
+    QVERIFY(m_scroll->autoScroll());
+    QTRY_VERIFY(nearEnd());
+
+    QTRY_VERIFY_WITH_TIMEOUT(!m_chat->isStreaming(), 10000);
+    QTRY_VERIFY(atEnd());
+    QVERIFY(m_scroll->autoScroll());
+}
+
+// Updates taller than the near threshold are followed: the growth is scrolled to before its
+// own geometry is reported.
+void tst_TranscriptView::tallUpdatesDoNotDetach()
+{
+    QList<QByteArray> pieces;
+    for (int i = 0; i < 12; ++i)
+        pieces.append(deltaEvent(paragraph(3 * i) + paragraph(3 * i + 1) + paragraph(3 * i + 2)));
+    bool detached = false;
+    connect(m_scroll.get(), &ScrollController::autoScrollChanged, this,
+            [&] { detached = detached || !m_scroll->autoScroll(); });
+    send(pieces, 60);
+    QTRY_VERIFY_WITH_TIMEOUT(!m_chat->isStreaming(), 10000);
+    QVERIFY(bar()->maximum() > 1000);
+    QVERIFY(!detached);
+    QTRY_VERIFY(atEnd());
+}
+
+void tst_TranscriptView::errorLineFollowsTheMessages()
+{
+    TranscriptArea *area = m_view->area();
+    const int before = area->anchorBottom();
+    m_chat->setInput(QStringLiteral("hi"));
+    m_chat->send(std::nullopt);
+    QLabel *error = area->errorLabel();
+    QVERIFY(error->isVisible());
+    QCOMPARE(error->text(), ChatViewModel::noProviderText());
+    QVERIFY(area->anchorBottom() > before + error->height());
+    QCOMPARE(error->x(), TranscriptArea::errorPadding);
+}
+
+// What the window shows after many in-place updates is what a fresh paint of the same state
+// shows: partial repaints leave nothing stale behind.
+void tst_TranscriptView::streamedPaintMatchesAFreshPaint_data()
+{
+    QTest::addColumn<int>("chunk");
+    QTest::addColumn<int>("width");
+    for (int chunk : {1, 4, 7, 23}) {
+        for (int width : {360, 520})
+            QTest::addRow("%d characters at a time, %d wide", chunk, width) << chunk << width;
+    }
+}
+
+void tst_TranscriptView::streamedPaintMatchesAFreshPaint()
+{
+    QFETCH(int, chunk);
+    QFETCH(int, width);
+    const QString reply = QStringLiteral(
+        "# Title\n\nSome *text* that wraps around the narrow window more than once, with `code` and **bold "
+        "words** closing late.\n\n> a quote that is long enough to wrap in the narrow window\n\n"
+        "```python\ndef f(x):\n    return x + 1  # and a comment that runs far beyond the right edge of it\n```\n\n"
+        "| a | b |\n|---|---|\n| 1 | 2 |\n| longer cell | 3 |\n\n- one\n- two\n\n9. nine\n10. ten\n");
+    QList<QByteArray> pieces;
+    for (qsizetype i = 0; i < reply.size(); i += chunk)
+        pieces.append(deltaEvent(reply.mid(i, chunk)));
+    // Tall enough that nothing scrolls: every pixel shown was painted by an in-place update.
+    m_view->resize(width, 1000);
+    send(pieces, 1);
+    QTRY_VERIFY_WITH_TIMEOUT(!m_chat->isStreaming(), 10000);
+    QTRY_VERIFY(atEnd());
+    QTest::qWait(400);
+
+    QScreen *screen = m_view->screen();
+    const QImage shown = screen->grabWindow(m_view->winId()).toImage().convertToFormat(QImage::Format_RGB32);
+    const QImage fresh = m_view->grab().toImage().convertToFormat(QImage::Format_RGB32);
+    QCOMPARE(shown.size(), fresh.size());
+    QVERIFY(shown == fresh);
+}
+
+QTEST_MAIN(tst_TranscriptView)
+#include "tst_transcriptview.moc"
