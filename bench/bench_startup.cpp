@@ -18,6 +18,7 @@
 #include <QDir>
 #include <QEventLoop>
 #include <QFile>
+#include <QIcon>
 #include <QMainWindow>
 #include <QPointer>
 #include <QProcess>
@@ -99,6 +100,10 @@ int childEmptyQt(int argc, char **argv)
 int childVerbolt(int argc, char **argv)
 {
     QApplication app(argc, argv);
+    QApplication::setOrganizationName(u"Verbolt"_s);
+    QApplication::setApplicationName(u"Verbolt"_s);
+    QGuiApplication::setDesktopFileName(u"org.verbolt.Verbolt"_s);
+    QApplication::setWindowIcon(QIcon(QStringLiteral(VERBOLT_APP_ICON)));
     QApplication::setQuitOnLastWindowClosed(false);
     VerboltApp verbolt;
     MainWindow *window = verbolt.newWindow();
