@@ -141,8 +141,8 @@ SettingsView::SettingsView(ProviderStore *store, ConversationStore *chats, QWidg
     auto *bar = new QHBoxLayout;
     bar->setContentsMargins(8, 8, 8, 8);
     bar->setSpacing(10);
-    auto *exportButton = new QPushButton(u"Export Config…"_s, this);
-    exportButton->setObjectName(u"exportConfig"_s);
+    m_exportButton = new QPushButton(u"Export Config…"_s, this);
+    m_exportButton->setObjectName(u"exportConfig"_s);
     auto *importButton = new QPushButton(u"Import Config…"_s, this);
     importButton->setObjectName(u"importConfig"_s);
     m_note = new QLabel(this);
@@ -151,7 +151,7 @@ SettingsView::SettingsView(ProviderStore *store, ConversationStore *chats, QWidg
     m_note->setTextFormat(Qt::PlainText);
     m_note->setMinimumWidth(1); // a long failure text is cut, never widens the window
     m_note->hide();
-    bar->addWidget(exportButton);
+    bar->addWidget(m_exportButton);
     bar->addWidget(importButton);
     bar->addWidget(m_note, 1);
     bar->addStretch(0);
@@ -172,7 +172,7 @@ SettingsView::SettingsView(ProviderStore *store, ConversationStore *chats, QWidg
         setSelection(item ? std::optional<QUuid>(item->data(idRole).toUuid()) : std::nullopt);
     });
     connect(m_removeButton, &QToolButton::clicked, this, &SettingsView::removeSelected);
-    connect(exportButton, &QPushButton::clicked, this, &SettingsView::exportConfig);
+    connect(m_exportButton, &QPushButton::clicked, this, &SettingsView::exportConfig);
     connect(importButton, &QPushButton::clicked, this, &SettingsView::importConfig);
     connect(m_store, &ProviderStore::providersChanged, this, [this] {
         rebuildList();
@@ -312,6 +312,19 @@ void SettingsView::updateDetail()
         m_editor = new ProviderEditor(m_store, *m_selection, m_detail);
         m_editor->setObjectName(u"providerEditor"_s);
         m_detail->addWidget(m_editor);
+        // A new form joins the end of the focus chain; Tab should reach it between the list's
+        // buttons and the backup bar, as it reads on screen.
+        QList<QWidget *> form;
+        for (QWidget *w = m_editor->nextInFocusChain(); m_editor->isAncestorOf(w); w = w->nextInFocusChain()) {
+            if (w->focusPolicy() != Qt::NoFocus)
+                form.append(w);
+        }
+        QWidget *previous = m_removeButton;
+        for (QWidget *w : std::as_const(form)) {
+            setTabOrder(previous, w);
+            previous = w;
+        }
+        setTabOrder(previous, m_exportButton);
     }
     m_detail->setCurrentWidget(m_editor);
 }

@@ -78,6 +78,7 @@ private:
     QListWidget *m_list;
     QToolButton *m_addButton;
     QToolButton *m_removeButton;
+    QPushButton *m_exportButton;
     QStackedWidget *m_detail;
     QWidget *m_emptyState;
     QLabel *m_emptyIcon;

@@ -79,6 +79,7 @@ private slots:
     void appearance_seedsSelectionFromStore_data();
     void appearance_seedsSelectionFromStore();
     void editorFollowsSelection_andWarningFollowsSavedKey();
+    void keyboardReachesEveryControlInOrder();
     void backup_data();
     void backup();
 
@@ -238,6 +239,38 @@ void tst_SettingsView::editorFollowsSelection_andWarningFollowsSavedKey()
     s.list()->setCurrentRow(1);
     QVERIFY(s.view->editor() != first.data());
     QCOMPARE(s.view->editor()->providerID(), blankKey.id);
+}
+
+// Tab walks the window as it reads: list, its buttons, the form, then the backup bar; also for
+// a form made after the window was built.
+void tst_SettingsView::keyboardReachesEveryControlInOrder()
+{
+    Settings s;
+    s.store.add(provider(u"A"_s));
+    s.show();
+    const auto tabOrder = [&s] {
+        QStringList order;
+        QWidget *w = s.list();
+        do {
+            if (w->isVisible() && (w->focusPolicy() & Qt::TabFocus)) {
+                const auto *button = qobject_cast<QAbstractButton *>(w);
+                order.append(!w->accessibleName().isEmpty() ? w->accessibleName()
+                             : button                       ? button->text()
+                                                            : QString::fromLatin1(w->metaObject()->className()));
+            }
+            w = w->nextInFocusChain();
+        } while (w != s.list() && order.size() < 40);
+        return order;
+    };
+    const QStringList expected = {
+        u"Providers"_s, u"Add provider"_s,   u"Remove provider"_s, u"Name"_s,       u"Type"_s,
+        u"Base URL"_s,  u"Model"_s,          u"Fetch models"_s,    u"Choose (2)"_s, u"API key"_s,
+        u"Save"_s,      u"Export Config…"_s, u"Import Config…"_s};
+    QCOMPARE(tabOrder(), expected);
+    s.addPreset(0);
+    QStringList withoutMenu = expected;
+    withoutMenu.removeAll(u"Choose (2)"_s);
+    QCOMPARE(tabOrder(), withoutMenu);
 }
 
 void tst_SettingsView::backup_data()
