@@ -9,7 +9,7 @@
 
 int main(int argc, char *argv[])
 {
-    disableCoreDumps();
+    Shell::disableCoreDumps();
 
     QApplication app(argc, argv);
     QApplication::setOrganizationName(QStringLiteral("Verbolt"));

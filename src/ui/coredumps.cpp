@@ -3,6 +3,8 @@
 #include <sys/prctl.h>
 #include <sys/resource.h>
 
+namespace Shell {
+
 void disableCoreDumps()
 {
     // No core file for the kernel to write, and no attaching or reading /proc/<pid>/mem by
@@ -11,3 +13,5 @@ void disableCoreDumps()
     const rlimit none{0, 0};
     setrlimit(RLIMIT_CORE, &none);
 }
+
+} // namespace Shell
