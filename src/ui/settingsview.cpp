@@ -151,6 +151,9 @@ SettingsView::SettingsView(ProviderStore *store, ConversationStore *chats, QWidg
     m_note->setTextFormat(Qt::PlainText);
     m_note->setMinimumWidth(1); // a long failure text is cut, never widens the window
     m_note->hide();
+    // Return belongs to the form's "Save", never to a file dialog.
+    for (QPushButton *button : {m_exportButton, importButton})
+        button->setAutoDefault(false);
     bar->addWidget(m_exportButton);
     bar->addWidget(importButton);
     bar->addWidget(m_note, 1);

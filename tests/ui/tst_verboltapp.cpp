@@ -68,6 +68,7 @@ private slots:
     void shortcuts_data();
     void shortcuts();
     void settingsWindow_isOneFixedWindow();
+    void settingsWindow_returnSavesTheFormOnly();
     void lastMainWindowClosing_endsProgramEvenWithSettingsOpen();
     void twoWindows_shareStoresAndFollowEachOthersTurns();
     void unreadableFile_namedInBarUntilDismissed_data();
@@ -218,6 +219,29 @@ void tst_VerboltApp::settingsWindow_isOneFixedWindow()
     QCOMPARE(app.settingsView(), settings);
     QVERIFY(settings->isVisible());
     QCOMPARE(window->size(), QSize(580, 520));
+}
+
+void tst_VerboltApp::settingsWindow_returnSavesTheFormOnly()
+{
+    VerboltApp app;
+    app.newWindow();
+    app.showSettings();
+    StorageTest::ScriptedDialogs dialogs;
+    SettingsView *settings = app.settingsView();
+    settings->setFileDialogs(&dialogs);
+    activate(settings->window());
+    QTest::keyClick(settings->findChild<QWidget *>(u"providers"_s), Qt::Key_Return);
+    QVERIFY(dialogs.saves.isEmpty() && dialogs.opens.isEmpty());
+
+    app.store()->add(StorageTest::provider(u"Before"_s));
+    settings->setSelection(app.store()->providers().first().id);
+    QLineEdit *name = settings->editor()->findChild<QLineEdit *>(u"name"_s);
+    name->setFocus();
+    name->selectAll();
+    QTest::keyClicks(name, u"After"_s);
+    QTest::keyClick(name, Qt::Key_Return);
+    QCOMPARE(app.store()->providers().first().name, u"After"_s);
+    QVERIFY(dialogs.saves.isEmpty() && dialogs.opens.isEmpty());
 }
 
 void tst_VerboltApp::lastMainWindowClosing_endsProgramEvenWithSettingsOpen()
