@@ -1,0 +1,368 @@
+#include "ui/settingsview.h"
+
+#include "storage/configarchive.h"
+#include "storage/conversationstore.h"
+#include "storage/providerstore.h"
+#include "ui/providereditor.h"
+#include "ui/qtfiledialogs.h"
+#include "ui/theme.h"
+
+#include <QEvent>
+#include <QFontInfo>
+#include <QFrame>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QListWidget>
+#include <QMenu>
+#include <QPushButton>
+#include <QShowEvent>
+#include <QSplitter>
+#include <QStackedWidget>
+#include <QStyledItemDelegate>
+#include <QToolButton>
+#include <QVBoxLayout>
+
+#include <algorithm>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr int idRole = Qt::UserRole;
+
+// The warning mark sits at the trailing end of the row, after the name.
+class ProviderRowDelegate final : public QStyledItemDelegate
+{
+public:
+    using QStyledItemDelegate::QStyledItemDelegate;
+
+protected:
+    void initStyleOption(QStyleOptionViewItem *option, const QModelIndex &index) const override
+    {
+        QStyledItemDelegate::initStyleOption(option, index);
+        option->decorationPosition = QStyleOptionViewItem::Right;
+        option->showDecorationSelected = true;
+        option->textElideMode = Qt::ElideRight;
+    }
+    QSize sizeHint(const QStyleOptionViewItem &option, const QModelIndex &index) const override
+    {
+        return QStyledItemDelegate::sizeHint(option, index) + QSize(0, 8);
+    }
+    void paint(QPainter *painter, const QStyleOptionViewItem &option, const QModelIndex &index) const override
+    {
+        // Rows sit inset from the list's edges, as a sidebar's rows do.
+        QStyleOptionViewItem inset = option;
+        inset.rect.adjust(4, 1, -4, -1);
+        QStyledItemDelegate::paint(painter, inset, index);
+    }
+};
+
+QFrame *divider(QWidget *parent)
+{
+    auto *line = new QFrame(parent);
+    line->setFrameShape(QFrame::HLine);
+    line->setFrameShadow(QFrame::Sunken);
+    return line;
+}
+
+} // namespace
+
+SettingsView::SettingsView(ProviderStore *store, ConversationStore *chats, QWidget *parent)
+    : QWidget(parent)
+    , m_store(store)
+    , m_chats(chats)
+    , m_ownDialogs(std::make_unique<QtFileDialogs>(this))
+    , m_dialogs(m_ownDialogs.get())
+{
+    // Sidebar: the list, a divider, then add and remove.
+    auto *sidebar = new QWidget(this);
+    sidebar->setMinimumWidth(180);
+    auto *sidebarLayout = new QVBoxLayout(sidebar);
+    sidebarLayout->setContentsMargins(0, 0, 0, 0);
+    sidebarLayout->setSpacing(0);
+    m_list = new QListWidget(sidebar);
+    m_list->setObjectName(u"providers"_s);
+    m_list->setAccessibleName(u"Providers"_s);
+    m_list->setItemDelegate(new ProviderRowDelegate(m_list));
+    m_list->setFrameShape(QFrame::NoFrame);
+    m_list->setUniformItemSizes(true);
+    m_list->setTextElideMode(Qt::ElideRight);
+    sidebarLayout->addWidget(m_list, 1);
+    sidebarLayout->addWidget(divider(sidebar));
+
+    auto *buttons = new QHBoxLayout;
+    buttons->setContentsMargins(6, 6, 6, 6);
+    buttons->setSpacing(4);
+    m_addButton = new QToolButton(sidebar);
+    m_addButton->setObjectName(u"addProvider"_s);
+    m_addButton->setIcon(Theme::symbolIcon("plus"_L1, Theme::Color::Primary));
+    m_addButton->setAutoRaise(true);
+    m_addButton->setPopupMode(QToolButton::InstantPopup);
+    m_addButton->setToolTip(u"Add provider"_s);
+    m_addButton->setAccessibleName(u"Add provider"_s);
+    auto *presets = new QMenu(m_addButton);
+    for (const Provider &preset : Provider::presets())
+        presets->addAction(preset.name, this, [this, preset] { addPreset(preset); });
+    m_addButton->setMenu(presets);
+    m_removeButton = new QToolButton(sidebar);
+    m_removeButton->setObjectName(u"removeProvider"_s);
+    m_removeButton->setIcon(Theme::symbolIcon("minus"_L1, Theme::Color::Primary));
+    m_removeButton->setAutoRaise(true);
+    m_removeButton->setToolTip(u"Remove provider"_s);
+    m_removeButton->setAccessibleName(u"Remove provider"_s);
+    buttons->addWidget(m_addButton);
+    buttons->addWidget(m_removeButton);
+    buttons->addStretch(1);
+    sidebarLayout->addLayout(buttons);
+
+    // Detail: the editor, or the hint to add one.
+    m_detail = new QStackedWidget(this);
+    m_emptyState = new QWidget(m_detail);
+    auto *emptyLayout = new QVBoxLayout(m_emptyState);
+    emptyLayout->setSpacing(8);
+    emptyLayout->addStretch(1);
+    m_emptyIcon = new QLabel(m_emptyState);
+    m_emptyIcon->setAlignment(Qt::AlignCenter);
+    m_emptyText = new QLabel(u"Add a provider with the + button."_s, m_emptyState);
+    m_emptyText->setAlignment(Qt::AlignCenter);
+    emptyLayout->addWidget(m_emptyIcon);
+    emptyLayout->addWidget(m_emptyText);
+    emptyLayout->addStretch(1);
+    m_detail->addWidget(m_emptyState);
+
+    auto *split = new QSplitter(Qt::Horizontal, this);
+    split->setChildrenCollapsible(false);
+    split->addWidget(sidebar);
+    split->addWidget(m_detail);
+    split->setStretchFactor(1, 1);
+    split->setSizes({220, 360});
+
+    // Backup bar.
+    auto *bar = new QHBoxLayout;
+    bar->setContentsMargins(8, 8, 8, 8);
+    bar->setSpacing(10);
+    m_exportButton = new QPushButton(u"Export Config…"_s, this);
+    m_exportButton->setObjectName(u"exportConfig"_s);
+    auto *importButton = new QPushButton(u"Import Config…"_s, this);
+    importButton->setObjectName(u"importConfig"_s);
+    m_note = new QLabel(this);
+    m_note->setObjectName(u"backupNote"_s);
+    m_note->setFont(Theme::font(Theme::TextStyle::Caption));
+    m_note->setTextFormat(Qt::PlainText);
+    m_note->setMinimumWidth(1); // a long failure text is cut, never widens the window
+    m_note->hide();
+    // Return belongs to the form's "Save", never to a file dialog.
+    for (QPushButton *button : {m_exportButton, importButton})
+        button->setAutoDefault(false);
+    bar->addWidget(m_exportButton);
+    bar->addWidget(importButton);
+    bar->addWidget(m_note, 1);
+    bar->addStretch(0);
+
+    auto *layout = new QVBoxLayout(this);
+    layout->setContentsMargins(0, 0, 0, 0);
+    layout->setSpacing(0);
+    layout->addWidget(split, 1);
+    layout->addWidget(divider(this));
+    layout->addLayout(bar);
+
+    setTabOrder(m_list, m_addButton);
+    setTabOrder(m_addButton, m_removeButton);
+
+    connect(m_list, &QListWidget::currentItemChanged, this, [this](QListWidgetItem *item) {
+        if (m_rebuilding)
+            return;
+        setSelection(item ? std::optional<QUuid>(item->data(idRole).toUuid()) : std::nullopt);
+    });
+    connect(m_removeButton, &QToolButton::clicked, this, &SettingsView::removeSelected);
+    connect(m_exportButton, &QPushButton::clicked, this, &SettingsView::exportConfig);
+    connect(importButton, &QPushButton::clicked, this, &SettingsView::importConfig);
+    connect(m_store, &ProviderStore::providersChanged, this, [this] {
+        rebuildList();
+        updateDetail();
+    });
+
+    applyColours();
+    rebuildList();
+    updateDetail();
+}
+
+SettingsView::~SettingsView() = default;
+
+ProviderEditor *SettingsView::editor() const
+{
+    return m_editor;
+}
+
+void SettingsView::setFileDialogs(FileDialogs *dialogs)
+{
+    m_dialogs = dialogs ? dialogs : m_ownDialogs.get();
+}
+
+void SettingsView::setSelection(const std::optional<QUuid> &selection)
+{
+    if (m_selection == selection)
+        return;
+    m_selection = selection;
+    rebuildList();
+    updateDetail();
+    emit selectionChanged();
+}
+
+void SettingsView::addPreset(const Provider &preset)
+{
+    Provider provider = preset;
+    provider.id = QUuid::createUuid();
+    provider.cachedModels.clear();
+    provider.apiKey.clear();
+    m_store->add(provider);
+    setSelection(provider.id);
+}
+
+void SettingsView::removeSelected()
+{
+    if (!m_selection)
+        return;
+    for (const Provider &p : m_store->providers()) {
+        if (p.id == *m_selection) {
+            m_store->remove(Provider(p));
+            // The first one left, not the neighbour: the list's top is where the eye returns.
+            const QList<Provider> &left = m_store->providers();
+            setSelection(left.isEmpty() ? std::nullopt : std::optional<QUuid>(left.first().id));
+            return;
+        }
+    }
+}
+
+void SettingsView::exportConfig()
+{
+    // A cancelled dialog returns nothing too, and reads as done: nothing was asked of the disk.
+    const std::optional<QString> failure = ConfigArchive::exportConfig(*m_store, *m_chats, *m_dialogs);
+    setBackupNote(failure.value_or(u"Config exported."_s));
+}
+
+void SettingsView::importConfig()
+{
+    const std::optional<QString> failure = ConfigArchive::importConfig(*m_store, *m_chats, *m_dialogs);
+    setBackupNote(failure.value_or(u"Config imported."_s));
+    // Imported providers may have replaced or joined the list; start again from the store's pick.
+    m_selection.reset();
+    seedSelection();
+    rebuildList();
+    updateDetail();
+    emit selectionChanged();
+}
+
+void SettingsView::seedSelection()
+{
+    if (m_selection)
+        return;
+    if (m_store->selectedID())
+        m_selection = m_store->selectedID();
+    else if (!m_store->providers().isEmpty())
+        m_selection = m_store->providers().first().id;
+}
+
+void SettingsView::setBackupNote(const QString &note)
+{
+    m_backupNote = note;
+    m_note->setText(note);
+    m_note->setToolTip(note);
+    m_note->show();
+}
+
+void SettingsView::rebuildList()
+{
+    m_rebuilding = true;
+    m_list->clear();
+    // The same orange mark on a selected row: the style's generated "selected" look would wash it out.
+    const QPixmap mark =
+        Theme::symbolIcon("exclamationmark.triangle.fill"_L1, Theme::color(Theme::Color::Orange, palette()))
+            .pixmap(m_list->iconSize().isValid() ? m_list->iconSize() : QSize(16, 16), devicePixelRatioF());
+    QIcon warning;
+    warning.addPixmap(mark, QIcon::Normal);
+    warning.addPixmap(mark, QIcon::Selected);
+    for (const Provider &p : m_store->providers()) {
+        auto *item = new QListWidgetItem(p.name, m_list);
+        item->setData(idRole, p.id);
+        if (p.apiKey.isEmpty()) {
+            item->setIcon(warning);
+            item->setToolTip(u"No API key"_s);
+            item->setData(Qt::AccessibleDescriptionRole, u"No API key"_s);
+        }
+        if (m_selection && p.id == *m_selection && !m_list->currentItem())
+            m_list->setCurrentItem(item);
+    }
+    m_removeButton->setEnabled(m_selection.has_value());
+    m_rebuilding = false;
+}
+
+void SettingsView::updateDetail()
+{
+    const bool known = m_selection && std::any_of(m_store->providers().cbegin(), m_store->providers().cend(),
+                                                  [this](const Provider &p) { return p.id == *m_selection; });
+    if (!known) {
+        if (m_editor)
+            m_editor->deleteLater();
+        m_editor = nullptr;
+        m_detail->setCurrentWidget(m_emptyState);
+        return;
+    }
+    // A different provider gets a fresh form; the same one keeps what the user is typing.
+    if (!m_editor || m_editor->providerID() != *m_selection) {
+        if (m_editor)
+            m_editor->deleteLater();
+        m_editor = new ProviderEditor(m_store, *m_selection, m_detail);
+        m_editor->setObjectName(u"providerEditor"_s);
+        m_detail->addWidget(m_editor);
+        // A new form joins the end of the focus chain; Tab should reach it between the list's
+        // buttons and the backup bar, as it reads on screen.
+        QList<QWidget *> form;
+        for (QWidget *w = m_editor->nextInFocusChain(); m_editor->isAncestorOf(w); w = w->nextInFocusChain()) {
+            if (w->focusPolicy() != Qt::NoFocus)
+                form.append(w);
+        }
+        QWidget *previous = m_removeButton;
+        for (QWidget *w : std::as_const(form)) {
+            setTabOrder(previous, w);
+            previous = w;
+        }
+        setTabOrder(previous, m_exportButton);
+    }
+    m_detail->setCurrentWidget(m_editor);
+}
+
+void SettingsView::showEvent(QShowEvent *event)
+{
+    if (!event->spontaneous() && !m_selection) {
+        seedSelection();
+        if (m_selection) {
+            rebuildList();
+            updateDetail();
+            emit selectionChanged();
+        }
+    }
+    QWidget::showEvent(event);
+}
+
+void SettingsView::changeEvent(QEvent *event)
+{
+    if (event->type() == QEvent::PaletteChange || event->type() == QEvent::ApplicationPaletteChange) {
+        applyColours();
+        rebuildList();
+    }
+    QWidget::changeEvent(event);
+}
+
+void SettingsView::applyColours()
+{
+    const int iconSize = QFontInfo(Theme::font(Theme::TextStyle::LargeTitle)).pixelSize();
+    m_emptyIcon->setPixmap(Theme::symbolIcon("key.horizontal"_L1, Theme::color(Theme::Color::Secondary, palette()))
+                               .pixmap(iconSize, iconSize));
+    // Read from this view's palette: a label may not have taken the new palette yet.
+    for (QLabel *label : {m_emptyText, m_note}) {
+        QPalette own = label->palette();
+        own.setColor(QPalette::WindowText, Theme::color(Theme::Color::Secondary, palette()));
+        label->setPalette(own);
+    }
+}

@@ -1,0 +1,203 @@
+#include "ui/verboltapp.h"
+
+#include "storage/conversationstore.h"
+#include "storage/providerstore.h"
+#include "ui/contentview.h"
+#include "ui/mainwindow.h"
+#include "ui/settingsview.h"
+
+#include <QApplication>
+#include <QCryptographicHash>
+#include <QDialog>
+#include <QDir>
+#include <QLocalServer>
+#include <QLocalSocket>
+#include <QSettings>
+#include <QStandardPaths>
+#include <QVBoxLayout>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr QByteArrayView newWindowRequest = "new-window\n";
+constexpr int handOverTimeoutMs = 3000;
+
+} // namespace
+
+VerboltApp::VerboltApp(QObject *parent)
+    : QObject(parent)
+    , m_store(std::make_unique<ProviderStore>())
+    , m_chats(std::make_unique<ConversationStore>())
+{}
+
+VerboltApp::~VerboltApp()
+{
+    // The windows read the stores until they are gone.
+    for (const QPointer<MainWindow> &window : std::as_const(m_windows)) {
+        if (window) {
+            disconnect(window, nullptr, this, nullptr);
+            delete window;
+        }
+    }
+    delete m_settingsWindow;
+}
+
+MainWindow *VerboltApp::newWindow()
+{
+    auto *content = new ContentView(m_store.get(), m_chats.get());
+    auto *window = new MainWindow(content);
+    connect(content, &ContentView::settingsRequested, this, &VerboltApp::showSettings);
+    connect(window, &MainWindow::settingsRequested, this, &VerboltApp::showSettings);
+    connect(window, &MainWindow::newChatRequested, this, &VerboltApp::newChat);
+    connect(window, &MainWindow::newWindowRequested, this, &VerboltApp::newWindow);
+    connect(window, &MainWindow::quitRequested, this, &VerboltApp::quit);
+    connect(window, &MainWindow::keptAsideDismissed, this, [this] {
+        m_keptAsideDismissed = true;
+        for (MainWindow *other : mainWindows())
+            other->setKeptAsideNotices({});
+    });
+    connect(window, &QObject::destroyed, this, &VerboltApp::handleMainWindowGone);
+    window->setKeptAsideNotices(keptAsideNotices());
+
+    // Each further window steps down and right from the last one, so none hides another.
+    const QList<MainWindow *> open = mainWindows();
+    if (!open.isEmpty())
+        window->move(open.last()->pos() + QPoint(28, 28));
+    m_windows.append(window);
+    window->show();
+    return window;
+}
+
+QList<MainWindow *> VerboltApp::mainWindows() const
+{
+    QList<MainWindow *> open;
+    for (const QPointer<MainWindow> &window : m_windows) {
+        if (window)
+            open.append(window);
+    }
+    return open;
+}
+
+void VerboltApp::newChat()
+{
+    m_chats->newChat(m_store->selectedID());
+}
+
+void VerboltApp::showSettings()
+{
+    if (!m_settingsWindow) {
+        // A dialog, not a bare widget: screen readers announce it as a window of its own, and
+        // Escape closes it.
+        m_settingsWindow = new QDialog;
+        m_settingsWindow->setObjectName(u"settingsWindow"_s);
+        m_settingsWindow->setWindowTitle(u"Settings"_s);
+        m_settingsWindow->setFixedSize(settingsWidth, settingsHeight);
+        // The settings window alone does not keep the program running.
+        m_settingsWindow->setAttribute(Qt::WA_QuitOnClose, false);
+        auto *layout = new QVBoxLayout(m_settingsWindow);
+        layout->setContentsMargins(0, 0, 0, 0);
+        m_settings = new SettingsView(m_store.get(), m_chats.get(), m_settingsWindow);
+        layout->addWidget(m_settings);
+    }
+    m_settingsWindow->show();
+    m_settingsWindow->raise();
+    m_settingsWindow->activateWindow();
+}
+
+SettingsView *VerboltApp::settingsView() const
+{
+    return m_settings;
+}
+
+void VerboltApp::quit()
+{
+    if (m_settingsWindow)
+        m_settingsWindow->close();
+    for (MainWindow *window : mainWindows())
+        window->close();
+}
+
+QStringList VerboltApp::keptAsideNotices() const
+{
+    QStringList notices;
+    if (m_keptAsideDismissed)
+        return notices;
+    if (const std::optional<QString> path = m_chats->keptAsidePath()) {
+        notices.append(u"Your chat history could not be read, so Verbolt started with an empty list. "
+                       u"The unreadable file was kept unchanged at %1."_s.arg(QDir::toNativeSeparators(*path)));
+    }
+    if (const std::optional<QString> key = m_store->keptAsideKey()) {
+        notices.append(u"Your saved providers could not be read, so Verbolt started without them. "
+                       u"They were kept unchanged under the key “%1” in %2."_s.arg(
+                           *key, QDir::toNativeSeparators(m_store->settingsFileName())));
+    }
+    return notices;
+}
+
+void VerboltApp::handleMainWindowGone(QObject *window)
+{
+    m_windows.removeIf([window](const QPointer<MainWindow> &w) { return !w || w == window; });
+    if (m_windows.isEmpty()) {
+        if (m_settingsWindow)
+            m_settingsWindow->close();
+        emit lastMainWindowClosed();
+    }
+}
+
+QString VerboltApp::instanceServerName()
+{
+    // One program per profile: the files it writes decide which program a start belongs to, so a
+    // scratch profile (other XDG folders) runs beside the user's own.
+    const QString profile =
+        ConversationStore::defaultFilePath() + u'\n' + QSettings(u"Verbolt"_s, u"Verbolt"_s).fileName();
+    const QByteArray digest = QCryptographicHash::hash(profile.toUtf8(), QCryptographicHash::Sha256).toHex().left(16);
+    QString folder = QStandardPaths::writableLocation(QStandardPaths::RuntimeLocation);
+    if (folder.isEmpty())
+        folder = QDir::tempPath();
+    return folder + u"/verbolt-"_s + QString::fromLatin1(digest) + u".socket"_s;
+}
+
+bool VerboltApp::askRunningInstanceForWindow(const QString &serverName)
+{
+    QLocalSocket socket;
+    socket.connectToServer(serverName);
+    if (!socket.waitForConnected(handOverTimeoutMs))
+        return false;
+    socket.write(newWindowRequest.data(), newWindowRequest.size());
+    if (!socket.waitForBytesWritten(handOverTimeoutMs))
+        return false;
+    // The answer says the window is there; a program too busy to answer soon still has the request.
+    socket.waitForReadyRead(handOverTimeoutMs);
+    return true;
+}
+
+bool VerboltApp::acceptOtherStarts(const QString &serverName)
+{
+    if (!m_server) {
+        m_server = new QLocalServer(this);
+        m_server->setSocketOptions(QLocalServer::UserAccessOption);
+        connect(m_server, &QLocalServer::newConnection, this, [this] {
+            while (QLocalSocket *socket = m_server->nextPendingConnection()) {
+                connect(socket, &QLocalSocket::disconnected, socket, &QObject::deleteLater);
+                connect(socket, &QLocalSocket::readyRead, socket, [this, socket] {
+                    if (!socket->canReadLine())
+                        return;
+                    if (socket->readLine() == newWindowRequest.toByteArray()) {
+                        MainWindow *window = newWindow();
+                        window->raise();
+                        window->activateWindow();
+                        socket->write("ok\n");
+                    }
+                    socket->disconnectFromServer();
+                });
+            }
+        });
+    }
+    if (m_server->listen(serverName))
+        return true;
+    // Nobody answered on this name before we got here, so the socket file is left over from a
+    // program that ended without removing it.
+    QLocalServer::removeServer(serverName);
+    return m_server->listen(serverName);
+}

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <QList>
+#include <QObject>
+#include <QPointer>
+#include <QStringList>
+
+#include <memory>
+
+class ConversationStore;
+class MainWindow;
+class ProviderStore;
+class QDialog;
+class QLocalServer;
+class SettingsView;
+
+// The program: the one provider store and the one conversation store, any number of main windows
+// sharing them, and the one settings window. A later start of the program on the same profile
+// hands over to this one (see askRunningInstanceForWindow) so that two processes never write the
+// same files.
+class VerboltApp final : public QObject
+{
+    Q_OBJECT
+    Q_DISABLE_COPY_MOVE(VerboltApp)
+
+public:
+    static constexpr int settingsWidth = 580;
+    static constexpr int settingsHeight = 520;
+
+    // Loads both stores from the current profile.
+    explicit VerboltApp(QObject *parent = nullptr);
+    ~VerboltApp() override;
+
+    ProviderStore *store() const { return m_store.get(); }
+    ConversationStore *chats() const { return m_chats.get(); }
+
+    // Opens and shows another main window on the two stores.
+    MainWindow *newWindow();
+    QList<MainWindow *> mainWindows() const;
+    // Starts a conversation for the selected provider; every main window switches to it.
+    void newChat();
+    // Shows the settings window, making it on first use and raising it when already open.
+    void showSettings();
+    // The settings window's content (its window() is the settings window), or null before the
+    // first showSettings().
+    SettingsView *settingsView() const;
+    // Closes every window; the last main window closing ends the program.
+    void quit();
+
+    // What the kept-aside bar says about files found unreadable at start; empty when all was read.
+    QStringList keptAsideNotices() const;
+
+    // The local socket that names this profile's running program: one per user and profile, in
+    // the runtime folder.
+    static QString instanceServerName();
+    // Asks a program already running on serverName for a new main window. True when it answered;
+    // this process should then end without touching the stores.
+    static bool askRunningInstanceForWindow(const QString &serverName);
+    // Answers later starts on serverName with a new main window. False when it cannot listen.
+    bool acceptOtherStarts(const QString &serverName);
+
+signals:
+    // Emitted when the last main window has closed; the program should end.
+    void lastMainWindowClosed();
+
+private:
+    void handleMainWindowGone(QObject *window);
+
+    std::unique_ptr<ProviderStore> m_store;
+    std::unique_ptr<ConversationStore> m_chats;
+    QList<QPointer<MainWindow>> m_windows;
+    QPointer<QDialog> m_settingsWindow;
+    QPointer<SettingsView> m_settings;
+    QLocalServer *m_server = nullptr;
+    bool m_keptAsideDismissed = false;
+};
