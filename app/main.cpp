@@ -1,6 +1,6 @@
 // verbolt: the desktop program. Starting it while it already runs on the same profile opens a new
 // window in the running one instead.
-#include "ui/coredumps.h"
+#include "storage/coredumps.h"
 #include "ui/mainwindow.h"
 #include "ui/verboltapp.h"
 
@@ -9,7 +9,7 @@
 
 int main(int argc, char *argv[])
 {
-    Shell::disableCoreDumps();
+    disableCoreDumps();
 
     QApplication app(argc, argv);
     QApplication::setOrganizationName(QStringLiteral("Verbolt"));
