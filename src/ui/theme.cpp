@@ -243,10 +243,19 @@ bool hasSymbol(QLatin1StringView symbol)
     return findSymbol(symbol) != nullptr;
 }
 
+// True when the desktop names an icon theme of its own. Without one, Qt falls back to "hicolor",
+// which holds programs' icons rather than actions, and searching it for each symbol costs several
+// milliseconds of start-up for nothing.
+static bool desktopHasIconTheme()
+{
+    const QString name = QIcon::themeName();
+    return !name.isEmpty() && name != QLatin1StringView("hicolor");
+}
+
 QIcon symbolIcon(QLatin1StringView symbol, Color tint)
 {
     const QString themeName = themeIconName(symbol);
-    if (!themeName.isEmpty() && QIcon::hasThemeIcon(themeName))
+    if (!themeName.isEmpty() && desktopHasIconTheme() && QIcon::hasThemeIcon(themeName))
         return QIcon::fromTheme(themeName);
     return QIcon(new SymbolIconEngine(symbol, tint));
 }
