@@ -85,9 +85,7 @@ ContentView::ContentView(ProviderStore *store, ConversationStore *chats, QWidget
     m_splitter->addWidget(buildSidebar());
     m_detail = new QStackedWidget(m_splitter);
     m_emptyState = buildEmptyState();
-    m_chatArea = buildChatArea();
     m_detail->addWidget(m_emptyState);
-    m_detail->addWidget(m_chatArea);
     m_splitter->addWidget(m_detail);
     m_splitter->setStretchFactor(0, 0);
     m_splitter->setStretchFactor(1, 1);
@@ -105,6 +103,20 @@ ContentView::ContentView(ProviderStore *store, ConversationStore *chats, QWidget
             Qt::DirectConnection);
     connect(m_store, &ProviderStore::providersChanged, this, &ContentView::handleProvidersChanged);
     connect(m_store, &ProviderStore::selectedIDChanged, this, &ContentView::handleProvidersChanged);
+
+    syncListSelection();
+    handleProvidersChanged();
+    applyColours();
+}
+
+void ContentView::ensureChatArea()
+{
+    // Made when the first provider appears, not before: a first start shows only the empty state,
+    // and the header, transcript and composer would cost its first paint for nothing.
+    if (m_chatArea)
+        return;
+    m_chatArea = buildChatArea();
+    m_detail->addWidget(m_chatArea);
 
     connect(m_chat, &ChatViewModel::messagesChanged, this, [this] {
         syncTokenTotal();
@@ -124,10 +136,9 @@ ContentView::ContentView(ProviderStore *store, ConversationStore *chats, QWidget
     setTabOrder(m_fetchButton, m_exportButton);
     setTabOrder(m_exportButton, m_settingsButton);
 
-    syncListSelection();
-    handleProvidersChanged();
+    m_composer->setText(m_chat->input());
     syncTokenTotal();
-    m_exportButton->setEnabled(false);
+    m_exportButton->setEnabled(!m_chat->messages().isEmpty());
     syncComposerButtons();
     applyColours();
 }
@@ -351,7 +362,7 @@ void ContentView::showEvent(QShowEvent *event)
         if (scroll)
             scroll->streamEnded();
     });
-    if (m_detail->currentWidget() == m_chatArea)
+    if (m_chatArea && m_detail->currentWidget() == m_chatArea)
         m_composer->setFocus(Qt::OtherFocusReason);
 }
 
@@ -478,7 +489,10 @@ void ContentView::handleSelectionChanged()
     const qint64 token = m_scroll->beginContentChange();
     showConversation(m_chats->selected());
     m_scroll->conversationSwitched(token);
-    QTimer::singleShot(m_focusDelay, this, [this] { m_composer->setFocus(Qt::OtherFocusReason); });
+    QTimer::singleShot(m_focusDelay, this, [this] {
+        if (m_composer)
+            m_composer->setFocus(Qt::OtherFocusReason);
+    });
 }
 
 void ContentView::handleConversationsChanged()
@@ -506,7 +520,14 @@ void ContentView::showConversation(const std::optional<Conversation> &conversati
 
 void ContentView::handleProvidersChanged()
 {
-    m_detail->setCurrentWidget(m_store->providers().isEmpty() ? m_emptyState : m_chatArea);
+    if (m_store->providers().isEmpty()) {
+        m_detail->setCurrentWidget(m_emptyState);
+    } else {
+        ensureChatArea();
+        m_detail->setCurrentWidget(m_chatArea);
+    }
+    if (!m_chatArea)
+        return;
     syncProviderPicker();
     syncModelMenu();
     syncFetchButton();
@@ -620,6 +641,8 @@ void ContentView::syncListSelection()
 
 void ContentView::syncProviderPicker()
 {
+    if (!m_chatArea)
+        return;
     const QSignalBlocker blocker(m_providerPicker);
     m_providerPicker->clear();
     int current = -1;
@@ -634,6 +657,8 @@ void ContentView::syncProviderPicker()
 
 void ContentView::syncModelMenu()
 {
+    if (!m_chatArea)
+        return;
     const std::optional<Provider> provider = m_store->selected();
     const QString label = provider && !provider->model.isEmpty() ? provider->model : QStringLiteral("Choose model");
     m_modelLabel->setText(label);
@@ -644,6 +669,8 @@ void ContentView::syncModelMenu()
 
 void ContentView::syncFetchButton()
 {
+    if (!m_chatArea)
+        return;
     const bool hasProvider = m_store->selected().has_value();
     m_fetchButton->setEnabled(hasProvider && !m_fetchingModels);
     m_fetchButton->setVisible(!m_fetchingModels);
@@ -652,6 +679,8 @@ void ContentView::syncFetchButton()
 
 void ContentView::syncTokenTotal()
 {
+    if (!m_chatArea)
+        return;
     const std::optional<qint64> total = conversationTokenTotal(m_chat->messages());
     m_tokenTotal->setText(total ? QString::number(*total) + QStringLiteral(" tokens") : QString());
     m_tokenTotal->setVisible(total.has_value());
@@ -659,6 +688,8 @@ void ContentView::syncTokenTotal()
 
 void ContentView::syncComposerButtons()
 {
+    if (!m_chatArea)
+        return;
     const bool streaming = m_chat->isStreaming();
     m_sendButton->setVisible(!streaming);
     m_stopButton->setVisible(streaming);
@@ -668,11 +699,13 @@ void ContentView::syncComposerButtons()
 void ContentView::applyColours()
 {
     const QColor secondary = Theme::color(Theme::Color::Secondary, palette());
-    setTextColour(m_tokenTotal, secondary);
     setTextColour(m_emptyText, secondary);
-    if (auto *divider = m_chatArea->findChild<QFrame *>(QStringLiteral("headerDivider")))
-        setTextColour(divider, Theme::withOpacity(secondary, 0.3));
-    m_modelChevron->setPixmap(Theme::symbolIcon(QLatin1StringView("chevron.down"), secondary).pixmap(8, 8));
+    if (m_chatArea) {
+        setTextColour(m_tokenTotal, secondary);
+        if (auto *divider = m_chatArea->findChild<QFrame *>(QStringLiteral("headerDivider")))
+            setTextColour(divider, Theme::withOpacity(secondary, 0.3));
+        m_modelChevron->setPixmap(Theme::symbolIcon(QLatin1StringView("chevron.down"), secondary).pixmap(8, 8));
+    }
     m_emptyIcon->setPixmap(Theme::symbolIcon(QLatin1StringView("key.horizontal"), secondary).pixmap(40, 40));
 
     // The prominent button is filled with the accent colour.

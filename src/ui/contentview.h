@@ -88,6 +88,7 @@ private:
     QWidget *buildSidebar();
     QWidget *buildEmptyState();
     QWidget *buildChatArea();
+    void ensureChatArea();
     QWidget *buildHeader();
     QWidget *buildComposer();
 

@@ -178,8 +178,15 @@ void tst_ContentView::emptyState_untilAProviderExists()
     find<QPushButton>(view, "openSettingsButton")->click();
     QCOMPARE(settings.size(), 1);
 
+    // The chat area is made only now, and must show what the window already holds.
+    QVERIFY(!view->findChild<QWidget *>(u"chatArea"_s));
+    Conversation held = m_chats->newChat(std::nullopt);
+    m_chats->updateMessages(held.id, {ChatMessage(ChatRole::user, u"kept"_s)});
+    view->chat()->setInput(u"draft"_s);
     addProvider(u"Mock"_s);
     QCOMPARE(stack->currentWidget()->objectName(), u"chatArea"_s);
+    QCOMPARE(find<QPlainTextEdit>(view, "composer")->toPlainText(), u"draft"_s);
+    QVERIFY(find<QToolButton>(view, "exportButton")->isEnabled());
     find<QToolButton>(view, "settingsButton")->click();
     QCOMPARE(settings.size(), 2);
 
