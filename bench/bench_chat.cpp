@@ -3,14 +3,13 @@
 // The provider runs on a thread of its own so that the main thread's CPU time is the client's.
 #include "chat/chatviewmodel.h"
 #include "harness.h"
-#include "mockprovider.h"
+#include "providerthread.h"
 #include "storage/conversationstore.h"
 
 #include <QCoreApplication>
 #include <QEventLoop>
 #include <QFile>
 #include <QTemporaryDir>
-#include <QThread>
 
 #include <cstdio>
 #include <ctime>
@@ -91,26 +90,12 @@ int main(int argc, char **argv)
     options.reply = QString::fromUtf8(file.readAll());
     const qsizetype tokens = MockProvider::tokens(options.reply, options.charactersPerToken).size();
 
-    QThread providerThread;
-    auto *mock = new MockProvider;
-    mock->setOptions(options);
-    mock->moveToThread(&providerThread);
-    QObject::connect(&providerThread, &QThread::finished, mock, &QObject::deleteLater);
-    providerThread.start();
-    bool listening = false;
-    QMetaObject::invokeMethod(
-        mock, [&] { listening = mock->listen(); }, Qt::BlockingQueuedConnection);
-    if (!listening) {
+    Bench::ProviderThread providerThread(options);
+    if (!providerThread.isListening()) {
         std::fprintf(stderr, "bench_chat: the provider cannot listen\n");
         return 1;
     }
-
-    Provider provider;
-    provider.id = QUuid::createUuid();
-    provider.name = QStringLiteral("Mock");
-    provider.baseURL = mock->baseURL();
-    provider.model = QStringLiteral("mock-small");
-    provider.apiKey = QStringLiteral("sk-bench");
+    const Provider provider = providerThread.provider();
 
     QTemporaryDir dir;
     const QString storeFile = dir.filePath(QStringLiteral("conversations.json"));
@@ -138,7 +123,5 @@ int main(int argc, char **argv)
                   "ms");
     Bench::report("chat turn: wall time", Bench::median(wall), "ms");
 
-    providerThread.quit();
-    providerThread.wait();
     return status;
 }

@@ -6,7 +6,7 @@
 // update) is measured in the same run on the same updates.
 #include "chat/chatviewmodel.h"
 #include "harness.h"
-#include "mockprovider.h"
+#include "providerthread.h"
 #include "render/markdowntext.h"
 #include "render/syntaxhighlighter.h"
 #include "ui/scrollcontroller.h"
@@ -20,7 +20,6 @@
 #include <QPainter>
 #include <QScrollBar>
 #include <QTextDocument>
-#include <QThread>
 #include <QTimer>
 
 #include <cstdio>
@@ -204,25 +203,12 @@ int main(int argc, char **argv)
     MockProviderOptions options;
     options.reply = QString::fromUtf8(file.readAll());
 
-    QThread providerThread;
-    auto *mock = new MockProvider;
-    mock->setOptions(options);
-    mock->moveToThread(&providerThread);
-    QObject::connect(&providerThread, &QThread::finished, mock, &QObject::deleteLater);
-    providerThread.start();
-    bool listening = false;
-    QMetaObject::invokeMethod(
-        mock, [&] { listening = mock->listen(); }, Qt::BlockingQueuedConnection);
-    if (!listening) {
+    Bench::ProviderThread providerThread(options);
+    if (!providerThread.isListening()) {
         std::fprintf(stderr, "bench_transcript: the provider cannot listen\n");
         return 1;
     }
-    Provider provider;
-    provider.id = QUuid::createUuid();
-    provider.name = QStringLiteral("Mock");
-    provider.baseURL = mock->baseURL();
-    provider.model = QStringLiteral("mock-small");
-    provider.apiKey = QStringLiteral("sk-bench");
+    const Provider provider = providerThread.provider();
 
     int status = 0;
     // The first turn ever also pays for loading fonts and filling glyph caches once per process.
@@ -312,7 +298,5 @@ int main(int argc, char **argv)
         }
     }
 
-    providerThread.quit();
-    providerThread.wait();
     return status;
 }
