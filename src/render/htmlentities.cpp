@@ -14,8 +14,8 @@ struct Entity
 };
 
 // The named character references of HTML, sorted by name (byte order) for binary search: the
-// 2,125 names that end in ';' in the WHATWG HTML Living Standard's table "Named character
-// references" (https://html.spec.whatwg.org/entities.json), with their one or two code points.
+// 2,125 names that end in ';' in the entities.json list that WHATWG publishes with the HTML
+// Living Standard, with their one or two code points.
 // CommonMark decodes exactly these; the legacy forms without ';' are not entities in Markdown.
 const Entity entities[] = {
     {"AElig", 0xC6, 0x0},
