@@ -17,13 +17,6 @@
 
 namespace {
 
-double threadCpuSeconds()
-{
-    timespec ts{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-    return double(ts.tv_sec) + double(ts.tv_nsec) / 1e9;
-}
-
 struct TurnFigures
 {
     int updates = 0;
@@ -61,12 +54,12 @@ TurnFigures runTurn(const QString &storeFile, const Provider &provider)
 
     QElapsedTimer wall;
     wall.start();
-    const double mainStart = threadCpuSeconds();
+    const double mainStart = Bench::threadCpuSeconds();
     const double processStart = Bench::processCpuSeconds();
     chat.setInput(QStringLiteral("Write the long answer."));
     chat.send(provider);
     loop.exec();
-    figures.mainCpu = threadCpuSeconds() - mainStart;
+    figures.mainCpu = Bench::threadCpuSeconds() - mainStart;
     figures.processCpu = Bench::processCpuSeconds() - processStart;
     figures.wallMs = double(wall.nsecsElapsed()) / 1e6;
     figures.replyLength = chat.messages().last().content.size();

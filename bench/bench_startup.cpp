@@ -41,18 +41,6 @@ qint64 monotonicNs()
     return qint64(ts.tv_sec) * 1'000'000'000 + ts.tv_nsec;
 }
 
-double residentMiB()
-{
-    QFile status(u"/proc/self/status"_s);
-    if (!status.open(QIODevice::ReadOnly))
-        return 0;
-    for (const QByteArray &line : status.readAll().split('\n')) {
-        if (line.startsWith("VmRSS:"))
-            return line.mid(6).trimmed().split(' ').first().toDouble() / 1024.0;
-    }
-    return 0;
-}
-
 // Prints "painted <ns> <MiB>" once window has been painted and flushed, then ends the process.
 class FirstPaint final : public QObject
 {
@@ -71,7 +59,7 @@ protected:
             m_seen = true;
             // The rest of this paint pass and its flush to the screen run before this.
             QTimer::singleShot(0, this, [] {
-                std::printf("painted %lld %.3f\n", static_cast<long long>(monotonicNs()), residentMiB());
+                std::printf("painted %lld %.3f\n", static_cast<long long>(monotonicNs()), Bench::residentMiB());
                 std::fflush(stdout);
                 QCoreApplication::exit(0);
             });
@@ -143,7 +131,7 @@ int childTurns(int argc, char **argv, const QString &baseURL)
             return 1;
         if (turn % 10 == 0) {
             waitUntil([] { return false; }, 30); // let deferred deletions and repaints run
-            std::printf("turn %d %.3f\n", turn, residentMiB());
+            std::printf("turn %d %.3f\n", turn, Bench::residentMiB());
             std::fflush(stdout);
         }
     }

@@ -39,25 +39,6 @@ constexpr double pieceSeconds = 0.01;
 constexpr std::size_t sampleStride = 40;
 constexpr std::size_t lastCount = 20;
 
-double threadCpuSeconds()
-{
-    timespec ts{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-    return double(ts.tv_sec) + double(ts.tv_nsec) / 1e9;
-}
-
-double residentMegabytes()
-{
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly))
-        return 0;
-    for (const QByteArray &line : status.readAll().split('\n')) {
-        if (line.startsWith("VmRSS:"))
-            return line.mid(6).trimmed().split(' ').value(0).toDouble() / 1024.0;
-    }
-    return 0;
-}
-
 void settle()
 {
     for (int i = 0; i < 3; ++i)
@@ -129,16 +110,16 @@ StreamFigures streamReply(const Provider &provider, bool keepPrefixes)
             loop.quit();
     });
 
-    figures.rssBefore = residentMegabytes();
-    const double cpuStart = threadCpuSeconds();
+    figures.rssBefore = Bench::residentMiB();
+    const double cpuStart = Bench::threadCpuSeconds();
     chat.setInput(QStringLiteral("Write the long answer."));
     chat.send(provider);
     loop.exec();
-    figures.mainCpu = threadCpuSeconds() - cpuStart;
+    figures.mainCpu = Bench::threadCpuSeconds() - cpuStart;
     // "After" is once the reply has wound down: a moment later, as the user would look.
     QTimer::singleShot(1500, &loop, &QEventLoop::quit);
     loop.exec();
-    figures.rssAfter = residentMegabytes();
+    figures.rssAfter = Bench::residentMiB();
     figures.replyLength = chat.messages().last().content.size();
     return figures;
 }
@@ -230,7 +211,7 @@ int main(int argc, char **argv)
         if (run == 4)
             sampled = std::move(f);
     }
-    const double rssAfterRuns = residentMegabytes();
+    const double rssAfterRuns = Bench::residentMiB();
 
     Bench::report("stream: updates per reply", double(first.updateMs.size()), "updates");
     Bench::report("stream: one update at the end (median)", Bench::median(lastUpdates), "ms");
@@ -244,10 +225,10 @@ int main(int argc, char **argv)
     std::vector<double> naiveLast;
     for (const QString &text : sampled.last)
         naiveLast.push_back(naiveUpdateMs(text));
-    const double naiveStart = threadCpuSeconds();
+    const double naiveStart = Bench::threadCpuSeconds();
     for (const QString &text : sampled.sampled)
         naiveUpdateMs(text);
-    const double naiveCpu = (threadCpuSeconds() - naiveStart) * double(sampleStride);
+    const double naiveCpu = (Bench::threadCpuSeconds() - naiveStart) * double(sampleStride);
     Bench::report("naive: one update at the end (median)", Bench::median(naiveLast), "ms");
     Bench::report("naive: CPU for the whole reply (sampled, scaled)", naiveCpu * 1000, "ms");
 

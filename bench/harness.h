@@ -26,6 +26,14 @@ inline double processCpuSeconds()
     return double(ts.tv_sec) + double(ts.tv_nsec) / 1e9;
 }
 
+// CPU time of the calling thread only, in seconds.
+inline double threadCpuSeconds()
+{
+    timespec ts{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return double(ts.tv_sec) + double(ts.tv_nsec) / 1e9;
+}
+
 inline double median(std::vector<double> values)
 {
     if (values.empty())
@@ -185,6 +193,12 @@ inline double statusKb(const char *field, long pid = 0)
             return line.mid(prefix.size()).trimmed().split(' ').value(0).toDouble();
     }
     return -1;
+}
+
+// This process's resident memory in MiB.
+inline double residentMiB()
+{
+    return statusKb("VmRSS") / 1024.0;
 }
 
 } // namespace Bench
