@@ -99,7 +99,9 @@ ContentView::ContentView(ProviderStore *store, ConversationStore *chats, QWidget
     // would arrive after the turn started and stop it.
     connect(m_chats, &ConversationStore::selectedIDChanged, this, &ContentView::handleSelectionChanged,
             Qt::DirectConnection);
-    connect(m_chats, &ConversationStore::conversationsChanged, this, &ContentView::handleConversationsChanged,
+    connect(m_chats, &ConversationStore::conversationsChanged, this, &ContentView::syncListSelection,
+            Qt::DirectConnection);
+    connect(m_chats, &ConversationStore::conversationUpdated, this, &ContentView::handleConversationUpdated,
             Qt::DirectConnection);
     connect(m_store, &ProviderStore::providersChanged, this, &ContentView::handleProvidersChanged);
     connect(m_store, &ProviderStore::selectedIDChanged, this, &ContentView::handleProvidersChanged);
@@ -495,11 +497,12 @@ void ContentView::handleSelectionChanged()
     });
 }
 
-void ContentView::handleConversationsChanged()
+void ContentView::handleConversationUpdated(const QUuid &id)
 {
-    syncListSelection();
+    if (id != m_seenID)
+        return;
     const std::optional<Conversation> selected = m_chats->selected();
-    if (!selected || selected->id != m_seenID || selected->messages == m_seenMessages)
+    if (!selected || selected->id != id || selected->messages == m_seenMessages)
         return;
     m_seenMessages = selected->messages;
     // Our own saves leave the store holding what we show; anything else is another window's turn,

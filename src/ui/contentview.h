@@ -93,7 +93,7 @@ private:
     QWidget *buildComposer();
 
     void handleSelectionChanged();
-    void handleConversationsChanged();
+    void handleConversationUpdated(const QUuid &id);
     void handleProvidersChanged();
     void handleListSelection();
     void handleContextMenu(const QPoint &pos);
