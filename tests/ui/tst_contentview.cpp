@@ -5,12 +5,9 @@
 #include "storage/providerstore.h"
 #include "ui/composerfield.h"
 #include "ui/contentview.h"
-#include "ui/messagebubble.h"
 #include "ui/scrollcontroller.h"
-#include "ui/transcriptview.h"
 
 #include <QAbstractItemView>
-#include <QComboBox>
 #include <QDialog>
 #include <QDialogButtonBox>
 #include <QLabel>
@@ -46,6 +43,15 @@ public:
 ChatMessage reply(std::optional<qint64> prompt, std::optional<qint64> completion, std::optional<qint64> total)
 {
     return ChatMessage(ChatRole::assistant, u"ok"_s, TokenUsage{prompt, completion, total});
+}
+
+// A reply long and slow enough to be caught part-way.
+MockProviderOptions slowReply(const QString &start = {})
+{
+    MockProviderOptions slow;
+    slow.reply = start + u"word "_s.repeated(100);
+    slow.tokensPerSecond = 50;
+    return slow;
 }
 
 QStringList menuTexts(const QMenu *menu)
@@ -281,8 +287,7 @@ void tst_ContentView::fetchFailure_showsErrorAndKeepsList()
     ContentView *view = makeView();
     view->fetchModels();
     QTRY_VERIFY(!view->isFetchingModels());
-    QVERIFY(view->chat()->errorText().has_value());
-    QVERIFY(view->chat()->errorText()->contains(u"500"_s));
+    QVERIFY(view->chat()->errorText().value_or(QString()).contains(u"500"_s));
     QCOMPARE(view->modelList(), QStringList{u"kept"_s});
     QCOMPARE(m_store->selected()->cachedModels, QStringList{u"kept"_s});
 }
@@ -313,9 +318,7 @@ void tst_ContentView::turn_createsConversationStreamsAndStops()
     QVERIFY(find<QToolButton>(view, "exportButton")->isEnabled());
 
     // A slow reply, stopped part-way: what arrived stays and is saved.
-    MockProviderOptions slow;
-    slow.reply = u"word "_s.repeated(100);
-    slow.tokensPerSecond = 50;
+    const MockProviderOptions slow = slowReply();
     m_mock->setOptions(slow);
     typeAndReturn(view, u"Again"_s);
     QTRY_VERIFY(chat->messages().size() == 4 && !chat->messages().last().content.isEmpty());
@@ -330,8 +333,7 @@ void tst_ContentView::returnWithBlankText_changesNothing_data()
 {
     QTest::addColumn<QString>("text");
     QTest::newRow("empty") << u""_s;
-    QTest::newRow("spaces") << u"   "_s;
-    QTest::newRow("line breaks and tab") << u"\n\t\n"_s;
+    QTest::newRow("spaces, line breaks and tab") << u" \n\t\n "_s;
 }
 
 void tst_ContentView::returnWithBlankText_changesNothing()
@@ -392,29 +394,21 @@ void tst_ContentView::tokenTotal_data()
 {
     QTest::addColumn<QList<ChatMessage>>("messages");
     QTest::addColumn<QString>("shown");
-    QTest::addColumn<QString>("lastBubble"); // the usage part of the last message's header
     const ChatMessage plain(ChatRole::user, u"hi"_s);
     constexpr qint64 max = std::numeric_limits<qint64>::max();
 
-    QTest::newRow("no usage") << QList{plain} << u""_s << u""_s;
-    QTest::newRow("a reported total of 0 adds nothing") << QList{reply({}, {}, 0)} << u""_s << u"· 0 tokens"_s;
-    QTest::newRow("prompt only") << QList{plain, reply(5, {}, {})} << u"5 tokens"_s << u"· 5 tokens"_s;
-    QTest::newRow("prompt plus completion") << QList{reply(10, 5, {})} << u"15 tokens"_s << u"· 10↑ 5↓ · 15 tokens"_s;
-    QTest::newRow("the reported total wins")
-        << QList{reply(10, 5, 100)} << u"100 tokens"_s << u"· 10↑ 5↓ · 100 tokens"_s;
-    QTest::newRow("a negative total counts")
-        << QList{reply({}, {}, 30), reply({}, {}, -10)} << u"20 tokens"_s << u"· -10 tokens"_s;
-    QTest::newRow("sum below 1 shows nothing")
-        << QList{reply({}, {}, 5), reply({}, {}, -5)} << u""_s << u"· -5 tokens"_s;
-    QTest::newRow("overflow saturates") << QList{reply({}, {}, max), reply(max, max, {})} << u"%1 tokens"_s.arg(max)
-                                        << u"· %1↑ %1↓ · %1 tokens"_s.arg(max);
+    QTest::newRow("no usage, or a total of 0") << QList{plain, reply({}, {}, 0)} << u""_s;
+    QTest::newRow("prompt plus completion") << QList{plain, reply(10, 5, {})} << u"15 tokens"_s;
+    QTest::newRow("the reported total wins") << QList{reply(10, 5, 100)} << u"100 tokens"_s;
+    QTest::newRow("a negative total counts") << QList{reply({}, {}, 30), reply({}, {}, -10)} << u"20 tokens"_s;
+    QTest::newRow("sum below 1 shows nothing") << QList{reply({}, {}, 5), reply({}, {}, -5)} << u""_s;
+    QTest::newRow("overflow saturates") << QList{reply({}, {}, max), reply(max, max, {})} << u"%1 tokens"_s.arg(max);
 }
 
 void tst_ContentView::tokenTotal()
 {
     QFETCH(QList<ChatMessage>, messages);
     QFETCH(QString, shown);
-    QFETCH(QString, lastBubble);
     addProvider(u"Mock"_s);
     const Conversation c = m_chats->newChat(std::nullopt);
     m_chats->updateMessages(c.id, messages);
@@ -422,12 +416,6 @@ void tst_ContentView::tokenTotal()
     auto *label = find<QLabel>(view, "tokenTotal");
     QCOMPARE(label->text(), shown);
     QCOMPARE(label->isVisible(), !shown.isEmpty());
-
-    // The header and the bubbles count by different rules; both come from the same messages.
-    auto *transcript = view->findChild<TranscriptView *>();
-    QTRY_VERIFY(transcript->area()->bubbleAt(messages.size() - 1));
-    QLabel *usage = transcript->area()->bubbleAt(messages.size() - 1)->usageLabel();
-    QCOMPARE(usage->isVisible() ? usage->text() : QString(), lastBubble);
 }
 
 void tst_ContentView::renameAndDelete_fromRowMenu()
@@ -451,15 +439,12 @@ void tst_ContentView::renameAndDelete_fromRowMenu()
     const auto runDialog = [&](const QString &text, const QString &button) {
         QMenu *menu = openRowMenu(1);
         QVERIFY(menu);
-        QCOMPARE(menuTexts(menu), (QStringList{u"Rename +icon"_s, u"Delete +icon"_s}));
         menu->actions().at(0)->trigger();
         menu->close();
         auto *dialog = find<QDialog>(view, "renameDialog");
         QVERIFY(dialog && dialog->isVisible());
-        QCOMPARE(dialog->windowTitle(), u"Rename chat"_s);
         auto *field = find<QLineEdit>(view, "renameField");
         QCOMPARE(field->text(), u"Older"_s);
-        QCOMPARE(field->placeholderText(), u"Title"_s);
         field->setText(text);
         for (QAbstractButton *b : dialog->findChild<QDialogButtonBox *>()->buttons()) {
             if (b->text() == button)
@@ -494,10 +479,7 @@ void tst_ContentView::export_writesTranscriptAsShownWithSelectedProvider()
     view->setFileDialogs(&dialogs);
 
     // Mid-reply: the transcript shows text the record does not hold yet.
-    MockProviderOptions slow;
-    slow.reply = u"Partial"_s + u"word "_s.repeated(100);
-    slow.tokensPerSecond = 50;
-    m_mock->setOptions(slow);
+    m_mock->setOptions(slowReply(u"Partial"_s));
     typeAndReturn(view, u"Question"_s);
     QTRY_VERIFY(view->chat()->messages().last().content.startsWith(u"Partial"_s));
     const Conversation before = m_chats->conversations().first();
@@ -509,10 +491,8 @@ void tst_ContentView::export_writesTranscriptAsShownWithSelectedProvider()
     QFile file(*dialogs.answer);
     QVERIFY(file.open(QIODevice::ReadOnly));
     const QString text = QString::fromUtf8(file.readAll());
-    QVERIFY(text.contains(u"Question"_s));
-    QVERIFY(text.contains(u"Partial"_s));
-    QVERIFY(text.contains(u"Second"_s));
-    QVERIFY(text.contains(u"second-model"_s));
+    for (const QString &part : {u"Question"_s, u"Partial"_s, u"Second"_s, u"second-model"_s})
+        QVERIFY(text.contains(part));
     QVERIFY(!text.contains(u"First"_s));
     QCOMPARE(m_chats->conversations().first(), before);
     QCOMPARE(view->chat()->errorText(), std::nullopt);
@@ -534,10 +514,7 @@ void tst_ContentView::twoWindows_shareSelectionAndSeeEachOthersTurns()
     auto *rightList = find<QAbstractItemView>(right, "conversationList");
 
     // Choosing a row in one window switches both, and stops a reply streaming in either.
-    MockProviderOptions slow;
-    slow.reply = u"word "_s.repeated(100);
-    slow.tokensPerSecond = 50;
-    m_mock->setOptions(slow);
+    m_mock->setOptions(slowReply());
     typeAndReturn(right, u"Long one"_s);
     QVERIFY(right->chat()->isStreaming());
     QTest::mouseClick(leftList->viewport(), Qt::LeftButton, {},
