@@ -137,8 +137,6 @@ void tst_MarkdownViews::inPlaceUpdatesKeepViews()
 void tst_MarkdownViews::copyCode()
 {
     CodeBlockView view(QStringLiteral("print(\"hi\")\nexit()"), QStringLiteral("python"));
-    QCOMPARE(view.copyButton()->toolTip(), QStringLiteral("Copy code"));
-    QCOMPARE(view.copyButton()->accessibleName(), QStringLiteral("Copy code"));
     QGuiApplication::clipboard()->setText(QStringLiteral("old"));
     const qint64 before = view.copyButton()->icon().cacheKey();
 
@@ -211,9 +209,7 @@ void tst_MarkdownViews::longCodeScrollsInside()
     QCOMPARE(view.idealWidth(), -1);
     QCOMPARE(code->width(), 300);
     QVERIFY(code->codeView()->width() > 1000);
-    QCOMPARE(code->scrollArea()->horizontalScrollBarPolicy(), Qt::ScrollBarAlwaysOff);
-    code->scrollArea()->horizontalScrollBar()->setValue(200);
-    QCOMPARE(code->scrollArea()->horizontalScrollBar()->value(), 200);
+    QCOMPARE(code->scrollArea()->horizontalScrollBar()->maximum(), code->codeView()->width() - 300);
 }
 
 void tst_MarkdownViews::onlySafeLinksOpen_data()

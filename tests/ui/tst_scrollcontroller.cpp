@@ -74,10 +74,7 @@ void tst_ScrollController::transitions_data()
     // The threshold is inclusive.
     QTest::newRow("64 points away is near") << QList{op(S::SetAuto, false), report(664, 600)} << true << false << false;
     QTest::newRow("64.5 points away is away") << QList{report(664.5, 600)} << false << false << false;
-    QTest::newRow("idle, back near: follows again")
-        << QList{report(2000, 600), report(640, 600)} << true << false << false;
     // While streaming a report can detach but never reattach.
-    QTest::newRow("streaming, away: detaches") << QList{report(2000, 600, true)} << false << false << false;
     QTest::newRow("streaming, back near: stays detached")
         << QList{report(2000, 600, true), report(600, 600, true)} << false << false << false;
     QTest::newRow("after the stream, near: follows")
