@@ -210,9 +210,9 @@ private slots:
         QCOMPARE(view->modelList(), QStringList{u"kept"_s});
         QCOMPARE(m_store->selected()->cachedModels, QStringList{u"kept"_s});
     }
-    void turn_createsConversationStreamsAndStops()
+    void turn_createsConversationStreamsExportsAndStops()
     {
-        addProvider(u"Mock"_s);
+        addProvider(u"First"_s, {}, u"first-model"_s);
         ContentView *view = makeView();
         ChatViewModel *chat = view->chat();
         QVERIFY(!m_chats->selectedID());
@@ -235,11 +235,34 @@ private slots:
         QCOMPARE(find<QLabel>(view, "tokenTotal")->text(), u"%1 tokens"_s.arg(*total));
         QVERIFY(find<QToolButton>(view, "exportButton")->isEnabled());
 
-        // A slow reply, stopped part-way: what arrived stays and is saved.
-        const MockProviderOptions slow = slowReply();
+        // Mid-reply, under another provider: the export is the transcript as shown, named for the
+        // selected provider, while the record does not hold the reply yet.
+        FakeDialogs dialogs;
+        view->setFileDialogs(&dialogs);
+        const Provider second = addProvider(u"Second"_s, {}, u"second-model"_s);
+        m_store->setSelectedID(second.id);
+        const MockProviderOptions slow = slowReply(u"Partial"_s);
         m_mock->setOptions(slow);
-        typeAndReturn(view, u"Again"_s);
-        QTRY_VERIFY(chat->messages().size() == 4 && !chat->messages().last().content.isEmpty());
+        typeAndReturn(view, u"Question"_s);
+        QTRY_VERIFY(chat->messages().size() == 4 && chat->messages().last().content.startsWith(u"Partial"_s));
+        const Conversation before = m_chats->conversations().first();
+        QCOMPARE(before.messages.size(), 3);
+        dialogs.answer = m_home.filePath(u"out.md"_s);
+        view->exportCurrent();
+        QCOMPARE(dialogs.saves, 1);
+        QFile file(*dialogs.answer);
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        const QString text = QString::fromUtf8(file.readAll());
+        for (const QString &part : {u"Question"_s, u"Partial"_s, u"Second"_s, u"second-model"_s})
+            QVERIFY(text.contains(part));
+        QVERIFY(!text.contains(u"First"_s));
+        QCOMPARE(m_chats->conversations().first(), before);
+        QCOMPARE(chat->errorText(), std::nullopt);
+        dialogs.answer = m_home.filePath(u"missing/folder/out.md"_s);
+        view->exportCurrent();
+        QVERIFY(chat->errorText().value_or(QString()).startsWith(u"Export failed: "_s));
+
+        // Stopped part-way: what arrived stays and is saved.
         find<QToolButton>(view, "stopButton")->click();
         QVERIFY(!chat->isStreaming());
         QVERIFY(find<QToolButton>(view, "sendButton")->isVisible());
@@ -378,40 +401,6 @@ private slots:
         QCOMPARE(m_chats->selectedID(), older.id);
         QCOMPARE(list->currentIndex().row(), 0);
         QVERIFY(list->selectionModel()->isRowSelected(0));
-    }
-    void export_writesTranscriptAsShownWithSelectedProvider()
-    {
-        const Provider first = addProvider(u"First"_s, {}, u"first-model"_s);
-        m_chats->newChat(first.id);
-        const Provider second = addProvider(u"Second"_s, {}, u"second-model"_s);
-        m_store->setSelectedID(second.id);
-        ContentView *view = makeView();
-        FakeDialogs dialogs;
-        view->setFileDialogs(&dialogs);
-
-        // Mid-reply: the transcript shows text the record does not hold yet.
-        m_mock->setOptions(slowReply(u"Partial"_s));
-        typeAndReturn(view, u"Question"_s);
-        QTRY_VERIFY(view->chat()->messages().last().content.startsWith(u"Partial"_s));
-        const Conversation before = m_chats->conversations().first();
-        QCOMPARE(before.messages.size(), 1);
-
-        dialogs.answer = m_home.filePath(u"out.md"_s);
-        view->exportCurrent();
-        QCOMPARE(dialogs.saves, 1);
-        QFile file(*dialogs.answer);
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        const QString text = QString::fromUtf8(file.readAll());
-        for (const QString &part : {u"Question"_s, u"Partial"_s, u"Second"_s, u"second-model"_s})
-            QVERIFY(text.contains(part));
-        QVERIFY(!text.contains(u"First"_s));
-        QCOMPARE(m_chats->conversations().first(), before);
-        QCOMPARE(view->chat()->errorText(), std::nullopt);
-
-        dialogs.answer = m_home.filePath(u"missing/folder/out.md"_s);
-        view->exportCurrent();
-        QVERIFY(view->chat()->errorText().value_or(QString()).startsWith(u"Export failed: "_s));
-        view->chat()->stop();
     }
     void twoWindows_shareSelectionAndSeeEachOthersTurns()
     {
