@@ -5,12 +5,9 @@
 #include "storage/providerstore.h"
 #include "ui/composerfield.h"
 #include "ui/contentview.h"
-#include "ui/messagebubble.h"
 #include "ui/scrollcontroller.h"
-#include "ui/transcriptview.h"
 
 #include <QAbstractItemView>
-#include <QComboBox>
 #include <QDialog>
 #include <QDialogButtonBox>
 #include <QLabel>
@@ -48,6 +45,15 @@ ChatMessage reply(std::optional<qint64> prompt, std::optional<qint64> completion
     return ChatMessage(ChatRole::assistant, u"ok"_s, TokenUsage{prompt, completion, total});
 }
 
+// A reply long and slow enough to be caught part-way.
+MockProviderOptions slowReply(const QString &start = {})
+{
+    MockProviderOptions slow;
+    slow.reply = start + u"word "_s.repeated(100);
+    slow.tokensPerSecond = 50;
+    return slow;
+}
+
 QStringList menuTexts(const QMenu *menu)
 {
     QStringList texts;
@@ -63,35 +69,415 @@ class tst_ContentView final : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase();
-    void init();
-    void cleanup();
+    void initTestCase()
+    {
+        QVERIFY(m_home.isValid());
+        qputenv("XDG_CONFIG_HOME", QFile::encodeName(m_home.filePath(u"config"_s)));
+        qputenv("XDG_DATA_HOME", QFile::encodeName(m_home.filePath(u"data"_s)));
+    }
+    void init()
+    {
+        static int run = 0;
+        m_store = std::make_unique<ProviderStore>();
+        m_store->setProviders({});
+        m_store->setSelectedID(std::nullopt);
+        m_chats = std::make_unique<ConversationStore>(m_home.filePath(u"c%1.json"_s.arg(++run)));
+        m_mock = std::make_unique<MockProvider>();
+        QVERIFY(m_mock->listen());
+    }
+    void cleanup()
+    {
+        qDeleteAll(m_views);
+        m_views.clear();
+        m_chats.reset();
+        m_store.reset();
+        m_mock.reset();
+    }
 
-    void emptyState_untilAProviderExists();
-    void modelMenu_data();
-    void modelMenu();
-    void fetchFailure_showsErrorAndKeepsList();
-    void turn_createsConversationStreamsAndStops();
-    void returnWithBlankText_changesNothing_data();
-    void returnWithBlankText_changesNothing();
-    void composer_growsFromOneToSixLines_data();
-    void composer_growsFromOneToSixLines();
-    void tokenTotal_data();
-    void tokenTotal();
-    void renameAndDelete_fromRowMenu();
-    void export_writesTranscriptAsShownWithSelectedProvider();
-    void twoWindows_shareSelectionAndSeeEachOthersTurns();
+    void emptyState_untilAProviderExists()
+    {
+        ContentView *view = makeView();
+        auto *stack = qobject_cast<QStackedWidget *>(find<QWidget>(view, "emptyState")->parentWidget());
+        QVERIFY(stack);
+        QCOMPARE(stack->currentWidget()->objectName(), u"emptyState"_s);
+
+        QSignalSpy settings(view, &ContentView::settingsRequested);
+        find<QPushButton>(view, "openSettingsButton")->click();
+        QCOMPARE(settings.size(), 1);
+
+        // The chat area is made only now, and must show what the window already holds.
+        QVERIFY(!view->findChild<QWidget *>(u"chatArea"_s));
+        Conversation held = m_chats->newChat(std::nullopt);
+        m_chats->updateMessages(held.id, {ChatMessage(ChatRole::user, u"kept"_s)});
+        view->chat()->setInput(u"draft"_s);
+        addProvider(u"Mock"_s);
+        QCOMPARE(stack->currentWidget()->objectName(), u"chatArea"_s);
+        QCOMPARE(find<QPlainTextEdit>(view, "composer")->toPlainText(), u"draft"_s);
+        QVERIFY(find<QToolButton>(view, "exportButton")->isEnabled());
+        find<QToolButton>(view, "settingsButton")->click();
+        QCOMPARE(settings.size(), 2);
+
+        m_store->setProviders({});
+        QCOMPARE(stack->currentWidget()->objectName(), u"emptyState"_s);
+    }
+    void modelMenu_data()
+    {
+        QTest::addColumn<bool>("withProvider");
+        QTest::addColumn<QStringList>("cached");
+        QTest::addColumn<QString>("model");
+        QTest::addColumn<std::optional<QStringList>>("served"); // fetched first when present
+        QTest::addColumn<QString>("label");
+        QTest::addColumn<QStringList>("menu");
+
+        const QString none = u"No models loaded — tap the refresh button"_s;
+        QTest::newRow("no provider") << false << QStringList() << u""_s << std::optional<QStringList>()
+                                     << u"Choose model"_s << QStringList{none};
+        QTest::newRow("nothing cached, no model")
+            << true << QStringList() << u""_s << std::optional<QStringList>() << u"Choose model"_s << QStringList{none};
+        QTest::newRow("cached, current checked")
+            << true << QStringList{u"a"_s, u"b&c"_s} << u"b&c"_s << std::optional<QStringList>() << u"b&c"_s
+            << QStringList{u"a"_s, u"b&&c +icon"_s};
+        QTest::newRow("fetched list replaces cached")
+            << true << QStringList{u"old"_s} << u"mock-large"_s
+            << std::optional(QStringList{u"mock-large"_s, u"mock-small"_s}) << u"mock-large"_s
+            << QStringList{u"mock-large +icon"_s, u"mock-small"_s};
+        QTest::newRow("fetched empty list wins over cached")
+            << true << QStringList{u"old"_s} << u"old"_s << std::optional(QStringList()) << u"old"_s
+            << QStringList{none};
+    }
+    void modelMenu()
+    {
+        QFETCH(bool, withProvider);
+        QFETCH(QStringList, cached);
+        QFETCH(QString, model);
+        QFETCH(std::optional<QStringList>, served);
+        QFETCH(QString, label);
+        QFETCH(QStringList, menu);
+
+        std::optional<Provider> provider;
+        if (withProvider)
+            provider = addProvider(u"Mock"_s, cached, model);
+        else
+            m_store->setProviders({Provider{QUuid::createUuid(), u"Unselected"_s, {}, {}, {}, {}, {}}});
+        ContentView *view = makeView();
+        ContentView *other = makeView();
+        auto *button = find<QToolButton>(view, "modelMenuButton");
+        auto *fetch = find<QToolButton>(view, "fetchModelsButton");
+        QCOMPARE(button->isEnabled(), withProvider);
+        QCOMPARE(fetch->isEnabled(), withProvider);
+
+        if (served) {
+            MockProviderOptions options;
+            options.models = *served;
+            m_mock->setOptions(options);
+            fetch->click();
+            QVERIFY(view->isFetchingModels());
+            QVERIFY(find<QWidget>(view, "fetchProgress")->isVisible());
+            QVERIFY(!fetch->isEnabled());
+            QTRY_VERIFY(!view->isFetchingModels());
+            QVERIFY(fetch->isEnabled());
+            QCOMPARE(m_store->selected()->cachedModels, *served);
+            QCOMPARE(view->chat()->errorText(), std::nullopt);
+        }
+        QCOMPARE(find<QLabel>(view, "modelLabel")->text(), label);
+        if (withProvider) {
+            button->click();
+            QCOMPARE(popups(view, "modelMenu").size(), 1);
+            QCOMPARE(menuTexts(popups(view, "modelMenu").first()), menu);
+            popups(view, "modelMenu").first()->close();
+        } else {
+            QCOMPARE(view->modelList(), QStringList());
+        }
+
+        // A choice is stored in the provider, so every window shows it.
+        if (withProvider && !view->modelList().isEmpty()) {
+            view->selectModel(view->modelList().first());
+            QCOMPARE(m_store->selected()->model, view->modelList().first());
+            QCOMPARE(find<QLabel>(other, "modelLabel")->text(), view->modelList().first());
+        }
+    }
+    void fetchFailure_showsErrorAndKeepsList()
+    {
+        addProvider(u"Mock"_s, {u"kept"_s});
+        MockProviderOptions options;
+        options.failStatus = 500;
+        options.failBody = "overloaded";
+        m_mock->setOptions(options);
+        ContentView *view = makeView();
+        view->fetchModels();
+        QTRY_VERIFY(!view->isFetchingModels());
+        QVERIFY(view->chat()->errorText().value_or(QString()).contains(u"500"_s));
+        QCOMPARE(view->modelList(), QStringList{u"kept"_s});
+        QCOMPARE(m_store->selected()->cachedModels, QStringList{u"kept"_s});
+    }
+    void turn_createsConversationStreamsExportsAndStops()
+    {
+        addProvider(u"First"_s, {}, u"first-model"_s);
+        ContentView *view = makeView();
+        ChatViewModel *chat = view->chat();
+        QVERIFY(!m_chats->selectedID());
+
+        typeAndReturn(view, u"Hello there"_s);
+        QCOMPARE(m_chats->conversations().size(), 1);
+        QCOMPARE(m_chats->selectedID(), m_chats->conversations().first().id);
+        QCOMPARE(m_chats->conversations().first().title, u"Hello there"_s);
+        QVERIFY(chat->isStreaming());
+        QVERIFY(find<QToolButton>(view, "stopButton")->isVisible());
+        QVERIFY(!find<QToolButton>(view, "sendButton")->isVisible());
+        QCOMPARE(find<QPlainTextEdit>(view, "composer")->toPlainText(), QString());
+
+        QTRY_VERIFY(!chat->isStreaming());
+        QCOMPARE(chat->messages().size(), 2);
+        QCOMPARE(chat->messages().last().content, m_mock->options().reply);
+        QCOMPARE(m_chats->conversations().first().messages, chat->messages());
+        const auto total = ContentView::conversationTokenTotal(chat->messages());
+        QVERIFY(total.has_value());
+        QCOMPARE(find<QLabel>(view, "tokenTotal")->text(), u"%1 tokens"_s.arg(*total));
+        QVERIFY(find<QToolButton>(view, "exportButton")->isEnabled());
+
+        // Mid-reply, under another provider: the export is the transcript as shown, named for the
+        // selected provider, while the record does not hold the reply yet.
+        FakeDialogs dialogs;
+        view->setFileDialogs(&dialogs);
+        const Provider second = addProvider(u"Second"_s, {}, u"second-model"_s);
+        m_store->setSelectedID(second.id);
+        const MockProviderOptions slow = slowReply(u"Partial"_s);
+        m_mock->setOptions(slow);
+        typeAndReturn(view, u"Question"_s);
+        QTRY_VERIFY(chat->messages().size() == 4 && chat->messages().last().content.startsWith(u"Partial"_s));
+        const Conversation before = m_chats->conversations().first();
+        QCOMPARE(before.messages.size(), 3);
+        dialogs.answer = m_home.filePath(u"out.md"_s);
+        view->exportCurrent();
+        QCOMPARE(dialogs.saves, 1);
+        QFile file(*dialogs.answer);
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        const QString text = QString::fromUtf8(file.readAll());
+        for (const QString &part : {u"Question"_s, u"Partial"_s, u"Second"_s, u"second-model"_s})
+            QVERIFY(text.contains(part));
+        QVERIFY(!text.contains(u"First"_s));
+        QCOMPARE(m_chats->conversations().first(), before);
+        QCOMPARE(chat->errorText(), std::nullopt);
+        dialogs.answer = m_home.filePath(u"missing/folder/out.md"_s);
+        view->exportCurrent();
+        QVERIFY(chat->errorText().value_or(QString()).startsWith(u"Export failed: "_s));
+
+        // Stopped part-way: what arrived stays and is saved.
+        find<QToolButton>(view, "stopButton")->click();
+        QVERIFY(!chat->isStreaming());
+        QVERIFY(find<QToolButton>(view, "sendButton")->isVisible());
+        QTRY_COMPARE(m_chats->conversations().first().messages.size(), 4);
+        QVERIFY(m_chats->conversations().first().messages.last().content.size() < slow.reply.size());
+    }
+    void returnWithBlankText_changesNothing_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::newRow("empty") << u""_s;
+        QTest::newRow("spaces, line breaks and tab") << u" \n\t\n "_s;
+    }
+    void returnWithBlankText_changesNothing()
+    {
+        QFETCH(QString, text);
+        addProvider(u"Mock"_s);
+        m_chats->newChat(m_store->selectedID());
+        ContentView *view = makeView();
+        auto *editor = find<QPlainTextEdit>(view, "composer");
+        editor->setPlainText(text);
+        QVERIFY(!find<QToolButton>(view, "sendButton")->isEnabled());
+
+        QVERIFY(!view->scroll()->contentChangeInProgress());
+        QTest::keyClick(editor, Qt::Key_Return);
+        QVERIFY(view->scroll()->contentChangeInProgress()); // the send still began and scrolled
+        QVERIFY(!view->chat()->isStreaming());
+        QVERIFY(view->chat()->messages().isEmpty());
+        QCOMPARE(view->chat()->errorText(), std::nullopt);
+        QCOMPARE(m_chats->conversations().size(), 1);
+        QCOMPARE(editor->toPlainText(), text);
+
+        // Shift+Return breaks the line instead of sending.
+        editor->setPlainText(u"two"_s);
+        editor->moveCursor(QTextCursor::End);
+        QTest::keyClick(editor, Qt::Key_Return, Qt::ShiftModifier);
+        QCOMPARE(view->chat()->input(), u"two\n"_s);
+        QVERIFY(view->chat()->messages().isEmpty());
+    }
+    void composer_growsFromOneToSixLines_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<int>("lines");
+        QTest::newRow("empty") << u""_s << 1;
+        QTest::newRow("three lines") << u"a\nb\nc"_s << 3;
+        QTest::newRow("one long line wraps") << u"word "_s.repeated(12) << -1; // 2 or more, by the font
+        QTest::newRow("more than six") << u"a\n"_s.repeated(10) << 6;
+    }
+    void composer_growsFromOneToSixLines()
+    {
+        QFETCH(QString, text);
+        QFETCH(int, lines);
+        ComposerField field;
+        field.resize(300, field.height());
+        field.show();
+        const int oneLine = field.height();
+        field.setText(text);
+        if (lines < 0) {
+            QVERIFY(field.visibleLines() >= 2 && field.visibleLines() < 6);
+            lines = field.visibleLines();
+        }
+        QCOMPARE(field.visibleLines(), lines);
+        QCOMPARE(field.height() - oneLine, (lines - 1) * field.editor()->fontMetrics().lineSpacing());
+    }
+    void tokenTotal_data()
+    {
+        QTest::addColumn<QList<ChatMessage>>("messages");
+        QTest::addColumn<QString>("shown");
+        const ChatMessage plain(ChatRole::user, u"hi"_s);
+        constexpr qint64 max = std::numeric_limits<qint64>::max();
+
+        QTest::newRow("no usage, or a total of 0") << QList{plain, reply({}, {}, 0)} << u""_s;
+        QTest::newRow("prompt plus completion") << QList{plain, reply(10, 5, {})} << u"15 tokens"_s;
+        QTest::newRow("the reported total wins") << QList{reply(10, 5, 100)} << u"100 tokens"_s;
+        QTest::newRow("a negative total counts") << QList{reply({}, {}, 30), reply({}, {}, -10)} << u"20 tokens"_s;
+        QTest::newRow("sum below 1 shows nothing") << QList{reply({}, {}, 5), reply({}, {}, -5)} << u""_s;
+        QTest::newRow("overflow saturates")
+            << QList{reply({}, {}, max), reply(max, max, {})} << u"%1 tokens"_s.arg(max);
+    }
+    void tokenTotal()
+    {
+        QFETCH(QList<ChatMessage>, messages);
+        QFETCH(QString, shown);
+        addProvider(u"Mock"_s);
+        const Conversation c = m_chats->newChat(std::nullopt);
+        m_chats->updateMessages(c.id, messages);
+        ContentView *view = makeView();
+        auto *label = find<QLabel>(view, "tokenTotal");
+        QCOMPARE(label->text(), shown);
+        QCOMPARE(label->isVisible(), !shown.isEmpty());
+    }
+    void renameAndDelete_fromRowMenu()
+    {
+        addProvider(u"Mock"_s);
+        const Conversation older = m_chats->newChat(std::nullopt);
+        const Conversation newer = m_chats->newChat(std::nullopt);
+        m_chats->rename(older.id, u"Older"_s);
+        m_chats->rename(newer.id, u"Newer"_s);
+        ContentView *view = makeView();
+        auto *list = find<QAbstractItemView>(view, "conversationList");
+        QCOMPARE(list->model()->rowCount(), 2);
+        QCOMPARE(list->model()->index(0, 0).data().toString(), u"Newer"_s);
+        QCOMPARE(list->currentIndex().row(), 0);
+
+        const auto openRowMenu = [&](int row) {
+            emit list->customContextMenuRequested(list->visualRect(list->model()->index(row, 0)).center());
+            const QList<QMenu *> menus = popups(view, "conversationMenu");
+            return menus.size() == 1 ? menus.first() : nullptr;
+        };
+        const auto runDialog = [&](const QString &text, const QString &button) {
+            QMenu *menu = openRowMenu(1);
+            QVERIFY(menu);
+            menu->actions().at(0)->trigger();
+            menu->close();
+            auto *dialog = find<QDialog>(view, "renameDialog");
+            QVERIFY(dialog && dialog->isVisible());
+            auto *field = find<QLineEdit>(view, "renameField");
+            QCOMPARE(field->text(), u"Older"_s);
+            field->setText(text);
+            for (QAbstractButton *b : dialog->findChild<QDialogButtonBox *>()->buttons()) {
+                if (b->text() == button)
+                    b->click();
+            }
+            QTRY_VERIFY(!find<QDialog>(view, "renameDialog"));
+        };
+        runDialog(u"Ignored"_s, u"Cancel"_s);
+        QCOMPARE(m_chats->conversations().at(1).title, u"Older"_s);
+        runDialog(u"  Trip plans  "_s, u"Rename"_s);
+        QCOMPARE(m_chats->conversations().at(1).title, u"Trip plans"_s);
+        QCOMPARE(list->model()->index(1, 0).data().toString(), u"Trip plans"_s);
+
+        // Deleting the selected row leaves the choice of the next selection to the store.
+        QMenu *menu = openRowMenu(0);
+        menu->actions().at(1)->trigger();
+        menu->close();
+        QCOMPARE(m_chats->conversations().size(), 1);
+        QCOMPARE(m_chats->selectedID(), older.id);
+        QCOMPARE(list->currentIndex().row(), 0);
+        QVERIFY(list->selectionModel()->isRowSelected(0));
+    }
+    void twoWindows_shareSelectionAndSeeEachOthersTurns()
+    {
+        addProvider(u"Mock"_s);
+        const Conversation a = m_chats->newChat(std::nullopt);
+        const Conversation b = m_chats->newChat(std::nullopt);
+        ContentView *left = makeView();
+        ContentView *right = makeView();
+        auto *leftList = find<QAbstractItemView>(left, "conversationList");
+        auto *rightList = find<QAbstractItemView>(right, "conversationList");
+
+        // Choosing a row in one window switches both, and stops a reply streaming in either.
+        m_mock->setOptions(slowReply());
+        typeAndReturn(right, u"Long one"_s);
+        QVERIFY(right->chat()->isStreaming());
+        QTest::mouseClick(leftList->viewport(), Qt::LeftButton, {},
+                          leftList->visualRect(leftList->model()->index(1, 0)).center());
+        QCOMPARE(m_chats->selectedID(), a.id);
+        QVERIFY(!right->chat()->isStreaming());
+        QTRY_COMPARE(left->focusWidget(), find<QPlainTextEdit>(left, "composer")); // ready to type
+        QCOMPARE(rightList->currentIndex().data(Qt::DisplayRole).toString(), a.title);
+        QVERIFY(right->chat()->messages().isEmpty());
+
+        // A turn in one window shows in the other, which is not streaming, once it is saved.
+        m_mock->setOptions({});
+        typeAndReturn(left, u"Shared"_s);
+        QTRY_VERIFY(!left->chat()->isStreaming());
+        QCOMPARE(right->chat()->messages(), left->chat()->messages());
+        QCOMPARE(left->chat()->messages().size(), 2);
+
+        m_chats->setSelectedID(b.id);
+        QCOMPARE(leftList->currentIndex().row(), m_chats->conversations().indexOf(*m_chats->selected()));
+        QCOMPARE(left->chat()->messages().size(), 1); // the stopped partial reply was dropped, the question kept
+    }
 
 private:
-    ContentView *makeView();
-    Provider addProvider(const QString &name, const QStringList &cached = {}, const QString &model = u"mock-small"_s);
+    ContentView *makeView()
+    {
+        auto *view = new ContentView(m_store.get(), m_chats.get());
+        view->setFocusDelay(std::chrono::milliseconds(0));
+        view->resize(900, 600);
+        view->show();
+        m_views.append(view);
+        return view;
+    }
+    Provider addProvider(const QString &name, const QStringList &cached = {}, const QString &model = u"mock-small"_s)
+    {
+        Provider p;
+        p.id = QUuid::createUuid();
+        p.name = name;
+        p.baseURL = m_mock->baseURL();
+        p.model = model;
+        p.cachedModels = cached;
+        p.apiKey = u"sk-test"_s;
+        m_store->add(p);
+        return p;
+    }
     template<class T>
     T *find(ContentView *view, const char *name)
     {
         return view->findChild<T *>(QLatin1StringView(name));
     }
-    void typeAndReturn(ContentView *view, const QString &text);
-    QList<QMenu *> popups(ContentView *view, const char *name) const;
+    void typeAndReturn(ContentView *view, const QString &text)
+    {
+        auto *editor = find<QPlainTextEdit>(view, "composer");
+        editor->setPlainText(text);
+        QTest::keyClick(editor, Qt::Key_Return);
+    }
+    QList<QMenu *> popups(ContentView *view, const char *name) const
+    {
+        QList<QMenu *> shown;
+        for (QMenu *menu : view->findChildren<QMenu *>(QLatin1StringView(name))) {
+            if (menu->isVisible())
+                shown.append(menu);
+        }
+        return shown;
+    }
 
     QTemporaryDir m_home;
     std::unique_ptr<ProviderStore> m_store;
@@ -99,466 +485,6 @@ private:
     std::unique_ptr<MockProvider> m_mock;
     QList<ContentView *> m_views;
 };
-
-void tst_ContentView::initTestCase()
-{
-    QVERIFY(m_home.isValid());
-    qputenv("XDG_CONFIG_HOME", QFile::encodeName(m_home.filePath(u"config"_s)));
-    qputenv("XDG_DATA_HOME", QFile::encodeName(m_home.filePath(u"data"_s)));
-}
-
-void tst_ContentView::init()
-{
-    static int run = 0;
-    m_store = std::make_unique<ProviderStore>();
-    m_store->setProviders({});
-    m_store->setSelectedID(std::nullopt);
-    m_chats = std::make_unique<ConversationStore>(m_home.filePath(u"c%1.json"_s.arg(++run)));
-    m_mock = std::make_unique<MockProvider>();
-    QVERIFY(m_mock->listen());
-}
-
-void tst_ContentView::cleanup()
-{
-    qDeleteAll(m_views);
-    m_views.clear();
-    m_chats.reset();
-    m_store.reset();
-    m_mock.reset();
-}
-
-ContentView *tst_ContentView::makeView()
-{
-    auto *view = new ContentView(m_store.get(), m_chats.get());
-    view->setFocusDelay(std::chrono::milliseconds(0));
-    view->resize(900, 600);
-    view->show();
-    m_views.append(view);
-    return view;
-}
-
-Provider tst_ContentView::addProvider(const QString &name, const QStringList &cached, const QString &model)
-{
-    Provider p;
-    p.id = QUuid::createUuid();
-    p.name = name;
-    p.baseURL = m_mock->baseURL();
-    p.model = model;
-    p.cachedModels = cached;
-    p.apiKey = u"sk-test"_s;
-    m_store->add(p);
-    return p;
-}
-
-void tst_ContentView::typeAndReturn(ContentView *view, const QString &text)
-{
-    auto *editor = find<QPlainTextEdit>(view, "composer");
-    editor->setPlainText(text);
-    QTest::keyClick(editor, Qt::Key_Return);
-}
-
-QList<QMenu *> tst_ContentView::popups(ContentView *view, const char *name) const
-{
-    QList<QMenu *> shown;
-    for (QMenu *menu : view->findChildren<QMenu *>(QLatin1StringView(name))) {
-        if (menu->isVisible())
-            shown.append(menu);
-    }
-    return shown;
-}
-
-void tst_ContentView::emptyState_untilAProviderExists()
-{
-    ContentView *view = makeView();
-    auto *stack = qobject_cast<QStackedWidget *>(find<QWidget>(view, "emptyState")->parentWidget());
-    QVERIFY(stack);
-    QCOMPARE(stack->currentWidget()->objectName(), u"emptyState"_s);
-
-    QSignalSpy settings(view, &ContentView::settingsRequested);
-    find<QPushButton>(view, "openSettingsButton")->click();
-    QCOMPARE(settings.size(), 1);
-
-    // The chat area is made only now, and must show what the window already holds.
-    QVERIFY(!view->findChild<QWidget *>(u"chatArea"_s));
-    Conversation held = m_chats->newChat(std::nullopt);
-    m_chats->updateMessages(held.id, {ChatMessage(ChatRole::user, u"kept"_s)});
-    view->chat()->setInput(u"draft"_s);
-    addProvider(u"Mock"_s);
-    QCOMPARE(stack->currentWidget()->objectName(), u"chatArea"_s);
-    QCOMPARE(find<QPlainTextEdit>(view, "composer")->toPlainText(), u"draft"_s);
-    QVERIFY(find<QToolButton>(view, "exportButton")->isEnabled());
-    find<QToolButton>(view, "settingsButton")->click();
-    QCOMPARE(settings.size(), 2);
-
-    m_store->setProviders({});
-    QCOMPARE(stack->currentWidget()->objectName(), u"emptyState"_s);
-}
-
-void tst_ContentView::modelMenu_data()
-{
-    QTest::addColumn<bool>("withProvider");
-    QTest::addColumn<QStringList>("cached");
-    QTest::addColumn<QString>("model");
-    QTest::addColumn<std::optional<QStringList>>("served"); // fetched first when present
-    QTest::addColumn<QString>("label");
-    QTest::addColumn<QStringList>("menu");
-
-    const QString none = u"No models loaded — tap the refresh button"_s;
-    QTest::newRow("no provider") << false << QStringList() << u""_s << std::optional<QStringList>() << u"Choose model"_s
-                                 << QStringList{none};
-    QTest::newRow("nothing cached, no model")
-        << true << QStringList() << u""_s << std::optional<QStringList>() << u"Choose model"_s << QStringList{none};
-    QTest::newRow("cached, current checked")
-        << true << QStringList{u"a"_s, u"b&c"_s} << u"b&c"_s << std::optional<QStringList>() << u"b&c"_s
-        << QStringList{u"a"_s, u"b&&c +icon"_s};
-    QTest::newRow("fetched list replaces cached")
-        << true << QStringList{u"old"_s} << u"mock-large"_s
-        << std::optional(QStringList{u"mock-large"_s, u"mock-small"_s}) << u"mock-large"_s
-        << QStringList{u"mock-large +icon"_s, u"mock-small"_s};
-    QTest::newRow("fetched empty list wins over cached")
-        << true << QStringList{u"old"_s} << u"old"_s << std::optional(QStringList()) << u"old"_s << QStringList{none};
-}
-
-void tst_ContentView::modelMenu()
-{
-    QFETCH(bool, withProvider);
-    QFETCH(QStringList, cached);
-    QFETCH(QString, model);
-    QFETCH(std::optional<QStringList>, served);
-    QFETCH(QString, label);
-    QFETCH(QStringList, menu);
-
-    std::optional<Provider> provider;
-    if (withProvider)
-        provider = addProvider(u"Mock"_s, cached, model);
-    else
-        m_store->setProviders({Provider{QUuid::createUuid(), u"Unselected"_s, {}, {}, {}, {}, {}}});
-    ContentView *view = makeView();
-    ContentView *other = makeView();
-    auto *button = find<QToolButton>(view, "modelMenuButton");
-    auto *fetch = find<QToolButton>(view, "fetchModelsButton");
-    QCOMPARE(button->isEnabled(), withProvider);
-    QCOMPARE(fetch->isEnabled(), withProvider);
-
-    if (served) {
-        MockProviderOptions options;
-        options.models = *served;
-        m_mock->setOptions(options);
-        fetch->click();
-        QVERIFY(view->isFetchingModels());
-        QVERIFY(find<QWidget>(view, "fetchProgress")->isVisible());
-        QVERIFY(!fetch->isEnabled());
-        QTRY_VERIFY(!view->isFetchingModels());
-        QVERIFY(fetch->isEnabled());
-        QCOMPARE(m_store->selected()->cachedModels, *served);
-        QCOMPARE(view->chat()->errorText(), std::nullopt);
-    }
-    QCOMPARE(find<QLabel>(view, "modelLabel")->text(), label);
-    if (withProvider) {
-        button->click();
-        QCOMPARE(popups(view, "modelMenu").size(), 1);
-        QCOMPARE(menuTexts(popups(view, "modelMenu").first()), menu);
-        popups(view, "modelMenu").first()->close();
-    } else {
-        QCOMPARE(view->modelList(), QStringList());
-    }
-
-    // A choice is stored in the provider, so every window shows it.
-    if (withProvider && !view->modelList().isEmpty()) {
-        view->selectModel(view->modelList().first());
-        QCOMPARE(m_store->selected()->model, view->modelList().first());
-        QCOMPARE(find<QLabel>(other, "modelLabel")->text(), view->modelList().first());
-    }
-}
-
-void tst_ContentView::fetchFailure_showsErrorAndKeepsList()
-{
-    addProvider(u"Mock"_s, {u"kept"_s});
-    MockProviderOptions options;
-    options.failStatus = 500;
-    options.failBody = "overloaded";
-    m_mock->setOptions(options);
-    ContentView *view = makeView();
-    view->fetchModels();
-    QTRY_VERIFY(!view->isFetchingModels());
-    QVERIFY(view->chat()->errorText().has_value());
-    QVERIFY(view->chat()->errorText()->contains(u"500"_s));
-    QCOMPARE(view->modelList(), QStringList{u"kept"_s});
-    QCOMPARE(m_store->selected()->cachedModels, QStringList{u"kept"_s});
-}
-
-void tst_ContentView::turn_createsConversationStreamsAndStops()
-{
-    addProvider(u"Mock"_s);
-    ContentView *view = makeView();
-    ChatViewModel *chat = view->chat();
-    QVERIFY(!m_chats->selectedID());
-
-    typeAndReturn(view, u"Hello there"_s);
-    QCOMPARE(m_chats->conversations().size(), 1);
-    QCOMPARE(m_chats->selectedID(), m_chats->conversations().first().id);
-    QCOMPARE(m_chats->conversations().first().title, u"Hello there"_s);
-    QVERIFY(chat->isStreaming());
-    QVERIFY(find<QToolButton>(view, "stopButton")->isVisible());
-    QVERIFY(!find<QToolButton>(view, "sendButton")->isVisible());
-    QCOMPARE(find<QPlainTextEdit>(view, "composer")->toPlainText(), QString());
-
-    QTRY_VERIFY(!chat->isStreaming());
-    QCOMPARE(chat->messages().size(), 2);
-    QCOMPARE(chat->messages().last().content, m_mock->options().reply);
-    QCOMPARE(m_chats->conversations().first().messages, chat->messages());
-    const auto total = ContentView::conversationTokenTotal(chat->messages());
-    QVERIFY(total.has_value());
-    QCOMPARE(find<QLabel>(view, "tokenTotal")->text(), u"%1 tokens"_s.arg(*total));
-    QVERIFY(find<QToolButton>(view, "exportButton")->isEnabled());
-
-    // A slow reply, stopped part-way: what arrived stays and is saved.
-    MockProviderOptions slow;
-    slow.reply = u"word "_s.repeated(100);
-    slow.tokensPerSecond = 50;
-    m_mock->setOptions(slow);
-    typeAndReturn(view, u"Again"_s);
-    QTRY_VERIFY(chat->messages().size() == 4 && !chat->messages().last().content.isEmpty());
-    find<QToolButton>(view, "stopButton")->click();
-    QVERIFY(!chat->isStreaming());
-    QVERIFY(find<QToolButton>(view, "sendButton")->isVisible());
-    QTRY_COMPARE(m_chats->conversations().first().messages.size(), 4);
-    QVERIFY(m_chats->conversations().first().messages.last().content.size() < slow.reply.size());
-}
-
-void tst_ContentView::returnWithBlankText_changesNothing_data()
-{
-    QTest::addColumn<QString>("text");
-    QTest::newRow("empty") << u""_s;
-    QTest::newRow("spaces") << u"   "_s;
-    QTest::newRow("line breaks and tab") << u"\n\t\n"_s;
-}
-
-void tst_ContentView::returnWithBlankText_changesNothing()
-{
-    QFETCH(QString, text);
-    addProvider(u"Mock"_s);
-    m_chats->newChat(m_store->selectedID());
-    ContentView *view = makeView();
-    auto *editor = find<QPlainTextEdit>(view, "composer");
-    editor->setPlainText(text);
-    QVERIFY(!find<QToolButton>(view, "sendButton")->isEnabled());
-
-    QVERIFY(!view->scroll()->contentChangeInProgress());
-    QTest::keyClick(editor, Qt::Key_Return);
-    QVERIFY(view->scroll()->contentChangeInProgress()); // the send still began and scrolled
-    QVERIFY(!view->chat()->isStreaming());
-    QVERIFY(view->chat()->messages().isEmpty());
-    QCOMPARE(view->chat()->errorText(), std::nullopt);
-    QCOMPARE(m_chats->conversations().size(), 1);
-    QCOMPARE(editor->toPlainText(), text);
-
-    // Shift+Return breaks the line instead of sending.
-    editor->setPlainText(u"two"_s);
-    editor->moveCursor(QTextCursor::End);
-    QTest::keyClick(editor, Qt::Key_Return, Qt::ShiftModifier);
-    QCOMPARE(view->chat()->input(), u"two\n"_s);
-    QVERIFY(view->chat()->messages().isEmpty());
-}
-
-void tst_ContentView::composer_growsFromOneToSixLines_data()
-{
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<int>("lines");
-    QTest::newRow("empty") << u""_s << 1;
-    QTest::newRow("three lines") << u"a\nb\nc"_s << 3;
-    QTest::newRow("one long line wraps") << u"word "_s.repeated(12) << -1; // 2 or more, by the font
-    QTest::newRow("more than six") << u"a\n"_s.repeated(10) << 6;
-}
-
-void tst_ContentView::composer_growsFromOneToSixLines()
-{
-    QFETCH(QString, text);
-    QFETCH(int, lines);
-    ComposerField field;
-    field.resize(300, field.height());
-    field.show();
-    const int oneLine = field.height();
-    field.setText(text);
-    if (lines < 0) {
-        QVERIFY(field.visibleLines() >= 2 && field.visibleLines() < 6);
-        lines = field.visibleLines();
-    }
-    QCOMPARE(field.visibleLines(), lines);
-    QCOMPARE(field.height() - oneLine, (lines - 1) * field.editor()->fontMetrics().lineSpacing());
-}
-
-void tst_ContentView::tokenTotal_data()
-{
-    QTest::addColumn<QList<ChatMessage>>("messages");
-    QTest::addColumn<QString>("shown");
-    QTest::addColumn<QString>("lastBubble"); // the usage part of the last message's header
-    const ChatMessage plain(ChatRole::user, u"hi"_s);
-    constexpr qint64 max = std::numeric_limits<qint64>::max();
-
-    QTest::newRow("no usage") << QList{plain} << u""_s << u""_s;
-    QTest::newRow("a reported total of 0 adds nothing") << QList{reply({}, {}, 0)} << u""_s << u"· 0 tokens"_s;
-    QTest::newRow("prompt only") << QList{plain, reply(5, {}, {})} << u"5 tokens"_s << u"· 5 tokens"_s;
-    QTest::newRow("prompt plus completion") << QList{reply(10, 5, {})} << u"15 tokens"_s << u"· 10↑ 5↓ · 15 tokens"_s;
-    QTest::newRow("the reported total wins")
-        << QList{reply(10, 5, 100)} << u"100 tokens"_s << u"· 10↑ 5↓ · 100 tokens"_s;
-    QTest::newRow("a negative total counts")
-        << QList{reply({}, {}, 30), reply({}, {}, -10)} << u"20 tokens"_s << u"· -10 tokens"_s;
-    QTest::newRow("sum below 1 shows nothing")
-        << QList{reply({}, {}, 5), reply({}, {}, -5)} << u""_s << u"· -5 tokens"_s;
-    QTest::newRow("overflow saturates") << QList{reply({}, {}, max), reply(max, max, {})} << u"%1 tokens"_s.arg(max)
-                                        << u"· %1↑ %1↓ · %1 tokens"_s.arg(max);
-}
-
-void tst_ContentView::tokenTotal()
-{
-    QFETCH(QList<ChatMessage>, messages);
-    QFETCH(QString, shown);
-    QFETCH(QString, lastBubble);
-    addProvider(u"Mock"_s);
-    const Conversation c = m_chats->newChat(std::nullopt);
-    m_chats->updateMessages(c.id, messages);
-    ContentView *view = makeView();
-    auto *label = find<QLabel>(view, "tokenTotal");
-    QCOMPARE(label->text(), shown);
-    QCOMPARE(label->isVisible(), !shown.isEmpty());
-
-    // The header and the bubbles count by different rules; both come from the same messages.
-    auto *transcript = view->findChild<TranscriptView *>();
-    QTRY_VERIFY(transcript->area()->bubbleAt(messages.size() - 1));
-    QLabel *usage = transcript->area()->bubbleAt(messages.size() - 1)->usageLabel();
-    QCOMPARE(usage->isVisible() ? usage->text() : QString(), lastBubble);
-}
-
-void tst_ContentView::renameAndDelete_fromRowMenu()
-{
-    addProvider(u"Mock"_s);
-    const Conversation older = m_chats->newChat(std::nullopt);
-    const Conversation newer = m_chats->newChat(std::nullopt);
-    m_chats->rename(older.id, u"Older"_s);
-    m_chats->rename(newer.id, u"Newer"_s);
-    ContentView *view = makeView();
-    auto *list = find<QAbstractItemView>(view, "conversationList");
-    QCOMPARE(list->model()->rowCount(), 2);
-    QCOMPARE(list->model()->index(0, 0).data().toString(), u"Newer"_s);
-    QCOMPARE(list->currentIndex().row(), 0);
-
-    const auto openRowMenu = [&](int row) {
-        emit list->customContextMenuRequested(list->visualRect(list->model()->index(row, 0)).center());
-        const QList<QMenu *> menus = popups(view, "conversationMenu");
-        return menus.size() == 1 ? menus.first() : nullptr;
-    };
-    const auto runDialog = [&](const QString &text, const QString &button) {
-        QMenu *menu = openRowMenu(1);
-        QVERIFY(menu);
-        QCOMPARE(menuTexts(menu), (QStringList{u"Rename +icon"_s, u"Delete +icon"_s}));
-        menu->actions().at(0)->trigger();
-        menu->close();
-        auto *dialog = find<QDialog>(view, "renameDialog");
-        QVERIFY(dialog && dialog->isVisible());
-        QCOMPARE(dialog->windowTitle(), u"Rename chat"_s);
-        auto *field = find<QLineEdit>(view, "renameField");
-        QCOMPARE(field->text(), u"Older"_s);
-        QCOMPARE(field->placeholderText(), u"Title"_s);
-        field->setText(text);
-        for (QAbstractButton *b : dialog->findChild<QDialogButtonBox *>()->buttons()) {
-            if (b->text() == button)
-                b->click();
-        }
-        QTRY_VERIFY(!find<QDialog>(view, "renameDialog"));
-    };
-    runDialog(u"Ignored"_s, u"Cancel"_s);
-    QCOMPARE(m_chats->conversations().at(1).title, u"Older"_s);
-    runDialog(u"  Trip plans  "_s, u"Rename"_s);
-    QCOMPARE(m_chats->conversations().at(1).title, u"Trip plans"_s);
-    QCOMPARE(list->model()->index(1, 0).data().toString(), u"Trip plans"_s);
-
-    // Deleting the selected row leaves the choice of the next selection to the store.
-    QMenu *menu = openRowMenu(0);
-    menu->actions().at(1)->trigger();
-    menu->close();
-    QCOMPARE(m_chats->conversations().size(), 1);
-    QCOMPARE(m_chats->selectedID(), older.id);
-    QCOMPARE(list->currentIndex().row(), 0);
-    QVERIFY(list->selectionModel()->isRowSelected(0));
-}
-
-void tst_ContentView::export_writesTranscriptAsShownWithSelectedProvider()
-{
-    const Provider first = addProvider(u"First"_s, {}, u"first-model"_s);
-    m_chats->newChat(first.id);
-    const Provider second = addProvider(u"Second"_s, {}, u"second-model"_s);
-    m_store->setSelectedID(second.id);
-    ContentView *view = makeView();
-    FakeDialogs dialogs;
-    view->setFileDialogs(&dialogs);
-
-    // Mid-reply: the transcript shows text the record does not hold yet.
-    MockProviderOptions slow;
-    slow.reply = u"Partial"_s + u"word "_s.repeated(100);
-    slow.tokensPerSecond = 50;
-    m_mock->setOptions(slow);
-    typeAndReturn(view, u"Question"_s);
-    QTRY_VERIFY(view->chat()->messages().last().content.startsWith(u"Partial"_s));
-    const Conversation before = m_chats->conversations().first();
-    QCOMPARE(before.messages.size(), 1);
-
-    dialogs.answer = m_home.filePath(u"out.md"_s);
-    view->exportCurrent();
-    QCOMPARE(dialogs.saves, 1);
-    QFile file(*dialogs.answer);
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    const QString text = QString::fromUtf8(file.readAll());
-    QVERIFY(text.contains(u"Question"_s));
-    QVERIFY(text.contains(u"Partial"_s));
-    QVERIFY(text.contains(u"Second"_s));
-    QVERIFY(text.contains(u"second-model"_s));
-    QVERIFY(!text.contains(u"First"_s));
-    QCOMPARE(m_chats->conversations().first(), before);
-    QCOMPARE(view->chat()->errorText(), std::nullopt);
-
-    dialogs.answer = m_home.filePath(u"missing/folder/out.md"_s);
-    view->exportCurrent();
-    QVERIFY(view->chat()->errorText().value_or(QString()).startsWith(u"Export failed: "_s));
-    view->chat()->stop();
-}
-
-void tst_ContentView::twoWindows_shareSelectionAndSeeEachOthersTurns()
-{
-    addProvider(u"Mock"_s);
-    const Conversation a = m_chats->newChat(std::nullopt);
-    const Conversation b = m_chats->newChat(std::nullopt);
-    ContentView *left = makeView();
-    ContentView *right = makeView();
-    auto *leftList = find<QAbstractItemView>(left, "conversationList");
-    auto *rightList = find<QAbstractItemView>(right, "conversationList");
-
-    // Choosing a row in one window switches both, and stops a reply streaming in either.
-    MockProviderOptions slow;
-    slow.reply = u"word "_s.repeated(100);
-    slow.tokensPerSecond = 50;
-    m_mock->setOptions(slow);
-    typeAndReturn(right, u"Long one"_s);
-    QVERIFY(right->chat()->isStreaming());
-    QTest::mouseClick(leftList->viewport(), Qt::LeftButton, {},
-                      leftList->visualRect(leftList->model()->index(1, 0)).center());
-    QCOMPARE(m_chats->selectedID(), a.id);
-    QVERIFY(!right->chat()->isStreaming());
-    QTRY_COMPARE(left->focusWidget(), find<QPlainTextEdit>(left, "composer")); // ready to type
-    QCOMPARE(rightList->currentIndex().data(Qt::DisplayRole).toString(), a.title);
-    QVERIFY(right->chat()->messages().isEmpty());
-
-    // A turn in one window shows in the other, which is not streaming, once it is saved.
-    m_mock->setOptions({});
-    typeAndReturn(left, u"Shared"_s);
-    QTRY_VERIFY(!left->chat()->isStreaming());
-    QCOMPARE(right->chat()->messages(), left->chat()->messages());
-    QCOMPARE(left->chat()->messages().size(), 2);
-
-    m_chats->setSelectedID(b.id);
-    QCOMPARE(leftList->currentIndex().row(), m_chats->conversations().indexOf(*m_chats->selected()));
-    QCOMPARE(left->chat()->messages().size(), 1); // the stopped partial reply was dropped, the question kept
-}
 
 QTEST_MAIN(tst_ContentView)
 #include "tst_contentview.moc"

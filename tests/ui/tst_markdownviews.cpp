@@ -47,203 +47,180 @@ public slots:
     void openLink(const QUrl &url) { m_opened.append(url); }
 
 private slots:
-    void init();
-    void blocks_data();
-    void blocks();
-    void inPlaceUpdatesKeepViews();
-    void copyCode();
-    void copyResetsFromEachPress();
-    void tableCells();
-    void longCodeScrollsInside();
-    void onlySafeLinksOpen_data();
-    void onlySafeLinksOpen();
+    void init()
+    {
+        CopyFeedback::setResetDelayMs(-1);
+        m_opened.clear();
+    }
+    void blocks_data()
+    {
+        QTest::addColumn<QString>("markdown");
+        QTest::addColumn<QStringList>("views");
+
+        QTest::newRow("empty") << QString() << QStringList();
+        QTest::newRow("blank") << QStringLiteral("  \n\n ") << QStringList();
+        QTest::newRow("heading sizes by level")
+            << QStringLiteral("# One\n## Two\n### Three\n##### Five")
+            << QStringList{QStringLiteral("heading 22 bold: One"), QStringLiteral("heading 19 bold: Two"),
+                           QStringLiteral("heading 17 bold: Three"), QStringLiteral("heading 15 bold: Five")};
+        QTest::newRow("line break kept, markup gone")
+            << QStringLiteral("a **b**\nc") << QStringList{QStringLiteral("paragraph: a b\nc")};
+        QTest::newRow("lists") << QStringLiteral("- item\n12. twelve")
+                               << QStringList{QStringLiteral("item: • item"), QStringLiteral("item: 12. twelve")};
+        QTest::newRow("quote") << QStringLiteral("> said") << QStringList{QStringLiteral("quote: said")};
+        QTest::newRow("code labels") << QStringLiteral("```\nx\n```\n```js title=x\ny\n```")
+                                     << QStringList{QStringLiteral("code [code]"), QStringLiteral("code [js title=x]")};
+        QTest::newRow("table") << QStringLiteral("| a | b |\n|---|---|\n| 1 | 2 |")
+                               << QStringList{QStringLiteral("table 2x1")};
+        QTest::newRow("unclosed markup stays visible")
+            << QStringLiteral("**open [link](") << QStringList{QStringLiteral("paragraph: **open [link](")};
+    }
+    void blocks()
+    {
+        QFETCH(QString, markdown);
+        QFETCH(QStringList, views);
+
+        MarkdownTextView view;
+        view.setText(markdown);
+        QStringList shown;
+        for (const MarkdownBlockView *block : view.blockViews())
+            shown.append(describe(block));
+        QCOMPARE(shown, views);
+        view.resize(400, view.heightForWidth(400));
+        QCOMPARE(view.heightForWidth(400) == 0, views.isEmpty());
+    }
+    // A growing reply keeps the view of every block at its index; a code block keeps its copied
+    // state; a block that changes kind gets a new view.
+    void inPlaceUpdatesKeepViews()
+    {
+        MarkdownTextView view;
+        view.resize(500, 300);
+        view.setText(QStringLiteral("Intro\n\n```py\nx = 1\n```\n\nTail"));
+        QCOMPARE(view.blockViews().size(), 3);
+        const QList<MarkdownBlockView *> before = view.blockViews();
+        auto *code = qobject_cast<CodeBlockView *>(before.at(1));
+        QVERIFY(code);
+        code->copy();
+        QVERIFY(code->copied());
+
+        view.setText(QStringLiteral("Intro\n\n```py\nx = 1\ny = 2\n```\n\nTail grows"));
+        QCOMPARE(view.blockViews(), before);
+        QVERIFY(code->copied());
+        QCOMPARE(code->code(), QStringLiteral("x = 1\ny = 2"));
+        QCOMPARE(describe(view.blockViews().at(2)), QStringLiteral("paragraph: Tail grows"));
+
+        view.setText(QStringLiteral("Intro\n\n- now a list"));
+        QCOMPARE(view.blockViews().size(), 2);
+        QCOMPARE(view.blockViews().at(0), before.at(0));
+        QVERIFY(view.blockViews().at(1) != before.at(1));
+        QCOMPARE(describe(view.blockViews().at(1)), QStringLiteral("item: • now a list"));
+    }
+    void copyCode()
+    {
+        CodeBlockView view(QStringLiteral("print(\"hi\")\nexit()"), QStringLiteral("python"));
+        QGuiApplication::clipboard()->setText(QStringLiteral("old"));
+        const qint64 before = view.copyButton()->icon().cacheKey();
+
+        view.copyButton()->setFocus();
+        QTest::keyClick(view.copyButton(), Qt::Key_Space);
+        QCOMPARE(QGuiApplication::clipboard()->text(), QStringLiteral("print(\"hi\")\nexit()"));
+        QVERIFY(view.copied());
+        QVERIFY(view.copyButton()->icon().cacheKey() != before);
+
+        // The code itself is selectable: a drag over the second line and the copy shortcut.
+        CodeTextView *code = view.codeView();
+        view.resize(400, view.heightForWidth(400));
+        view.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&view));
+        const int line = (code->contentHeight() - 2 * CodeTextView::padding) / 2;
+        const int y = CodeTextView::padding + line + line / 2;
+        QTest::mousePress(code, Qt::LeftButton, {}, QPoint(CodeTextView::padding, y));
+        QMouseEvent move(QEvent::MouseMove, QPointF(code->contentWidth(), y),
+                         code->mapToGlobal(QPointF(code->contentWidth(), y)), Qt::NoButton, Qt::LeftButton,
+                         Qt::NoModifier);
+        QApplication::sendEvent(code, &move);
+        QCOMPARE(code->selectedText(), QStringLiteral("exit()"));
+        QTest::keyClick(code, Qt::Key_C, Qt::ControlModifier);
+        QCOMPARE(QGuiApplication::clipboard()->text(), QStringLiteral("exit()"));
+    }
+    // Each press schedules its own reset and none is cancelled: a second press shortly after the
+    // first is cleared by the first one's reset.
+    void copyResetsFromEachPress()
+    {
+        CopyFeedback::setResetDelayMs(400);
+        CodeBlockView view(QStringLiteral("x"), std::nullopt);
+        QElapsedTimer timer;
+        timer.start();
+        view.copy();
+        QTest::qWait(200);
+        view.copy();
+        QVERIFY(view.copied());
+        QTRY_VERIFY_WITH_TIMEOUT(!view.copied(), 2000);
+        QVERIFY2(timer.elapsed() < 600, "the first press's reset cleared the check mark");
+    }
+    void tableCells()
+    {
+        const QStringList headers{QStringLiteral("A"), QStringLiteral("B"), QStringLiteral("C")};
+        const QList<QStringList> rows{QStringList{QStringLiteral("*one*")},
+                                      QStringLiteral("1,2,3,4,5").split(QLatin1Char(','))};
+        TableBlockView table(headers, rows);
+        QCOMPARE(table.columnCount(), 3);
+        QCOMPARE(table.rowCount(), 2);
+        const QStringList expected = QStringLiteral("A,B,C,one,,,1,2,3").split(QLatin1Char(','));
+        QStringList shown;
+        for (int r = 0; r <= table.rowCount(); ++r) {
+            for (int c = 0; c < table.columnCount(); ++c)
+                shown.append(table.cellText(r, c));
+        }
+        QCOMPARE(shown, expected);
+        // Offered less than its natural width, the table wraps its cells instead of overflowing.
+        QVERIFY(table.idealWidth() > 0);
+        QVERIFY(table.heightForWidth(60) > table.heightForWidth(table.idealWidth()));
+    }
+    void longCodeScrollsInside()
+    {
+        MarkdownTextView view;
+        view.setText(QStringLiteral("```\n") + QString(400, QLatin1Char('x')) + QStringLiteral("\n```"));
+        view.resize(300, view.heightForWidth(300));
+        view.show();
+        auto *code = qobject_cast<CodeBlockView *>(view.blockViews().at(0));
+        QVERIFY(code);
+        QCOMPARE(view.idealWidth(), -1);
+        QCOMPARE(code->width(), 300);
+        QVERIFY(code->codeView()->width() > 1000);
+        QCOMPARE(code->scrollArea()->horizontalScrollBar()->maximum(), code->codeView()->width() - 300);
+    }
+    void onlySafeLinksOpen_data()
+    {
+        QTest::addColumn<QString>("markdown");
+        QTest::addColumn<int>("opened");
+        QTest::newRow("https") << QStringLiteral("[go](https://example.com/a)") << 1;
+        QTest::newRow("mail autolink") << QStringLiteral("<me@example.com>") << 1;
+        QTest::newRow("file") << QStringLiteral("[go](file:///etc/passwd)") << 0;
+        QTest::newRow("script") << QStringLiteral("[go](javascript:alert)") << 0;
+    }
+    void onlySafeLinksOpen()
+    {
+        QFETCH(QString, markdown);
+        QFETCH(int, opened);
+        for (const char *scheme : {"https", "mailto", "file", "javascript"})
+            QDesktopServices::setUrlHandler(QString::fromLatin1(scheme), this, "openLink");
+
+        MarkdownTextView view;
+        view.setText(markdown);
+        view.resize(400, view.heightForWidth(400));
+        view.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&view));
+        QTest::mouseClick(view.blockViews().at(0), Qt::LeftButton, {}, QPoint(6, 6));
+        QCOMPARE(m_opened.size(), opened);
+
+        for (const char *scheme : {"https", "mailto", "file", "javascript"})
+            QDesktopServices::unsetUrlHandler(QString::fromLatin1(scheme));
+    }
 
 private:
     QList<QUrl> m_opened;
 };
-
-void tst_MarkdownViews::init()
-{
-    CopyFeedback::setResetDelayMs(-1);
-    m_opened.clear();
-}
-
-void tst_MarkdownViews::blocks_data()
-{
-    QTest::addColumn<QString>("markdown");
-    QTest::addColumn<QStringList>("views");
-
-    QTest::newRow("empty") << QString() << QStringList();
-    QTest::newRow("blank") << QStringLiteral("  \n\n ") << QStringList();
-    QTest::newRow("heading sizes by level")
-        << QStringLiteral("# One\n## Two\n### Three\n##### Five")
-        << QStringList{QStringLiteral("heading 22 bold: One"), QStringLiteral("heading 19 bold: Two"),
-                       QStringLiteral("heading 17 bold: Three"), QStringLiteral("heading 15 bold: Five")};
-    QTest::newRow("line break kept, markup gone")
-        << QStringLiteral("a **b**\nc") << QStringList{QStringLiteral("paragraph: a b\nc")};
-    QTest::newRow("lists") << QStringLiteral("- item\n12. twelve")
-                           << QStringList{QStringLiteral("item: • item"), QStringLiteral("item: 12. twelve")};
-    QTest::newRow("quote") << QStringLiteral("> said") << QStringList{QStringLiteral("quote: said")};
-    QTest::newRow("code labels") << QStringLiteral("```\nx\n```\n```js title=x\ny\n```")
-                                 << QStringList{QStringLiteral("code [code]"), QStringLiteral("code [js title=x]")};
-    QTest::newRow("table") << QStringLiteral("| a | b |\n|---|---|\n| 1 | 2 |")
-                           << QStringList{QStringLiteral("table 2x1")};
-    QTest::newRow("unclosed markup stays visible")
-        << QStringLiteral("**open [link](") << QStringList{QStringLiteral("paragraph: **open [link](")};
-}
-
-void tst_MarkdownViews::blocks()
-{
-    QFETCH(QString, markdown);
-    QFETCH(QStringList, views);
-
-    MarkdownTextView view;
-    view.setText(markdown);
-    QStringList shown;
-    for (const MarkdownBlockView *block : view.blockViews())
-        shown.append(describe(block));
-    QCOMPARE(shown, views);
-    view.resize(400, view.heightForWidth(400));
-    QCOMPARE(view.heightForWidth(400) == 0, views.isEmpty());
-}
-
-// A growing reply keeps the view of every block at its index; a code block keeps its copied
-// state; a block that changes kind gets a new view.
-void tst_MarkdownViews::inPlaceUpdatesKeepViews()
-{
-    MarkdownTextView view;
-    view.resize(500, 300);
-    view.setText(QStringLiteral("Intro\n\n```py\nx = 1\n```\n\nTail"));
-    QCOMPARE(view.blockViews().size(), 3);
-    const QList<MarkdownBlockView *> before = view.blockViews();
-    auto *code = qobject_cast<CodeBlockView *>(before.at(1));
-    QVERIFY(code);
-    code->copy();
-    QVERIFY(code->copied());
-
-    view.setText(QStringLiteral("Intro\n\n```py\nx = 1\ny = 2\n```\n\nTail grows"));
-    QCOMPARE(view.blockViews(), before);
-    QVERIFY(code->copied());
-    QCOMPARE(code->code(), QStringLiteral("x = 1\ny = 2"));
-    QCOMPARE(describe(view.blockViews().at(2)), QStringLiteral("paragraph: Tail grows"));
-
-    view.setText(QStringLiteral("Intro\n\n- now a list"));
-    QCOMPARE(view.blockViews().size(), 2);
-    QCOMPARE(view.blockViews().at(0), before.at(0));
-    QVERIFY(view.blockViews().at(1) != before.at(1));
-    QCOMPARE(describe(view.blockViews().at(1)), QStringLiteral("item: • now a list"));
-}
-
-void tst_MarkdownViews::copyCode()
-{
-    CodeBlockView view(QStringLiteral("print(\"hi\")\nexit()"), QStringLiteral("python"));
-    QCOMPARE(view.copyButton()->toolTip(), QStringLiteral("Copy code"));
-    QCOMPARE(view.copyButton()->accessibleName(), QStringLiteral("Copy code"));
-    QGuiApplication::clipboard()->setText(QStringLiteral("old"));
-    const qint64 before = view.copyButton()->icon().cacheKey();
-
-    view.copyButton()->setFocus();
-    QTest::keyClick(view.copyButton(), Qt::Key_Space);
-    QCOMPARE(QGuiApplication::clipboard()->text(), QStringLiteral("print(\"hi\")\nexit()"));
-    QVERIFY(view.copied());
-    QVERIFY(view.copyButton()->icon().cacheKey() != before);
-
-    // The code itself is selectable: a drag over the second line and the copy shortcut.
-    CodeTextView *code = view.codeView();
-    view.resize(400, view.heightForWidth(400));
-    view.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&view));
-    const int line = (code->contentHeight() - 2 * CodeTextView::padding) / 2;
-    const int y = CodeTextView::padding + line + line / 2;
-    QTest::mousePress(code, Qt::LeftButton, {}, QPoint(CodeTextView::padding, y));
-    QMouseEvent move(QEvent::MouseMove, QPointF(code->contentWidth(), y),
-                     code->mapToGlobal(QPointF(code->contentWidth(), y)), Qt::NoButton, Qt::LeftButton, Qt::NoModifier);
-    QApplication::sendEvent(code, &move);
-    QCOMPARE(code->selectedText(), QStringLiteral("exit()"));
-    QTest::keyClick(code, Qt::Key_C, Qt::ControlModifier);
-    QCOMPARE(QGuiApplication::clipboard()->text(), QStringLiteral("exit()"));
-}
-
-// Each press schedules its own reset and none is cancelled: a second press shortly after the
-// first is cleared by the first one's reset.
-void tst_MarkdownViews::copyResetsFromEachPress()
-{
-    CopyFeedback::setResetDelayMs(400);
-    CodeBlockView view(QStringLiteral("x"), std::nullopt);
-    QElapsedTimer timer;
-    timer.start();
-    view.copy();
-    QTest::qWait(200);
-    view.copy();
-    QVERIFY(view.copied());
-    QTRY_VERIFY_WITH_TIMEOUT(!view.copied(), 2000);
-    QVERIFY2(timer.elapsed() < 600, "the first press's reset cleared the check mark");
-}
-
-void tst_MarkdownViews::tableCells()
-{
-    const QStringList headers{QStringLiteral("A"), QStringLiteral("B"), QStringLiteral("C")};
-    const QList<QStringList> rows{QStringList{QStringLiteral("*one*")},
-                                  QStringLiteral("1,2,3,4,5").split(QLatin1Char(','))};
-    TableBlockView table(headers, rows);
-    QCOMPARE(table.columnCount(), 3);
-    QCOMPARE(table.rowCount(), 2);
-    const QStringList expected = QStringLiteral("A,B,C,one,,,1,2,3").split(QLatin1Char(','));
-    QStringList shown;
-    for (int r = 0; r <= table.rowCount(); ++r) {
-        for (int c = 0; c < table.columnCount(); ++c)
-            shown.append(table.cellText(r, c));
-    }
-    QCOMPARE(shown, expected);
-    // Offered less than its natural width, the table wraps its cells instead of overflowing.
-    QVERIFY(table.idealWidth() > 0);
-    QVERIFY(table.heightForWidth(60) > table.heightForWidth(table.idealWidth()));
-}
-
-void tst_MarkdownViews::longCodeScrollsInside()
-{
-    MarkdownTextView view;
-    view.setText(QStringLiteral("```\n") + QString(400, QLatin1Char('x')) + QStringLiteral("\n```"));
-    view.resize(300, view.heightForWidth(300));
-    view.show();
-    auto *code = qobject_cast<CodeBlockView *>(view.blockViews().at(0));
-    QVERIFY(code);
-    QCOMPARE(view.idealWidth(), -1);
-    QCOMPARE(code->width(), 300);
-    QVERIFY(code->codeView()->width() > 1000);
-    QCOMPARE(code->scrollArea()->horizontalScrollBarPolicy(), Qt::ScrollBarAlwaysOff);
-    code->scrollArea()->horizontalScrollBar()->setValue(200);
-    QCOMPARE(code->scrollArea()->horizontalScrollBar()->value(), 200);
-}
-
-void tst_MarkdownViews::onlySafeLinksOpen_data()
-{
-    QTest::addColumn<QString>("markdown");
-    QTest::addColumn<int>("opened");
-    QTest::newRow("https") << QStringLiteral("[go](https://example.com/a)") << 1;
-    QTest::newRow("mail autolink") << QStringLiteral("<me@example.com>") << 1;
-    QTest::newRow("file") << QStringLiteral("[go](file:///etc/passwd)") << 0;
-    QTest::newRow("script") << QStringLiteral("[go](javascript:alert)") << 0;
-}
-
-void tst_MarkdownViews::onlySafeLinksOpen()
-{
-    QFETCH(QString, markdown);
-    QFETCH(int, opened);
-    for (const char *scheme : {"https", "mailto", "file", "javascript"})
-        QDesktopServices::setUrlHandler(QString::fromLatin1(scheme), this, "openLink");
-
-    MarkdownTextView view;
-    view.setText(markdown);
-    view.resize(400, view.heightForWidth(400));
-    view.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&view));
-    QTest::mouseClick(view.blockViews().at(0), Qt::LeftButton, {}, QPoint(6, 6));
-    QCOMPARE(m_opened.size(), opened);
-
-    for (const char *scheme : {"https", "mailto", "file", "javascript"})
-        QDesktopServices::unsetUrlHandler(QString::fromLatin1(scheme));
-}
 
 QTEST_MAIN(tst_MarkdownViews)
 #include "tst_markdownviews.moc"

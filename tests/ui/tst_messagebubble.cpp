@@ -18,133 +18,116 @@ class tst_MessageBubble : public QObject
 
 private slots:
     void init() { CopyFeedback::setResetDelayMs(-1); }
-    void usage_data();
-    void usage();
-    void layoutByRole_data();
-    void layoutByRole();
-    void bothCopyButtonsShareOneState();
-    void streamedTextUpdatesInPlace();
+    void usage_data()
+    {
+        QTest::addColumn<Usage>("usage");
+        QTest::addColumn<QString>("part");
+        const std::optional<qint64> none;
+        QTest::newRow("no usage") << Usage() << QString();
+        QTest::newRow("all counts absent") << Usage(TokenUsage{none, none, none}) << QString();
+        QTest::newRow("total zero") << Usage(TokenUsage{none, none, 0}) << QStringLiteral("· 0 tokens");
+        QTest::newRow("prompt only") << Usage(TokenUsage{5, none, none}) << QStringLiteral("· 5 tokens");
+        QTest::newRow("both counts, no total")
+            << Usage(TokenUsage{10, 5, none}) << QStringLiteral("· 10↑ 5↓ · 15 tokens");
+        QTest::newRow("reported total wins") << Usage(TokenUsage{12, 34, 7}) << QStringLiteral("· 12↑ 34↓ · 7 tokens");
+        QTest::newRow("zero sum hidden") << Usage(TokenUsage{0, 0, none}) << QString();
+        QTest::newRow("sum saturates") << Usage(TokenUsage{std::numeric_limits<qint64>::max(), 1, none})
+                                       << QStringLiteral("· 9223372036854775807↑ 1↓ · 9223372036854775807 tokens");
+    }
+    void usage()
+    {
+        QFETCH(Usage, usage);
+        QFETCH(QString, part);
+        QCOMPARE(MessageBubble::usagePart(usage), part);
+        MessageBubble bubble(ChatMessage(ChatRole::assistant, QStringLiteral("x"), usage));
+        QCOMPARE(bubble.usageLabel()->isHidden(), part.isEmpty());
+        QCOMPARE(bubble.usageLabel()->text(), part);
+    }
+    void layoutByRole_data()
+    {
+        QTest::addColumn<ChatRole>("role");
+        QTest::addColumn<QString>("content");
+        QTest::addColumn<QString>("label");
+        QTest::addColumn<bool>("right");
+
+        QTest::newRow("user") << ChatRole::user << QStringLiteral("hi") << QStringLiteral("You") << true;
+        QTest::newRow("assistant") << ChatRole::assistant << QStringLiteral("# Hello") << QStringLiteral("Assistant")
+                                   << false;
+        QTest::newRow("system") << ChatRole::system << QStringLiteral("be brief") << QStringLiteral("System") << false;
+        QTest::newRow("empty reply") << ChatRole::assistant << QString() << QStringLiteral("Assistant") << false;
+    }
+    void layoutByRole()
+    {
+        QFETCH(ChatRole, role);
+        QFETCH(QString, content);
+        QFETCH(QString, label);
+        QFETCH(bool, right);
+
+        MessageBubble bubble(ChatMessage(role, content));
+        bubble.resize(600, bubble.heightForWidth(600));
+        bubble.show();
+        QCOMPARE(bubble.roleLabelWidget()->text(), label);
+        QCOMPARE(bubble.accessibleName(), label);
+
+        const QRect content_ = bubble.contentRect();
+        const int near = right ? 600 - content_.right() - 1 : content_.left();
+        const int far = right ? content_.left() : 600 - content_.right() - 1;
+        QCOMPARE(near, MessageBubble::sidePadding);
+        QVERIFY(far >= MessageBubble::sidePadding + MessageBubble::oppositeGap);
+
+        // The rounded background is tinted; the gap beside it is not.
+        const QImage image = bubble.grab().toImage();
+        const int y = content_.center().y();
+        const int outside = right ? content_.left() - 10 : content_.right() + 10;
+        QVERIFY(image.pixelColor(content_.center().x(), y) != image.pixelColor(outside, y));
+
+        const bool empty = content.isEmpty();
+        QCOMPARE(bubble.ellipsisLabel()->isVisible(), empty);
+        QCOMPARE(bubble.markdownView()->isVisible(), !empty);
+        QCOMPARE(bubble.headerCopyButton()->isVisible(), !empty);
+        QCOMPARE(bubble.footerCopyButton()->isVisible(), !empty);
+        QCOMPARE(bubble.footerLabel()->isVisible(), !empty);
+    }
+    // One copied state for both buttons; the clipboard gets the raw Markdown; the state resets.
+    void bothCopyButtonsShareOneState()
+    {
+        CopyFeedback::setResetDelayMs(150);
+        const QString raw = QStringLiteral("**bold** and `code`\n\n- item");
+        MessageBubble bubble(ChatMessage(ChatRole::assistant, raw));
+        const qint64 idle = bubble.headerCopyButton()->icon().cacheKey();
+
+        QTest::mouseClick(bubble.footerCopyButton(), Qt::LeftButton);
+        QCOMPARE(QGuiApplication::clipboard()->text(), raw);
+        QVERIFY(bubble.copied());
+        QCOMPARE(bubble.footerLabel()->text(), QStringLiteral("Copied"));
+        QVERIFY(bubble.headerCopyButton()->icon().cacheKey() != idle);
+        QCOMPARE(bubble.headerCopyButton()->icon().cacheKey(), bubble.footerCopyButton()->icon().cacheKey());
+
+        QTRY_COMPARE(bubble.footerLabel()->text(), QStringLiteral("Copy"));
+        QVERIFY(!bubble.copied());
+    }
+    // Streamed text and arriving usage update the same bubble and its finished blocks' views.
+    void streamedTextUpdatesInPlace()
+    {
+        ChatMessage message(ChatRole::assistant, QString());
+        MessageBubble bubble(message);
+        bubble.resize(500, bubble.heightForWidth(500));
+        const int emptyHeight = bubble.heightForWidth(500);
+
+        message.content = QStringLiteral("First paragraph.\n\nSecond");
+        QVERIFY(bubble.setMessage(message));
+        const QList<MarkdownBlockView *> views = bubble.markdownView()->blockViews();
+        QCOMPARE(views.size(), 2);
+
+        message.content += QStringLiteral(" grows, and grows.\n\n- then a list");
+        message.usage = TokenUsage{3, 4, 7};
+        QVERIFY(bubble.setMessage(message));
+        QCOMPARE(bubble.markdownView()->blockViews().mid(0, 2), views);
+        QCOMPARE(bubble.usageLabel()->text(), QStringLiteral("· 3↑ 4↓ · 7 tokens"));
+        QVERIFY(bubble.heightForWidth(500) > emptyHeight);
+        QVERIFY(!bubble.setMessage(message));
+    }
 };
-
-void tst_MessageBubble::usage_data()
-{
-    QTest::addColumn<Usage>("usage");
-    QTest::addColumn<QString>("part");
-    const std::optional<qint64> none;
-    QTest::newRow("no usage") << Usage() << QString();
-    QTest::newRow("all counts absent") << Usage(TokenUsage{none, none, none}) << QString();
-    QTest::newRow("total zero") << Usage(TokenUsage{none, none, 0}) << QStringLiteral("· 0 tokens");
-    QTest::newRow("total only") << Usage(TokenUsage{none, none, 46}) << QStringLiteral("· 46 tokens");
-    QTest::newRow("prompt only") << Usage(TokenUsage{5, none, none}) << QStringLiteral("· 5 tokens");
-    QTest::newRow("both counts, no total") << Usage(TokenUsage{10, 5, none}) << QStringLiteral("· 10↑ 5↓ · 15 tokens");
-    QTest::newRow("all three") << Usage(TokenUsage{12, 34, 46}) << QStringLiteral("· 12↑ 34↓ · 46 tokens");
-    QTest::newRow("reported total wins") << Usage(TokenUsage{12, 34, 7}) << QStringLiteral("· 12↑ 34↓ · 7 tokens");
-    QTest::newRow("zero sum hidden") << Usage(TokenUsage{0, 0, none}) << QString();
-    QTest::newRow("sum saturates") << Usage(TokenUsage{std::numeric_limits<qint64>::max(), 1, none})
-                                   << QStringLiteral("· 9223372036854775807↑ 1↓ · 9223372036854775807 tokens");
-}
-
-void tst_MessageBubble::usage()
-{
-    QFETCH(Usage, usage);
-    QFETCH(QString, part);
-    QCOMPARE(MessageBubble::usagePart(usage), part);
-    MessageBubble bubble(ChatMessage(ChatRole::assistant, QStringLiteral("x"), usage));
-    QCOMPARE(bubble.usageLabel()->isHidden(), part.isEmpty());
-    QCOMPARE(bubble.usageLabel()->text(), part);
-}
-
-void tst_MessageBubble::layoutByRole_data()
-{
-    QTest::addColumn<ChatRole>("role");
-    QTest::addColumn<QString>("content");
-    QTest::addColumn<QString>("label");
-    QTest::addColumn<bool>("right");
-
-    QTest::newRow("user") << ChatRole::user << QStringLiteral("hi") << QStringLiteral("You") << true;
-    QTest::newRow("assistant") << ChatRole::assistant << QStringLiteral("# Hello") << QStringLiteral("Assistant")
-                               << false;
-    QTest::newRow("system") << ChatRole::system << QStringLiteral("be brief") << QStringLiteral("System") << false;
-    QTest::newRow("empty reply") << ChatRole::assistant << QString() << QStringLiteral("Assistant") << false;
-}
-
-void tst_MessageBubble::layoutByRole()
-{
-    QFETCH(ChatRole, role);
-    QFETCH(QString, content);
-    QFETCH(QString, label);
-    QFETCH(bool, right);
-
-    MessageBubble bubble(ChatMessage(role, content));
-    bubble.resize(600, bubble.heightForWidth(600));
-    bubble.show();
-    QCOMPARE(bubble.roleLabelWidget()->text(), label);
-    QCOMPARE(bubble.accessibleName(), label);
-
-    const QRect content_ = bubble.contentRect();
-    const int near = right ? 600 - content_.right() - 1 : content_.left();
-    const int far = right ? content_.left() : 600 - content_.right() - 1;
-    QCOMPARE(near, MessageBubble::sidePadding);
-    QVERIFY(far >= MessageBubble::sidePadding + MessageBubble::oppositeGap);
-
-    // The rounded background is tinted; the gap beside it is not.
-    const QImage image = bubble.grab().toImage();
-    const int y = content_.center().y();
-    const int outside = right ? content_.left() - 10 : content_.right() + 10;
-    QVERIFY(image.pixelColor(content_.center().x(), y) != image.pixelColor(outside, y));
-
-    const bool empty = content.isEmpty();
-    QCOMPARE(bubble.ellipsisLabel()->isVisible(), empty);
-    QCOMPARE(bubble.ellipsisLabel()->text(), QStringLiteral("…"));
-    QCOMPARE(bubble.markdownView()->isVisible(), !empty);
-    QCOMPARE(bubble.headerCopyButton()->isVisible(), !empty);
-    QCOMPARE(bubble.footerCopyButton()->isVisible(), !empty);
-    QCOMPARE(bubble.footerLabel()->isVisible(), !empty);
-}
-
-// One copied state for both buttons; the clipboard gets the raw Markdown; the state resets.
-void tst_MessageBubble::bothCopyButtonsShareOneState()
-{
-    CopyFeedback::setResetDelayMs(150);
-    const QString raw = QStringLiteral("**bold** and `code`\n\n- item");
-    MessageBubble bubble(ChatMessage(ChatRole::assistant, raw));
-    QCOMPARE(bubble.headerCopyButton()->toolTip(), QStringLiteral("Copy Markdown"));
-    QCOMPARE(bubble.footerCopyButton()->accessibleName(), QStringLiteral("Copy Markdown"));
-    QCOMPARE(bubble.footerLabel()->text(), QStringLiteral("Copy"));
-    const qint64 idle = bubble.headerCopyButton()->icon().cacheKey();
-
-    QTest::mouseClick(bubble.footerCopyButton(), Qt::LeftButton);
-    QCOMPARE(QGuiApplication::clipboard()->text(), raw);
-    QVERIFY(bubble.copied());
-    QCOMPARE(bubble.footerLabel()->text(), QStringLiteral("Copied"));
-    QVERIFY(bubble.headerCopyButton()->icon().cacheKey() != idle);
-    QCOMPARE(bubble.headerCopyButton()->icon().cacheKey(), bubble.footerCopyButton()->icon().cacheKey());
-
-    QTRY_COMPARE(bubble.footerLabel()->text(), QStringLiteral("Copy"));
-    QVERIFY(!bubble.copied());
-}
-
-// Streamed text and arriving usage update the same bubble and its finished blocks' views.
-void tst_MessageBubble::streamedTextUpdatesInPlace()
-{
-    ChatMessage message(ChatRole::assistant, QString());
-    MessageBubble bubble(message);
-    bubble.resize(500, bubble.heightForWidth(500));
-    const int emptyHeight = bubble.heightForWidth(500);
-
-    message.content = QStringLiteral("First paragraph.\n\nSecond");
-    QVERIFY(bubble.setMessage(message));
-    const QList<MarkdownBlockView *> views = bubble.markdownView()->blockViews();
-    QCOMPARE(views.size(), 2);
-
-    message.content += QStringLiteral(" grows, and grows.\n\n- then a list");
-    message.usage = TokenUsage{3, 4, 7};
-    QVERIFY(bubble.setMessage(message));
-    QCOMPARE(bubble.markdownView()->blockViews().mid(0, 2), views);
-    QCOMPARE(bubble.usageLabel()->text(), QStringLiteral("· 3↑ 4↓ · 7 tokens"));
-    QVERIFY(bubble.heightForWidth(500) > emptyHeight);
-    QVERIFY(!bubble.setMessage(message));
-}
 
 QTEST_MAIN(tst_MessageBubble)
 #include "tst_messagebubble.moc"

@@ -53,177 +53,172 @@ class tst_ScrollController : public QObject
     Q_OBJECT
 
 private slots:
-    void transitions_data();
-    void transitions();
-    void scrollToBottomMovesTheHandle();
-};
+    void transitions_data()
+    {
+        QTest::addColumn<QList<Step>>("steps");
+        QTest::addColumn<bool>("autoScroll");
+        QTest::addColumn<bool>("changing"); // a content change still in progress
+        QTest::addColumn<bool>("atEnd");    // the scroll bar sits at its maximum
 
-void tst_ScrollController::transitions_data()
-{
-    QTest::addColumn<QList<Step>>("steps");
-    QTest::addColumn<bool>("autoScroll");
-    QTest::addColumn<bool>("changing"); // a content change still in progress
-    QTest::addColumn<bool>("atEnd");    // the scroll bar sits at its maximum
-
-    using S = Step;
-    // Not measured yet: only outside streaming does a report decide.
-    QTest::newRow("unmeasured, idle: follows")
-        << QList{op(S::SetAuto, false), report(500, 0)} << true << false << false;
-    QTest::newRow("unmeasured, streaming: unchanged")
-        << QList{op(S::SetAuto, false), report(500, 0, true)} << false << false << false;
-    // The threshold is inclusive.
-    QTest::newRow("64 points away is near") << QList{op(S::SetAuto, false), report(664, 600)} << true << false << false;
-    QTest::newRow("64.5 points away is away") << QList{report(664.5, 600)} << false << false << false;
-    QTest::newRow("idle, back near: follows again")
-        << QList{report(2000, 600), report(640, 600)} << true << false << false;
-    // While streaming a report can detach but never reattach.
-    QTest::newRow("streaming, away: detaches") << QList{report(2000, 600, true)} << false << false << false;
-    QTest::newRow("streaming, back near: stays detached")
-        << QList{report(2000, 600, true), report(600, 600, true)} << false << false << false;
-    QTest::newRow("after the stream, near: follows")
-        << QList{report(2000, 600, true), report(600, 600, false)} << true << false << false;
-    // A content change ignores reports until its own end has settled.
-    QTest::newRow("content change ignores reports") << QList{op(S::Begin), report(2000, 600)} << true << true << false;
-    QTest::newRow("ended change evaluates again")
-        << QList{op(S::Begin), op(S::EndLatest), op(S::Settle), report(2000, 600)} << false << false << false;
-    QTest::newRow("a stale end leaves the newer change running")
-        << QList{op(S::Begin), op(S::Begin), op(S::EndStale), op(S::Settle), report(2000, 600)} << true << true
-        << false;
-    QTest::newRow("begin switches following on") << QList{op(S::SetAuto, false), op(S::Begin)} << true << true << false;
-    // The program's own scrolls are ignored for their window; the window only grows.
-    QTest::newRow("inside the animated window: ignored")
-        << QList{op(S::ScrollAnimated), advance(340), report(2000, 600)} << true << false << true;
-    QTest::newRow("after the animated window: evaluated")
-        << QList{op(S::ScrollAnimated), advance(360), report(2000, 600)} << false << false << true;
-    QTest::newRow("plain window is shorter")
-        << QList{op(S::ScrollPlain), advance(160), report(2000, 600)} << false << false << true;
-    QTest::newRow("animated then plain keeps the longer window")
-        << QList{op(S::ScrollAnimated), op(S::ScrollPlain), advance(200), report(2000, 600)} << true << false << true;
-    QTest::newRow("no handle: no scroll and no window")
-        << QList{op(S::DropProxy), op(S::ScrollAnimated), report(2000, 600)} << false << false << false;
-    // The user's own scroll is never ignored for the program's scroll window.
-    QTest::newRow("user scroll inside the window detaches")
-        << QList{op(S::ScrollAnimated), advance(50), userScroll(2000, 600, true)} << false << false << false;
-    QTest::newRow("user scroll during a content change is ignored")
-        << QList{op(S::Begin), userScroll(2000, 600, true)} << true << true << false;
-    // The window's reactions.
-    QTest::newRow("send: the reply is followed once the send settles")
-        << QList{op(S::Sent), op(S::Settle), advance(400), report(2000, 600, true)} << false << false << true;
-    QTest::newRow("send: its own scroll never detaches")
-        << QList{op(S::Sent), report(2000, 600, true)} << true << true << true;
-    QTest::newRow("stream end: follows and ends at the bottom")
-        << QList{op(S::SetAuto, false), op(S::StreamEnd), op(S::Settle)} << true << false << true;
-    QTest::newRow("switch: ends at the bottom, then reports count")
-        << QList{op(S::Switch), op(S::Settle), advance(400), report(2000, 600)} << false << false << true;
-    QTest::newRow("two quick switches: the second one ends the change")
-        << QList{op(S::Switch), op(S::Switch), op(S::Settle)} << true << false << true;
-    // Activating stops the reply, which runs the stream-end reaction inside the switch: the
-    // stream end's newer token wins, and the view still ends at the bottom.
-    QTest::newRow("switch with a stream end inside it")
-        << QList{op(S::Begin), op(S::StreamEnd), op(S::Switch), op(S::Settle)} << true << false << true;
-}
-
-void tst_ScrollController::transitions()
-{
-    QFETCH(QList<Step>, steps);
-    QFETCH(bool, autoScroll);
-    QFETCH(bool, changing);
-    QFETCH(bool, atEnd);
-
-    ScrollController controller;
-    qint64 now = 1'000'000;
-    controller.setClock([&now] { return now; });
-    controller.setContentChangeSettleMs(0);
-    QScrollBar bar(Qt::Vertical);
-    bar.setRange(0, 1000);
-    controller.setProxy(&bar);
-    QList<qint64> tokens{0};
-
-    for (const Step &step : steps) {
-        switch (step.op) {
-        case Step::Report:
-        case Step::UserScroll:
-            controller.setBottomOffset(step.bottom);
-            controller.setViewportHeight(step.viewport);
-            if (step.op == Step::Report)
-                controller.scrollDidChange(step.flag);
-            else
-                controller.userDidScroll(step.flag);
-            break;
-        case Step::SetAuto:
-            controller.setAutoScroll(step.flag);
-            break;
-        case Step::Begin:
-            tokens.append(controller.beginContentChange());
-            break;
-        case Step::EndLatest:
-            controller.endContentChangeSoon(tokens.last());
-            break;
-        case Step::EndStale:
-            controller.endContentChangeSoon(tokens.at(tokens.size() - 2));
-            break;
-        case Step::Settle:
-            // Two turns for the deferred scrolls, then the settle delay.
-            for (int i = 0; i < 4; ++i)
-                QCoreApplication::processEvents();
-            QTest::qWait(20);
-            break;
-        case Step::Advance:
-            now += step.ms;
-            break;
-        case Step::ScrollAnimated:
-            controller.scrollToBottom(true);
-            break;
-        case Step::ScrollPlain:
-            controller.scrollToBottom(false);
-            break;
-        case Step::DropProxy:
-            controller.setProxy(nullptr);
-            break;
-        case Step::Switch: {
-            const qint64 token = controller.beginContentChange();
-            tokens.append(token);
-            controller.conversationSwitched(token);
-            break;
-        }
-        case Step::StreamEnd:
-            controller.streamEnded();
-            break;
-        case Step::Sent:
-            controller.messageSent();
-            break;
-        }
+        using S = Step;
+        // Not measured yet: only outside streaming does a report decide.
+        QTest::newRow("unmeasured, idle: follows")
+            << QList{op(S::SetAuto, false), report(500, 0)} << true << false << false;
+        QTest::newRow("unmeasured, streaming: unchanged")
+            << QList{op(S::SetAuto, false), report(500, 0, true)} << false << false << false;
+        // The threshold is inclusive.
+        QTest::newRow("64 points away is near")
+            << QList{op(S::SetAuto, false), report(664, 600)} << true << false << false;
+        QTest::newRow("64.5 points away is away") << QList{report(664.5, 600)} << false << false << false;
+        // While streaming a report can detach but never reattach.
+        QTest::newRow("streaming, back near: stays detached")
+            << QList{report(2000, 600, true), report(600, 600, true)} << false << false << false;
+        QTest::newRow("after the stream, near: follows")
+            << QList{report(2000, 600, true), report(600, 600, false)} << true << false << false;
+        // A content change ignores reports until its own end has settled.
+        QTest::newRow("content change ignores reports")
+            << QList{op(S::Begin), report(2000, 600)} << true << true << false;
+        QTest::newRow("ended change evaluates again")
+            << QList{op(S::Begin), op(S::EndLatest), op(S::Settle), report(2000, 600)} << false << false << false;
+        QTest::newRow("a stale end leaves the newer change running")
+            << QList{op(S::Begin), op(S::Begin), op(S::EndStale), op(S::Settle), report(2000, 600)} << true << true
+            << false;
+        QTest::newRow("begin switches following on")
+            << QList{op(S::SetAuto, false), op(S::Begin)} << true << true << false;
+        // The program's own scrolls are ignored for their window; the window only grows.
+        QTest::newRow("inside the animated window: ignored")
+            << QList{op(S::ScrollAnimated), advance(340), report(2000, 600)} << true << false << true;
+        QTest::newRow("after the animated window: evaluated")
+            << QList{op(S::ScrollAnimated), advance(360), report(2000, 600)} << false << false << true;
+        QTest::newRow("plain window is shorter")
+            << QList{op(S::ScrollPlain), advance(160), report(2000, 600)} << false << false << true;
+        QTest::newRow("animated then plain keeps the longer window")
+            << QList{op(S::ScrollAnimated), op(S::ScrollPlain), advance(200), report(2000, 600)} << true << false
+            << true;
+        QTest::newRow("no handle: no scroll and no window")
+            << QList{op(S::DropProxy), op(S::ScrollAnimated), report(2000, 600)} << false << false << false;
+        // The user's own scroll is never ignored for the program's scroll window.
+        QTest::newRow("user scroll inside the window detaches")
+            << QList{op(S::ScrollAnimated), advance(50), userScroll(2000, 600, true)} << false << false << false;
+        QTest::newRow("user scroll during a content change is ignored")
+            << QList{op(S::Begin), userScroll(2000, 600, true)} << true << true << false;
+        // The window's reactions.
+        QTest::newRow("send: the reply is followed once the send settles")
+            << QList{op(S::Sent), op(S::Settle), advance(400), report(2000, 600, true)} << false << false << true;
+        QTest::newRow("send: its own scroll never detaches")
+            << QList{op(S::Sent), report(2000, 600, true)} << true << true << true;
+        QTest::newRow("stream end: follows and ends at the bottom")
+            << QList{op(S::SetAuto, false), op(S::StreamEnd), op(S::Settle)} << true << false << true;
+        QTest::newRow("switch: ends at the bottom, then reports count")
+            << QList{op(S::Switch), op(S::Settle), advance(400), report(2000, 600)} << false << false << true;
+        QTest::newRow("two quick switches: the second one ends the change")
+            << QList{op(S::Switch), op(S::Switch), op(S::Settle)} << true << false << true;
+        // Activating stops the reply, which runs the stream-end reaction inside the switch: the
+        // stream end's newer token wins, and the view still ends at the bottom.
+        QTest::newRow("switch with a stream end inside it")
+            << QList{op(S::Begin), op(S::StreamEnd), op(S::Switch), op(S::Settle)} << true << false << true;
     }
-    QCOMPARE(controller.autoScroll(), autoScroll);
-    QCOMPARE(controller.contentChangeInProgress(), changing);
-    if (atEnd)
-        QTRY_COMPARE(bar.value(), bar.maximum());
-    else
-        QCOMPARE(bar.value(), 0);
-}
+    void transitions()
+    {
+        QFETCH(QList<Step>, steps);
+        QFETCH(bool, autoScroll);
+        QFETCH(bool, changing);
+        QFETCH(bool, atEnd);
 
-// The animated scroll eases to the end and follows an end that moves while it runs; a user's
-// scroll stops it where it is.
-void tst_ScrollController::scrollToBottomMovesTheHandle()
-{
-    ScrollController controller;
-    QScrollBar bar(Qt::Vertical);
-    bar.setRange(0, 1000);
-    controller.setProxy(&bar);
+        ScrollController controller;
+        qint64 now = 1'000'000;
+        controller.setClock([&now] { return now; });
+        controller.setContentChangeSettleMs(0);
+        QScrollBar bar(Qt::Vertical);
+        bar.setRange(0, 1000);
+        controller.setProxy(&bar);
+        QList<qint64> tokens{0};
 
-    controller.scrollToBottom(true);
-    bar.setRange(0, 1500);
-    QTRY_COMPARE(bar.value(), 1500);
+        for (const Step &step : steps) {
+            switch (step.op) {
+            case Step::Report:
+            case Step::UserScroll:
+                controller.setBottomOffset(step.bottom);
+                controller.setViewportHeight(step.viewport);
+                if (step.op == Step::Report)
+                    controller.scrollDidChange(step.flag);
+                else
+                    controller.userDidScroll(step.flag);
+                break;
+            case Step::SetAuto:
+                controller.setAutoScroll(step.flag);
+                break;
+            case Step::Begin:
+                tokens.append(controller.beginContentChange());
+                break;
+            case Step::EndLatest:
+                controller.endContentChangeSoon(tokens.last());
+                break;
+            case Step::EndStale:
+                controller.endContentChangeSoon(tokens.at(tokens.size() - 2));
+                break;
+            case Step::Settle:
+                // Two turns for the deferred scrolls, then the settle delay.
+                for (int i = 0; i < 4; ++i)
+                    QCoreApplication::processEvents();
+                QTest::qWait(20);
+                break;
+            case Step::Advance:
+                now += step.ms;
+                break;
+            case Step::ScrollAnimated:
+                controller.scrollToBottom(true);
+                break;
+            case Step::ScrollPlain:
+                controller.scrollToBottom(false);
+                break;
+            case Step::DropProxy:
+                controller.setProxy(nullptr);
+                break;
+            case Step::Switch: {
+                const qint64 token = controller.beginContentChange();
+                tokens.append(token);
+                controller.conversationSwitched(token);
+                break;
+            }
+            case Step::StreamEnd:
+                controller.streamEnded();
+                break;
+            case Step::Sent:
+                controller.messageSent();
+                break;
+            }
+        }
+        QCOMPARE(controller.autoScroll(), autoScroll);
+        QCOMPARE(controller.contentChangeInProgress(), changing);
+        if (atEnd)
+            QTRY_COMPARE(bar.value(), bar.maximum());
+        else
+            QCOMPARE(bar.value(), 0);
+    }
+    // The animated scroll eases to the end and follows an end that moves while it runs; a user's
+    // scroll stops it where it is.
+    void scrollToBottomMovesTheHandle()
+    {
+        ScrollController controller;
+        QScrollBar bar(Qt::Vertical);
+        bar.setRange(0, 1000);
+        controller.setProxy(&bar);
 
-    bar.setValue(0);
-    controller.scrollToBottom(true);
-    QTest::qWait(30);
-    controller.userDidScroll(false);
-    const int stoppedAt = bar.value();
-    QTest::qWait(200);
-    QCOMPARE(bar.value(), stoppedAt);
-    QVERIFY(stoppedAt < 1500);
-}
+        controller.scrollToBottom(true);
+        bar.setRange(0, 1500);
+        QTRY_COMPARE(bar.value(), 1500);
+
+        bar.setValue(0);
+        controller.scrollToBottom(true);
+        QTest::qWait(30);
+        controller.userDidScroll(false);
+        const int stoppedAt = bar.value();
+        QTest::qWait(200);
+        QCOMPARE(bar.value(), stoppedAt);
+        QVERIFY(stoppedAt < 1500);
+    }
+};
 
 QTEST_MAIN(tst_ScrollController)
 #include "tst_scrollcontroller.moc"

@@ -40,19 +40,213 @@ class tst_TranscriptView : public QObject
     Q_OBJECT
 
 private slots:
-    void init();
-    void cleanup();
-    void opensLazilyAndListsEveryMessage();
-    void followsUntilTheUserScrollsAway();
-    void tallUpdatesDoNotDetach();
-    void errorLineFollowsTheMessages();
-    void wheelOverCodeScrollsTheTranscript();
-    void streamedPaintMatchesAFreshPaint_data();
-    void streamedPaintMatchesAFreshPaint();
+    void init()
+    {
+        m_server = std::make_unique<LoopbackServer>();
+        QVERIFY(m_server->listen());
+        m_chat = std::make_unique<ChatViewModel>();
+        // Every fragment reaches the transcript: each clock reading is a flush interval later.
+        m_chat->setClock([this] { return m_now += 1; });
+        m_scroll = std::make_unique<ScrollController>();
+        m_chat->setOnStreamEnd([this] { m_scroll->streamEnded(); });
+        Conversation conversation;
+        conversation.id = QUuid::createUuid();
+        m_chat->activate(conversation);
+        m_view = std::make_unique<TranscriptView>(m_chat.get(), m_scroll.get());
+        m_view->resize(480, 400);
+        m_view->show();
+        QVERIFY(QTest::qWaitForWindowExposed(m_view.get()));
+    }
+    void cleanup()
+    {
+        m_view.reset();
+        m_chat.reset();
+        m_scroll.reset();
+        m_server.reset();
+    }
+    // A long conversation opens at its end with only the bubbles near it built, and a screen
+    // reader still finds every message with its role and text.
+    void opensLazilyAndListsEveryMessage()
+    {
+        Conversation conversation;
+        conversation.id = QUuid::createUuid();
+        for (int i = 0; i < 1000; ++i) {
+            conversation.messages.append(
+                ChatMessage(i % 2 ? ChatRole::assistant : ChatRole::user, QStringLiteral("Message **%1**").arg(i)));
+        }
+        m_chat->activate(conversation);
+        TranscriptArea *area = m_view->area();
+        QCOMPARE(area->messageCount(), 1000);
+        QVERIFY(atEnd());
+        QVERIFY(area->bubbleAt(999));
+        QVERIFY(!area->bubbleAt(0));
+        QVERIFY(area->builtBubbleCount() < 40);
+
+        QAccessibleInterface *list = QAccessible::queryAccessibleInterface(area);
+        QVERIFY(list);
+        QCOMPARE(list->role(), QAccessible::List);
+        QCOMPARE(list->childCount(), 1000);
+        for (int i : {0, 500, 999}) {
+            QAccessibleInterface *item = list->child(i);
+            QVERIFY(item);
+            QCOMPARE(item->role(), QAccessible::ListItem);
+            QCOMPARE(item->text(QAccessible::Name), i % 2 ? QStringLiteral("Assistant") : QStringLiteral("You"));
+            QCOMPARE(item->text(QAccessible::Description), QStringLiteral("Message **%1**").arg(i));
+            QCOMPARE(list->indexOfChild(item), i);
+        }
+
+        // Scrolling to the top builds the first bubbles and lets the far ones go.
+        bar()->setValue(0);
+        QVERIFY(area->bubbleAt(0));
+        QVERIFY(!area->bubbleAt(999));
+        QVERIFY(area->builtBubbleCount() < 40);
+    }
+    void followsUntilTheUserScrollsAway()
+    {
+        QList<QByteArray> pieces;
+        // Long enough to outlast the steps below on a busy machine.
+        for (int i = 0; i < 300; ++i)
+            pieces.append(deltaEvent(paragraph(i)));
+        send(pieces, 30);
+
+        // Following: the reply is kept in view while it grows past the window.
+        QTRY_VERIFY_WITH_TIMEOUT(bar()->maximum() > 600, 5000);
+        QTRY_VERIFY(!m_scroll->contentChangeInProgress());
+        QTRY_VERIFY(nearEnd());
+        QVERIFY(m_scroll->autoScroll());
+        QVERIFY(!m_view->jumpButton()->isVisible());
+
+        // The user scrolls up: the transcript detaches at once and stays where the user left it.
+        bar()->triggerAction(QAbstractSlider::SliderPageStepSub);
+        bar()->triggerAction(QAbstractSlider::SliderPageStepSub);
+        QVERIFY(!m_scroll->autoScroll());
+        QVERIFY(m_view->jumpButton()->isVisible());
+        const int left = bar()->value();
+        const qsizetype length = m_chat->messages().last().content.size();
+        QTRY_VERIFY(m_chat->messages().last().content.size() > length + 300);
+        QCOMPARE(bar()->value(), left);
+
+        // Back at the end while streaming is not enough; the jump button is.
+        bar()->triggerAction(QAbstractSlider::SliderToMaximum);
+        QVERIFY(!m_scroll->autoScroll());
+        QTest::mouseClick(m_view->jumpButton(), Qt::LeftButton);
+        QVERIFY(m_scroll->autoScroll());
+        QTRY_VERIFY(nearEnd());
+
+        QTRY_VERIFY_WITH_TIMEOUT(!m_chat->isStreaming(), 10000);
+        QTRY_VERIFY(atEnd());
+        QVERIFY(m_scroll->autoScroll());
+    }
+    // Updates taller than the near threshold are followed: the growth is scrolled to before its
+    // own geometry is reported.
+    void tallUpdatesDoNotDetach()
+    {
+        QList<QByteArray> pieces;
+        for (int i = 0; i < 12; ++i)
+            pieces.append(deltaEvent(paragraph(3 * i) + paragraph(3 * i + 1) + paragraph(3 * i + 2)));
+        bool detached = false;
+        connect(m_scroll.get(), &ScrollController::autoScrollChanged, this,
+                [&] { detached = detached || !m_scroll->autoScroll(); });
+        send(pieces, 60);
+        QTRY_VERIFY_WITH_TIMEOUT(!m_chat->isStreaming(), 10000);
+        QVERIFY(bar()->maximum() > 1000);
+        QVERIFY(!detached);
+        QTRY_VERIFY(atEnd());
+    }
+    void errorLineFollowsTheMessages()
+    {
+        TranscriptArea *area = m_view->area();
+        const int before = area->anchorBottom();
+        m_chat->setInput(QStringLiteral("hi"));
+        m_chat->send(std::nullopt);
+        QLabel *error = area->errorLabel();
+        QVERIFY(error->isVisible());
+        QCOMPARE(error->text(), ChatViewModel::noProviderText());
+        // Red in the role the label is really drawn with, whatever its background.
+        QCOMPARE(error->palette().color(error->foregroundRole()), Theme::color(Theme::Color::Red, area->palette()));
+        QVERIFY(area->anchorBottom() > before + error->height());
+        QCOMPARE(error->x(), TranscriptArea::errorPadding);
+    }
+    // Code scrolls sideways inside its block; a vertical wheel over it still moves the transcript,
+    // and counts as the user's own scroll.
+    void wheelOverCodeScrollsTheTranscript()
+    {
+        Conversation conversation;
+        conversation.id = QUuid::createUuid();
+        for (int i = 0; i < 30; ++i) {
+            conversation.messages.append(
+                ChatMessage(ChatRole::assistant,
+                            QStringLiteral("```\nline one of a wide block %1\nline two\nline three\n```").arg(i)));
+        }
+        m_chat->activate(conversation);
+        QTRY_VERIFY(!m_scroll->contentChangeInProgress()); // activating ended a reply, which settles first
+        auto *code = m_view->area()->bubbleAt(29)->findChild<CodeTextView *>();
+        QVERIFY(code && code->isVisible());
+        const int before = bar()->value();
+        // Where a wheel over the code ends up once the code itself has let it pass.
+        QWidget *strip = code->parentWidget();
+        const QPoint at = strip->rect().center();
+        QWheelEvent wheel(at, strip->mapToGlobal(at), QPoint(), QPoint(0, 240), Qt::NoButton, Qt::NoModifier,
+                          Qt::NoScrollPhase, false);
+        QApplication::sendEvent(strip, &wheel);
+        QVERIFY(bar()->value() < before);
+        QVERIFY(!m_scroll->autoScroll());
+    }
+    // What the window shows after many in-place updates is what a fresh paint of the same state
+    // shows: partial repaints leave nothing stale behind.
+    void streamedPaintMatchesAFreshPaint_data()
+    {
+        QTest::addColumn<int>("chunk");
+        QTest::addColumn<int>("width");
+        for (int chunk : {1, 4, 7, 23}) {
+            for (int width : {360, 520})
+                QTest::addRow("%d characters at a time, %d wide", chunk, width) << chunk << width;
+        }
+    }
+    void streamedPaintMatchesAFreshPaint()
+    {
+        QFETCH(int, chunk);
+        QFETCH(int, width);
+        const QString reply = QStringLiteral(
+            "# Title\n\nSome *text* that wraps around the narrow window more than once, with `code` and **bold "
+            "words** closing late.\n\n> a quote that is long enough to wrap in the narrow window\n\n"
+            "```python\ndef f(x):\n    return x + 1  # and a comment that runs far beyond the right edge of it\n```\n\n"
+            "| a | b |\n|---|---|\n| 1 | 2 |\n| longer cell | 3 |\n\n- one\n- two\n\n9. nine\n10. ten\n");
+        QList<QByteArray> pieces;
+        for (qsizetype i = 0; i < reply.size(); i += chunk)
+            pieces.append(deltaEvent(reply.mid(i, chunk)));
+        // Tall enough that nothing scrolls: every pixel shown was painted by an in-place update.
+        m_view->resize(width, 1000);
+        send(pieces, 1);
+        QTRY_VERIFY_WITH_TIMEOUT(!m_chat->isStreaming(), 10000);
+        QTRY_VERIFY(atEnd());
+        QTest::qWait(400);
+
+        QScreen *screen = m_view->screen();
+        const QImage shown = screen->grabWindow(m_view->winId()).toImage().convertToFormat(QImage::Format_RGB32);
+        const QImage fresh = m_view->grab().toImage().convertToFormat(QImage::Format_RGB32);
+        QCOMPARE(shown.size(), fresh.size());
+        QVERIFY(shown == fresh);
+    }
 
 private:
     // Starts a turn whose reply arrives as these pieces, delayMs apart.
-    void send(const QList<QByteArray> &pieces, int delayMs);
+    void send(const QList<QByteArray> &pieces, int delayMs)
+    {
+        QList<QByteArray> all = pieces;
+        all.append("data: [DONE]\n\n");
+        m_server->setResponse(LoopbackResponse::eventStream(all, delayMs));
+        Provider provider;
+        provider.id = QUuid::createUuid();
+        provider.name = QStringLiteral("Loopback");
+        provider.baseURL = m_server->url(QStringLiteral("/v1")).toString();
+        provider.model = QStringLiteral("m");
+        provider.apiKey = QStringLiteral("sk-test");
+        m_chat->setInput(QStringLiteral("Tell me a long story."));
+        m_scroll->messageSent();
+        m_chat->send(provider);
+        QVERIFY(m_chat->isStreaming());
+    }
     QScrollBar *bar() const { return m_view->area()->verticalScrollBar(); }
     bool atEnd() const { return bar()->value() == bar()->maximum(); }
     // While a reply streams faster than the scroll eases, the view trails the end slightly.
@@ -64,219 +258,6 @@ private:
     std::unique_ptr<TranscriptView> m_view;
     double m_now = 0;
 };
-
-void tst_TranscriptView::init()
-{
-    m_server = std::make_unique<LoopbackServer>();
-    QVERIFY(m_server->listen());
-    m_chat = std::make_unique<ChatViewModel>();
-    // Every fragment reaches the transcript: each clock reading is a flush interval later.
-    m_chat->setClock([this] { return m_now += 1; });
-    m_scroll = std::make_unique<ScrollController>();
-    m_chat->setOnStreamEnd([this] { m_scroll->streamEnded(); });
-    Conversation conversation;
-    conversation.id = QUuid::createUuid();
-    m_chat->activate(conversation);
-    m_view = std::make_unique<TranscriptView>(m_chat.get(), m_scroll.get());
-    m_view->resize(480, 400);
-    m_view->show();
-    QVERIFY(QTest::qWaitForWindowExposed(m_view.get()));
-}
-
-void tst_TranscriptView::cleanup()
-{
-    m_view.reset();
-    m_chat.reset();
-    m_scroll.reset();
-    m_server.reset();
-}
-
-void tst_TranscriptView::send(const QList<QByteArray> &pieces, int delayMs)
-{
-    QList<QByteArray> all = pieces;
-    all.append("data: [DONE]\n\n");
-    m_server->setResponse(LoopbackResponse::eventStream(all, delayMs));
-    Provider provider;
-    provider.id = QUuid::createUuid();
-    provider.name = QStringLiteral("Loopback");
-    provider.baseURL = m_server->url(QStringLiteral("/v1")).toString();
-    provider.model = QStringLiteral("m");
-    provider.apiKey = QStringLiteral("sk-test");
-    m_chat->setInput(QStringLiteral("Tell me a long story."));
-    m_scroll->messageSent();
-    m_chat->send(provider);
-    QVERIFY(m_chat->isStreaming());
-}
-
-// A long conversation opens at its end with only the bubbles near it built, and a screen
-// reader still finds every message with its role and text.
-void tst_TranscriptView::opensLazilyAndListsEveryMessage()
-{
-    Conversation conversation;
-    conversation.id = QUuid::createUuid();
-    for (int i = 0; i < 1000; ++i) {
-        conversation.messages.append(
-            ChatMessage(i % 2 ? ChatRole::assistant : ChatRole::user, QStringLiteral("Message **%1**").arg(i)));
-    }
-    m_chat->activate(conversation);
-    TranscriptArea *area = m_view->area();
-    QCOMPARE(area->messageCount(), 1000);
-    QVERIFY(atEnd());
-    QVERIFY(area->bubbleAt(999));
-    QVERIFY(!area->bubbleAt(0));
-    QVERIFY(area->builtBubbleCount() < 40);
-
-    QAccessibleInterface *list = QAccessible::queryAccessibleInterface(area);
-    QVERIFY(list);
-    QCOMPARE(list->role(), QAccessible::List);
-    QCOMPARE(list->childCount(), 1000);
-    for (int i : {0, 500, 999}) {
-        QAccessibleInterface *item = list->child(i);
-        QVERIFY(item);
-        QCOMPARE(item->role(), QAccessible::ListItem);
-        QCOMPARE(item->text(QAccessible::Name), i % 2 ? QStringLiteral("Assistant") : QStringLiteral("You"));
-        QCOMPARE(item->text(QAccessible::Description), QStringLiteral("Message **%1**").arg(i));
-        QCOMPARE(list->indexOfChild(item), i);
-    }
-
-    // Scrolling to the top builds the first bubbles and lets the far ones go.
-    bar()->setValue(0);
-    QVERIFY(area->bubbleAt(0));
-    QVERIFY(!area->bubbleAt(999));
-    QVERIFY(area->builtBubbleCount() < 40);
-}
-
-void tst_TranscriptView::followsUntilTheUserScrollsAway()
-{
-    QList<QByteArray> pieces;
-    // Long enough to outlast the steps below on a busy machine.
-    for (int i = 0; i < 300; ++i)
-        pieces.append(deltaEvent(paragraph(i)));
-    send(pieces, 30);
-
-    // Following: the reply is kept in view while it grows past the window.
-    QTRY_VERIFY_WITH_TIMEOUT(bar()->maximum() > 600, 5000);
-    QTRY_VERIFY(!m_scroll->contentChangeInProgress());
-    QTRY_VERIFY(nearEnd());
-    QVERIFY(m_scroll->autoScroll());
-    QVERIFY(!m_view->jumpButton()->isVisible());
-
-    // The user scrolls up: the transcript detaches at once and stays where the user left it.
-    bar()->triggerAction(QAbstractSlider::SliderPageStepSub);
-    bar()->triggerAction(QAbstractSlider::SliderPageStepSub);
-    QVERIFY(!m_scroll->autoScroll());
-    QVERIFY(m_view->jumpButton()->isVisible());
-    const int left = bar()->value();
-    const qsizetype length = m_chat->messages().last().content.size();
-    QTRY_VERIFY(m_chat->messages().last().content.size() > length + 300);
-    QCOMPARE(bar()->value(), left);
-
-    // Back at the end while streaming is not enough; the jump button is.
-    bar()->triggerAction(QAbstractSlider::SliderToMaximum);
-    QVERIFY(!m_scroll->autoScroll());
-    QTest::mouseClick(m_view->jumpButton(), Qt::LeftButton);
-    QVERIFY(m_scroll->autoScroll());
-    QTRY_VERIFY(nearEnd());
-
-    QTRY_VERIFY_WITH_TIMEOUT(!m_chat->isStreaming(), 10000);
-    QTRY_VERIFY(atEnd());
-    QVERIFY(m_scroll->autoScroll());
-}
-
-// Updates taller than the near threshold are followed: the growth is scrolled to before its
-// own geometry is reported.
-void tst_TranscriptView::tallUpdatesDoNotDetach()
-{
-    QList<QByteArray> pieces;
-    for (int i = 0; i < 12; ++i)
-        pieces.append(deltaEvent(paragraph(3 * i) + paragraph(3 * i + 1) + paragraph(3 * i + 2)));
-    bool detached = false;
-    connect(m_scroll.get(), &ScrollController::autoScrollChanged, this,
-            [&] { detached = detached || !m_scroll->autoScroll(); });
-    send(pieces, 60);
-    QTRY_VERIFY_WITH_TIMEOUT(!m_chat->isStreaming(), 10000);
-    QVERIFY(bar()->maximum() > 1000);
-    QVERIFY(!detached);
-    QTRY_VERIFY(atEnd());
-}
-
-// Code scrolls sideways inside its block; a vertical wheel over it still moves the transcript,
-// and counts as the user's own scroll.
-void tst_TranscriptView::wheelOverCodeScrollsTheTranscript()
-{
-    Conversation conversation;
-    conversation.id = QUuid::createUuid();
-    for (int i = 0; i < 30; ++i) {
-        conversation.messages.append(ChatMessage(
-            ChatRole::assistant, QStringLiteral("```\nline one of a wide block %1\nline two\nline three\n```").arg(i)));
-    }
-    m_chat->activate(conversation);
-    QTRY_VERIFY(!m_scroll->contentChangeInProgress()); // activating ended a reply, which settles first
-    auto *code = m_view->area()->bubbleAt(29)->findChild<CodeTextView *>();
-    QVERIFY(code && code->isVisible());
-    const int before = bar()->value();
-    // Where a wheel over the code ends up once the code itself has let it pass.
-    QWidget *strip = code->parentWidget();
-    const QPoint at = strip->rect().center();
-    QWheelEvent wheel(at, strip->mapToGlobal(at), QPoint(), QPoint(0, 240), Qt::NoButton, Qt::NoModifier,
-                      Qt::NoScrollPhase, false);
-    QApplication::sendEvent(strip, &wheel);
-    QVERIFY(bar()->value() < before);
-    QVERIFY(!m_scroll->autoScroll());
-}
-
-void tst_TranscriptView::errorLineFollowsTheMessages()
-{
-    TranscriptArea *area = m_view->area();
-    const int before = area->anchorBottom();
-    m_chat->setInput(QStringLiteral("hi"));
-    m_chat->send(std::nullopt);
-    QLabel *error = area->errorLabel();
-    QVERIFY(error->isVisible());
-    QCOMPARE(error->text(), ChatViewModel::noProviderText());
-    // Red in the role the label is really drawn with, whatever its background.
-    QCOMPARE(error->palette().color(error->foregroundRole()), Theme::color(Theme::Color::Red, area->palette()));
-    QVERIFY(area->anchorBottom() > before + error->height());
-    QCOMPARE(error->x(), TranscriptArea::errorPadding);
-}
-
-// What the window shows after many in-place updates is what a fresh paint of the same state
-// shows: partial repaints leave nothing stale behind.
-void tst_TranscriptView::streamedPaintMatchesAFreshPaint_data()
-{
-    QTest::addColumn<int>("chunk");
-    QTest::addColumn<int>("width");
-    for (int chunk : {1, 4, 7, 23}) {
-        for (int width : {360, 520})
-            QTest::addRow("%d characters at a time, %d wide", chunk, width) << chunk << width;
-    }
-}
-
-void tst_TranscriptView::streamedPaintMatchesAFreshPaint()
-{
-    QFETCH(int, chunk);
-    QFETCH(int, width);
-    const QString reply = QStringLiteral(
-        "# Title\n\nSome *text* that wraps around the narrow window more than once, with `code` and **bold "
-        "words** closing late.\n\n> a quote that is long enough to wrap in the narrow window\n\n"
-        "```python\ndef f(x):\n    return x + 1  # and a comment that runs far beyond the right edge of it\n```\n\n"
-        "| a | b |\n|---|---|\n| 1 | 2 |\n| longer cell | 3 |\n\n- one\n- two\n\n9. nine\n10. ten\n");
-    QList<QByteArray> pieces;
-    for (qsizetype i = 0; i < reply.size(); i += chunk)
-        pieces.append(deltaEvent(reply.mid(i, chunk)));
-    // Tall enough that nothing scrolls: every pixel shown was painted by an in-place update.
-    m_view->resize(width, 1000);
-    send(pieces, 1);
-    QTRY_VERIFY_WITH_TIMEOUT(!m_chat->isStreaming(), 10000);
-    QTRY_VERIFY(atEnd());
-    QTest::qWait(400);
-
-    QScreen *screen = m_view->screen();
-    const QImage shown = screen->grabWindow(m_view->winId()).toImage().convertToFormat(QImage::Format_RGB32);
-    const QImage fresh = m_view->grab().toImage().convertToFormat(QImage::Format_RGB32);
-    QCOMPARE(shown.size(), fresh.size());
-    QVERIFY(shown == fresh);
-}
 
 QTEST_MAIN(tst_TranscriptView)
 #include "tst_transcriptview.moc"
