@@ -8,6 +8,8 @@
 
 #include <memory>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 QByteArray delta(const QByteArray &text)
@@ -50,27 +52,10 @@ class tst_ChatViewModel final : public QObject
 {
     Q_OBJECT
 
-private slots:
-    void initTestCase();
-    void init();
-    void cleanup();
-
-    void guards_data();
-    void guards();
-    void throttle_data();
-    void throttle();
-    void turn_data();
-    void turn();
-    void stopThenSendAtOnce_keepsAndSavesStoppedReplyFirst();
-    void interruptedMidReply_data();
-    void interruptedMidReply();
-    void twoViewModelsStreamingIntoOneConversation_keepEachOthersTurns();
-
-private:
     Provider loopback() const
     {
-        const QString url = m_server->url(QStringLiteral("/v1")).toString();
-        return {QUuid::createUuid(), {}, ProviderWire::openAI, url, QStringLiteral("m"), {}, QStringLiteral("sk-test")};
+        const QString url = m_server->url(u"/v1"_s).toString();
+        return {QUuid::createUuid(), {}, ProviderWire::openAI, url, u"m"_s, {}, u"sk-test"_s};
     }
     void start(const QString &text, const std::optional<Provider> &p)
     {
@@ -78,8 +63,21 @@ private:
         m_vm->send(p);
     }
     // Runs one turn and waits for its end.
-    bool runTurn(const QString &text, const Provider &p);
-    QList<ChatMessage> stored(const QUuid &id) const;
+    bool runTurn(const QString &text, const Provider &p)
+    {
+        const int endsBefore = m_streamEnds;
+        start(text, p);
+        return m_vm->isStreaming() &&
+               QTest::qWaitFor([&] { return m_streamEnds > endsBefore && !m_vm->isStreaming(); }, 10000);
+    }
+    QList<ChatMessage> stored(const QUuid &id) const
+    {
+        for (const Conversation &c : m_store->conversations()) {
+            if (c.id == id)
+                return c.messages;
+        }
+        return {};
+    }
 
     QTemporaryDir m_home;
     std::unique_ptr<ConversationStore> m_store;
@@ -89,305 +87,278 @@ private:
     double m_step = 0; // how far apart, in seconds, the fragments of a reply arrive
     Conversation m_conversation;
     int m_streamEnds = 0;
-};
 
-void tst_ChatViewModel::initTestCase()
-{
-    QVERIFY(m_home.isValid());
-    qputenv("XDG_CONFIG_HOME", QFile::encodeName(m_home.filePath(QStringLiteral("config"))));
-    qputenv("XDG_DATA_HOME", QFile::encodeName(m_home.filePath(QStringLiteral("data"))));
-}
-
-void tst_ChatViewModel::init()
-{
-    static int run = 0;
-    m_store = std::make_unique<ConversationStore>(m_home.filePath(QStringLiteral("c%1.json").arg(++run)));
-    m_server = std::make_unique<LoopbackServer>();
-    QVERIFY(m_server->listen());
-    m_now = 1000;
-    m_step = 1;
-    m_vm = std::make_unique<ChatViewModel>();
-    // The view model reads the clock once per fragment; each reading moves it on by m_step.
-    m_vm->setClock([this] { return std::exchange(m_now, m_now + m_step); });
-    m_vm->setStore(m_store.get());
-    m_conversation = m_store->newChat(std::nullopt);
-    m_vm->activate(m_conversation);
-    m_streamEnds = 0;
-    m_vm->setOnStreamEnd([this] { ++m_streamEnds; });
-}
-
-void tst_ChatViewModel::cleanup()
-{
-    m_vm.reset();
-    m_server.reset();
-    m_store.reset();
-}
-
-bool tst_ChatViewModel::runTurn(const QString &text, const Provider &p)
-{
-    const int endsBefore = m_streamEnds;
-    start(text, p);
-    return m_vm->isStreaming() &&
-           QTest::qWaitFor([&] { return m_streamEnds > endsBefore && !m_vm->isStreaming(); }, 10000);
-}
-
-QList<ChatMessage> tst_ChatViewModel::stored(const QUuid &id) const
-{
-    for (const Conversation &c : m_store->conversations()) {
-        if (c.id == id)
-            return c.messages;
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_home.isValid());
+        qputenv("XDG_CONFIG_HOME", QFile::encodeName(m_home.filePath(u"config"_s)));
+        qputenv("XDG_DATA_HOME", QFile::encodeName(m_home.filePath(u"data"_s)));
     }
-    return {};
-}
-
-void tst_ChatViewModel::guards_data()
-{
-    QTest::addColumn<QString>("input");
-    QTest::addColumn<bool>("withProvider");
-    QTest::addColumn<bool>("withConversation");
-    QTest::addColumn<bool>("streaming");
-    QTest::addColumn<std::optional<QString>>("errorText");
-
-    const std::optional<QString> none;
-    QTest::newRow("blank input") << QStringLiteral(" \n\t  \n") << true << true << false << none;
-    QTest::newRow("no provider") << QStringLiteral("hi") << false << true << false
-                                 << std::optional(QStringLiteral("Pick a provider first (Settings Ctrl+,)."));
-    QTest::newRow("no conversation") << QStringLiteral("hi") << true << false << false << none;
-    QTest::newRow("a reply already streaming") << QStringLiteral("second") << true << true << true << none;
-}
-
-// A refused send changes nothing but the error, keeps the composer's text and reaches no provider.
-void tst_ChatViewModel::guards()
-{
-    QFETCH(QString, input);
-    QFETCH(bool, withProvider);
-    QFETCH(bool, withConversation);
-    QFETCH(bool, streaming);
-    QFETCH(std::optional<QString>, errorText);
-
-    if (streaming) {
-        LoopbackResponse silent;
-        silent.neverAnswer = true;
-        m_server->setResponse(silent);
-        start(QStringLiteral("first"), loopback());
-        QTRY_COMPARE(m_server->requests().size(), 1);
+    void init()
+    {
+        static int run = 0;
+        m_store = std::make_unique<ConversationStore>(m_home.filePath(u"c%1.json"_s.arg(++run)));
+        m_server = std::make_unique<LoopbackServer>();
+        QVERIFY(m_server->listen());
+        m_now = 1000;
+        m_step = 1;
+        m_vm = std::make_unique<ChatViewModel>();
+        // The view model reads the clock once per fragment; each reading moves it on by m_step.
+        m_vm->setClock([this] { return std::exchange(m_now, m_now + m_step); });
+        m_vm->setStore(m_store.get());
+        m_conversation = m_store->newChat(std::nullopt);
+        m_vm->activate(m_conversation);
+        m_streamEnds = 0;
+        m_vm->setOnStreamEnd([this] { ++m_streamEnds; });
     }
-    if (!withConversation)
-        m_vm->activate(std::nullopt);
-    const QList<ChatMessage> before = m_vm->messages();
-    const QList<ChatMessage> storedBefore = stored(m_conversation.id);
-    start(input, withProvider ? std::optional(loopback()) : std::nullopt);
-
-    QCOMPARE(m_vm->errorText(), errorText);
-    QCOMPARE(m_vm->input(), input);
-    QCOMPARE(m_vm->messages(), before);
-    QCOMPARE(m_vm->isStreaming(), streaming);
-    QTest::qWait(50);
-    QCOMPARE(m_server->connectionCount(), streaming ? 1 : 0);
-    QCOMPARE(stored(m_conversation.id), storedBefore);
-
-    if (errorText) {
-        // The next send that gets through clears the error.
-        m_server->setResponse(LoopbackResponse::eventStream({delta("ok")}));
-        QVERIFY(runTurn(input, loopback()));
-        QCOMPARE(m_vm->errorText(), std::nullopt);
-    }
-}
-
-void tst_ChatViewModel::throttle_data()
-{
-    QTest::addColumn<double>("secondsBetweenFragments");
-    QTest::addColumn<QStringList>("updates");
-
-    // Pending text with no later fragment waits for the end of the reply: there is no timer.
-    QTest::newRow("three within 10 ms") << 0.003 << QStringList{QStringLiteral("abc")};
-    QTest::newRow("60 ms apart") << 0.06
-                                 << QStringList{QStringLiteral("a"), QStringLiteral("ab"), QStringLiteral("abc")};
-    QTest::newRow("30 ms apart") << 0.03 << QStringList{QStringLiteral("ab"), QStringLiteral("abc")};
-}
-
-void tst_ChatViewModel::throttle()
-{
-    QFETCH(double, secondsBetweenFragments);
-    QFETCH(QStringList, updates);
-
-    m_server->setResponse(LoopbackResponse::eventStream({delta("a"), delta("b"), delta("c")}, 5));
-    m_step = secondsBetweenFragments;
-    QStringList seen; // each text the reply showed, in turn
-    connect(m_vm.get(), &ChatViewModel::messagesChanged, this, [&] {
-        const QString shown = m_vm->messages().last().content;
-        if (m_vm->messages().last().role == ChatRole::assistant && !shown.isEmpty() && !seen.endsWith(shown))
-            seen.append(shown);
-    });
-    QVERIFY(runTurn(QStringLiteral("go"), loopback()));
-    QCOMPARE(seen, updates);
-    QCOMPARE(stored(m_conversation.id).last().content, QStringLiteral("abc"));
-}
-
-void tst_ChatViewModel::turn_data()
-{
-    QTest::addColumn<TurnCase>("row");
-    LoopbackResponse dropped = LoopbackResponse::eventStream({delta("par"), delta("tial"), delta("x")});
-    dropped.framing = LoopbackResponse::Framing::contentLength;
-    dropped.dropAfterPieces = 2;
-    const QString hello = QStringLiteral("hello");
-
-    QTest::newRow("HTTP error before any text")
-        << TurnCase{.response = LoopbackResponse::text(401, "{\"error\":\n\"bad key\"}\n"),
-                    .transcript = {hello},
-                    .error = QStringLiteral("Provider returned HTTP 401: {\"error\":\"bad key\"}")};
-    QTest::newRow("transfer cut after some text") << TurnCase{
-        .response = dropped, .transcript = {hello, QStringLiteral("partial")}, .error = QStringLiteral("?")};
-    QTest::newRow("normal end without text")
-        << TurnCase{.response = LoopbackResponse::eventStream({"data: [DONE]\n\n"}), .transcript = {hello, QString()}};
-    // Counts reported piecemeal add up on the reply without erasing one another.
-    QTest::newRow("openAI usage: prompt, then completion and total")
-        << TurnCase{.response = LoopbackResponse::eventStream(
-                        {delta("x"), "data: {\"usage\":{\"prompt_tokens\":7}}\n\n",
-                         "data: {\"choices\":[],\"usage\":{\"completion_tokens\":5,\"total_tokens\":12}}\n\n"}),
-                    .transcript = {hello, QStringLiteral("x")},
-                    .usage = TokenUsage{7, 5, 12}};
-}
-
-// A turn saves the user's message before the provider is asked, sends the whole history but not
-// the reply's placeholder, and however the reply ends, the transcript in memory and in the file
-// agree and the window hears of it once.
-void tst_ChatViewModel::turn()
-{
-    QFETCH(TurnCase, row);
-    Conversation earlier = m_conversation;
-    earlier.messages = {ChatMessage(ChatRole::system, QStringLiteral("be brief")),
-                        ChatMessage(ChatRole::user, QStringLiteral("q")),
-                        ChatMessage(ChatRole::assistant, QStringLiteral("a"), TokenUsage{1, 2, 3})};
-    m_vm->activate(earlier);
-    m_streamEnds = 0;
-    QList<ChatMessage> storedAtRequest;
-    connect(m_server.get(), &LoopbackServer::requestReceived, this,
-            [&] { storedAtRequest = stored(m_conversation.id); });
-    m_server->setResponse(row.response);
-    QVERIFY(runTurn(QStringLiteral("  hello  "), loopback()));
-
-    QCOMPARE(m_streamEnds, 1);
-    QCOMPARE(m_vm->errorText().has_value(), !row.error.isEmpty());
-    if (!row.error.isEmpty() && row.error != u"?")
-        QCOMPARE(*m_vm->errorText(), row.error);
-    const QList<ChatMessage> messages = m_vm->messages();
-    QCOMPARE(contents(messages),
-             QStringList({QStringLiteral("be brief"), QStringLiteral("q"), QStringLiteral("a")}) + row.transcript);
-    QCOMPARE(messages.at(3).usage, std::nullopt);
-    QCOMPARE(messages.last().usage, row.usage);
-    QCOMPARE(stored(m_conversation.id), messages);
-    QCOMPARE(storedAtRequest, messages.first(4));
-    QCOMPARE(m_store->conversations().first().title, QStringLiteral("q"));
-    QCOMPARE(m_vm->input(), QString());
-
-    Json::Parser parser;
-    QStringList sent;
-    for (const Json::Value &m : parser.parse(m_server->requests().first().body)["messages"].elements())
-        sent.append(m["content"].toString());
-    QCOMPARE(sent, contents(messages.first(4)));
-}
-
-void tst_ChatViewModel::stopThenSendAtOnce_keepsAndSavesStoppedReplyFirst()
-{
-    int request = 0;
-    m_server->setHandler([&request](const LoopbackRequest &) {
-        return ++request == 1 ? stalling({delta("cut"), delta("never")})
-                              : LoopbackResponse::eventStream({delta("whole")});
-    });
-    start(QStringLiteral("one"), loopback());
-    QTRY_COMPARE(m_vm->messages().last().content, QStringLiteral("cut"));
-
-    // Stopping ends streaming at once; the stopped reply's end follows once its transfer has wound
-    // down, which must be before the next turn's request goes out.
-    std::optional<std::pair<bool, int>> atSecondRequest;
-    connect(m_server.get(), &LoopbackServer::requestReceived, this,
-            [&] { atSecondRequest = std::pair(m_vm->isStreaming(), m_streamEnds); });
-    m_vm->stop();
-    QVERIFY(!m_vm->isStreaming());
-    QCOMPARE(m_streamEnds, 1);
-    QVERIFY(runTurn(QStringLiteral("two"), loopback()));
-    QCOMPARE(atSecondRequest, std::optional(std::pair(true, 2)));
-
-    QCOMPARE(contents(m_vm->messages()), (QStringList{QStringLiteral("one"), QStringLiteral("cut"),
-                                                      QStringLiteral("two"), QStringLiteral("whole")}));
-    QCOMPARE(m_vm->errorText(), std::nullopt);
-    QCOMPARE(m_streamEnds, 3);
-    QCOMPARE(stored(m_conversation.id), m_vm->messages());
-}
-
-void tst_ChatViewModel::interruptedMidReply_data()
-{
-    QTest::addColumn<Interruption>("interruption");
-    QTest::addColumn<int>("streamEnds");
-    QTest::addColumn<QStringList>("shown"); // by the view model, if it is still there
-    QTest::addColumn<QStringList>("saved"); // in the store, if it is still there
-
-    const QString question = QStringLiteral("first question");
-    // Switching stops the reply; the conversation keeps the user's message, the reply is dropped.
-    QTest::newRow("other conversation shown")
-        << Interruption::otherConversation << 1 << QStringList() << QStringList{question};
-    // A window closed mid-reply takes its view model along; the transfer must not call back into it.
-    QTest::newRow("view model destroyed") << Interruption::viewModelGone << 0 << QStringList() << QStringList{question};
-    QTest::newRow("store destroyed: the transcript in memory goes on")
-        << Interruption::storeGone << 1 << QStringList{question, QStringLiteral("ab")} << QStringList();
-}
-
-void tst_ChatViewModel::interruptedMidReply()
-{
-    QFETCH(Interruption, interruption);
-    QFETCH(int, streamEnds);
-    QFETCH(QStringList, shown);
-    QFETCH(QStringList, saved);
-
-    const Conversation other = m_store->newChat(std::nullopt);
-    m_server->setResponse(stalling({delta("a"), delta("b")}, 100));
-    start(QStringLiteral("first question"), loopback());
-    QTRY_COMPARE(m_vm->messages().last().content, QStringLiteral("a"));
-    m_vm->setInput(QStringLiteral("draft"));
-    if (interruption == Interruption::otherConversation) {
-        m_vm->activate(other);
-        QVERIFY(!m_vm->isStreaming());
-    } else if (interruption == Interruption::viewModelGone) {
+    void cleanup()
+    {
         m_vm.reset();
-    } else {
+        m_server.reset();
         m_store.reset();
     }
-    QTRY_COMPARE(m_streamEnds, streamEnds);
-    QTest::qWait(200); // past the delayed piece
 
-    QCOMPARE(m_streamEnds, streamEnds);
-    if (m_vm) {
-        QCOMPARE(contents(m_vm->messages()), shown);
-        QCOMPARE(m_vm->input(), QStringLiteral("draft"));
+    void guards_data()
+    {
+        QTest::addColumn<QString>("input");
+        QTest::addColumn<bool>("withProvider");
+        QTest::addColumn<bool>("withConversation");
+        QTest::addColumn<bool>("streaming");
+        QTest::addColumn<std::optional<QString>>("errorText");
+
+        const std::optional<QString> none;
+        QTest::newRow("blank input") << u" \n\t  \n"_s << true << true << false << none;
+        QTest::newRow("no provider") << u"hi"_s << false << true << false
+                                     << std::optional(u"Pick a provider first (Settings Ctrl+,)."_s);
+        QTest::newRow("no conversation") << u"hi"_s << true << false << false << none;
+        QTest::newRow("a reply already streaming") << u"second"_s << true << true << true << none;
     }
-    if (m_store) {
-        QCOMPARE(contents(stored(m_conversation.id)), saved);
-        QVERIFY(stored(other.id).isEmpty());
+    // A refused send changes nothing but the error, keeps the composer's text and reaches no provider.
+    void guards()
+    {
+        QFETCH(QString, input);
+        QFETCH(bool, withProvider);
+        QFETCH(bool, withConversation);
+        QFETCH(bool, streaming);
+        QFETCH(std::optional<QString>, errorText);
+
+        if (streaming) {
+            LoopbackResponse silent;
+            silent.neverAnswer = true;
+            m_server->setResponse(silent);
+            start(u"first"_s, loopback());
+            QTRY_COMPARE(m_server->requests().size(), 1);
+        }
+        if (!withConversation)
+            m_vm->activate(std::nullopt);
+        const QList<ChatMessage> before = m_vm->messages();
+        const QList<ChatMessage> storedBefore = stored(m_conversation.id);
+        start(input, withProvider ? std::optional(loopback()) : std::nullopt);
+
+        QCOMPARE(m_vm->errorText(), errorText);
+        QCOMPARE(m_vm->input(), input);
+        QCOMPARE(m_vm->messages(), before);
+        QCOMPARE(m_vm->isStreaming(), streaming);
+        QTest::qWait(50);
+        QCOMPARE(m_server->connectionCount(), streaming ? 1 : 0);
+        QCOMPARE(stored(m_conversation.id), storedBefore);
+
+        if (errorText) {
+            // The next send that gets through clears the error.
+            m_server->setResponse(LoopbackResponse::eventStream({delta("ok")}));
+            QVERIFY(runTurn(input, loopback()));
+            QCOMPARE(m_vm->errorText(), std::nullopt);
+        }
     }
-}
+
+    void throttle_data()
+    {
+        QTest::addColumn<double>("secondsBetweenFragments");
+        QTest::addColumn<QStringList>("updates");
+        // Pending text with no later fragment waits for the end of the reply: there is no timer.
+        QTest::newRow("three within 10 ms") << 0.003 << QStringList{u"abc"_s};
+        QTest::newRow("60 ms apart") << 0.06 << QStringList{u"a"_s, u"ab"_s, u"abc"_s};
+        QTest::newRow("30 ms apart") << 0.03 << QStringList{u"ab"_s, u"abc"_s};
+    }
+    void throttle()
+    {
+        QFETCH(double, secondsBetweenFragments);
+        QFETCH(QStringList, updates);
+
+        m_server->setResponse(LoopbackResponse::eventStream({delta("a"), delta("b"), delta("c")}, 5));
+        m_step = secondsBetweenFragments;
+        QStringList seen; // each text the reply showed, in turn
+        connect(m_vm.get(), &ChatViewModel::messagesChanged, this, [&] {
+            const QString shown = m_vm->messages().last().content;
+            if (m_vm->messages().last().role == ChatRole::assistant && !shown.isEmpty() && !seen.endsWith(shown))
+                seen.append(shown);
+        });
+        QVERIFY(runTurn(u"go"_s, loopback()));
+        QCOMPARE(seen, updates);
+        QCOMPARE(stored(m_conversation.id).last().content, u"abc"_s);
+    }
+
+    void turn_data()
+    {
+        QTest::addColumn<TurnCase>("row");
+        LoopbackResponse dropped = LoopbackResponse::eventStream({delta("par"), delta("tial"), delta("x")});
+        dropped.framing = LoopbackResponse::Framing::contentLength;
+        dropped.dropAfterPieces = 2;
+        const QString hello = u"hello"_s;
+
+        QTest::newRow("HTTP error before any text")
+            << TurnCase{.response = LoopbackResponse::text(401, "{\"error\":\n\"bad key\"}\n"),
+                        .transcript = {hello},
+                        .error = u"Provider returned HTTP 401: {\"error\":\"bad key\"}"_s};
+        QTest::newRow("transfer cut after some text")
+            << TurnCase{.response = dropped, .transcript = {hello, u"partial"_s}, .error = u"?"_s};
+        QTest::newRow("normal end without text") << TurnCase{
+            .response = LoopbackResponse::eventStream({"data: [DONE]\n\n"}), .transcript = {hello, QString()}};
+        // Counts reported piecemeal add up on the reply without erasing one another.
+        QTest::newRow("openAI usage: prompt, then completion and total")
+            << TurnCase{.response = LoopbackResponse::eventStream(
+                            {delta("x"), "data: {\"usage\":{\"prompt_tokens\":7}}\n\n",
+                             "data: {\"choices\":[],\"usage\":{\"completion_tokens\":5,\"total_tokens\":12}}\n\n"}),
+                        .transcript = {hello, u"x"_s},
+                        .usage = TokenUsage{7, 5, 12}};
+    }
+    // A turn saves the user's message before the provider is asked, sends the whole history but not
+    // the reply's placeholder, and however the reply ends, the transcript in memory and in the file
+    // agree and the window hears of it once.
+    void turn()
+    {
+        QFETCH(TurnCase, row);
+        Conversation earlier = m_conversation;
+        earlier.messages = {ChatMessage(ChatRole::system, u"be brief"_s), ChatMessage(ChatRole::user, u"q"_s),
+                            ChatMessage(ChatRole::assistant, u"a"_s, TokenUsage{1, 2, 3})};
+        m_vm->activate(earlier);
+        m_streamEnds = 0;
+        QList<ChatMessage> storedAtRequest;
+        connect(m_server.get(), &LoopbackServer::requestReceived, this,
+                [&] { storedAtRequest = stored(m_conversation.id); });
+        m_server->setResponse(row.response);
+        QVERIFY(runTurn(u"  hello  "_s, loopback()));
+
+        QCOMPARE(m_streamEnds, 1);
+        QCOMPARE(m_vm->errorText().has_value(), !row.error.isEmpty());
+        if (!row.error.isEmpty() && row.error != u"?")
+            QCOMPARE(*m_vm->errorText(), row.error);
+        const QList<ChatMessage> messages = m_vm->messages();
+        QCOMPARE(contents(messages), QStringList({u"be brief"_s, u"q"_s, u"a"_s}) + row.transcript);
+        QCOMPARE(messages.at(3).usage, std::nullopt);
+        QCOMPARE(messages.last().usage, row.usage);
+        QCOMPARE(stored(m_conversation.id), messages);
+        QCOMPARE(storedAtRequest, messages.first(4));
+        QCOMPARE(m_store->conversations().first().title, u"q"_s);
+        QCOMPARE(m_vm->input(), QString());
+
+        Json::Parser parser;
+        QStringList sent;
+        for (const Json::Value &m : parser.parse(m_server->requests().first().body)["messages"].elements())
+            sent.append(m["content"].toString());
+        QCOMPARE(sent, contents(messages.first(4)));
+    }
+
+    void stopThenSendAtOnce_keepsAndSavesStoppedReplyFirst()
+    {
+        int request = 0;
+        m_server->setHandler([&request](const LoopbackRequest &) {
+            return ++request == 1 ? stalling({delta("cut"), delta("never")})
+                                  : LoopbackResponse::eventStream({delta("whole")});
+        });
+        start(u"one"_s, loopback());
+        QTRY_COMPARE(m_vm->messages().last().content, u"cut"_s);
+
+        // Stopping ends streaming at once; the stopped reply's end follows once its transfer has wound
+        // down, which must be before the next turn's request goes out.
+        std::optional<std::pair<bool, int>> atSecondRequest;
+        connect(m_server.get(), &LoopbackServer::requestReceived, this,
+                [&] { atSecondRequest = std::pair(m_vm->isStreaming(), m_streamEnds); });
+        m_vm->stop();
+        QVERIFY(!m_vm->isStreaming());
+        QCOMPARE(m_streamEnds, 1);
+        QVERIFY(runTurn(u"two"_s, loopback()));
+        QCOMPARE(atSecondRequest, std::optional(std::pair(true, 2)));
+
+        QCOMPARE(contents(m_vm->messages()), (QStringList{u"one"_s, u"cut"_s, u"two"_s, u"whole"_s}));
+        QCOMPARE(m_vm->errorText(), std::nullopt);
+        QCOMPARE(m_streamEnds, 3);
+        QCOMPARE(stored(m_conversation.id), m_vm->messages());
+    }
+
+    void interruptedMidReply_data()
+    {
+        QTest::addColumn<Interruption>("interruption");
+        QTest::addColumn<int>("streamEnds");
+        QTest::addColumn<QStringList>("shown"); // by the view model, if it is still there
+        QTest::addColumn<QStringList>("saved"); // in the store, if it is still there
+
+        const QString question = u"first question"_s;
+        // Switching stops the reply; the conversation keeps the user's message, the reply is dropped.
+        QTest::newRow("other conversation shown")
+            << Interruption::otherConversation << 1 << QStringList() << QStringList{question};
+        // A window closed mid-reply takes its view model along; the transfer must not call back into it.
+        QTest::newRow("view model destroyed")
+            << Interruption::viewModelGone << 0 << QStringList() << QStringList{question};
+        QTest::newRow("store destroyed: the transcript in memory goes on")
+            << Interruption::storeGone << 1 << QStringList{question, u"ab"_s} << QStringList();
+    }
+    void interruptedMidReply()
+    {
+        QFETCH(Interruption, interruption);
+        QFETCH(int, streamEnds);
+        QFETCH(QStringList, shown);
+        QFETCH(QStringList, saved);
+
+        const Conversation other = m_store->newChat(std::nullopt);
+        m_server->setResponse(stalling({delta("a"), delta("b")}, 100));
+        start(u"first question"_s, loopback());
+        QTRY_COMPARE(m_vm->messages().last().content, u"a"_s);
+        m_vm->setInput(u"draft"_s);
+        if (interruption == Interruption::otherConversation) {
+            m_vm->activate(other);
+            QVERIFY(!m_vm->isStreaming());
+        } else if (interruption == Interruption::viewModelGone) {
+            m_vm.reset();
+        } else {
+            m_store.reset();
+        }
+        QTRY_COMPARE(m_streamEnds, streamEnds);
+        QTest::qWait(200); // past the delayed piece
+
+        QCOMPARE(m_streamEnds, streamEnds);
+        if (m_vm) {
+            QCOMPARE(contents(m_vm->messages()), shown);
+            QCOMPARE(m_vm->input(), u"draft"_s);
+        }
+        if (m_store) {
+            QCOMPARE(contents(stored(m_conversation.id)), saved);
+            QVERIFY(stored(other.id).isEmpty());
+        }
+    }
+
+    void twoViewModelsStreamingIntoOneConversation_keepEachOthersTurns()
+    {
+        int request = 0;
+        m_server->setHandler([&request](const LoopbackRequest &) {
+            return ++request == 1 ? stalling({delta("first reply"), "data: [DONE]\n\n"}, 300)
+                                  : stalling({delta("second reply"), "data: [DONE]\n\n"}, 600);
+        });
+        ChatViewModel other;
+        other.setStore(m_store.get());
+        start(u"first"_s, loopback());
+        // The other window shows what the first one saved, then sends while the first still streams.
+        other.activate(m_store->selected());
+        other.setInput(u"second"_s);
+        other.send(loopback());
+        QVERIFY(m_vm->isStreaming() && other.isStreaming());
+
+        QTRY_VERIFY_WITH_TIMEOUT(!m_vm->isStreaming() && !other.isStreaming(), 10000);
+        QCOMPARE(contents(stored(m_conversation.id)),
+                 (QStringList{u"first"_s, u"first reply"_s, u"second"_s, u"second reply"_s}));
+    }
+};
 
 QTEST_GUILESS_MAIN(tst_ChatViewModel)
 #include "tst_chatviewmodel.moc"
-
-void tst_ChatViewModel::twoViewModelsStreamingIntoOneConversation_keepEachOthersTurns()
-{
-    int request = 0;
-    m_server->setHandler([&request](const LoopbackRequest &) {
-        return ++request == 1 ? stalling({delta("first reply"), "data: [DONE]\n\n"}, 300)
-                              : stalling({delta("second reply"), "data: [DONE]\n\n"}, 600);
-    });
-    ChatViewModel other;
-    other.setStore(m_store.get());
-    start(QStringLiteral("first"), loopback());
-    // The other window shows what the first one saved, then sends while the first still streams.
-    other.activate(m_store->selected());
-    other.setInput(QStringLiteral("second"));
-    other.send(loopback());
-    QVERIFY(m_vm->isStreaming() && other.isStreaming());
-
-    QTRY_VERIFY_WITH_TIMEOUT(!m_vm->isStreaming() && !other.isStreaming(), 10000);
-    QCOMPARE(contents(stored(m_conversation.id)),
-             (QStringList{QStringLiteral("first"), QStringLiteral("first reply"), QStringLiteral("second"),
-                          QStringLiteral("second reply")}));
-}

@@ -64,198 +64,176 @@ class tst_ProviderEditor final : public QObject
 {
     Q_OBJECT
 
-private slots:
-    void initTestCase();
-    void init();
-
-    void presetLoadsItsFieldsWithoutModelMenu();
-    void fetchGuards_data();
-    void fetchGuards();
-    void fetch_data();
-    void fetch();
-    void fetchFinishingAfterEditorIsGone_stillCachesModels();
-    void reloadsOnAppearanceOnly_andSaveOfRemovedProviderIsNoop();
-
-private:
     std::unique_ptr<StorageTest::Profile> m_profile;
     MockProvider m_mock;
-};
 
-void tst_ProviderEditor::initTestCase()
-{
-    m_profile = std::make_unique<StorageTest::Profile>();
-    QVERIFY2(m_mock.listen(), qPrintable(m_mock.errorString()));
-}
-
-void tst_ProviderEditor::init()
-{
-    QSettings(u"Verbolt"_s, u"Verbolt"_s).clear();
-    m_mock.setOptions({});
-}
-
-void tst_ProviderEditor::presetLoadsItsFieldsWithoutModelMenu()
-{
-    ProviderStore store;
-    Provider p = Provider::presets().at(2);
-    p.id = QUuid::createUuid();
-    store.add(p);
-    Form form(store, p.id);
-
-    QCOMPARE(form.edit(u"name"_s)->text(), p.name);
-    QCOMPARE(form.child<QComboBox>(u"wire"_s)->currentText(), displayLabel(p.wire));
-    QCOMPARE(form.edit(u"baseURL"_s)->text(), p.baseURL);
-    QCOMPARE(form.edit(u"model"_s)->text(), p.model);
-    QCOMPARE(form.edit(u"apiKey"_s)->text(), QString());
-    QCOMPARE(form.edit(u"apiKey"_s)->echoMode(), QLineEdit::Password);
-    QVERIFY(!form.chooser()->isVisible());
-    QVERIFY(!form.savedShown());
-    QCOMPARE(form.error(), QString());
-}
-
-void tst_ProviderEditor::fetchGuards_data()
-{
-    QTest::addColumn<QString>("key");
-    QTest::addColumn<QString>("baseURL");
-    QTest::addColumn<QString>("error");
-    const QString noKey = u"Paste your API key first."_s, noURL = u"Set the Base URL first."_s;
-    QTest::newRow("both empty: the key is asked for first") << QString() << QString() << noKey;
-    QTest::newRow("key of blanks") << u"   "_s << u"http://127.0.0.1:1/v1"_s << noKey;
-    QTest::newRow("base URL of blanks") << u"sk"_s << u"   "_s << noURL;
-}
-
-void tst_ProviderEditor::fetchGuards()
-{
-    QFETCH(QString, key);
-    QFETCH(QString, baseURL);
-    QFETCH(QString, error);
-    ProviderStore store;
-    store.add({QUuid::createUuid(), u"P"_s, ProviderWire::openAI, u"https://stored.example/v1"_s, {}, {}, u"sk"_s});
-    Form form(store, store.providers().first().id);
-    form.type(u"apiKey"_s, key);
-    form.type(u"baseURL"_s, baseURL);
-    form.click(u"fetchModels"_s);
-    QCOMPARE(form.error(), error);
-    QVERIFY(!form.editor->isFetching());
-    // A fetch that runs clears the old message first.
-    form.type(u"apiKey"_s, u"sk"_s);
-    form.type(u"baseURL"_s, m_mock.baseURL());
-    form.click(u"fetchModels"_s);
-    QCOMPARE(form.error(), QString());
-    QTRY_VERIFY(!form.editor->isFetching());
-}
-
-void tst_ProviderEditor::fetch_data()
-{
-    QTest::addColumn<QStringList>("models");
-    QTest::addColumn<int>("failStatus");
-    QTest::addColumn<QString>("error");
-    QTest::newRow("three models") << QStringList{u"b-model"_s, u"a-model"_s, u"c-model"_s} << 0 << QString();
-    QTest::newRow("empty list") << QStringList() << 0 << u"No models returned."_s;
-    QTest::newRow("server error") << QStringList{u"x"_s} << 500 << u"HTTP 500"_s;
-}
-
-// The fetch uses the form as typed (unsaved wire and URL, key trimmed), caches the list in the
-// store at once and writes nothing else; "Save" writes the fields untrimmed.
-void tst_ProviderEditor::fetch()
-{
-    QFETCH(QStringList, models);
-    QFETCH(int, failStatus);
-    QFETCH(QString, error);
-    MockProviderOptions options;
-    options.models = models;
-    options.requireKey = u"sk-live"_s;
-    options.failStatus = failStatus;
-    options.failBody = "overloaded";
-    m_mock.setOptions(options);
-
-    ProviderStore store;
-    const Provider original{
-        QUuid::createUuid(), u"Before"_s, ProviderWire::anthropic, u"http://127.0.0.1:1/v1"_s, u"kept-model"_s,
-        {u"old"_s},          u""_s};
-    store.add(original);
-    Form form(store, original.id);
-    form.type(u"name"_s, u"After"_s);
-    form.child<QComboBox>(u"wire"_s)->setCurrentIndex(0);
-    form.type(u"baseURL"_s, m_mock.baseURL());
-    form.type(u"apiKey"_s, u"  sk-live  "_s);
-    form.click(u"fetchModels"_s);
-    QVERIFY(form.editor->isFetching());
-    QVERIFY(!form.child<QPushButton>(u"fetchModels"_s)->isVisible());
-    QTRY_VERIFY(!form.editor->isFetching());
-
-    QVERIFY2(form.error().contains(error), qPrintable(form.error()));
-    Provider expected = original;
-    if (failStatus == 0) {
-        QStringList sorted = models;
-        sorted.sort();
-        QCOMPARE(form.editor->fetchedModels(), sorted);
-        expected.cachedModels = sorted;
-    } else {
-        QVERIFY(!error.isEmpty());
-        QCOMPARE(form.editor->fetchedModels(), original.cachedModels); // the old list stays offered
-    }
-    QCOMPARE(*stored(store, original.id), expected);
-    const QStringList offered = form.editor->fetchedModels();
-    QCOMPARE(form.chooser()->isVisible(), !offered.isEmpty());
-    if (offered.isEmpty())
-        return;
-
-    QCOMPARE(form.chooser()->text(), u"Choose (%1)"_s.arg(offered.size()));
-    const QList<QAction *> items = form.chooser()->menu()->actions();
-    QCOMPARE(items.size(), offered.size());
-    items.last()->trigger();
-    QCOMPARE(form.edit(u"model"_s)->text(), offered.last());
-    QCOMPARE(stored(store, original.id)->model, original.model);
-
-    form.click(u"save"_s);
-    QVERIFY(form.savedShown());
-    const Provider saved = *stored(store, original.id);
-    QCOMPARE(saved.name, u"After"_s);
-    QCOMPARE(saved.wire, ProviderWire::openAI);
-    QCOMPARE(saved.model, offered.last());
-    QCOMPARE(saved.apiKey, u"  sk-live  "_s);
-    QCOMPARE(saved.cachedModels, offered);
-    form.type(u"name"_s, u"Edited again"_s);
-    QVERIFY(form.savedShown());
-}
-
-void tst_ProviderEditor::fetchFinishingAfterEditorIsGone_stillCachesModels()
-{
-    ProviderStore store;
-    const QUuid id = QUuid::createUuid();
-    store.add({id, u"P"_s, ProviderWire::openAI, m_mock.baseURL(), {}, {}, u"sk"_s});
+private slots:
+    void initTestCase()
     {
-        Form form(store, id);
+        m_profile = std::make_unique<StorageTest::Profile>();
+        QVERIFY2(m_mock.listen(), qPrintable(m_mock.errorString()));
+    }
+
+    void init()
+    {
+        QSettings(u"Verbolt"_s, u"Verbolt"_s).clear();
+        m_mock.setOptions({});
+    }
+
+    void fetchGuards_data()
+    {
+        QTest::addColumn<QString>("key");
+        QTest::addColumn<QString>("baseURL");
+        QTest::addColumn<QString>("error");
+        const QString noKey = u"Paste your API key first."_s, noURL = u"Set the Base URL first."_s;
+        QTest::newRow("both empty: the key is asked for first") << QString() << QString() << noKey;
+        QTest::newRow("key of blanks") << u"   "_s << u"http://127.0.0.1:1/v1"_s << noKey;
+        QTest::newRow("base URL of blanks") << u"sk"_s << u"   "_s << noURL;
+    }
+    void fetchGuards()
+    {
+        QFETCH(QString, key);
+        QFETCH(QString, baseURL);
+        QFETCH(QString, error);
+        ProviderStore store;
+        store.add({QUuid::createUuid(), u"P"_s, ProviderWire::openAI, u"https://stored.example/v1"_s, {}, {}, u"sk"_s});
+        Form form(store, store.providers().first().id);
+        form.type(u"apiKey"_s, key);
+        form.type(u"baseURL"_s, baseURL);
+        form.click(u"fetchModels"_s);
+        QCOMPARE(form.error(), error);
+        QVERIFY(!form.editor->isFetching());
+        // A fetch that runs clears the old message first.
+        form.type(u"apiKey"_s, u"sk"_s);
+        form.type(u"baseURL"_s, m_mock.baseURL());
+        form.click(u"fetchModels"_s);
+        QCOMPARE(form.error(), QString());
+        QTRY_VERIFY(!form.editor->isFetching());
+    }
+
+    void fetch_data()
+    {
+        QTest::addColumn<QStringList>("models");
+        QTest::addColumn<int>("failStatus");
+        QTest::addColumn<QString>("error");
+        QTest::newRow("three models") << QStringList{u"b-model"_s, u"a-model"_s, u"c-model"_s} << 0 << QString();
+        QTest::newRow("empty list") << QStringList() << 0 << u"No models returned."_s;
+        QTest::newRow("server error") << QStringList{u"x"_s} << 500 << u"HTTP 500"_s;
+    }
+    // The fetch uses the form as typed (unsaved wire and URL, key trimmed), caches the list in the
+    // store at once and writes nothing else; "Save" writes the fields untrimmed.
+    void fetch()
+    {
+        QFETCH(QStringList, models);
+        QFETCH(int, failStatus);
+        QFETCH(QString, error);
+        MockProviderOptions options;
+        options.models = models;
+        options.requireKey = u"sk-live"_s;
+        options.failStatus = failStatus;
+        options.failBody = "overloaded";
+        m_mock.setOptions(options);
+
+        ProviderStore store;
+        const Provider original{
+            QUuid::createUuid(), u"Before"_s, ProviderWire::anthropic, u"http://127.0.0.1:1/v1"_s, u"kept-model"_s,
+            {u"old"_s},          u""_s};
+        store.add(original);
+        Form form(store, original.id);
+        form.type(u"name"_s, u"After"_s);
+        form.child<QComboBox>(u"wire"_s)->setCurrentIndex(0);
+        form.type(u"baseURL"_s, m_mock.baseURL());
+        form.type(u"apiKey"_s, u"  sk-live  "_s);
         form.click(u"fetchModels"_s);
         QVERIFY(form.editor->isFetching());
+        QVERIFY(!form.child<QPushButton>(u"fetchModels"_s)->isVisible());
+        QTRY_VERIFY(!form.editor->isFetching());
+
+        QVERIFY2(form.error().contains(error), qPrintable(form.error()));
+        Provider expected = original;
+        if (failStatus == 0) {
+            QStringList sorted = models;
+            sorted.sort();
+            QCOMPARE(form.editor->fetchedModels(), sorted);
+            expected.cachedModels = sorted;
+        } else {
+            QVERIFY(!error.isEmpty());
+            QCOMPARE(form.editor->fetchedModels(), original.cachedModels); // the old list stays offered
+        }
+        QCOMPARE(*stored(store, original.id), expected);
+        const QStringList offered = form.editor->fetchedModels();
+        QCOMPARE(form.chooser()->isVisible(), !offered.isEmpty());
+        if (offered.isEmpty())
+            return;
+
+        QCOMPARE(form.chooser()->text(), u"Choose (%1)"_s.arg(offered.size()));
+        const QList<QAction *> items = form.chooser()->menu()->actions();
+        QCOMPARE(items.size(), offered.size());
+        items.last()->trigger();
+        QCOMPARE(form.edit(u"model"_s)->text(), offered.last());
+        QCOMPARE(stored(store, original.id)->model, original.model);
+
+        form.click(u"save"_s);
+        QVERIFY(form.savedShown());
+        const Provider saved = *stored(store, original.id);
+        QCOMPARE(saved.name, u"After"_s);
+        QCOMPARE(saved.wire, ProviderWire::openAI);
+        QCOMPARE(saved.model, offered.last());
+        QCOMPARE(saved.apiKey, u"  sk-live  "_s);
+        QCOMPARE(saved.cachedModels, offered);
+        form.type(u"name"_s, u"Edited again"_s);
+        QVERIFY(form.savedShown());
     }
-    QTRY_COMPARE(stored(store, id)->cachedModels.size(), m_mock.options().models.size());
-}
 
-void tst_ProviderEditor::reloadsOnAppearanceOnly_andSaveOfRemovedProviderIsNoop()
-{
-    ProviderStore store;
-    Provider p{QUuid::createUuid(), u"P"_s, ProviderWire::openAI, u"https://a.example/v1"_s, u"m"_s, {}, u"k"_s};
-    store.add(p);
-    Form form(store, p.id);
-    form.click(u"save"_s);
-    QVERIFY(form.savedShown());
+    void fetchFinishingAfterEditorIsGone_stillCachesModels()
+    {
+        ProviderStore store;
+        const QUuid id = QUuid::createUuid();
+        store.add({id, u"P"_s, ProviderWire::openAI, m_mock.baseURL(), {}, {}, u"sk"_s});
+        {
+            Form form(store, id);
+            form.click(u"fetchModels"_s);
+            QVERIFY(form.editor->isFetching());
+        }
+        QTRY_COMPARE(stored(store, id)->cachedModels.size(), m_mock.options().models.size());
+    }
 
-    // A change in the store does not reach an open form: it would overwrite the user's typing.
-    p.name = u"Renamed elsewhere"_s;
-    store.update(p);
-    QCOMPARE(form.edit(u"name"_s)->text(), u"P"_s);
-    form.editor->hide();
-    form.editor->show();
-    QCOMPARE(form.edit(u"name"_s)->text(), u"Renamed elsewhere"_s);
-    QVERIFY(!form.savedShown());
+    // The form shows the stored provider as it was when the form appeared.
+    void loadsOnAppearanceOnly_andSaveOfRemovedProviderIsNoop()
+    {
+        ProviderStore store;
+        Provider p = Provider::presets().at(2);
+        p.id = QUuid::createUuid();
+        store.add(p);
+        Form form(store, p.id);
+        QCOMPARE(form.edit(u"name"_s)->text(), p.name);
+        QCOMPARE(form.child<QComboBox>(u"wire"_s)->currentText(), displayLabel(p.wire));
+        QCOMPARE(form.edit(u"baseURL"_s)->text(), p.baseURL);
+        QCOMPARE(form.edit(u"model"_s)->text(), p.model);
+        QCOMPARE(form.edit(u"apiKey"_s)->echoMode(), QLineEdit::Password);
+        QVERIFY(!form.chooser()->isVisible());
+        QCOMPARE(form.error(), QString());
+        QVERIFY(!form.savedShown());
+        form.click(u"save"_s);
+        QVERIFY(form.savedShown());
 
-    store.remove(p);
-    form.type(u"name"_s, u"Ghost"_s);
-    form.click(u"save"_s);
-    QVERIFY(!form.savedShown());
-    QVERIFY(store.providers().isEmpty());
-}
+        // A change in the store does not reach an open form: it would overwrite the user's typing.
+        const QString before = p.name;
+        p.name = u"Renamed elsewhere"_s;
+        store.update(p);
+        QCOMPARE(form.edit(u"name"_s)->text(), before);
+        form.editor->hide();
+        form.editor->show();
+        QCOMPARE(form.edit(u"name"_s)->text(), u"Renamed elsewhere"_s);
+        QVERIFY(!form.savedShown());
+
+        store.remove(p);
+        form.type(u"name"_s, u"Ghost"_s);
+        form.click(u"save"_s);
+        QVERIFY(!form.savedShown());
+        QVERIFY(store.providers().isEmpty());
+    }
+};
 
 QTEST_MAIN(tst_ProviderEditor)
 #include "tst_providereditor.moc"

@@ -67,263 +67,227 @@ class tst_SettingsView final : public QObject
 {
     Q_OBJECT
 
-private slots:
-    void initTestCase();
-    void init();
-
-    void emptyList_showsHintAndDisablesRemove();
-    void addPreset_data();
-    void addPreset();
-    void remove_data();
-    void remove();
-    void appearance_seedsSelectionFromStore_data();
-    void appearance_seedsSelectionFromStore();
-    void editorFollowsSelection_andWarningFollowsSavedKey();
-    void keyboardReachesEveryControlInOrder();
-    void backup_data();
-    void backup();
-
-private:
     std::unique_ptr<StorageTest::Profile> m_profile;
-};
 
-void tst_SettingsView::initTestCase()
-{
-    m_profile = std::make_unique<StorageTest::Profile>();
-}
+private slots:
+    void initTestCase() { m_profile = std::make_unique<StorageTest::Profile>(); }
 
-void tst_SettingsView::init()
-{
-    QSettings(u"Verbolt"_s, u"Verbolt"_s).clear();
-    QFile::remove(m_profile->conversationsFile());
-}
-
-void tst_SettingsView::emptyList_showsHintAndDisablesRemove()
-{
-    Settings s;
-    s.show();
-    QCOMPARE(s.list()->count(), 0);
-    QVERIFY(!s.child<QToolButton>(u"removeProvider"_s)->isEnabled());
-    QVERIFY(!s.view->editor());
-    bool hint = false;
-    for (QLabel *label : s.view->findChildren<QLabel *>())
-        hint |= label->isVisible() && label->text() == u"Add a provider with the + button."_s;
-    QVERIFY(hint);
-    QCOMPARE(s.note(), QString());
-}
-
-void tst_SettingsView::addPreset_data()
-{
-    QTest::addColumn<bool>("otherSelectedInStore");
-    QTest::newRow("empty list: selected here and in the store") << false;
-    QTest::newRow("store keeps its own selection") << true;
-}
-
-void tst_SettingsView::addPreset()
-{
-    QFETCH(bool, otherSelectedInStore);
-    Settings s;
-    if (otherSelectedInStore)
-        s.store.add(provider(u"Mine"_s));
-    const std::optional<QUuid> before = s.store.selectedID();
-    s.show();
-    s.addPreset(1);
-
-    const Provider added = s.store.providers().last();
-    const Provider &preset = Provider::presets().at(1);
-    QVERIFY(added.id != preset.id);
-    QCOMPARE(added.name, preset.name);
-    QCOMPARE(added.apiKey, QString());
-    QCOMPARE(added.cachedModels, QStringList());
-    QCOMPARE(s.view->selection(), added.id);
-    QCOMPARE(s.store.selectedID(), otherSelectedInStore ? before : std::optional<QUuid>(added.id));
-    QVERIFY(s.view->editor());
-    QCOMPARE(s.view->editor()->providerID(), added.id);
-    QCOMPARE(s.view->editor()->findChild<QLineEdit *>(u"name"_s)->text(), preset.name);
-    QCOMPARE(s.list()->currentItem()->text(), preset.name);
-    QVERIFY(s.warns(s.list()->count() - 1));
-}
-
-void tst_SettingsView::remove_data()
-{
-    QTest::addColumn<int>("count");
-    QTest::addColumn<int>("removed");
-    QTest::addColumn<QStringList>("left");
-    QTest::newRow("the last: the first is picked, not the neighbour") << 3 << 2 << QStringList{u"A"_s, u"B"_s};
-    QTest::newRow("the middle") << 3 << 1 << QStringList{u"A"_s, u"C"_s};
-    QTest::newRow("the first") << 3 << 0 << QStringList{u"B"_s, u"C"_s};
-    QTest::newRow("the only one") << 1 << 0 << QStringList();
-}
-
-void tst_SettingsView::remove()
-{
-    QFETCH(int, count);
-    QFETCH(int, removed);
-    QFETCH(QStringList, left);
-    Settings s;
-    for (const Provider &p : three().mid(0, count))
-        s.store.add(p);
-    s.show();
-    s.list()->setCurrentRow(removed);
-    QCOMPARE(s.view->editor()->providerID(), s.store.providers().at(removed).id);
-    s.click(u"removeProvider"_s);
-
-    QCOMPARE(s.rows(), left);
-    if (left.isEmpty()) {
-        QCOMPARE(s.view->selection(), std::nullopt);
-        QVERIFY(!s.view->editor());
-        QVERIFY(!s.child<QToolButton>(u"removeProvider"_s)->isEnabled());
-    } else {
-        QCOMPARE(s.view->selection(), s.store.providers().first().id);
-        QCOMPARE(s.list()->currentRow(), 0);
-        QCOMPARE(s.view->editor()->providerID(), s.store.providers().first().id);
-    }
-}
-
-void tst_SettingsView::appearance_seedsSelectionFromStore_data()
-{
-    QTest::addColumn<int>("storeSelects"); // -1: nothing selected in the store
-    QTest::addColumn<int>("expectedRow");
-    QTest::newRow("the store's pick") << 2 << 2;
-    QTest::newRow("no pick: the first") << -1 << 0;
-}
-
-void tst_SettingsView::appearance_seedsSelectionFromStore()
-{
-    QFETCH(int, storeSelects);
-    QFETCH(int, expectedRow);
-    Settings s;
-    for (const Provider &p : three())
-        s.store.add(p);
-    s.store.setSelectedID(storeSelects < 0 ? std::nullopt : std::optional(s.store.providers().at(storeSelects).id));
-    QCOMPARE(s.view->selection(), std::nullopt);
-    s.show();
-    QCOMPARE(s.view->selection(), s.store.providers().at(expectedRow).id);
-    QCOMPARE(s.list()->currentRow(), expectedRow);
-
-    // Its own pick afterwards: the store's selection neither follows nor leads it.
-    s.list()->setCurrentRow(1);
-    s.view->hide();
-    s.store.setSelectedID(s.store.providers().at(0).id);
-    s.view->show();
-    QCOMPARE(s.view->selection(), s.store.providers().at(1).id);
-}
-
-void tst_SettingsView::editorFollowsSelection_andWarningFollowsSavedKey()
-{
-    Settings s;
-    Provider keyless = provider(u"Keyless"_s);
-    keyless.apiKey.clear();
-    Provider blankKey = provider(u"Blank"_s);
-    blankKey.apiKey = u" "_s; // only an exactly empty key warns
-    s.store.add(keyless);
-    s.store.add(blankKey);
-    s.show();
-    QVERIFY(s.warns(0));
-    QVERIFY(!s.warns(1));
-    QCOMPARE(s.list()->item(0)->toolTip(), u"No API key"_s);
-
-    QPointer<ProviderEditor> first = s.view->editor();
-    QTest::keyClicks(first->findChild<QLineEdit *>(u"apiKey"_s), u"sk-new"_s);
-    // Re-picking the same provider keeps the form and what was typed in it.
-    s.view->setSelection(keyless.id);
-    QCOMPARE(s.view->editor(), first.data());
-    QTest::mouseClick(first->findChild<QPushButton *>(u"save"_s), Qt::LeftButton);
-    QVERIFY(!s.warns(0));
-
-    s.list()->setCurrentRow(1);
-    QVERIFY(s.view->editor() != first.data());
-    QCOMPARE(s.view->editor()->providerID(), blankKey.id);
-}
-
-// Tab walks the window as it reads: list, its buttons, the form, then the backup bar; also for
-// a form made after the window was built.
-void tst_SettingsView::keyboardReachesEveryControlInOrder()
-{
-    Settings s;
-    s.store.add(provider(u"A"_s));
-    s.show();
-    const auto tabOrder = [&s] {
-        QStringList order;
-        QWidget *w = s.list();
-        do {
-            if (w->isVisible() && (w->focusPolicy() & Qt::TabFocus)) {
-                const auto *button = qobject_cast<QAbstractButton *>(w);
-                order.append(!w->accessibleName().isEmpty() ? w->accessibleName()
-                             : button                       ? button->text()
-                                                            : QString::fromLatin1(w->metaObject()->className()));
-            }
-            w = w->nextInFocusChain();
-        } while (w != s.list() && order.size() < 40);
-        return order;
-    };
-    const QStringList expected = {
-        u"Providers"_s, u"Add provider"_s,   u"Remove provider"_s, u"Name"_s,       u"Type"_s,
-        u"Base URL"_s,  u"Model"_s,          u"Fetch models"_s,    u"Choose (2)"_s, u"API key"_s,
-        u"Save"_s,      u"Export Config…"_s, u"Import Config…"_s};
-    QCOMPARE(tabOrder(), expected);
-    s.addPreset(0);
-    QStringList withoutMenu = expected;
-    withoutMenu.removeAll(u"Choose (2)"_s);
-    QCOMPARE(tabOrder(), withoutMenu);
-}
-
-void tst_SettingsView::backup_data()
-{
-    QTest::addColumn<bool>("cancel");
-    QTest::addColumn<bool>("corrupt");
-    QTest::newRow("round trip") << false << false;
-    QTest::newRow("both dialogs cancelled") << true << false;
-    QTest::newRow("unreadable file") << false << true;
-}
-
-void tst_SettingsView::backup()
-{
-    QFETCH(bool, cancel);
-    QFETCH(bool, corrupt);
-    const QString file = m_profile->root() + u"/verbolt-config.json"_s;
-    QFile::remove(file);
+    void init()
     {
-        Settings source;
-        for (const Provider &p : three())
-            source.store.add(p);
-        source.store.setSelectedID(source.store.providers().at(1).id);
-        source.dialogs.answer = cancel ? std::nullopt : std::optional(file);
-        source.show();
-        source.click(u"exportConfig"_s);
-        QCOMPARE(source.note(), u"Config exported."_s);
-        QCOMPARE(QFile::exists(file), !cancel);
+        QSettings(u"Verbolt"_s, u"Verbolt"_s).clear();
+        QFile::remove(m_profile->conversationsFile());
     }
-    if (corrupt)
-        QVERIFY(StorageTest::writeAll(file, "{ not json"));
-    const QList<Provider> exported = ProviderStore().providers();
-    QSettings(u"Verbolt"_s, u"Verbolt"_s).clear();
 
-    Settings s;
-    s.dialogs.answer = cancel ? std::nullopt : std::optional(file);
-    s.show();
-    QCOMPARE(s.view->selection(), std::nullopt);
-    s.click(u"importConfig"_s);
-    if (corrupt) {
-        QVERIFY2(s.note().startsWith(u"Import failed: "_s), qPrintable(s.note()));
-        QVERIFY(s.store.providers().isEmpty());
-    } else if (cancel) {
-        QCOMPARE(s.note(), u"Config imported."_s);
-        QVERIFY(s.store.providers().isEmpty());
-        QCOMPARE(s.view->selection(), std::nullopt);
-    } else {
-        QCOMPARE(s.note(), u"Config imported."_s);
-        QCOMPARE(s.store.providers(), exported);
-        QCOMPARE(s.rows(), (QStringList{u"A"_s, u"B"_s, u"C"_s}));
-        // Into an empty list the merge selects the first; the view follows the store.
-        QCOMPARE(s.view->selection(), s.store.selectedID());
-        QCOMPARE(s.view->editor()->providerID(), *s.store.selectedID());
+    void addPreset_data()
+    {
+        QTest::addColumn<bool>("otherSelectedInStore");
+        QTest::newRow("empty list: selected here and in the store") << false;
+        QTest::newRow("store keeps its own selection") << true;
     }
-    QCOMPARE(s.dialogs.opens.size(), 1);
-    // The note stays until the window's view is rebuilt.
-    s.list()->setCurrentRow(-1);
-    QVERIFY(!s.note().isEmpty());
-}
+    void addPreset()
+    {
+        QFETCH(bool, otherSelectedInStore);
+        Settings s;
+        if (otherSelectedInStore)
+            s.store.add(provider(u"Mine"_s));
+        const std::optional<QUuid> before = s.store.selectedID();
+        s.show();
+        s.addPreset(1);
+
+        const Provider added = s.store.providers().last();
+        const Provider &preset = Provider::presets().at(1);
+        QVERIFY(added.id != preset.id);
+        QCOMPARE(added.name, preset.name);
+        QCOMPARE(s.view->selection(), added.id);
+        QCOMPARE(s.store.selectedID(), otherSelectedInStore ? before : std::optional<QUuid>(added.id));
+        QVERIFY(s.view->editor());
+        QCOMPARE(s.view->editor()->providerID(), added.id);
+        QCOMPARE(s.list()->currentItem()->text(), preset.name);
+        QVERIFY(s.warns(s.list()->count() - 1));
+    }
+
+    void remove_data()
+    {
+        QTest::addColumn<int>("count");
+        QTest::addColumn<int>("removed");
+        QTest::addColumn<QStringList>("left");
+        QTest::newRow("the last: the first is picked, not the neighbour") << 3 << 2 << QStringList{u"A"_s, u"B"_s};
+        QTest::newRow("the middle") << 3 << 1 << QStringList{u"A"_s, u"C"_s};
+        QTest::newRow("the first") << 3 << 0 << QStringList{u"B"_s, u"C"_s};
+        QTest::newRow("the only one") << 1 << 0 << QStringList();
+    }
+    void remove()
+    {
+        QFETCH(int, count);
+        QFETCH(int, removed);
+        QFETCH(QStringList, left);
+        Settings s;
+        for (const Provider &p : three().mid(0, count))
+            s.store.add(p);
+        s.show();
+        s.list()->setCurrentRow(removed);
+        QCOMPARE(s.view->editor()->providerID(), s.store.providers().at(removed).id);
+        s.click(u"removeProvider"_s);
+
+        QCOMPARE(s.rows(), left);
+        if (left.isEmpty()) {
+            QCOMPARE(s.view->selection(), std::nullopt);
+            QVERIFY(!s.view->editor());
+            QVERIFY(!s.child<QToolButton>(u"removeProvider"_s)->isEnabled());
+            bool hint = false;
+            for (QLabel *label : s.view->findChildren<QLabel *>())
+                hint |= label->isVisible() && label->text() == u"Add a provider with the + button."_s;
+            QVERIFY(hint);
+        } else {
+            QCOMPARE(s.view->selection(), s.store.providers().first().id);
+            QCOMPARE(s.list()->currentRow(), 0);
+            QCOMPARE(s.view->editor()->providerID(), s.store.providers().first().id);
+        }
+    }
+
+    void appearance_seedsSelectionFromStore_data()
+    {
+        QTest::addColumn<int>("storeSelects"); // -1: nothing selected in the store
+        QTest::addColumn<int>("expectedRow");
+        QTest::newRow("the store's pick") << 2 << 2;
+        QTest::newRow("no pick: the first") << -1 << 0;
+    }
+    void appearance_seedsSelectionFromStore()
+    {
+        QFETCH(int, storeSelects);
+        QFETCH(int, expectedRow);
+        Settings s;
+        for (const Provider &p : three())
+            s.store.add(p);
+        s.store.setSelectedID(storeSelects < 0 ? std::nullopt : std::optional(s.store.providers().at(storeSelects).id));
+        QCOMPARE(s.view->selection(), std::nullopt);
+        s.show();
+        QCOMPARE(s.view->selection(), s.store.providers().at(expectedRow).id);
+        QCOMPARE(s.list()->currentRow(), expectedRow);
+
+        // Its own pick afterwards: the store's selection neither follows nor leads it.
+        s.list()->setCurrentRow(1);
+        s.view->hide();
+        s.store.setSelectedID(s.store.providers().at(0).id);
+        s.view->show();
+        QCOMPARE(s.view->selection(), s.store.providers().at(1).id);
+    }
+
+    void editorFollowsSelection_andWarningFollowsSavedKey()
+    {
+        Settings s;
+        Provider keyless = provider(u"Keyless"_s);
+        keyless.apiKey.clear();
+        Provider blankKey = provider(u"Blank"_s);
+        blankKey.apiKey = u" "_s; // only an exactly empty key warns
+        s.store.add(keyless);
+        s.store.add(blankKey);
+        s.show();
+        QVERIFY(s.warns(0));
+        QVERIFY(!s.warns(1));
+        QCOMPARE(s.list()->item(0)->toolTip(), u"No API key"_s);
+
+        QPointer<ProviderEditor> first = s.view->editor();
+        QTest::keyClicks(first->findChild<QLineEdit *>(u"apiKey"_s), u"sk-new"_s);
+        // Re-picking the same provider keeps the form and what was typed in it.
+        s.view->setSelection(keyless.id);
+        QCOMPARE(s.view->editor(), first.data());
+        QTest::mouseClick(first->findChild<QPushButton *>(u"save"_s), Qt::LeftButton);
+        QVERIFY(!s.warns(0));
+
+        s.list()->setCurrentRow(1);
+        QVERIFY(s.view->editor() != first.data());
+        QCOMPARE(s.view->editor()->providerID(), blankKey.id);
+    }
+
+    // Tab walks the window as it reads: list, its buttons, the form, then the backup bar; also for
+    // a form made after the window was built.
+    void keyboardReachesEveryControlInOrder()
+    {
+        Settings s;
+        s.store.add(provider(u"A"_s));
+        s.show();
+        const auto tabOrder = [&s] {
+            QStringList order;
+            QWidget *w = s.list();
+            do {
+                if (w->isVisible() && (w->focusPolicy() & Qt::TabFocus)) {
+                    const auto *button = qobject_cast<QAbstractButton *>(w);
+                    order.append(!w->accessibleName().isEmpty() ? w->accessibleName()
+                                 : button                       ? button->text()
+                                                                : QString::fromLatin1(w->metaObject()->className()));
+                }
+                w = w->nextInFocusChain();
+            } while (w != s.list() && order.size() < 40);
+            return order;
+        };
+        const QStringList expected = {
+            u"Providers"_s, u"Add provider"_s,   u"Remove provider"_s, u"Name"_s,       u"Type"_s,
+            u"Base URL"_s,  u"Model"_s,          u"Fetch models"_s,    u"Choose (2)"_s, u"API key"_s,
+            u"Save"_s,      u"Export Config…"_s, u"Import Config…"_s};
+        QCOMPARE(tabOrder(), expected);
+        s.addPreset(0);
+        QStringList withoutMenu = expected;
+        withoutMenu.removeAll(u"Choose (2)"_s);
+        QCOMPARE(tabOrder(), withoutMenu);
+    }
+
+    void backup_data()
+    {
+        QTest::addColumn<bool>("cancel");
+        QTest::addColumn<bool>("corrupt");
+        QTest::newRow("round trip") << false << false;
+        QTest::newRow("both dialogs cancelled") << true << false;
+        QTest::newRow("unreadable file") << false << true;
+    }
+    void backup()
+    {
+        QFETCH(bool, cancel);
+        QFETCH(bool, corrupt);
+        const QString file = m_profile->root() + u"/verbolt-config.json"_s;
+        QFile::remove(file);
+        {
+            Settings source;
+            for (const Provider &p : three())
+                source.store.add(p);
+            source.store.setSelectedID(source.store.providers().at(1).id);
+            source.dialogs.answer = cancel ? std::nullopt : std::optional(file);
+            source.show();
+            source.click(u"exportConfig"_s);
+            QCOMPARE(source.note(), u"Config exported."_s);
+            QCOMPARE(QFile::exists(file), !cancel);
+        }
+        if (corrupt)
+            QVERIFY(StorageTest::writeAll(file, "{ not json"));
+        const QList<Provider> exported = ProviderStore().providers();
+        QSettings(u"Verbolt"_s, u"Verbolt"_s).clear();
+
+        Settings s;
+        s.dialogs.answer = cancel ? std::nullopt : std::optional(file);
+        s.show();
+        QCOMPARE(s.view->selection(), std::nullopt);
+        s.click(u"importConfig"_s);
+        if (corrupt) {
+            QVERIFY2(s.note().startsWith(u"Import failed: "_s), qPrintable(s.note()));
+            QVERIFY(s.store.providers().isEmpty());
+        } else if (cancel) {
+            QCOMPARE(s.note(), u"Config imported."_s);
+            QVERIFY(s.store.providers().isEmpty());
+            QCOMPARE(s.view->selection(), std::nullopt);
+        } else {
+            QCOMPARE(s.note(), u"Config imported."_s);
+            QCOMPARE(s.store.providers(), exported);
+            QCOMPARE(s.rows(), (QStringList{u"A"_s, u"B"_s, u"C"_s}));
+            // Into an empty list the merge selects the first; the view follows the store.
+            QCOMPARE(s.view->selection(), s.store.selectedID());
+            QCOMPARE(s.view->editor()->providerID(), *s.store.selectedID());
+        }
+        QCOMPARE(s.dialogs.opens.size(), 1);
+        // The note stays until the window's view is rebuilt.
+        s.list()->setCurrentRow(-1);
+        QVERIFY(!s.note().isEmpty());
+    }
+};
 
 QTEST_MAIN(tst_SettingsView)
 #include "tst_settingsview.moc"
