@@ -1,9 +1,9 @@
-// Memory, whatever a server or a reply sends. A stand-in server that never stops (an endless
-// "data:" line, an endless 500 body, an endless model list) is run against the real
-// verbolt-inspect chat and fetch-models processes, whose peak resident memory is reported; then,
-// in this process, the growth of resident memory while the 20,000-token reply streams in and is
-// parsed and highlighted at every update, the peak while very long texts are redrawn as they
-// grow, and what one 100 MB stream line leaves behind.
+// Memory, whatever a server or a reply sends. A stand-in server that never stops, with chunked
+// bodies (an endless "data:" line, endless 64 KB events, an endless 500 body, an endless model
+// list), is run against the real verbolt-inspect chat and fetch-models processes, whose peak
+// resident memory is reported; then, in this process, the growth of resident memory while the
+// 20,000-token reply streams in and is parsed and highlighted at every update, the peak while
+// very long texts are redrawn as they grow, and what one 100 MB stream line leaves behind.
 #include "harness.h"
 #include "render/markdowntext.h"
 #include "render/syntaxhighlighter.h"
@@ -28,9 +28,11 @@
 
 namespace {
 
-// Answers every request with a head and then a body that never ends, chosen by the path's first
-// segment: /line/... an event stream whose one "data:" line never ends, /error/... a 500 whose
-// body never ends, /models/... a model list that never ends.
+// Answers every request with a head and then a chunked body that never ends, as every real
+// event-stream server frames its bodies, chosen by the path's first segment: /line/... an event
+// stream whose one "data:" line never ends, in 1 MB chunks; /events/... well-formed 64 KB
+// "data:" events without end, one chunk each; /error/... a 500 whose body never ends, in 1 MB
+// chunks; /models/... a model list that never ends.
 class EndlessServer final : public QTcpServer
 {
 public:
@@ -46,25 +48,30 @@ public:
                 return;
             socket->setProperty("answering", true);
             const QByteArray path = request.split(' ').value(1);
-            QByteArray head, filler;
+            QByteArray head = "HTTP/1.1 200 OK\r\nContent-Type: text/event-stream\r\n";
+            QByteArray first, filler;
             if (path.startsWith("/error/")) {
                 head = "HTTP/1.1 500 Internal Server Error\r\nContent-Type: text/plain\r\n";
-                filler = QByteArray(64 * 1024, 'e');
+                filler = QByteArray(1024 * 1024, 'e');
             } else if (path.startsWith("/models/")) {
                 head = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n";
-                socket->write(head + "Connection: close\r\n\r\n{\"data\":[");
-                head.clear();
+                first = "{\"data\":[";
                 for (int i = 0; i < 2048; ++i)
                     filler += "{\"id\":\"model-" + QByteArray::number(i) + "\"},";
+            } else if (path.startsWith("/events/")) {
+                filler =
+                    "data: {\"choices\":[{\"delta\":{\"content\":\"" + QByteArray(64 * 1024 - 48, 'w') + "\"}}]}\n\n";
             } else {
-                head = "HTTP/1.1 200 OK\r\nContent-Type: text/event-stream\r\n";
-                socket->write(head + "Connection: close\r\n\r\ndata: {\"choices\":[{\"delta\":{\"content\":\"");
-                head.clear();
-                filler = QByteArray(64 * 1024, 'x');
+                first = "data: {\"choices\":[{\"delta\":{\"content\":\"";
+                filler = QByteArray(1024 * 1024, 'x');
             }
-            if (!head.isEmpty())
-                socket->write(head + "Connection: close\r\n\r\n");
-            const auto feed = [socket, filler] {
+            const auto chunk = [](const QByteArray &bytes) {
+                return QByteArray::number(bytes.size(), 16) + "\r\n" + bytes + "\r\n";
+            };
+            socket->write(head + "Transfer-Encoding: chunked\r\nConnection: close\r\n\r\n");
+            if (!first.isEmpty())
+                socket->write(chunk(first));
+            const auto feed = [socket, filler = chunk(filler)] {
                 while (socket->bytesToWrite() < 1024 * 1024)
                     socket->write(filler);
             };
@@ -153,10 +160,11 @@ void endlessBodies()
         const char *name;
         const char *command;
         const char *path;
-    } cases[] = {{"endless data: line, chat", "chat", "/line/v1"},
-                 {"endless 500 body, chat", "chat", "/error/v1"},
-                 {"endless model list, fetch-models", "fetch-models", "/models/v1"},
-                 {"endless 500 body, fetch-models", "fetch-models", "/error/v1"}};
+    } cases[] = {{"chunked endless data: line (1 MB chunks), chat", "chat", "/line/v1"},
+                 {"chunked endless 64 KB events, chat", "chat", "/events/v1"},
+                 {"chunked endless 500 body (1 MB chunks), chat", "chat", "/error/v1"},
+                 {"chunked endless model list, fetch-models", "fetch-models", "/models/v1"},
+                 {"chunked endless 500 body (1 MB chunks), fetch-models", "fetch-models", "/error/v1"}};
     for (const auto &c : cases) {
         const ChildRun run = runTool(tool, c.command, toolInput(base + QLatin1StringView(c.path)), dir);
         Bench::report(QByteArray(QByteArray(c.name) + ": peak resident").constData(), run.peakMb, "MB (aim < 200)");

@@ -3,6 +3,7 @@
 #include "transport/request.h"
 
 #include <QCoreApplication>
+#include <QElapsedTimer>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 
@@ -39,6 +40,38 @@ bool hasControlCharacter(QByteArrayView value)
     return false;
 }
 
+const char *const activityClockName = "verbolt-activity-clock";
+
+// When a reply last brought something in. Qt reports its own transfer time-out as a plain
+// cancellation; only a reply that has been quiet for about that long can have timed out. The
+// progress signals are left out: Qt emits them once more while it aborts.
+class ActivityClock final : public QObject
+{
+public:
+    explicit ActivityClock(QNetworkReply *reply)
+        : QObject(reply)
+    {
+        setObjectName(QLatin1StringView(activityClockName));
+        m_sinceActivity.start();
+        const auto touch = [this] { m_sinceActivity.start(); };
+        connect(reply, &QNetworkReply::metaDataChanged, this, touch);
+        connect(reply, &QNetworkReply::readyRead, this, touch);
+    }
+
+    qint64 quietMs() const { return m_sinceActivity.elapsed(); }
+
+private:
+    QElapsedTimer m_sinceActivity;
+};
+
+bool timedOut(const QNetworkReply &reply)
+{
+    const int timeoutMs = reply.request().transferTimeout();
+    const auto *clock = reply.findChild<QObject *>(QLatin1StringView(activityClockName), Qt::FindDirectChildrenOnly);
+    // Qt's coarse timers may fire a little early.
+    return timeoutMs > 0 && clock && static_cast<const ActivityClock *>(clock)->quietMs() >= timeoutMs * 9 / 10;
+}
+
 TransferError unknownScheme()
 {
     return {QNetworkReply::ProtocolUnknownError, QStringLiteral("The Base URL must start with http:// or https://.")};
@@ -57,8 +90,11 @@ TransferError transferError(const QNetworkReply &reply)
     switch (reply.error()) {
     case QNetworkReply::OperationCanceledError:
         // Our own aborts disconnect first, so a cancellation that reaches us is the transfer
-        // time-out, which Qt reports in the same words as a user's Stop.
-        return {QNetworkReply::TimeoutError, QStringLiteral("The request timed out.")};
+        // time-out, which Qt reports in the same words as a user's Stop, or someone else's.
+        if (timedOut(reply))
+            return {QNetworkReply::TimeoutError, QStringLiteral("The request timed out.")};
+        return {QNetworkReply::OperationCanceledError,
+                QStringLiteral("The connection to the provider was closed before the reply was complete.")};
     case QNetworkReply::ProtocolUnknownError:
         return unknownScheme();
     default:
@@ -79,6 +115,23 @@ QNetworkAccessManager &manager()
     return *shared;
 }
 
+namespace {
+
+// Qt keeps at most this much of a reply unread, provided its HTTP thread learns the size before
+// the body arrives. A request with a body (every chat) starts only on a later turn of the event
+// loop, and a size set before that start never reaches the thread: a chunked body would then be
+// read in one loop that lasts as long as a fast server keeps the socket full, beyond the reach
+// of the size limits and of abort(). Set again right after the start, queued behind it, the size
+// reaches the thread before any byte of the answer can.
+void bound(QNetworkReply *reply)
+{
+    reply->setReadBufferSize(TransferLimits::megabyte);
+    QMetaObject::invokeMethod(
+        reply, [reply] { reply->setReadBufferSize(TransferLimits::megabyte); }, Qt::QueuedConnection);
+}
+
+} // namespace
+
 std::variant<QNetworkReply *, ServiceError> send(const HttpRequest &request)
 {
     for (const auto &header : request.headers) {
@@ -92,7 +145,8 @@ std::variant<QNetworkReply *, ServiceError> send(const HttpRequest &request)
     const QNetworkRequest networkRequest = request.toNetworkRequest();
     QNetworkReply *reply = request.body ? manager().sendCustomRequest(networkRequest, request.method, *request.body)
                                         : manager().sendCustomRequest(networkRequest, request.method);
-    reply->setReadBufferSize(TransferLimits::megabyte);
+    new ActivityClock(reply);
+    bound(reply);
     return reply;
 }
 

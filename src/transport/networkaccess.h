@@ -21,13 +21,16 @@ QNetworkAccessManager &manager();
 // Sends request (its method, headers, body and time-out); the caller owns the reply. Refuses,
 // sending nothing, a header value that holds a control character (a key pasted with a line
 // break would otherwise split the request or add headers of its own) and a URL whose scheme Qt
-// cannot send to. Qt keeps at most 1 MB unread, so a reader that drains the reply on each
-// readyRead bounds what a fast server can pile up in memory.
+// cannot send to. Qt keeps at most 1 MB of the reply unread, chunked or not, so a reader that
+// drains the reply on each readyRead bounds what a fast server can pile up in memory, and abort()
+// stops the transfer at once.
 std::variant<QNetworkReply *, ServiceError> send(const HttpRequest &request);
 
 // A reply as far as Qt has told of it: the HTTP status once the head is in, or the failure that
 // ends it; neither while the head is awaited. A 4xx or 5xx is an answer even though Qt flags it
-// as an error too; only a failed transfer, or a reply that is not HTTP at all, is a failure.
+// as an error too; only a failed transfer, or a reply that is not HTTP at all, is a failure. A
+// cancellation reads "The request timed out." only when the reply had been quiet for its
+// transfer time-out; any other cancellation says the connection closed early.
 struct ReplyState
 {
     std::optional<int> status;

@@ -12,6 +12,8 @@
 #include <QTcpSocket>
 #include <QTimer>
 
+#include <memory>
+
 namespace {
 
 const char *reasonPhrase(int status)
@@ -90,6 +92,16 @@ LoopbackResponse LoopbackResponse::stalling(int status, const QByteArray &bytes,
     LoopbackResponse response = text(status, bytes, contentType);
     response.pieces.append({"never sent", 600000});
     response.framing = Framing::closeDelimited;
+    return response;
+}
+
+LoopbackResponse LoopbackResponse::endless(int status, const QByteArray &first, const QByteArray &repeated,
+                                           const QByteArray &contentType)
+{
+    LoopbackResponse response = text(status, first, contentType);
+    response.pieces.append({repeated, 0});
+    response.framing = Framing::chunked;
+    response.repeatLastPiece = true;
     return response;
 }
 
@@ -281,11 +293,16 @@ void LoopbackServer::sendPieces(QTcpSocket *socket, LoopbackResponse response, i
         }
         if (chunked) {
             if (!piece.bytes.isEmpty())
-                socket->write(QByteArray::number(piece.bytes.size(), 16) + "\r\n" + piece.bytes + "\r\n");
+                write(socket, QByteArray::number(piece.bytes.size(), 16) + "\r\n" + piece.bytes + "\r\n");
         } else {
-            socket->write(piece.bytes);
+            write(socket, piece.bytes);
         }
         ++next;
+    }
+    if (response.repeatLastPiece && !response.pieces.isEmpty()) {
+        const QByteArray &last = response.pieces.constLast().bytes;
+        repeatPiece(socket, chunked ? QByteArray::number(last.size(), 16) + "\r\n" + last + "\r\n" : last);
+        return;
     }
     if (next == response.dropAfterPieces) {
         socket->flush();
@@ -295,6 +312,32 @@ void LoopbackServer::sendPieces(QTcpSocket *socket, LoopbackResponse response, i
     if (chunked)
         socket->write("0\r\n\r\n");
     closeAfterWrite(socket);
+}
+
+void LoopbackServer::write(QTcpSocket *socket, const QByteArray &bytes)
+{
+    m_bodyBytesSent += bytes.size();
+    socket->write(bytes);
+}
+
+void LoopbackServer::repeatPiece(QTcpSocket *socket, const QByteArray &bytes)
+{
+    // Kept a little ahead of the client, so that the server's own queue stays small.
+    const auto left = std::make_shared<qint64>(LoopbackResponse::endlessLimitBytes);
+    const auto feed = [this, socket, bytes, left] {
+        if (socket->state() != QAbstractSocket::ConnectedState || *left <= 0)
+            return;
+        while (socket->bytesToWrite() < 1024 * 1024 && *left > 0) {
+            write(socket, bytes);
+            *left -= bytes.size();
+        }
+        if (*left <= 0) {
+            disconnect(socket, &QTcpSocket::bytesWritten, this, nullptr);
+            closeAfterWrite(socket);
+        }
+    };
+    connect(socket, &QTcpSocket::bytesWritten, this, feed);
+    feed();
 }
 
 void LoopbackServer::closeAfterWrite(QTcpSocket *socket)

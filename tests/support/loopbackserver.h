@@ -45,6 +45,11 @@ struct LoopbackResponse
     Framing framing = Framing::contentLength;
     int dropAfterPieces = -1; // close the connection after this many pieces, mid-body
     bool neverAnswer = false; // read the request, then say nothing and keep the connection
+    // After the pieces, send the last one again and again, as fast as the client takes it, until
+    // the client goes away or endlessLimitBytes have been sent: a client that never stops
+    // reading still ends, and a test can tell it from one that stopped.
+    bool repeatLastPiece = false;
+    static constexpr qint64 endlessLimitBytes = 512LL * 1024 * 1024;
 
     static LoopbackResponse text(int status, const QByteArray &body, const QByteArray &contentType = "text/plain");
     static LoopbackResponse eventStream(const QList<QByteArray> &pieces, int delayMs = 0);
@@ -53,6 +58,9 @@ struct LoopbackResponse
     // Sends the status, headers and bytes at once, then nothing more for ten minutes, without a
     // length: only a client that stops reading on its own ends the transfer.
     static LoopbackResponse stalling(int status, const QByteArray &bytes, const QByteArray &contentType = "text/plain");
+    // A chunked body of first, then repeated as one chunk after another without end.
+    static LoopbackResponse endless(int status, const QByteArray &first, const QByteArray &repeated,
+                                    const QByteArray &contentType = "text/event-stream");
 };
 
 // An HTTP/1.1 server on 127.0.0.1 for tests and the mock provider: plain TCP or TLS, one
@@ -91,6 +99,8 @@ public:
     const QList<LoopbackRequest> &requests() const { return m_requests; }
     // Connections accepted so far, including ones that never sent a whole request.
     int connectionCount() const { return m_connections; }
+    // Body bytes handed to the sockets so far, chunk framing included.
+    qint64 bodyBytesSent() const { return m_bodyBytesSent; }
 
 signals:
     // Emitted when a whole request has been read, before the answer starts.
@@ -103,6 +113,8 @@ private:
     void handleReadable(QTcpSocket *socket);
     void answer(QTcpSocket *socket, const LoopbackResponse &response);
     void sendPieces(QTcpSocket *socket, LoopbackResponse response, int next);
+    void repeatPiece(QTcpSocket *socket, const QByteArray &bytes);
+    void write(QTcpSocket *socket, const QByteArray &bytes);
     void closeAfterWrite(QTcpSocket *socket);
 
     QTcpServer *m_server = nullptr;
@@ -112,4 +124,5 @@ private:
     Handler m_handler;
     QList<LoopbackRequest> m_requests;
     int m_connections = 0;
+    qint64 m_bodyBytesSent = 0;
 };

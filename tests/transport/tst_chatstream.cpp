@@ -1,9 +1,11 @@
 #include "loopbackserver.h"
 #include "mockprovider.h"
 #include "transport/chatstream.h"
+#include "transport/networkaccess.h"
 
 #include <QPointer>
 #include <QProcess>
+#include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -90,12 +92,23 @@ struct FailCase
     int code = -1;     // QNetworkReply's code of a transfer error
     int requests = 1;
     int events = 0;
+    int connections = -1;          // connections the server saw, when it matters
+    bool abortedElsewhere = false; // the transfer is cancelled by someone else once the request is in
+};
+
+struct EndlessCase
+{
+    LoopbackResponse response = {};
+    TransferLimits limits = {};
+    QString text = {}; // the end's text; empty for a normal end
+    bool stopAtFirstEvent = false;
 };
 
 } // namespace
 
 Q_DECLARE_METATYPE(StreamCase)
 Q_DECLARE_METATYPE(FailCase)
+Q_DECLARE_METATYPE(EndlessCase)
 
 class tst_ChatStream : public QObject
 {
@@ -108,6 +121,8 @@ private slots:
     void fails_data();
     void fails();
     void shippedLimits();
+    void endlessChunkedBody_stopsTheTransfer_data();
+    void endlessChunkedBody_stopsTheTransfer();
     void twoStreams_data();
     void twoStreams();
     void mockProviderProcess_streamsItsReply();
@@ -241,6 +256,11 @@ void tst_ChatStream::fails_data()
                     .text = timedOut,
                     .code = QNetworkReply::TimeoutError,
                     .events = 1};
+    QTest::newRow("cancelled by someone else, not a time-out")
+        << FailCase{.response = LoopbackResponse::silent(),
+                    .text = QStringLiteral("The connection to the provider was closed before the reply was complete."),
+                    .code = QNetworkReply::OperationCanceledError,
+                    .abortedElsewhere = true};
     QTest::newRow("connection dropped mid-body")
         << FailCase{.response = dropped, .code = QNetworkReply::RemoteHostClosedError, .events = 1};
 
@@ -248,6 +268,12 @@ void tst_ChatStream::fails_data()
     for (const char *base : {"api.example.com/v1", "ftp://127.0.0.1/v1"})
         QTest::addRow("base URL %s", base)
             << FailCase{.base = QString::fromLatin1(base), .text = unknownScheme, .code = 301, .requests = 0};
+    // Qt would open a connection to that host for this scheme, and then report no error at all.
+    QTest::newRow("base URL preconnect-http://") << FailCase{.base = QStringLiteral("preconnect-{server}/v1"),
+                                                             .text = unknownScheme,
+                                                             .code = 301,
+                                                             .requests = 0,
+                                                             .connections = 0};
     const QString badKey =
         QStringLiteral("The API key contains a line break or another control character. Paste it again in Settings.");
     for (const char *key : {"sk-abc\r\nX-Injected: yes", "sk-abc\n", "sk-\ttab", "sk-\u0085next-line"})
@@ -317,6 +343,12 @@ void tst_ChatStream::fails()
                              .replace(QStringLiteral("{closed}"), QStringLiteral("http://127.0.0.1:%1").arg(closedPort))
                              .replace(QStringLiteral("{dir}"), QUrl::fromLocalFile(m_dir.path()).toString());
 
+    if (row.abortedElsewhere) {
+        connect(&server, &LoopbackServer::requestReceived, this, [] {
+            for (QNetworkReply *reply : NetworkAccess::manager().findChildren<QNetworkReply *>())
+                reply->abort();
+        });
+    }
     const Recorder recorder = run(provider(ProviderWire::openAI, base, row.key), ChatService(row.timeout, row.limits));
     QVERIFY(recorder.error.has_value());
     const auto *transfer = std::get_if<TransferError>(&*recorder.error);
@@ -328,6 +360,8 @@ void tst_ChatStream::fails()
         QCOMPARE(recorder.errorText(), row.text);
     QCOMPARE(recorder.events.size(), row.events);
     QCOMPARE(server.requests().size(), row.requests);
+    if (row.connections >= 0)
+        QCOMPARE(server.connectionCount(), row.connections);
     QCOMPARE(elsewhere.connectionCount(), 0);
 }
 
@@ -338,6 +372,53 @@ void tst_ChatStream::shippedLimits()
     const qsizetype mb = 1024 * 1024;
     QVERIFY(shipped.lineBytes == 16 * mb && shipped.replyTextBytes == 32 * mb && shipped.errorBodyBytes == 16 * mb &&
             shipped.modelListBytes == 16 * mb);
+}
+
+void tst_ChatStream::endlessChunkedBody_stopsTheTransfer_data()
+{
+    QTest::addColumn<EndlessCase>("row");
+    const qsizetype mb = 1024 * 1024;
+    const QByteArray event = chunk(QByteArray(64 * 1024, 'w'));
+    QTest::newRow("data: line that never ends, 1 MB chunks") << EndlessCase{
+        .response = LoopbackResponse::endless(200, R"(data: {"choices":[{"delta":{"content":")", QByteArray(mb, 'x')),
+        .limits = {.lineBytes = 4 * mb},
+        .text = QStringLiteral("The provider sent a line longer than 16 MB.")};
+    QTest::newRow("500 body that never ends")
+        << EndlessCase{.response = LoopbackResponse::endless(500, "busy", QByteArray(mb, 'e'), "text/plain"),
+                       .limits = {.errorBodyBytes = 4 * mb},
+                       .text = QStringLiteral("Provider returned HTTP 500 with a body over 16 MB.")};
+    QTest::newRow("well-formed 64 KB events without end")
+        << EndlessCase{.response = LoopbackResponse::endless(200, event, event),
+                       .limits = {.replyTextBytes = 4 * mb},
+                       .text = QStringLiteral("The reply passed 32 MB and was stopped.")};
+    QTest::newRow("stopped at the first event, then a line that never ends")
+        << EndlessCase{.response = LoopbackResponse::endless(
+                           200, chunk("hi") + R"(data: {"choices":[{"delta":{"content":")", QByteArray(mb, 'x')),
+                       .stopAtFirstEvent = true};
+}
+
+// A fast server that never ends a chunked body: the stream ends at its limit, or at Stop, and the
+// transfer ends with it, long before the server's own limit: nothing more is read.
+void tst_ChatStream::endlessChunkedBody_stopsTheTransfer()
+{
+    QFETCH(EndlessCase, row);
+    LoopbackServer server;
+    QVERIFY(server.listen());
+    server.setResponse(row.response);
+    QSignalSpy closed(&server, &LoopbackServer::answered);
+
+    Recorder recorder;
+    QObject consumer;
+    QPointer<ChatStream> stream =
+        ChatService(60s, row.limits).stream(provider(ProviderWire::openAI, server.url().toString()), hi, &consumer);
+    recorder.attach(stream, &consumer);
+    if (row.stopAtFirstEvent)
+        connect(stream, &ChatStream::eventReceived, &consumer, [&] { stream->cancel(); });
+    QTRY_COMPARE_WITH_TIMEOUT(recorder.finishedCount, 1, 30000);
+    QCOMPARE(recorder.errorText(), row.text);
+    QTRY_COMPARE_WITH_TIMEOUT(closed.size(), 1, 30000);
+    // What the limit lets in, plus what the sockets and Qt hold on the way.
+    QVERIFY2(server.bodyBytesSent() < 64 * 1024 * 1024, qPrintable(QString::number(server.bodyBytesSent())));
 }
 
 void tst_ChatStream::twoStreams_data()

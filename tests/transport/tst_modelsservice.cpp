@@ -3,6 +3,7 @@
 #include "transport/modelsservice.h"
 
 #include <QPointer>
+#include <QSignalSpy>
 #include <QTest>
 
 using namespace std::chrono_literals;
@@ -44,6 +45,7 @@ struct FetchCase
     QStringList models = {};
     QString error = {};
     int requests = 1;
+    bool endless = false; // the body never ends: the fetch must close the connection itself
 };
 
 } // namespace
@@ -117,6 +119,20 @@ void tst_ModelsService::fetch_data()
         << FetchCase{.response = stalling(503),
                      .limits = {.errorBodyBytes = 1024},
                      .error = QStringLiteral("Provider returned HTTP 503 with a body over 16 MB.")};
+    // Chunked without end, as fast as the client takes it.
+    QByteArray models;
+    for (int i = 0; i < 20000; ++i)
+        models += R"({"id":"model-)" + QByteArray::number(i) + R"("},)";
+    QTest::newRow("model list that never ends, chunked")
+        << FetchCase{.response = LoopbackResponse::endless(200, R"({"data":[)", models, "application/json"),
+                     .limits = {.modelListBytes = 4 * 1024 * 1024},
+                     .error = QStringLiteral("The model list is larger than 16 MB."),
+                     .endless = true};
+    QTest::newRow("error body that never ends, chunked")
+        << FetchCase{.response = LoopbackResponse::endless(503, "busy", QByteArray(1024 * 1024, 'e'), "text/plain"),
+                     .limits = {.errorBodyBytes = 4 * 1024 * 1024},
+                     .error = QStringLiteral("Provider returned HTTP 503 with a body over 16 MB."),
+                     .endless = true};
     QTest::newRow("model list of exactly the limit") << FetchCase{.response = json(R"({"data":[{"id":"a"}]})"),
                                                                   .limits = {.modelListBytes = 21},
                                                                   .models = {QStringLiteral("a")}};
@@ -128,6 +144,7 @@ void tst_ModelsService::fetch()
     LoopbackServer server;
     QVERIFY(server.listen());
     server.setResponse(row.response);
+    QSignalSpy closed(&server, &LoopbackServer::answered);
     const QString base = row.base.isEmpty() ? server.url(QStringLiteral("/v1/")).toString() : row.base;
 
     Outcome outcome;
@@ -139,6 +156,10 @@ void tst_ModelsService::fetch()
     QTRY_VERIFY(running.isNull());
     QCOMPARE(outcome.error, row.error);
     QCOMPARE(outcome.models, row.models);
+    if (row.endless) {
+        QTRY_COMPARE_WITH_TIMEOUT(closed.size(), 1, 30000);
+        QVERIFY2(server.bodyBytesSent() < 64 * 1024 * 1024, qPrintable(QString::number(server.bodyBytesSent())));
+    }
 
     // A GET with only the dialect's own key headers, unless refused before sending.
     QCOMPARE(server.connectionCount(), row.requests);
