@@ -12,11 +12,18 @@ CopyFeedback::CopyFeedback(QObject *parent)
     : QObject(parent)
 {}
 
-void CopyFeedback::copy(const QString &text)
+void CopyFeedback::writeClipboard(const QString &text)
 {
+    // Clearing first drops every format an earlier owner offered, so no application pastes a
+    // stale rich version of an older copy.
     QClipboard *clipboard = QGuiApplication::clipboard();
     clipboard->clear();
     clipboard->setText(text);
+}
+
+void CopyFeedback::copy(const QString &text)
+{
+    writeClipboard(text);
     setCopied(true);
     QTimer::singleShot(s_resetDelayMs, this, [this] { setCopied(false); });
 }
