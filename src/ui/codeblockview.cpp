@@ -3,6 +3,7 @@
 #include "ui/copyfeedback.h"
 #include "ui/theme.h"
 
+#include <QApplication>
 #include <QClipboard>
 #include <QCoreApplication>
 #include <QGuiApplication>
@@ -11,12 +12,15 @@
 #include <QPainter>
 #include <QPainterPath>
 #include <QPaintEvent>
+#include <QPointer>
 #include <QResizeEvent>
 #include <QScrollArea>
 #include <QTextLayout>
+#include <QThreadPool>
 #include <QToolButton>
 #include <QWheelEvent>
 
+#include <algorithm>
 #include <cmath>
 
 namespace {
@@ -36,86 +40,124 @@ CodeTextView::CodeTextView(QWidget *parent)
     setAttribute(Qt::WA_StaticContents);
     setFocusPolicy(Qt::ClickFocus);
     setCursor(Qt::IBeamCursor);
-    m_lineHeight = int(std::ceil(QFontMetricsF(m_font).height()));
+    measure();
 }
 
 CodeTextView::~CodeTextView() = default;
 
-void CodeTextView::setCode(const StyledCode &code)
+void CodeTextView::measure()
 {
-    if (code.text == m_code && !m_lines.empty())
-        return;
-    m_code = code.text;
-    const QStringList texts = code.text.split(QLatin1Char('\n'));
-    const bool shrank = texts.size() < qsizetype(m_lines.size());
-    m_lines.resize(std::size_t(texts.size()));
-
-    qsizetype runIndex = 0;
-    qsizetype lineStart = 0;
-    m_widest = 0;
-    for (qsizetype i = 0; i < texts.size(); ++i) {
-        const QString &text = texts.at(i);
-        const qsizetype lineEnd = lineStart + text.size();
-        QList<ColorRun> runs;
-        while (runIndex < code.runs.size() && code.runs.at(runIndex).start < lineEnd) {
-            const ColorRun &run = code.runs.at(runIndex);
-            const qsizetype start = std::max(run.start, lineStart);
-            const qsizetype end = std::min(run.start + run.length, lineEnd);
-            if (end > start && run.color != CodeColor::Base)
-                runs.append({start - lineStart, end - start, run.color});
-            if (run.start + run.length > lineEnd)
-                break;
-            ++runIndex;
-        }
-        Line &line = m_lines[std::size_t(i)];
-        // A line that reads and looks as before keeps its layout.
-        if (!line.layout || line.text != text || line.runs != runs) {
-            line.text = text;
-            line.runs = runs;
-            layOutLine(line);
-            update(0, CodeTextView::padding + int(i) * m_lineHeight, width(), m_lineHeight);
-        }
-        m_widest = std::max(m_widest, line.width);
-        lineStart = lineEnd + 1; // the line feed
-    }
-    setAccessibleName(m_code);
-    if (shrank)
-        update();
+    const QFontMetricsF metrics(m_font);
+    m_lineHeight = int(std::ceil(metrics.height()));
+    m_charWidth = metrics.horizontalAdvance(QLatin1Char('M'));
 }
 
-void CodeTextView::layOutLine(Line &line) const
+void CodeTextView::setCode(const StyledCode &code)
 {
-    line.layout = std::make_unique<QTextLayout>(line.text, m_font);
+    if (code.text == m_styled.text && code.runs == m_styled.runs && !m_starts.empty())
+        return;
+    const StyledCode old = std::exchange(m_styled, code);
+    const QString &text = m_styled.text;
+    const int oldLines = int(m_starts.size());
+
+    // The first character drawn differently, by text or colour: lines before it keep their
+    // layouts and stay as they are on screen.
+    qsizetype first = 0;
+    const qsizetype common = std::min(old.text.size(), text.size());
+    if (!m_starts.empty()) {
+        first = common;
+        if (QStringView(old.text).first(common) != QStringView(text).first(common))
+            first = 0;
+        for (qsizetype i = 0; i < std::min(old.runs.size(), code.runs.size()); ++i) {
+            if (old.runs.at(i) != code.runs.at(i)) {
+                first = std::min(first, std::min(old.runs.at(i).start, code.runs.at(i).start));
+                break;
+            }
+            if (old.runs.at(i).start >= first)
+                break;
+        }
+    }
+    const int firstLine =
+        first == 0 ? 0 : int(std::upper_bound(m_starts.begin(), m_starts.end(), first) - m_starts.begin()) - 1;
+
+    m_starts.resize(std::size_t(std::max(0, firstLine)));
+    if (m_starts.empty())
+        m_starts.push_back(0);
+    for (qsizetype i = text.indexOf(u'\n', m_starts.back()); i >= 0; i = text.indexOf(u'\n', i + 1))
+        m_starts.push_back(i + 1);
+
+    // The width is reckoned from the characters; a line that proves wider when it is drawn
+    // widens the view then.
+    if (firstLine == 0)
+        m_widest = 0;
+    for (std::size_t i = std::size_t(std::max(0, firstLine)); i < m_starts.size(); ++i) {
+        const QStringView line = lineText(int(i));
+        qsizetype columns = 0;
+        for (QChar c : line.first(std::min<qsizetype>(line.size(), maxLineLayout)))
+            columns = c == u'\t' ? (columns / 4 + 1) * 4 : columns + 1;
+        m_widest = std::max(m_widest, int(std::ceil(qreal(columns) * m_charWidth)));
+    }
+    for (auto it = m_layouts.begin(); it != m_layouts.end();) {
+        if (it->first >= firstLine)
+            it = m_layouts.erase(it);
+        else
+            ++it;
+    }
+    if (m_anchor.line >= lineCount() || m_cursor.line >= lineCount())
+        m_anchor = m_cursor = {};
+
+    setAccessibleName(text.size() > maxLineLayout ? text.first(maxLineLayout) : text);
+    const int top = padding + std::max(0, std::min(firstLine, oldLines)) * m_lineHeight;
+    update(0, top, width(), std::max(height(), contentHeight()) - top);
+}
+
+QStringView CodeTextView::lineText(int line) const
+{
+    const qsizetype start = m_starts.at(std::size_t(line));
+    const qsizetype end =
+        std::size_t(line) + 1 < m_starts.size() ? m_starts.at(std::size_t(line) + 1) - 1 : m_styled.text.size();
+    return QStringView(m_styled.text).sliced(start, end - start);
+}
+
+const QTextLayout &CodeTextView::layoutOf(int line) const
+{
+    auto it = m_layouts.find(line);
+    if (it != m_layouts.end())
+        return *it->second;
+    // Only the lines near the screen hold layouts; a long scroll starts over rather than keep
+    // every line it passed.
+    if (m_layouts.size() > 2000)
+        m_layouts.clear();
+    QStringView text = lineText(line);
+    if (text.size() > maxLineLayout)
+        text = text.first(maxLineLayout - (text.at(maxLineLayout - 1).isHighSurrogate() ? 1 : 0));
+    auto layout = std::make_unique<QTextLayout>(text.toString(), m_font);
     QTextOption option;
     option.setWrapMode(QTextOption::NoWrap);
-    option.setTabStopDistance(QFontMetricsF(m_font).horizontalAdvance(QLatin1Char(' ')) * 4);
-    line.layout->setTextOption(option);
-    line.layout->setCacheEnabled(true);
-    line.layout->beginLayout();
-    QTextLine textLine = line.layout->createLine();
+    option.setTabStopDistance(m_charWidth * 4);
+    layout->setTextOption(option);
+    layout->setCacheEnabled(true);
+    layout->beginLayout();
+    QTextLine textLine = layout->createLine();
     if (textLine.isValid()) {
         textLine.setLineWidth(unwrappedWidth);
         textLine.setPosition(QPointF(0, 0));
     }
-    line.layout->endLayout();
-    line.width = textLine.isValid() ? int(std::ceil(textLine.naturalTextWidth())) : 0;
-}
-
-void CodeTextView::relayOutAll()
-{
-    m_lineHeight = int(std::ceil(QFontMetricsF(m_font).height()));
-    m_widest = 0;
-    for (Line &line : m_lines) {
-        layOutLine(line);
-        m_widest = std::max(m_widest, line.width);
+    layout->endLayout();
+    const int width = textLine.isValid() ? int(std::ceil(textLine.naturalTextWidth())) : 0;
+    if (width > m_widest) {
+        m_widest = width;
+        // Not while painting: the owner resizes the view when the event loop comes back.
+        QMetaObject::invokeMethod(const_cast<CodeTextView *>(this), &CodeTextView::contentWidthChanged,
+                                  Qt::QueuedConnection);
     }
-    updateGeometry();
-    update();
+    return *m_layouts.emplace(line, std::move(layout)).first->second;
 }
 
 int CodeTextView::contentHeight() const
 {
-    return 2 * padding + int(m_lines.size()) * m_lineHeight;
+    const bool cut = lineCount() > maxShownLines;
+    return 2 * padding + (shownLineCount() + (cut ? 1 : 0)) * m_lineHeight;
 }
 
 int CodeTextView::contentWidth() const
@@ -150,12 +192,12 @@ QColor CodeTextView::colorFor(CodeColor color) const
 
 void CodeTextView::paintEvent(QPaintEvent *event)
 {
-    if (m_lines.empty() || m_lineHeight <= 0)
+    if (m_starts.empty() || m_lineHeight <= 0)
         return;
     QPainter painter(this);
     const QRect dirty = event->rect();
     const int first = std::max(0, (dirty.top() - padding) / m_lineHeight);
-    const int last = std::min(int(m_lines.size()) - 1, (dirty.bottom() - padding) / m_lineHeight);
+    const int last = std::min(shownLineCount() - 1, (dirty.bottom() - padding) / m_lineHeight);
     const Spot from = std::min(m_anchor, m_cursor);
     const Spot to = std::max(m_anchor, m_cursor);
     QTextCharFormat selected;
@@ -163,21 +205,40 @@ void CodeTextView::paintEvent(QPaintEvent *event)
     selected.setForeground(palette().color(QPalette::HighlightedText));
 
     painter.setPen(colorFor(CodeColor::Base));
+    const QList<ColorRun> &runs = m_styled.runs;
     for (int i = first; i <= last; ++i) {
-        const Line &line = m_lines.at(std::size_t(i));
+        const QTextLayout &layout = layoutOf(i);
+        const qsizetype start = m_starts.at(std::size_t(i));
+        const qsizetype end = start + layout.text().size();
         QList<QTextLayout::FormatRange> formats;
-        formats.reserve(line.runs.size() + 1);
-        for (const ColorRun &run : line.runs) {
+        auto run = std::upper_bound(runs.cbegin(), runs.cend(), start,
+                                    [](qsizetype at, const ColorRun &r) { return at < r.start; });
+        if (run != runs.cbegin())
+            --run;
+        for (; run != runs.cend() && run->start < end; ++run) {
+            const qsizetype a = std::max(run->start, start);
+            const qsizetype b = std::min(run->start + run->length, end);
+            if (b <= a || run->color == CodeColor::Base)
+                continue;
             QTextCharFormat format;
-            format.setForeground(colorFor(run.color));
-            formats.append({int(run.start), int(run.length), format});
+            format.setForeground(colorFor(run->color));
+            formats.append({int(a - start), int(b - a), format});
         }
         if (from != to && i >= from.line && i <= to.line) {
-            const int start = i == from.line ? from.column : 0;
-            const int end = i == to.line ? to.column : int(line.text.size()) + 1;
-            formats.append({start, end - start, selected});
+            const int a = i == from.line ? from.column : 0;
+            const int b = i == to.line ? to.column : int(layout.text().size()) + 1;
+            formats.append({a, b - a, selected});
         }
-        line.layout->draw(&painter, QPointF(padding, padding + i * m_lineHeight), formats);
+        layout.draw(&painter, QPointF(padding, padding + i * m_lineHeight), formats);
+    }
+    if (lineCount() > maxShownLines) {
+        painter.setPen(colorFor(CodeColor::Comment));
+        QFont italic = m_font;
+        italic.setItalic(true);
+        painter.setFont(italic);
+        painter.drawText(
+            QPointF(padding, padding + maxShownLines * m_lineHeight + QFontMetricsF(m_font).ascent()),
+            tr("… %L1 more lines not shown here; Copy code takes all of them.").arg(lineCount() - maxShownLines));
     }
 }
 
@@ -187,18 +248,24 @@ void CodeTextView::changeEvent(QEvent *event)
         update();
     if (event->type() == QEvent::FontChange || event->type() == QEvent::ApplicationFontChange) {
         m_font = Theme::monospaceFont();
-        relayOutAll();
+        measure();
+        m_layouts.clear();
+        const StyledCode code = std::exchange(m_styled, {});
+        m_starts.clear();
+        setCode(code);
+        updateGeometry();
+        update();
     }
     QWidget::changeEvent(event);
 }
 
 CodeTextView::Spot CodeTextView::spotAt(QPointF pos) const
 {
-    if (m_lines.empty())
+    if (m_starts.empty())
         return {};
-    const int line = std::clamp(int((pos.y() - padding) / m_lineHeight), 0, int(m_lines.size()) - 1);
-    const QTextLayout *layout = m_lines.at(std::size_t(line)).layout.get();
-    const int column = layout->lineCount() ? layout->lineAt(0).xToCursor(pos.x() - padding) : 0;
+    const int line = std::clamp(int((pos.y() - padding) / m_lineHeight), 0, shownLineCount() - 1);
+    const QTextLayout &layout = layoutOf(line);
+    const int column = layout.lineCount() ? layout.lineAt(0).xToCursor(pos.x() - padding) : 0;
     return {line, column};
 }
 
@@ -225,7 +292,7 @@ void CodeTextView::mouseDoubleClickEvent(QMouseEvent *event)
     // A double click takes the whole line, the quickest way to grab one command.
     const Spot spot = spotAt(event->position());
     m_anchor = {spot.line, 0};
-    m_cursor = {spot.line, int(m_lines.at(std::size_t(spot.line)).text.size())};
+    m_cursor = {spot.line, int(lineText(spot.line).size())};
     update();
 }
 
@@ -234,12 +301,12 @@ void CodeTextView::keyPressEvent(QKeyEvent *event)
     if (event->matches(QKeySequence::Copy)) {
         const QString text = selectedText();
         if (!text.isEmpty())
-            QGuiApplication::clipboard()->setText(text);
+            CopyFeedback::writeClipboard(text);
         return;
     }
-    if (event->matches(QKeySequence::SelectAll) && !m_lines.empty()) {
+    if (event->matches(QKeySequence::SelectAll) && !m_starts.empty()) {
         m_anchor = {};
-        m_cursor = {int(m_lines.size()) - 1, int(m_lines.back().text.size())};
+        m_cursor = {lineCount() - 1, int(lineText(lineCount() - 1).size())};
         update();
         return;
     }
@@ -250,16 +317,12 @@ QString CodeTextView::selectedText() const
 {
     const Spot from = std::min(m_anchor, m_cursor);
     const Spot to = std::max(m_anchor, m_cursor);
-    if (from == to || m_lines.empty())
+    if (from == to || m_starts.empty())
         return {};
-    QStringList parts;
-    for (int i = from.line; i <= to.line && i < int(m_lines.size()); ++i) {
-        const QString &text = m_lines.at(std::size_t(i)).text;
-        const int start = i == from.line ? from.column : 0;
-        const int end = i == to.line ? to.column : int(text.size());
-        parts.append(text.mid(start, end - start));
-    }
-    return parts.join(QLatin1Char('\n'));
+    const qsizetype start =
+        m_starts.at(std::size_t(from.line)) + std::min<qsizetype>(from.column, lineText(from.line).size());
+    const qsizetype end = m_starts.at(std::size_t(to.line)) + std::min<qsizetype>(to.column, lineText(to.line).size());
+    return m_styled.text.sliced(start, end - start);
 }
 
 CodeBlockView::CodeBlockView(const QString &code, const std::optional<QString> &language, QWidget *parent)
@@ -278,6 +341,8 @@ CodeBlockView::CodeBlockView(const QString &code, const std::optional<QString> &
     m_copyButton->setCursor(Qt::PointingHandCursor);
     connect(m_copyButton, &QToolButton::clicked, this, &CodeBlockView::copy);
     connect(m_feedback, &CopyFeedback::copiedChanged, this, &CodeBlockView::updateCopyButton);
+    connect(m_codeView, &CodeTextView::contentWidthChanged, this,
+            [this] { m_codeView->resize(std::max(m_codeView->contentWidth(), width()), m_codeView->contentHeight()); });
 
     m_scroll->setFrameShape(QFrame::NoFrame);
     m_scroll->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
@@ -315,15 +380,63 @@ void CodeBlockView::setContent(const QString &code, const std::optional<QString>
         m_label->setText(label());
         setAccessibleName(label());
     }
-    if (codeChanged || languageChanged) {
+    if (!codeChanged && !languageChanged)
+        return;
+    const std::optional<QString> lowered = language ? std::optional(language->toLower()) : std::nullopt;
+    if (code.size() <= syncHighlightLimit) {
+        ++m_highlightGeneration;
         // Code still streaming in is highlighted once per prefix; caching each prefix would only
         // push finished blocks out of the cache.
-        m_codeView->setCode(
-            grew ? SyntaxHighlighter::build(code, language ? std::optional(language->toLower()) : std::nullopt)
-                 : SyntaxHighlighter::highlighted(code, language));
-        m_codeView->resize(std::max(m_codeView->contentWidth(), m_scroll->viewport()->width()),
-                           m_codeView->contentHeight());
+        m_codeView->setCode(grew ? SyntaxHighlighter::build(code, lowered)
+                                 : SyntaxHighlighter::highlighted(code, language));
+    } else {
+        // Colouring this much code takes longer than the window may stop answering: the code is
+        // shown at once in the colours known so far and coloured off the main thread.
+        StyledCode interim;
+        interim.text = code;
+        if (grew)
+            interim.runs = styledRuns();
+        const qsizetype covered = interim.runs.isEmpty() ? 0 : interim.runs.last().start + interim.runs.last().length;
+        if (covered < code.size())
+            interim.runs.append({covered, code.size() - covered, CodeColor::Base});
+        m_codeView->setCode(interim);
+        highlightLater(code, lowered);
     }
+    m_codeView->resize(std::max(m_codeView->contentWidth(), m_scroll->viewport()->width()),
+                       m_codeView->contentHeight());
+}
+
+QList<ColorRun> CodeBlockView::styledRuns() const
+{
+    return m_codeView->styledCode().runs;
+}
+
+void CodeBlockView::highlightLater(const QString &code, const std::optional<QString> &language)
+{
+    const quint64 generation = ++m_highlightGeneration;
+    // One colouring at a time: while one runs, a newer text waits for it and only the newest is
+    // coloured next, so a fast stream costs a few passes, not one per update.
+    if (m_highlighting)
+        return;
+    m_highlighting = true;
+    QPointer<CodeBlockView> self(this);
+    QThreadPool::globalInstance()->start([self, code, language, generation] {
+        StyledCode styled = SyntaxHighlighter::build(code, language);
+        QMetaObject::invokeMethod(
+            qApp,
+            [self, styled = std::move(styled), generation] {
+                if (!self)
+                    return;
+                self->m_highlighting = false;
+                if (generation == self->m_highlightGeneration && styled.text == self->m_code) {
+                    self->m_codeView->setCode(styled);
+                } else if (self->m_code.size() > syncHighlightLimit) {
+                    self->highlightLater(self->m_code,
+                                         self->m_language ? std::optional(self->m_language->toLower()) : std::nullopt);
+                }
+            },
+            Qt::QueuedConnection);
+    });
 }
 
 QString CodeBlockView::label() const
@@ -411,24 +524,9 @@ void CodeBlockView::paintEvent(QPaintEvent *)
 
 bool CodeBlockView::eventFilter(QObject *watched, QEvent *event)
 {
-    // The code strip scrolls only sideways: an upward or downward wheel belongs to the transcript
-    // around it, which would otherwise never see it.
-    if (watched == m_scroll->viewport() && event->type() == QEvent::Wheel) {
-        auto *wheel = static_cast<QWheelEvent *>(event);
-        if (qAbs(wheel->angleDelta().y()) >= qAbs(wheel->angleDelta().x())) {
-            // Sent on to the enclosing scroll area's viewport: a forwarded event does not propagate.
-            for (QWidget *w = parentWidget(); w; w = w->parentWidget()) {
-                if (auto *area = qobject_cast<QAbstractScrollArea *>(w)) {
-                    const QPointF at = area->viewport()->mapFromGlobal(wheel->globalPosition());
-                    QWheelEvent copy(at, wheel->globalPosition(), wheel->pixelDelta(), wheel->angleDelta(),
-                                     wheel->buttons(), wheel->modifiers(), wheel->phase(), wheel->inverted(),
-                                     wheel->source());
-                    QCoreApplication::sendEvent(area->viewport(), &copy);
-                    return true;
-                }
-            }
-        }
-    }
+    if (watched == m_scroll->viewport() && event->type() == QEvent::Wheel &&
+        passVerticalWheel(this, static_cast<QWheelEvent *>(event)))
+        return true;
     return MarkdownBlockView::eventFilter(watched, event);
 }
 

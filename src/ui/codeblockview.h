@@ -3,19 +3,22 @@
 #include "render/syntaxhighlighter.h"
 #include "ui/markdowntextview.h"
 
+#include <QTextLayout>
+
 #include <memory>
 #include <optional>
+#include <unordered_map>
 #include <vector>
 
 class CopyFeedback;
 class QLabel;
 class QScrollArea;
-class QTextLayout;
 class QToolButton;
 
-// Highlighted code, one cached layout per line, never wrapped. Selectable with the mouse and
-// copied with the keyboard's copy shortcut. When the code grows, only lines whose text or
-// colours changed are laid out again.
+// Highlighted code, never wrapped. Selectable with the mouse and copied with the keyboard's copy
+// shortcut. Lines are laid out only when they are drawn, and only their first maxLineLayout
+// characters, so a block of a hundred thousand lines or a line of a megabyte costs what is on
+// screen; the code itself, as copied, is whole.
 class CodeTextView final : public QWidget
 {
     Q_OBJECT
@@ -25,14 +28,27 @@ public:
     ~CodeTextView() override;
 
     void setCode(const StyledCode &code);
-    const QString &code() const { return m_code; }
+    const QString &code() const { return m_styled.text; }
+    const StyledCode &styledCode() const { return m_styled; }
     QString selectedText() const;
 
     // Padding around the code on all sides.
     static constexpr int padding = 8;
+    // The most characters of one line that are laid out and drawn.
+    static constexpr int maxLineLayout = 8192;
+    // The most lines shown; a longer block ends with a line saying how many more it holds.
+    static constexpr int maxShownLines = 250000;
     int contentHeight() const;
     int contentWidth() const;
+    int lineCount() const { return int(m_starts.size()); }
+    int shownLineCount() const { return std::min(lineCount(), maxShownLines); }
+    // How many lines hold a layout now.
+    int laidOutLineCount() const { return int(m_layouts.size()); }
     QSize sizeHint() const override;
+
+signals:
+    // Emitted when a line drawn for the first time turned out wider than the code was thought to be.
+    void contentWidthChanged();
 
 protected:
     void paintEvent(QPaintEvent *event) override;
@@ -43,13 +59,6 @@ protected:
     void keyPressEvent(QKeyEvent *event) override;
 
 private:
-    struct Line
-    {
-        QString text;
-        QList<ColorRun> runs; // relative to the line's start
-        std::unique_ptr<QTextLayout> layout;
-        int width = 0;
-    };
     // A place in the code: line and column.
     struct Spot
     {
@@ -58,16 +67,19 @@ private:
         friend auto operator<=>(const Spot &, const Spot &) = default;
     };
 
-    void layOutLine(Line &line) const;
-    void relayOutAll();
+    QStringView lineText(int line) const;
+    const QTextLayout &layoutOf(int line) const;
+    void measure();
     Spot spotAt(QPointF pos) const;
     QColor colorFor(CodeColor color) const;
 
-    QString m_code;
-    std::vector<Line> m_lines;
+    StyledCode m_styled;
+    std::vector<qsizetype> m_starts; // where each line begins in the code
+    mutable std::unordered_map<int, std::unique_ptr<QTextLayout>> m_layouts;
     QFont m_font;
+    qreal m_charWidth = 0;
     int m_lineHeight = 0;
-    int m_widest = 0;
+    mutable int m_widest = 0;
     Spot m_anchor;
     Spot m_cursor;
 };
@@ -81,6 +93,9 @@ class CodeBlockView final : public MarkdownBlockView
 
 public:
     CodeBlockView(const QString &code, const std::optional<QString> &language, QWidget *parent = nullptr);
+
+    // Code up to this many UTF-16 units is coloured on the spot; longer code off the main thread.
+    static constexpr qsizetype syncHighlightLimit = 64 * 1024;
 
     bool setBlock(const MarkdownText::Block &block) override;
     int heightForWidth(int width) const override;
@@ -108,6 +123,9 @@ private:
     void updateCopyButton();
     void applyStyle();
     int headerHeight() const;
+    QList<ColorRun> styledRuns() const;
+    // Colours code off the main thread and shows the result if the code has not changed since.
+    void highlightLater(const QString &code, const std::optional<QString> &language);
 
     QString m_code;
     std::optional<QString> m_language;
@@ -116,4 +134,6 @@ private:
     QScrollArea *m_scroll;
     CodeTextView *m_codeView;
     CopyFeedback *m_feedback;
+    quint64 m_highlightGeneration = 0;
+    bool m_highlighting = false;
 };

@@ -2,6 +2,8 @@
 
 #include "ui/theme.h"
 
+#include <QCoreApplication>
+#include <QLocale>
 #include <QPainter>
 #include <QTextLine>
 
@@ -13,8 +15,39 @@ namespace {
 constexpr qreal unwrappedWidth = 1e7;
 // Extra space between the lines of one wrapped text.
 constexpr qreal lineSpacing = 1;
+// The most characters one layout holds. Finding where to wrap a line with no place to break
+// scans the rest of its layout for every line, so this bounds that scan.
+constexpr qsizetype pieceLength = 4096;
+// A stretch without blanks this long can only wrap anywhere; saying so spares the layout its
+// search for a word boundary.
+constexpr qsizetype unbrokenRun = 512;
+
+bool needsWrapAnywhere(QStringView text)
+{
+    qsizetype run = 0;
+    for (QChar c : text) {
+        run = c.isSpace() ? 0 : run + 1;
+        if (run > unbrokenRun)
+            return true;
+    }
+    return false;
+}
 
 } // namespace
+
+struct InlineText::Piece
+{
+    qsizetype start = 0;  // in the shown text
+    qsizetype length = 0; // a line separator that ends the piece is not part of it
+    qsizetype next = 0;   // where the following piece starts
+    QTextLayout layout;
+    qreal laidOutWidth = -1;
+    qreal y = 0;
+    qreal height = 0;
+};
+
+InlineText::InlineText() = default;
+InlineText::~InlineText() = default;
 
 bool InlineText::setSource(const QString &source)
 {
@@ -22,12 +55,18 @@ bool InlineText::setSource(const QString &source)
         return false;
     const QString oldText = std::move(m_text);
     const QList<QTextLayout::FormatRange> oldFormats = std::move(m_formats);
+    const bool wasLaidOut = m_laidOutWidth > 0;
     m_source = source;
     m_text.clear();
     m_formats.clear();
     m_links.clear();
 
-    const QList<InlineRun> runs = InlineMarkdown::render(source);
+    QStringView shown = source;
+    m_cut = source.size() > shownLimit;
+    if (m_cut)
+        shown = shown.first(shownLimit - (source.at(shownLimit - 1).isHighSurrogate() ? 1 : 0));
+
+    const QList<InlineRun> runs = InlineMarkdown::render(shown);
     static const QStringList monoFamilies = Theme::monospaceFont().families();
     for (const InlineRun &run : runs) {
         const int start = int(m_text.size());
@@ -48,6 +87,17 @@ bool InlineText::setSource(const QString &source)
             m_links.append({start, int(run.text.size()), *run.link});
         }
         m_formats.append({start, int(run.text.size()), format});
+    }
+    m_noteStart = -1;
+    if (m_cut) {
+        m_text += u'\n';
+        m_noteStart = m_text.size();
+        m_text += QCoreApplication::translate("InlineText", "… %L1 more characters not shown here; copying the "
+                                                            "message takes all of them.")
+                      .arg(source.size() - shown.size());
+        QTextCharFormat note;
+        note.setFontItalic(true);
+        m_formats.append({int(m_noteStart), int(m_text.size() - m_noteStart), note});
     }
     // Line feeds break lines without ending the paragraph; the offsets stay those of the runs.
     m_text.replace(QLatin1Char('\n'), QChar::LineSeparator);
@@ -70,23 +120,89 @@ bool InlineText::setSource(const QString &source)
     }
     m_firstChange = first;
     // The old layout's line of that character may hold text that now wraps onto the next line.
-    m_oldChangedTop = 0;
-    if (m_laidOutWidth > 0 && m_layout.lineCount() > 0) {
-        const QTextLine line = m_layout.lineForTextPosition(int(std::min(first, oldText.size())));
-        m_oldChangedTop = line.isValid() ? int(line.y()) : int(m_layout.lineAt(m_layout.lineCount() - 1).y());
-    }
+    m_oldChangedTop = wasLaidOut ? lineTop(std::min(first, oldText.size())) : 0;
+    cutPieces(first);
     m_laidOutWidth = -1;
     m_idealWidth = -1;
     return true;
 }
 
+void InlineText::cutPieces(qsizetype from)
+{
+    // A piece is kept, layout and all, when everything that decided its end comes before the
+    // first change; the last piece never is, since its end was the end of the text.
+    std::size_t keep = 0;
+    while (keep + 1 < m_pieces.size() && m_pieces[keep]->start + pieceLength < from)
+        ++keep;
+    m_pieces.resize(keep);
+
+    const qsizetype size = m_text.size();
+    qsizetype pos = keep ? m_pieces.back()->next : 0;
+    for (;;) {
+        auto piece = std::make_unique<Piece>();
+        piece->start = pos;
+        bool atSeparator = false;
+        if (size - pos <= pieceLength) {
+            piece->length = size - pos;
+            piece->next = size;
+        } else {
+            // Cut where the text breaks a line anyway, else after a blank, else anywhere but
+            // inside a surrogate pair.
+            const qsizetype limit = pos + pieceLength;
+            const qsizetype separator = m_text.lastIndexOf(QChar::LineSeparator, limit);
+            if (separator > pos + pieceLength / 2) {
+                piece->length = separator - pos;
+                piece->next = separator + 1;
+                atSeparator = true;
+            } else {
+                qsizetype end = limit;
+                while (end > pos + pieceLength / 2 && m_text.at(end - 1) != u' ')
+                    --end;
+                if (end <= pos + pieceLength / 2)
+                    end = m_text.at(limit - 1).isHighSurrogate() ? limit - 1 : limit;
+                piece->length = end - pos;
+                piece->next = end;
+            }
+        }
+        pos = piece->next;
+        m_pieces.push_back(std::move(piece));
+        if (pos < size)
+            continue;
+        if (atSeparator) {
+            // The text ends with a line break: its empty last line is a piece of its own.
+            auto tail = std::make_unique<Piece>();
+            tail->start = tail->next = size;
+            m_pieces.push_back(std::move(tail));
+        }
+        break;
+    }
+}
+
 int InlineText::changedTop() const
 {
-    if (m_laidOutWidth < 0 || m_layout.lineCount() == 0)
+    if (m_laidOutWidth < 0 || m_pieces.empty())
         return 0;
-    const QTextLine line = m_layout.lineForTextPosition(int(std::min(m_firstChange, m_text.size())));
-    const int top = line.isValid() ? int(line.y()) : int(m_layout.lineAt(m_layout.lineCount() - 1).y());
-    return std::min(top, m_oldChangedTop);
+    return std::min(lineTop(std::min(m_firstChange, m_text.size())), m_oldChangedTop);
+}
+
+const InlineText::Piece *InlineText::pieceAt(qsizetype position) const
+{
+    for (const auto &piece : m_pieces) {
+        if (position < piece->next || piece == m_pieces.back())
+            return piece.get();
+    }
+    return nullptr;
+}
+
+int InlineText::lineTop(qsizetype position) const
+{
+    const Piece *piece = pieceAt(position);
+    if (!piece || piece->laidOutWidth < 0 || piece->layout.lineCount() == 0)
+        return 0;
+    const QTextLayout &layout = piece->layout;
+    const QTextLine line =
+        layout.lineForTextPosition(int(std::clamp(position - piece->start, qsizetype(0), piece->length)));
+    return int(piece->y + (line.isValid() ? line.y() : layout.lineAt(layout.lineCount() - 1).y()));
 }
 
 bool InlineText::setFont(const QFont &font)
@@ -94,6 +210,8 @@ bool InlineText::setFont(const QFont &font)
     if (font == m_font)
         return false;
     m_font = font;
+    for (auto &piece : m_pieces)
+        piece->laidOutWidth = -1;
     m_laidOutWidth = -1;
     m_idealWidth = -1;
     return true;
@@ -110,39 +228,75 @@ int InlineText::heightForWidth(int width)
 int InlineText::idealWidth()
 {
     if (m_idealWidth < 0) {
-        const qreal previous = m_laidOutWidth;
-        layOut(unwrappedWidth);
+        // Measured on layouts of their own, so the wrapped ones stay as they are.
         qreal widest = 0;
-        for (int i = 0; i < m_layout.lineCount(); ++i)
-            widest = std::max(widest, m_layout.lineAt(i).naturalTextWidth());
+        QTextOption option;
+        option.setWrapMode(QTextOption::NoWrap);
+        for (const auto &piece : m_pieces) {
+            QTextLayout layout(m_text.mid(piece->start, piece->length), m_font);
+            layout.setTextOption(option);
+            QList<QTextLayout::FormatRange> formats;
+            for (const QTextLayout::FormatRange &range : std::as_const(m_formats)) {
+                const qsizetype start = std::max<qsizetype>(range.start, piece->start);
+                const qsizetype end = std::min<qsizetype>(range.start + range.length, piece->start + piece->length);
+                if (end > start)
+                    formats.append({int(start - piece->start), int(end - start), range.format});
+            }
+            layout.setFormats(formats);
+            layout.beginLayout();
+            for (QTextLine line = layout.createLine(); line.isValid(); line = layout.createLine()) {
+                line.setLineWidth(unwrappedWidth);
+                widest = std::max(widest, line.naturalTextWidth());
+            }
+            layout.endLayout();
+        }
         m_idealWidth = int(std::ceil(widest));
-        if (previous > 0 && previous != unwrappedWidth)
-            layOut(previous);
     }
     return m_idealWidth;
 }
 
 void InlineText::layOut(qreal width)
 {
-    m_layout.clearLayout();
-    m_layout.setText(m_text);
-    m_layout.setFont(m_font);
-    m_layout.setFormats(m_formats);
-    QTextOption option;
-    option.setWrapMode(QTextOption::WrapAtWordBoundaryOrAnywhere);
-    m_layout.setTextOption(option);
-    m_layout.setCacheEnabled(true);
-
     qreal y = 0;
-    m_layout.beginLayout();
-    for (QTextLine line = m_layout.createLine(); line.isValid(); line = m_layout.createLine()) {
-        line.setLineWidth(width);
+    for (const auto &piece : m_pieces) {
+        if (piece->laidOutWidth != width) {
+            QTextLayout &layout = piece->layout;
+            const QStringView text = QStringView(m_text).sliced(piece->start, piece->length);
+            layout.clearLayout();
+            layout.setText(text.toString());
+            layout.setFont(m_font);
+            QList<QTextLayout::FormatRange> formats;
+            for (const QTextLayout::FormatRange &range : std::as_const(m_formats)) {
+                const qsizetype start = std::max<qsizetype>(range.start, piece->start);
+                const qsizetype end = std::min<qsizetype>(range.start + range.length, piece->start + piece->length);
+                if (end > start)
+                    formats.append({int(start - piece->start), int(end - start), range.format});
+            }
+            layout.setFormats(formats);
+            QTextOption option;
+            option.setWrapMode(needsWrapAnywhere(text) ? QTextOption::WrapAnywhere
+                                                       : QTextOption::WrapAtWordBoundaryOrAnywhere);
+            layout.setTextOption(option);
+            layout.setCacheEnabled(true);
+
+            qreal lineY = 0;
+            layout.beginLayout();
+            for (QTextLine line = layout.createLine(); line.isValid(); line = layout.createLine()) {
+                line.setLineWidth(width);
+                if (lineY > 0)
+                    lineY += lineSpacing;
+                line.setPosition(QPointF(0, lineY));
+                lineY += line.height();
+            }
+            layout.endLayout();
+            piece->height = lineY;
+            piece->laidOutWidth = width;
+        }
         if (y > 0)
             y += lineSpacing;
-        line.setPosition(QPointF(0, y));
-        y += line.height();
+        piece->y = y;
+        y += piece->height;
     }
-    m_layout.endLayout();
     m_laidOutWidth = width;
     m_height = int(std::ceil(y));
 }
@@ -150,33 +304,71 @@ void InlineText::layOut(qreal width)
 void InlineText::draw(QPainter *painter, QPointF pos, const QColor &color, const QColor &linkColor,
                       const QRectF &clip) const
 {
-    QList<QTextLayout::FormatRange> colours;
-    colours.reserve(m_links.size());
-    for (const Link &link : m_links) {
-        QTextCharFormat format;
-        format.setForeground(linkColor);
-        colours.append({link.start, link.length, format});
-    }
     painter->setPen(color);
-    m_layout.draw(painter, pos, colours, clip);
+    for (const auto &piece : m_pieces) {
+        if (clip.isValid() && (piece->y > clip.bottom() || piece->y + piece->height < clip.top()))
+            continue;
+        QList<QTextLayout::FormatRange> colours;
+        const auto addColour = [&](qsizetype start, qsizetype length, const QColor &c) {
+            const qsizetype from = std::max(start, piece->start);
+            const qsizetype to = std::min(start + length, piece->start + piece->length);
+            if (to <= from)
+                return;
+            QTextCharFormat format;
+            format.setForeground(c);
+            colours.append({int(from - piece->start), int(to - from), format});
+        };
+        for (const Link &link : m_links)
+            addColour(link.start, link.length, linkColor);
+        if (m_noteStart >= 0)
+            addColour(m_noteStart, m_text.size() - m_noteStart, Theme::withOpacity(color, 0.6));
+        piece->layout.draw(painter, pos + QPointF(0, piece->y), colours,
+                           clip.isValid() ? clip.translated(0, -piece->y) : clip);
+    }
 }
 
 std::optional<QString> InlineText::linkAt(QPointF point) const
 {
     if (m_links.isEmpty())
         return std::nullopt;
-    for (int i = 0; i < m_layout.lineCount(); ++i) {
-        const QTextLine line = m_layout.lineAt(i);
-        if (point.y() < line.y() || point.y() >= line.y() + line.height())
+    for (const auto &piece : m_pieces) {
+        if (point.y() < piece->y || point.y() >= piece->y + piece->height)
             continue;
-        if (point.x() > line.naturalTextWidth())
+        const QTextLayout &layout = piece->layout;
+        const qreal y = point.y() - piece->y;
+        for (int i = 0; i < layout.lineCount(); ++i) {
+            const QTextLine line = layout.lineAt(i);
+            if (y < line.y() || y >= line.y() + line.height())
+                continue;
+            if (point.x() > line.naturalTextWidth())
+                return std::nullopt;
+            const qsizetype cursor = piece->start + line.xToCursor(point.x(), QTextLine::CursorOnCharacter);
+            for (const Link &link : m_links) {
+                if (cursor >= link.start && cursor < link.start + link.length)
+                    return link.target;
+            }
             return std::nullopt;
-        const int cursor = line.xToCursor(point.x(), QTextLine::CursorOnCharacter);
-        for (const Link &link : m_links) {
-            if (cursor >= link.start && cursor < link.start + link.length)
-                return link.target;
         }
-        return std::nullopt;
     }
     return std::nullopt;
+}
+
+qreal InlineText::laidOutRight() const
+{
+    qreal right = 0;
+    for (const auto &piece : m_pieces) {
+        for (int i = 0; i < piece->layout.lineCount(); ++i) {
+            const QTextLine line = piece->layout.lineAt(i);
+            right = std::max(right, line.x() + line.naturalTextWidth());
+        }
+    }
+    return right;
+}
+
+QString linkToolTip(const QString &target)
+{
+    constexpr qsizetype longest = 2000;
+    QString shown = target.size() > longest ? target.first(longest) + QChar(0x2026) : target;
+    // Escaped inside markup of our own: a target that looks like markup reads as itself.
+    return QStringLiteral("<p style=\"white-space:pre-wrap\">") + shown.toHtmlEscaped() + QStringLiteral("</p>");
 }

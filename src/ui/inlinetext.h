@@ -7,7 +7,9 @@
 #include <QString>
 #include <QTextLayout>
 
+#include <memory>
 #include <optional>
+#include <vector>
 
 class QPainter;
 class QPalette;
@@ -16,19 +18,31 @@ class QPalette;
 // of blanks kept, one point of extra space between lines. The layout is kept until the text, the
 // font or the width changes, so drawing it again costs no layout. Not a widget: the block views
 // own one each and draw it.
+//
+// Text is laid out in pieces of a few thousand characters, so a line without any place to wrap
+// costs what its length costs rather than its square, and a growing text lays out again only
+// its last pieces. A source longer than shownLimit is shown up to there, followed by a note of
+// how much is left out; the source itself is kept whole.
 class InlineText final
 {
 public:
-    InlineText() = default;
+    InlineText();
+    ~InlineText();
     Q_DISABLE_COPY_MOVE(InlineText)
+
+    // The longest source shown, in UTF-16 units. Laying out text costs microseconds per
+    // character, so this bounds what one block can cost to a fraction of a second.
+    static constexpr qsizetype shownLimit = 32 * 1024;
 
     // Returns whether anything changed.
     bool setSource(const QString &source);
     bool setFont(const QFont &font);
     const QString &source() const { return m_source; }
     const QFont &font() const { return m_font; }
-    // The text as shown, without markup.
+    // The text as shown, without markup, the note on a cut text included.
     const QString &plainText() const { return m_text; }
+    // Whether the source was too long to be shown whole.
+    bool isCut() const { return m_cut; }
 
     // The height of the text wrapped at width (lays it out when needed).
     int heightForWidth(int width);
@@ -44,6 +58,8 @@ public:
     int changedTop() const;
     // The target of the link at a point relative to the text's top-left corner, if any.
     std::optional<QString> linkAt(QPointF point) const;
+    // The right edge of the widest line as last laid out: never more than the width given.
+    qreal laidOutRight() const;
 
 private:
     struct Link
@@ -52,18 +68,28 @@ private:
         int length = 0;
         QString target;
     };
+    struct Piece;
 
+    void cutPieces(qsizetype from);
     void layOut(qreal width);
+    const Piece *pieceAt(qsizetype position) const;
+    int lineTop(qsizetype position) const;
 
     QString m_source;
     QString m_text;
     QList<QTextLayout::FormatRange> m_formats;
     QList<Link> m_links;
     QFont m_font;
-    QTextLayout m_layout;
+    std::vector<std::unique_ptr<Piece>> m_pieces;
     qsizetype m_firstChange = 0;
     int m_oldChangedTop = 0; // the same place in the layout before the change
     qreal m_laidOutWidth = -1;
     int m_height = 0;
     int m_idealWidth = -1;
+    qsizetype m_noteStart = -1; // where the note on a cut text begins, -1 without one
+    bool m_cut = false;
 };
+
+// A link's tooltip: its whole address as written, so a host hidden in it shows, never read as
+// markup. An address too long to read is cut.
+QString linkToolTip(const QString &target);

@@ -4,12 +4,17 @@
 #include "ui/tableblockview.h"
 #include "ui/theme.h"
 
+#include <QAbstractScrollArea>
+#include <QCoreApplication>
 #include <QDesktopServices>
 #include <QEvent>
 #include <QMouseEvent>
 #include <QPainter>
 #include <QResizeEvent>
 #include <QUrl>
+#include <QWheelEvent>
+
+#include <cmath>
 
 namespace {
 
@@ -69,6 +74,23 @@ int orderedLabelWidth(const QFontMetrics &metrics, qint64 number)
 }
 
 } // namespace
+
+bool MarkdownBlockView::passVerticalWheel(QWidget *block, QWheelEvent *wheel)
+{
+    if (qAbs(wheel->angleDelta().y()) < qAbs(wheel->angleDelta().x()))
+        return false;
+    // Sent on to the enclosing scroll area's viewport: a forwarded event does not propagate.
+    for (QWidget *w = block->parentWidget(); w; w = w->parentWidget()) {
+        if (auto *area = qobject_cast<QAbstractScrollArea *>(w)) {
+            const QPointF at = area->viewport()->mapFromGlobal(wheel->globalPosition());
+            QWheelEvent copy(at, wheel->globalPosition(), wheel->pixelDelta(), wheel->angleDelta(), wheel->buttons(),
+                             wheel->modifiers(), wheel->phase(), wheel->inverted(), wheel->source());
+            QCoreApplication::sendEvent(area->viewport(), &copy);
+            return true;
+        }
+    }
+    return false;
+}
 
 TextBlockView::TextBlockView(const MarkdownText::Block &block, QWidget *parent)
     : MarkdownBlockView(parent)
@@ -147,6 +169,11 @@ int TextBlockView::heightForWidth(int width) const
 int TextBlockView::idealWidth() const
 {
     return leadingWidth() + m_text.idealWidth();
+}
+
+int TextBlockView::textRight() const
+{
+    return leadingWidth() + int(std::ceil(m_text.laidOutRight()));
 }
 
 bool TextBlockView::fillsWidth() const
@@ -241,7 +268,7 @@ void TextBlockView::mouseMoveEvent(QMouseEvent *event)
     const std::optional<QString> link = linkAt(event->position().toPoint());
     const bool openable = link && InlineMarkdown::isOpenableLink(*link);
     setCursor(openable ? Qt::PointingHandCursor : Qt::ArrowCursor);
-    setToolTip(link ? *link : QString());
+    setToolTip(link ? linkToolTip(*link) : QString());
     MarkdownBlockView::mouseMoveEvent(event);
 }
 
@@ -287,8 +314,7 @@ bool MarkdownTextView::setText(const QString &text)
     // process-wide cache would fill it with texts nobody asks for again.
     const bool grew = !m_text.isEmpty() && text.startsWith(m_text);
     m_text = text.isNull() ? QLatin1String("") : text;
-    const QList<MarkdownText::Block> blocks = grew ? MarkdownText::parse(m_text) : MarkdownText::cachedParse(m_text);
-
+    const QList<MarkdownText::Block> blocks = shownBlocks(m_text, grew);
     qsizetype firstChanged = blocks.size();
     for (qsizetype k = 0; k < blocks.size(); ++k) {
         if (k < m_views.size()) {
@@ -316,6 +342,59 @@ bool MarkdownTextView::setText(const QString &text)
     m_heightsValid = std::min(m_heightsValid, firstChanged);
     layOutBlocks(firstChanged);
     return true;
+}
+
+qsizetype MarkdownTextView::layoutCost(const MarkdownText::Block &block)
+{
+    const auto text = [](const QString &s) { return std::min(s.size(), InlineText::shownLimit) + cellCost; };
+    switch (block.kind) {
+    case Kind::Code:
+        // Laid out a line at a time as it comes into view.
+        return cellCost;
+    case Kind::Table: {
+        qsizetype cost = 0;
+        for (const QString &cell : block.headers)
+            cost += text(cell);
+        const qsizetype rows = std::min<qsizetype>(block.rows.size(), TableBlockView::shownRows(block.headers.size()));
+        for (qsizetype r = 0; r < rows; ++r) {
+            for (qsizetype c = 0; c < std::min(block.rows.at(r).size(), block.headers.size()); ++c)
+                cost += text(block.rows.at(r).at(c));
+        }
+        return cost;
+    }
+    default:
+        return text(block.text);
+    }
+}
+
+QList<MarkdownText::Block> MarkdownTextView::shownBlocks(const QString &text, bool grew)
+{
+    bool cut = text.size() > parseLimit;
+    QList<MarkdownText::Block> blocks;
+    if (cut) {
+        const qsizetype end = parseLimit - (text.at(parseLimit - 1).isHighSurrogate() ? 1 : 0);
+        blocks = MarkdownText::parse(QStringView(text).first(end));
+    } else {
+        blocks = grew ? MarkdownText::parse(text) : MarkdownText::cachedParse(text);
+    }
+    // Past the budget the message is not laid out at all: what is shown then stays quick to open,
+    // to resize and to scroll, however long the message.
+    qsizetype spent = 0;
+    for (qsizetype k = 0; k < blocks.size(); ++k) {
+        spent += layoutCost(blocks.at(k));
+        if (spent > layoutBudget && k > 0) {
+            blocks.resize(k);
+            cut = true;
+            break;
+        }
+    }
+    if (cut) {
+        blocks.append(MarkdownText::Block::paragraph(
+            QLatin1Char('*') +
+            tr("The rest of this message is too long to show here; copying the message takes all of it.") +
+            QLatin1Char('*')));
+    }
+    return blocks;
 }
 
 int MarkdownTextView::heightForWidth(int width) const

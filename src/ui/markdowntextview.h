@@ -7,6 +7,8 @@
 #include <QString>
 #include <QWidget>
 
+class QWheelEvent;
+
 // The view of one Markdown block. A view is kept while its block changes in place: setBlock()
 // takes the new payload and reports whether this view can show it at all.
 class MarkdownBlockView : public QWidget
@@ -23,6 +25,11 @@ public:
     // Whether the block takes all the width it is offered (paragraphs, list items, code).
     virtual bool fillsWidth() const = 0;
     bool hasHeightForWidth() const override { return true; }
+
+protected:
+    // A block that scrolls only sideways hands an upward or downward wheel to the transcript
+    // around it, which would otherwise never see it. Returns whether the wheel was handed on.
+    static bool passVerticalWheel(QWidget *block, QWheelEvent *wheel);
 };
 
 // Headings, paragraphs, list items and quotes: inline Markdown painted from one cached layout.
@@ -45,6 +52,8 @@ public:
     // The text as shown, with the bullet or number in front.
     QString displayText() const;
     const QFont &textFont() const { return m_text.font(); }
+    // The right edge of the text's widest line as laid out now, in the view's coordinates.
+    int textRight() const;
 
 protected:
     void paintEvent(QPaintEvent *event) override;
@@ -90,6 +99,14 @@ public:
     const QList<MarkdownBlockView *> &blockViews() const { return m_views; }
 
     static constexpr int blockSpacing = 3;
+    // The most of a message that is parsed for showing, in UTF-16 units.
+    static constexpr qsizetype parseLimit = 4 * 1024 * 1024;
+    // Roughly the characters of text laid out for one message. Laying text out costs
+    // microseconds a character; past this the rest of the message is left out, with a note.
+    static constexpr qsizetype layoutBudget = 200 * 1024;
+    // The blocks shown for text: within the limit and the budget, then the note when anything
+    // was left out.
+    static QList<MarkdownText::Block> shownBlocks(const QString &text, bool grew = false);
 
 protected:
     void resizeEvent(QResizeEvent *event) override;
@@ -99,6 +116,10 @@ private:
     void layOutBlocks(qsizetype from);
     void invalidateHeights();
     static MarkdownBlockView *makeView(const MarkdownText::Block &block, QWidget *parent);
+    // What showing a block costs, in characters laid out; a table cell or a code block counts
+    // some for itself.
+    static qsizetype layoutCost(const MarkdownText::Block &block);
+    static constexpr qsizetype cellCost = 16;
 
     QString m_text;
     QList<MarkdownText::Block> m_blocks;

@@ -2,19 +2,111 @@
 
 #include "ui/theme.h"
 
+#include <QDesktopServices>
 #include <QEvent>
+#include <QKeyEvent>
+#include <QMouseEvent>
 #include <QPainter>
 #include <QPainterPath>
+#include <QPaintEvent>
+#include <QResizeEvent>
+#include <QScrollArea>
+#include <QScrollBar>
+#include <QUrl>
+#include <QWheelEvent>
 
 namespace {
 constexpr qreal cornerRadius = 6;
 constexpr int dividerHeight = 1;
 } // namespace
 
+// The whole grid at its natural width, inside the table's sideways scrolling strip.
+class TableGridView final : public QWidget
+{
+public:
+    explicit TableGridView(TableBlockView *table)
+        : QWidget(nullptr)
+        , m_table(table)
+    {
+        setMouseTracking(true);
+        setAutoFillBackground(false);
+        // Clicked or tabbed to, the arrow keys scroll the table sideways.
+        setFocusPolicy(Qt::StrongFocus);
+        setAccessibleName(TableBlockView::tr("Table"));
+    }
+
+protected:
+    void paintEvent(QPaintEvent *event) override
+    {
+        QPainter painter(this);
+        m_table->paintGrid(&painter, event->rect());
+        if (hasFocus()) {
+            painter.setRenderHint(QPainter::Antialiasing);
+            painter.setPen(QPen(Theme::color(Theme::Color::Accent, palette()), 1.5));
+            painter.drawRoundedRect(QRectF(rect()).adjusted(1, 1, -1, -1), cornerRadius, cornerRadius);
+        }
+    }
+    void focusInEvent(QFocusEvent *event) override
+    {
+        update();
+        QWidget::focusInEvent(event);
+    }
+    void focusOutEvent(QFocusEvent *event) override
+    {
+        update();
+        QWidget::focusOutEvent(event);
+    }
+    void mouseMoveEvent(QMouseEvent *event) override
+    {
+        const std::optional<QString> link = m_table->linkAt(event->position().toPoint());
+        setCursor(link && InlineMarkdown::isOpenableLink(*link) ? Qt::PointingHandCursor : Qt::ArrowCursor);
+        setToolTip(link ? linkToolTip(*link) : QString());
+        QWidget::mouseMoveEvent(event);
+    }
+    void mouseReleaseEvent(QMouseEvent *event) override
+    {
+        if (event->button() == Qt::LeftButton) {
+            const std::optional<QString> link = m_table->linkAt(event->position().toPoint());
+            if (link && InlineMarkdown::isOpenableLink(*link)) {
+                QDesktopServices::openUrl(QUrl(*link));
+                event->accept();
+                return;
+            }
+        }
+        QWidget::mouseReleaseEvent(event);
+    }
+
+private:
+    TableBlockView *m_table;
+};
+
 TableBlockView::TableBlockView(const QStringList &headers, const QList<QStringList> &rows, QWidget *parent)
     : MarkdownBlockView(parent)
+    , m_scroll(new QScrollArea(this))
+    , m_grid(new TableGridView(this))
 {
+    m_scroll->setFrameShape(QFrame::NoFrame);
+    m_scroll->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+    m_scroll->setVerticalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+    m_scroll->setWidgetResizable(false);
+    m_scroll->setFocusPolicy(Qt::NoFocus);
+    m_scroll->viewport()->setAutoFillBackground(false);
+    m_scroll->setWidget(m_grid);
+    m_scroll->viewport()->installEventFilter(this);
+    m_grid->installEventFilter(this);
     setContent(headers, rows);
+}
+
+TableBlockView::~TableBlockView() = default;
+
+QWidget *TableBlockView::grid() const
+{
+    return m_grid;
+}
+
+qsizetype TableBlockView::shownRows(qsizetype columns)
+{
+    return std::max<qsizetype>(1, maxShownCells / std::max<qsizetype>(1, columns) - 1);
 }
 
 bool TableBlockView::setBlock(const MarkdownText::Block &block)
@@ -32,7 +124,7 @@ void TableBlockView::setContent(const QStringList &headers, const QList<QStringL
     m_headers = headers;
     m_rows = rows;
     const std::size_t columns = std::size_t(headers.size());
-    m_cells.resize(std::size_t(rows.size()) + 1);
+    m_cells.resize(std::size_t(std::min<qsizetype>(rows.size(), shownRows(headers.size()))) + 1);
     QStringList accessible;
     for (std::size_t r = 0; r < m_cells.size(); ++r) {
         auto &cells = m_cells[r];
@@ -48,8 +140,15 @@ void TableBlockView::setContent(const QStringList &headers, const QList<QStringL
         }
         accessible.append(shown.join(QLatin1Char('\t')));
     }
+    if (rowCount() < rows.size())
+        accessible.append(note());
     setAccessibleName(accessible.join(QLatin1Char('\n')));
     applyFonts();
+}
+
+QString TableBlockView::note() const
+{
+    return tr("… %L1 more rows not shown here; copying the message takes all of them.").arg(m_rows.size() - rowCount());
 }
 
 void TableBlockView::applyFonts()
@@ -61,8 +160,10 @@ void TableBlockView::applyFonts()
             cell->setFont(r == 0 ? bold : font());
     }
     m_geometry = {};
+    const Geometry &g = gridGeometry();
+    m_grid->resize(std::max(g.width, m_scroll->viewport()->width()), g.height);
     updateGeometry();
-    update();
+    m_grid->update();
 }
 
 QString TableBlockView::cellText(int row, int column) const
@@ -70,38 +171,20 @@ QString TableBlockView::cellText(int row, int column) const
     return m_cells.at(std::size_t(row)).at(std::size_t(column))->plainText();
 }
 
-int TableBlockView::idealWidth() const
+const TableBlockView::Geometry &TableBlockView::gridGeometry() const
 {
-    int width = 2 * padding + columnSpacing * std::max(0, columnCount() - 1);
-    for (int c = 0; c < columnCount(); ++c) {
-        int widest = 0;
-        for (const auto &row : m_cells)
-            widest = std::max(widest, row[std::size_t(c)]->idealWidth());
-        width += widest;
-    }
-    return width;
-}
-
-const TableBlockView::Geometry &TableBlockView::geometryFor(int width) const
-{
-    if (m_geometry.width == width)
+    if (m_geometry.valid)
         return m_geometry;
     Geometry g;
-    g.width = width;
+    g.valid = true;
     const int n = columnCount();
-    int natural = 0;
+    g.width = 2 * padding + columnSpacing * std::max(0, n - 1);
     for (int c = 0; c < n; ++c) {
         int widest = 0;
         for (const auto &row : m_cells)
             widest = std::max(widest, row[std::size_t(c)]->idealWidth());
-        g.columns.append(widest);
-        natural += widest;
-    }
-    const int available = width - 2 * padding - columnSpacing * std::max(0, n - 1);
-    if (natural > available && available > 0) {
-        // Too wide for the message: columns share the room by their natural widths and wrap.
-        for (int &column : g.columns)
-            column = std::max(1, int(qint64(column) * available / natural));
+        g.columns.append(std::min(widest, maxColumnWidth));
+        g.width += g.columns.last();
     }
     g.height = 2 * padding;
     for (const auto &row : m_cells) {
@@ -112,52 +195,127 @@ const TableBlockView::Geometry &TableBlockView::geometryFor(int width) const
         g.height += tallest;
     }
     g.height += dividerHeight + rowSpacing * int(m_cells.size());
+    if (rowCount() < m_rows.size())
+        g.height += QFontMetrics(font()).height() + rowSpacing;
     m_geometry = g;
     return m_geometry;
 }
 
-int TableBlockView::heightForWidth(int width) const
+int TableBlockView::idealWidth() const
 {
-    return geometryFor(width).height;
+    return gridGeometry().width;
+}
+
+int TableBlockView::heightForWidth(int) const
+{
+    return gridGeometry().height;
 }
 
 QSize TableBlockView::sizeHint() const
 {
-    const int w = idealWidth();
-    return {w, heightForWidth(w)};
+    return {idealWidth(), gridGeometry().height};
 }
 
-void TableBlockView::paintEvent(QPaintEvent *)
+std::optional<QString> TableBlockView::linkAt(QPoint gridPos) const
 {
-    QPainter painter(this);
-    painter.setRenderHint(QPainter::Antialiasing);
-    const QColor secondary = Theme::color(Theme::Color::Secondary, palette());
-    const int tableWidth = std::min(width(), idealWidth());
-    QPainterPath path;
-    path.addRoundedRect(QRectF(0, 0, tableWidth, height()), cornerRadius, cornerRadius);
-    painter.fillPath(path, Theme::withOpacity(secondary, 0.08));
-    painter.setRenderHint(QPainter::Antialiasing, false);
+    const Geometry &g = gridGeometry();
+    int y = padding;
+    for (std::size_t r = 0; r < m_cells.size(); ++r) {
+        const int rowHeight = g.rows.at(qsizetype(r));
+        if (gridPos.y() >= y && gridPos.y() < y + rowHeight) {
+            int x = padding;
+            for (int c = 0; c < columnCount(); ++c) {
+                if (gridPos.x() >= x && gridPos.x() < x + g.columns.at(c)) {
+                    InlineText &cell = *m_cells[r][std::size_t(c)];
+                    const int top = y + (rowHeight - cell.heightForWidth(g.columns.at(c))) / 2;
+                    return cell.linkAt(QPointF(gridPos - QPoint(x, top)));
+                }
+                x += g.columns.at(c) + columnSpacing;
+            }
+            return std::nullopt;
+        }
+        y += rowHeight + rowSpacing + (r == 0 ? dividerHeight + rowSpacing : 0);
+    }
+    return std::nullopt;
+}
 
-    const Geometry &g = geometryFor(width());
+void TableBlockView::paintGrid(QPainter *painter, const QRect &clip) const
+{
+    const Geometry &g = gridGeometry();
+    painter->setRenderHint(QPainter::Antialiasing);
+    const QColor secondary = Theme::color(Theme::Color::Secondary, palette());
+    QPainterPath path;
+    path.addRoundedRect(QRectF(0, 0, g.width, g.height), cornerRadius, cornerRadius);
+    painter->fillPath(path, Theme::withOpacity(secondary, 0.08));
+    painter->setRenderHint(QPainter::Antialiasing, false);
+
     const QColor text = Theme::color(Theme::Color::Primary, palette());
     const QColor link = palette().color(QPalette::Link);
     int y = padding;
     for (std::size_t r = 0; r < m_cells.size(); ++r) {
         const int rowHeight = g.rows.at(qsizetype(r));
-        int x = padding;
-        for (int c = 0; c < columnCount(); ++c) {
-            InlineText &cell = *m_cells[r][std::size_t(c)];
-            const int cellHeight = cell.heightForWidth(g.columns.at(c));
-            cell.draw(&painter, QPointF(x, y + (rowHeight - cellHeight) / 2), text, link);
-            x += g.columns.at(c) + columnSpacing;
+        if (y <= clip.bottom() && y + rowHeight >= clip.top()) {
+            int x = padding;
+            for (int c = 0; c < columnCount() && x <= clip.right(); ++c) {
+                const int columnWidth = g.columns.at(c);
+                if (x + columnWidth >= clip.left()) {
+                    InlineText &cell = *m_cells[r][std::size_t(c)];
+                    const int cellHeight = cell.heightForWidth(columnWidth);
+                    cell.draw(painter, QPointF(x, y + (rowHeight - cellHeight) / 2), text, link);
+                }
+                x += columnWidth + columnSpacing;
+            }
         }
         y += rowHeight + rowSpacing;
         if (r == 0) {
-            painter.fillRect(QRect(padding, y, tableWidth - 2 * padding, dividerHeight),
-                             Theme::withOpacity(secondary, 0.5));
+            painter->fillRect(QRect(padding, y, g.width - 2 * padding, dividerHeight),
+                              Theme::withOpacity(secondary, 0.5));
             y += dividerHeight + rowSpacing;
         }
     }
+    if (rowCount() < m_rows.size()) {
+        QFont italic = font();
+        italic.setItalic(true);
+        painter->setFont(italic);
+        painter->setPen(secondary);
+        painter->drawText(QPointF(padding, y + QFontMetrics(italic).ascent()), note());
+    }
+}
+
+void TableBlockView::resizeEvent(QResizeEvent *event)
+{
+    MarkdownBlockView::resizeEvent(event);
+    m_scroll->setGeometry(rect());
+    m_grid->resize(std::max(gridGeometry().width, width()), gridGeometry().height);
+}
+
+bool TableBlockView::eventFilter(QObject *watched, QEvent *event)
+{
+    if (watched == m_scroll->viewport() && event->type() == QEvent::Wheel &&
+        passVerticalWheel(this, static_cast<QWheelEvent *>(event)))
+        return true;
+    if (watched == m_grid && event->type() == QEvent::KeyPress) {
+        // The arrow keys move the strip sideways; the rest is the transcript's.
+        auto *key = static_cast<QKeyEvent *>(event);
+        QScrollBar *bar = m_scroll->horizontalScrollBar();
+        switch (key->key()) {
+        case Qt::Key_Left:
+            bar->triggerAction(QAbstractSlider::SliderSingleStepSub);
+            return true;
+        case Qt::Key_Right:
+            bar->triggerAction(QAbstractSlider::SliderSingleStepAdd);
+            return true;
+        case Qt::Key_Home:
+            bar->triggerAction(QAbstractSlider::SliderToMinimum);
+            return true;
+        case Qt::Key_End:
+            bar->triggerAction(QAbstractSlider::SliderToMaximum);
+            return true;
+        default:
+            break;
+        }
+    }
+    return MarkdownBlockView::eventFilter(watched, event);
 }
 
 void TableBlockView::changeEvent(QEvent *event)
@@ -165,6 +323,6 @@ void TableBlockView::changeEvent(QEvent *event)
     if (event->type() == QEvent::FontChange)
         applyFonts();
     if (event->type() == QEvent::PaletteChange)
-        update();
+        m_grid->update();
     MarkdownBlockView::changeEvent(event);
 }
