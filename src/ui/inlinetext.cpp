@@ -322,8 +322,8 @@ void InlineText::draw(QPainter *painter, QPointF pos, const QColor &color, const
             addColour(link.start, link.length, linkColor);
         if (m_noteStart >= 0)
             addColour(m_noteStart, m_text.size() - m_noteStart, Theme::withOpacity(color, 0.6));
-        piece->layout.draw(painter, pos + QPointF(0, piece->y), colours,
-                           clip.isValid() ? clip.translated(0, -piece->y) : clip);
+        // The layout takes its clip in the painter's coordinates.
+        piece->layout.draw(painter, pos + QPointF(0, piece->y), colours, clip.isValid() ? clip.translated(pos) : clip);
     }
 }
 

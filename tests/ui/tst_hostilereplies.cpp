@@ -6,6 +6,7 @@
 
 #include <QApplication>
 #include <QElapsedTimer>
+#include <QImage>
 #include <QScrollArea>
 #include <QScrollBar>
 #include <QTest>
@@ -39,13 +40,25 @@ QString codeLines(int count)
     return code + u"```\n"_s;
 }
 
-// Lays the bubble out at a window's width and paints it, as the transcript would.
-void show(MessageBubble &bubble)
+// Lays the bubble out at a window's width and paints its first and last screenful, as the
+// transcript would; returns how many dark points the last one shows.
+int show(MessageBubble &bubble)
 {
     const int width = 700;
+    const int screen = 800;
     bubble.resize(width, bubble.heightForWidth(width));
-    QPixmap target(width, 800);
-    bubble.render(&target, QPoint(), QRegion(0, 0, width, 800));
+    QImage target(width, screen, QImage::Format_RGB32);
+    target.fill(Qt::white);
+    bubble.render(&target, QPoint(), QRegion(0, 0, width, screen));
+    target.fill(Qt::white);
+    const int top = std::max(0, bubble.height() - screen);
+    bubble.render(&target, QPoint(), QRegion(0, top, width, screen));
+    int dark = 0;
+    for (int y = 0; y < target.height(); ++y) {
+        for (int x = 0; x < target.width(); ++x)
+            dark += qGray(target.pixel(x, y)) < 200 ? 1 : 0;
+    }
+    return dark;
 }
 
 } // namespace
@@ -79,7 +92,8 @@ private slots:
         QElapsedTimer timer;
         timer.start();
         MessageBubble bubble(ChatMessage(ChatRole::assistant, text));
-        show(bubble);
+        // The end of what is shown is drawn, not left blank.
+        QVERIFY(show(bubble) > 20);
         QCOMPARE(bubble.message().content, text);
         QVERIFY2(timer.elapsed() < budgetMs, qPrintable(u"opened in %1 ms"_s.arg(timer.elapsed())));
 
