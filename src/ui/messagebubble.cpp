@@ -1,6 +1,7 @@
 #include "ui/messagebubble.h"
 
 #include "ui/copyfeedback.h"
+#include "ui/inlinetext.h"
 #include "ui/markdowntextview.h"
 #include "ui/theme.h"
 
@@ -145,7 +146,10 @@ bool MessageBubble::setMessage(const ChatMessage &message)
         m_markdown->setText(message.content);
 
     setAccessibleName(roleLabel(message.role));
-    setAccessibleDescription(content ? message.content : QString(QChar(0x2026)));
+    // A screen reader gets the text as far as a block shows it: a reply of megabytes would
+    // otherwise cross the accessibility bus whole on every update.
+    setAccessibleDescription(content ? message.content.first(std::min(message.content.size(), InlineText::shownLimit))
+                                     : QString(QChar(0x2026)));
     placeChildren();
     // A growing reply moves only the lower edge of its background: repainting just that strip
     // keeps an update's paint to what changed.
