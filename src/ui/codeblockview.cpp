@@ -54,8 +54,15 @@ void CodeTextView::measure()
 
 void CodeTextView::setCode(const StyledCode &code)
 {
-    if (code.text == m_styled.text && code.runs == m_styled.runs && !m_starts.empty())
+    if (code.text == m_styled.text && !m_starts.empty()) {
+        // New colours for the same code, as when colouring off the main thread finishes: the
+        // lines and their layouts stay.
+        if (code.runs != m_styled.runs) {
+            m_styled.runs = code.runs;
+            update();
+        }
         return;
+    }
     const StyledCode old = std::exchange(m_styled, code);
     const QString &text = m_styled.text;
     const int oldLines = int(m_starts.size());
@@ -394,11 +401,9 @@ void CodeBlockView::setContent(const QString &code, const std::optional<QString>
         // shown at once in the colours known so far and coloured off the main thread.
         StyledCode interim;
         interim.text = code;
+        // The runs are shared, not copied: text past the last run is drawn in the base colour.
         if (grew)
             interim.runs = styledRuns();
-        const qsizetype covered = interim.runs.isEmpty() ? 0 : interim.runs.last().start + interim.runs.last().length;
-        if (covered < code.size())
-            interim.runs.append({covered, code.size() - covered, CodeColor::Base});
         m_codeView->setCode(interim);
         highlightLater(code, lowered);
     }

@@ -27,6 +27,7 @@ public:
     explicit CodeTextView(QWidget *parent = nullptr);
     ~CodeTextView() override;
 
+    // The runs may cover only the start of the code; the rest is drawn in the base colour.
     void setCode(const StyledCode &code);
     const QString &code() const { return m_styled.text; }
     const StyledCode &styledCode() const { return m_styled; }
