@@ -42,6 +42,7 @@ struct InlineText::Piece
     qsizetype next = 0;   // where the following piece starts
     QTextLayout layout;
     qreal laidOutWidth = -1;
+    qreal naturalWidth = -1; // its widest line unwrapped
     qreal y = 0;
     qreal height = 0;
 };
@@ -210,8 +211,10 @@ bool InlineText::setFont(const QFont &font)
     if (font == m_font)
         return false;
     m_font = font;
-    for (auto &piece : m_pieces)
+    for (auto &piece : m_pieces) {
         piece->laidOutWidth = -1;
+        piece->naturalWidth = -1;
+    }
     m_laidOutWidth = -1;
     m_idealWidth = -1;
     return true;
@@ -228,31 +231,41 @@ int InlineText::heightForWidth(int width)
 int InlineText::idealWidth()
 {
     if (m_idealWidth < 0) {
-        // Measured on layouts of their own, so the wrapped ones stay as they are.
+        // Measured on layouts of their own, so the wrapped ones stay as they are; a piece kept
+        // from before a change keeps its measure, so a growing text measures only its end.
         qreal widest = 0;
         QTextOption option;
         option.setWrapMode(QTextOption::NoWrap);
         for (const auto &piece : m_pieces) {
-            QTextLayout layout(m_text.mid(piece->start, piece->length), m_font);
-            layout.setTextOption(option);
-            QList<QTextLayout::FormatRange> formats;
-            for (const QTextLayout::FormatRange &range : std::as_const(m_formats)) {
-                const qsizetype start = std::max<qsizetype>(range.start, piece->start);
-                const qsizetype end = std::min<qsizetype>(range.start + range.length, piece->start + piece->length);
-                if (end > start)
-                    formats.append({int(start - piece->start), int(end - start), range.format});
+            if (piece->naturalWidth < 0) {
+                QTextLayout layout(m_text.mid(piece->start, piece->length), m_font);
+                layout.setTextOption(option);
+                layout.setFormats(formatsOf(*piece));
+                piece->naturalWidth = 0;
+                layout.beginLayout();
+                for (QTextLine line = layout.createLine(); line.isValid(); line = layout.createLine()) {
+                    line.setLineWidth(unwrappedWidth);
+                    piece->naturalWidth = std::max(piece->naturalWidth, line.naturalTextWidth());
+                }
+                layout.endLayout();
             }
-            layout.setFormats(formats);
-            layout.beginLayout();
-            for (QTextLine line = layout.createLine(); line.isValid(); line = layout.createLine()) {
-                line.setLineWidth(unwrappedWidth);
-                widest = std::max(widest, line.naturalTextWidth());
-            }
-            layout.endLayout();
+            widest = std::max(widest, piece->naturalWidth);
         }
         m_idealWidth = int(std::ceil(widest));
     }
     return m_idealWidth;
+}
+
+QList<QTextLayout::FormatRange> InlineText::formatsOf(const Piece &piece) const
+{
+    QList<QTextLayout::FormatRange> formats;
+    for (const QTextLayout::FormatRange &range : std::as_const(m_formats)) {
+        const qsizetype start = std::max<qsizetype>(range.start, piece.start);
+        const qsizetype end = std::min<qsizetype>(range.start + range.length, piece.start + piece.length);
+        if (end > start)
+            formats.append({int(start - piece.start), int(end - start), range.format});
+    }
+    return formats;
 }
 
 void InlineText::layOut(qreal width)
@@ -265,14 +278,7 @@ void InlineText::layOut(qreal width)
             layout.clearLayout();
             layout.setText(text.toString());
             layout.setFont(m_font);
-            QList<QTextLayout::FormatRange> formats;
-            for (const QTextLayout::FormatRange &range : std::as_const(m_formats)) {
-                const qsizetype start = std::max<qsizetype>(range.start, piece->start);
-                const qsizetype end = std::min<qsizetype>(range.start + range.length, piece->start + piece->length);
-                if (end > start)
-                    formats.append({int(start - piece->start), int(end - start), range.format});
-            }
-            layout.setFormats(formats);
+            layout.setFormats(formatsOf(*piece));
             QTextOption option;
             option.setWrapMode(needsWrapAnywhere(text) ? QTextOption::WrapAnywhere
                                                        : QTextOption::WrapAtWordBoundaryOrAnywhere);

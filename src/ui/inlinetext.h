@@ -73,6 +73,7 @@ private:
     void cutPieces(qsizetype from);
     void layOut(qreal width);
     const Piece *pieceAt(qsizetype position) const;
+    QList<QTextLayout::FormatRange> formatsOf(const Piece &piece) const;
     int lineTop(qsizetype position) const;
 
     QString m_source;
