@@ -9,6 +9,7 @@
 #include <QLabel>
 #include <QPainter>
 #include <QPainterPath>
+#include <QPaintEvent>
 #include <QResizeEvent>
 #include <QToolButton>
 
@@ -278,12 +279,25 @@ void MessageBubble::resizeEvent(QResizeEvent *event)
     placeChildren();
 }
 
-void MessageBubble::paintEvent(QPaintEvent *)
+void MessageBubble::paintEvent(QPaintEvent *event)
 {
+    // A long reply's background is many screens tall, and each update exposes only a strip of it.
+    // Filling the whole rounded shape would rasterise every line the window shows each time, so
+    // the shape is cut to the exposed strip; a cut edge lies a radius beyond the strip, where its
+    // rounded corners cannot be seen.
+    const int margin = int(cornerRadius) + 2;
+    const QRect content = contentRect();
+    const QRect exposed = event->rect();
+    QRect shape = content;
+    shape.setTop(std::max(content.top(), exposed.top() - margin));
+    shape.setBottom(std::min(content.bottom(), exposed.bottom() + margin));
+    if (shape.isEmpty())
+        return;
     QPainter painter(this);
+    painter.setClipRect(exposed);
     painter.setRenderHint(QPainter::Antialiasing);
     QPainterPath path;
-    path.addRoundedRect(QRectF(contentRect()), cornerRadius, cornerRadius);
+    path.addRoundedRect(QRectF(shape), cornerRadius, cornerRadius);
     painter.fillPath(path, bubbleColor(m_message.role, palette()));
 }
 
