@@ -14,6 +14,8 @@
 #include <QPropertyAnimation>
 #include <QResizeEvent>
 #include <QScrollBar>
+#include <QStyle>
+#include <QStyleOptionSlider>
 #include <QTimer>
 
 #include <algorithm>
@@ -121,6 +123,70 @@ constexpr int trimDelayMs = 1000;
 
 } // namespace
 
+TranscriptScrollBar::TranscriptScrollBar(QWidget *parent)
+    : QScrollBar(Qt::Vertical, parent)
+{}
+
+void TranscriptScrollBar::sliderChange(SliderChange change)
+{
+    if ((change == SliderRangeChange || change == SliderValueChange) && m_painted == currentLook() &&
+        !style()->styleHint(QStyle::SH_ScrollBar_Transient, nullptr, this))
+        return;
+    QScrollBar::sliderChange(change);
+}
+
+void TranscriptScrollBar::paintEvent(QPaintEvent *event)
+{
+    // After a partial paint the rest of the bar may still show an older look.
+    m_painted =
+        QRegion(rect()).subtracted(event->region()).isEmpty() ? std::optional<Look>(currentLook()) : std::nullopt;
+    QScrollBar::paintEvent(event);
+}
+
+void TranscriptScrollBar::resizeEvent(QResizeEvent *event)
+{
+    m_endsShow.reset();
+    QScrollBar::resizeEvent(event);
+}
+
+void TranscriptScrollBar::changeEvent(QEvent *event)
+{
+    m_endsShow.reset();
+    QScrollBar::changeEvent(event);
+}
+
+bool TranscriptScrollBar::endsShow() const
+{
+    // Some styles grey out an arrow at its end. Whether this one does is seen by drawing the bar
+    // at an end and one step short of it, where the handle cannot have moved.
+    if (!m_endsShow) {
+        QStyleOptionSlider option;
+        initStyleOption(&option);
+        option.minimum = 0;
+        option.maximum = 1'000'000;
+        const auto picture = [&](int value) {
+            option.sliderValue = option.sliderPosition = value;
+            QImage image(size(), QImage::Format_ARGB32_Premultiplied);
+            image.fill(Qt::transparent);
+            QPainter painter(&image);
+            style()->drawComplexControl(QStyle::CC_ScrollBar, &option, &painter, this);
+            return image;
+        };
+        m_endsShow = picture(0) != picture(1) || picture(option.maximum) != picture(option.maximum - 1);
+    }
+    return *m_endsShow;
+}
+
+TranscriptScrollBar::Look TranscriptScrollBar::currentLook() const
+{
+    QStyleOptionSlider option;
+    initStyleOption(&option);
+    const QRect handle = style()->subControlRect(QStyle::CC_ScrollBar, &option, QStyle::SC_ScrollBarSlider, this);
+    if (!endsShow())
+        return {handle};
+    return {handle, value() == minimum(), value() == maximum()};
+}
+
 TranscriptArea::TranscriptArea(ChatViewModel *chat, ScrollController *scroll, QWidget *parent)
     : QAbstractScrollArea(parent)
     , m_chat(chat)
@@ -128,6 +194,7 @@ TranscriptArea::TranscriptArea(ChatViewModel *chat, ScrollController *scroll, QW
     , m_error(new QLabel(viewport()))
 {
     installTranscriptAccessibility();
+    setVerticalScrollBar(new TranscriptScrollBar(this));
     setFrameShape(QFrame::NoFrame);
     setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     setVerticalScrollBarPolicy(Qt::ScrollBarAsNeeded);
@@ -334,9 +401,13 @@ void TranscriptArea::runTriggers()
         m_scroll->scrollToBottom(true);
         return;
     }
+    if (!lengthChanged)
+        return;
     // While a reply streams its growth is followed only by a transcript that is following.
-    if (lengthChanged && (!m_chat->isStreaming() || m_scroll->autoScroll()))
+    if (!m_chat->isStreaming())
         m_scroll->scrollToBottom(true);
+    else if (m_scroll->autoScroll())
+        m_scroll->followGrowth();
 }
 
 void TranscriptArea::updateRange()

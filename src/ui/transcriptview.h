@@ -2,9 +2,11 @@
 
 #include <QAbstractScrollArea>
 #include <QPointer>
+#include <QScrollBar>
 #include <QUuid>
 #include <QWidget>
 
+#include <optional>
 #include <vector>
 
 class ChatViewModel;
@@ -13,6 +15,40 @@ class JumpButton;
 class MessageBubble;
 class QLabel;
 class ScrollController;
+
+// The transcript's vertical scroll bar. A growing reply changes its range on every update, and a
+// plain scroll bar repaints whole for each, gradients and all; once the content is many screens
+// tall the handle no longer moves by a whole pixel per update, so range and value changes here
+// repaint only when the bar would look different from what it last painted.
+class TranscriptScrollBar final : public QScrollBar
+{
+    Q_OBJECT
+
+public:
+    explicit TranscriptScrollBar(QWidget *parent = nullptr);
+
+protected:
+    void sliderChange(SliderChange change) override;
+    void paintEvent(QPaintEvent *event) override;
+    void resizeEvent(QResizeEvent *event) override;
+    void changeEvent(QEvent *event) override;
+
+private:
+    // What a range or value change can alter in the bar's picture: where the handle is, and, in
+    // a style that greys out an arrow at its end, whether the value is at either end.
+    struct Look
+    {
+        QRect handle;
+        bool atMinimum = false;
+        bool atMaximum = false;
+        bool operator==(const Look &) const = default;
+    };
+    Look currentLook() const;
+    bool endsShow() const;
+
+    std::optional<Look> m_painted;          // the look of the last whole paint
+    mutable std::optional<bool> m_endsShow; // whether this style marks the ends, once drawn to see
+};
 
 // The scrolling list of a conversation's messages, built lazily: only the bubbles near the
 // visible area exist; the others are rows with a known or estimated height. So opening a long

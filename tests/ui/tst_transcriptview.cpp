@@ -17,6 +17,28 @@
 
 namespace {
 
+// Counts the paint events a widget receives.
+class PaintCounter final : public QObject
+{
+public:
+    PaintCounter(QWidget *widget, int *count)
+        : m_count(count)
+    {
+        widget->installEventFilter(this);
+    }
+
+protected:
+    bool eventFilter(QObject *, QEvent *event) override
+    {
+        if (event->type() == QEvent::Paint)
+            ++*m_count;
+        return false;
+    }
+
+private:
+    int *m_count;
+};
+
 QByteArray deltaEvent(const QString &text)
 {
     QString escaped = text;
@@ -192,21 +214,59 @@ private slots:
         QVERIFY(bar()->value() < before);
         QVERIFY(!m_scroll->autoScroll());
     }
+    // The bar repaints when it would look different, and only then.
+    void scrollBarRepaintsOnlyWhenItsLookChanges_data()
+    {
+        QTest::addColumn<int>("maximum"); // the value starts there, at the end
+        QTest::addColumn<int>("newMaximum");
+        QTest::addColumn<int>("newValue");
+        QTest::addColumn<bool>("repaints");
+        QTest::addRow("long, grows, end followed") << 400000 << 400040 << 400040 << false;
+        QTest::addRow("long, handle moves") << 400000 << 400000 << 200000 << true;
+        QTest::addRow("short, grows, end followed") << 100 << 300 << 300 << true;
+    }
+    void scrollBarRepaintsOnlyWhenItsLookChanges()
+    {
+        QFETCH(int, maximum);
+        QFETCH(int, newMaximum);
+        QFETCH(int, newValue);
+        QFETCH(bool, repaints);
+        TranscriptScrollBar bar;
+        bar.resize(bar.sizeHint().width(), 400);
+        bar.setRange(0, maximum);
+        bar.setPageStep(400);
+        bar.setValue(maximum);
+        bar.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&bar));
+        int paints = 0;
+        PaintCounter counter(&bar, &paints);
+        bar.update();
+        QTRY_COMPARE(paints, 1);
+
+        bar.setRange(0, newMaximum);
+        bar.setValue(newValue);
+        QTest::qWait(50);
+        QCOMPARE(paints > 1, repaints);
+    }
     // What the window shows after many in-place updates is what a fresh paint of the same state
-    // shows: partial repaints leave nothing stale behind.
+    // shows: partial repaints leave nothing stale behind, also in a window the reply scrolls.
     void streamedPaintMatchesAFreshPaint_data()
     {
         QTest::addColumn<int>("chunk");
         QTest::addColumn<int>("width");
+        QTest::addColumn<int>("height");
         for (int chunk : {1, 4, 7, 23}) {
             for (int width : {360, 520})
-                QTest::addRow("%d characters at a time, %d wide", chunk, width) << chunk << width;
+                QTest::addRow("%d characters at a time, %d wide", chunk, width) << chunk << width << 1000;
         }
+        QTest::addRow("4 characters at a time, scrolling") << 4 << 360 << 260;
+        QTest::addRow("23 characters at a time, scrolling") << 23 << 520 << 200;
     }
     void streamedPaintMatchesAFreshPaint()
     {
         QFETCH(int, chunk);
         QFETCH(int, width);
+        QFETCH(int, height);
         const QString reply = QStringLiteral(
             "# Title\n\nSome *text* that wraps around the narrow window more than once, with `code` and **bold "
             "words** closing late.\n\n> a quote that is long enough to wrap in the narrow window\n\n"
@@ -215,8 +275,8 @@ private slots:
         QList<QByteArray> pieces;
         for (qsizetype i = 0; i < reply.size(); i += chunk)
             pieces.append(deltaEvent(reply.mid(i, chunk)));
-        // Tall enough that nothing scrolls: every pixel shown was painted by an in-place update.
-        m_view->resize(width, 1000);
+        // When tall enough that nothing scrolls, every pixel shown was painted by an in-place update.
+        m_view->resize(width, height);
         send(pieces, 1);
         QTRY_VERIFY_WITH_TIMEOUT(!m_chat->isStreaming(), 10000);
         QTRY_VERIFY(atEnd());
