@@ -5,7 +5,9 @@
 #include <QTimer>
 #include <QVariantAnimation>
 
+#include <algorithm>
 #include <chrono>
+#include <cmath>
 
 namespace {
 
@@ -21,8 +23,12 @@ ScrollController::ScrollController(QObject *parent)
     : QObject(parent)
     , m_debounce(new QTimer(this))
     , m_clock(monotonicMsecs)
+    , m_followTimer(new QTimer(this))
 {
     m_debounce->setSingleShot(true);
+    m_followTimer->setSingleShot(true);
+    m_followTimer->setInterval(followIdleStepMs);
+    connect(m_followTimer, &QTimer::timeout, this, &ScrollController::stepFollow);
 }
 
 ScrollController::~ScrollController() = default;
@@ -145,6 +151,42 @@ void ScrollController::scrollToBottom(bool animated)
     m_animation->start();
 }
 
+void ScrollController::followGrowth()
+{
+    if (!m_proxy)
+        return;
+    const qint64 now = m_clock();
+    m_programmaticScrollUntil = std::max(m_programmaticScrollUntil, now + animatedScrollWindowMs);
+    if (m_animation && m_animation->state() == QAbstractAnimation::Running)
+        return;
+    if (!m_follow) {
+        // Begins where the view is; the first step comes with the next update.
+        m_follow = std::pair(m_proxy->value(), now);
+        m_followTimer->start();
+        return;
+    }
+    stepFollow();
+}
+
+void ScrollController::stepFollow()
+{
+    if (!m_follow || !m_proxy) {
+        m_follow.reset();
+        return;
+    }
+    const auto [from, began] = *m_follow;
+    const double progress = std::clamp(double(m_clock() - began) / scrollAnimationMs, 0.0, 1.0);
+    const int end = m_proxy->maximum();
+    m_proxy->setValue(from +
+                      int(std::lround((end - from) * QEasingCurve(QEasingCurve::OutCubic).valueForProgress(progress))));
+    if (progress >= 1) {
+        m_follow.reset();
+        m_followTimer->stop();
+    } else {
+        m_followTimer->start();
+    }
+}
+
 void ScrollController::conversationSwitched(qint64 token)
 {
     // Two turns: the first lays out what the new conversation shows at its end, the second takes
@@ -201,4 +243,6 @@ void ScrollController::stopAnimation()
 {
     if (m_animation)
         m_animation->stop();
+    m_follow.reset();
+    m_followTimer->stop();
 }

@@ -5,6 +5,8 @@
 
 #include <functional>
 #include <limits>
+#include <optional>
+#include <utility>
 
 class QAbstractSlider;
 class QTimer;
@@ -37,6 +39,8 @@ public:
     static constexpr int animatedScrollWindowMs = 350;
     static constexpr int plainScrollWindowMs = 150;
     static constexpr int scrollAnimationMs = 150;
+    // How long followGrowth() waits for the next update before it takes a step by itself.
+    static constexpr int followIdleStepMs = 100;
 
     explicit ScrollController(QObject *parent = nullptr);
     ~ScrollController() override;
@@ -68,6 +72,12 @@ public:
     void userDidScroll(bool streaming);
     // Scrolls the transcript so that its end meets the lower edge of the visible area.
     void scrollToBottom(bool animated);
+    // The animated scroll to the end for one update of a streaming reply. It eases out over the
+    // same 0.15 s, but moves only with the reply's own updates (at most 20 a second), so that an
+    // update and its scroll cost the window one repaint instead of one per screen refresh; if the
+    // updates pause, a timer takes the remaining steps. A smooth scroll already running is left to
+    // follow the end by itself.
+    void followGrowth();
 
     // The main window's reactions.
     // Right after the chat view model has activated the newly selected conversation; `token` is
@@ -91,6 +101,7 @@ private:
     void evaluate(bool streaming);
     void cancelDebounce();
     void stopAnimation();
+    void stepFollow();
 
     bool m_autoScroll = true;
     double m_bottomOffset = 0;
@@ -104,4 +115,8 @@ private:
     std::function<qint64()> m_clock;
     int m_settleMs = contentChangeSettleMs;
     QVariantAnimation *m_animation = nullptr;
+    // The ease of followGrowth(): where and when it began (nullopt when none runs), and the timer
+    // that takes its steps while no update comes.
+    std::optional<std::pair<int, qint64>> m_follow;
+    QTimer *m_followTimer = nullptr;
 };

@@ -1,5 +1,6 @@
 #include "ui/scrollcontroller.h"
 
+#include <QEasingCurve>
 #include <QScrollBar>
 #include <QTest>
 
@@ -217,6 +218,43 @@ private slots:
         QTest::qWait(200);
         QCOMPARE(bar.value(), stoppedAt);
         QVERIFY(stoppedAt < 1500);
+    }
+    // Following a streaming reply eases out over the same 0.15 s, stepping with its updates; the
+    // timer finishes the ease when updates pause, and a user's scroll stops it where it is.
+    void followGrowthEasesWithTheUpdates()
+    {
+        ScrollController controller;
+        qint64 now = 0;
+        controller.setClock([&now] { return now; });
+        QScrollBar bar(Qt::Vertical);
+        bar.setRange(0, 1000);
+        controller.setProxy(&bar);
+
+        controller.followGrowth();
+        QCOMPARE(bar.value(), 0);
+        now += 50;
+        bar.setRange(0, 1300);
+        controller.followGrowth();
+        const int eased = qRound(1300 * QEasingCurve(QEasingCurve::OutCubic).valueForProgress(50.0 / 150));
+        QCOMPARE(bar.value(), eased);
+        QVERIFY(eased > 650 && eased < 1300);
+        now += 100;
+        controller.followGrowth();
+        QCOMPARE(bar.value(), 1300);
+
+        // Updates stop half-way: the timer takes the rest.
+        bar.setRange(0, 1600);
+        controller.followGrowth();
+        now += 200;
+        QTRY_COMPARE(bar.value(), 1600);
+
+        bar.setRange(0, 2000);
+        controller.followGrowth();
+        now += 50;
+        controller.userDidScroll(true);
+        now += 200;
+        QTest::qWait(2 * ScrollController::followIdleStepMs);
+        QCOMPARE(bar.value(), 1600);
     }
 };
 
