@@ -7,7 +7,11 @@
 
 ChatStream::ChatStream(QObject *parent)
     : QObject(parent)
-{}
+    , m_readTimer(new QTimer(this))
+{
+    m_readTimer->setSingleShot(true);
+    connect(m_readTimer, &QTimer::timeout, this, &ChatStream::readAvailable);
+}
 
 ChatStream::~ChatStream()
 {
@@ -93,6 +97,21 @@ void ChatStream::handleReadyRead()
     handleHead();
     if (m_state != State::readingEvents && m_state != State::collectingError)
         return;
+    if (m_readTimer->isActive())
+        return;
+    const qint64 since = m_sinceRead.isValid() ? m_sinceRead.elapsed() : qint64(readIntervalMs);
+    if (since < readIntervalMs) {
+        m_readTimer->start(int(readIntervalMs - since));
+        return;
+    }
+    readAvailable();
+}
+
+void ChatStream::readAvailable()
+{
+    if (m_finished || !m_reply)
+        return;
+    m_sinceRead.start();
     take(m_reply->readAll());
     processLines(false);
 }
@@ -220,6 +239,7 @@ void ChatStream::end(std::optional<ServiceError> error, bool deferred)
 
 void ChatStream::stopTransfer()
 {
+    m_readTimer->stop();
     NetworkAccess::discard(m_reply, this);
 }
 

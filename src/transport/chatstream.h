@@ -4,12 +4,14 @@
 #include "transport/chatservice.h"
 
 #include <QByteArray>
+#include <QElapsedTimer>
 #include <QObject>
 #include <QPointer>
 
 #include <optional>
 
 class QNetworkReply;
+class QTimer;
 
 // Qt's metatype probe looks through std::optional only one level deep and would then
 // instantiate std::variant's operator<, which the error types rightly lack.
@@ -31,6 +33,12 @@ class ChatStream final : public QObject
     Q_DISABLE_COPY_MOVE(ChatStream)
 
 public:
+    // A provider sends each token as a network packet of its own, and the reply's text reaches a
+    // transcript at most every 50 ms. The bytes are read at most this often, so that a fast stream
+    // costs a few reads and parses a second instead of one per packet. The first bytes after a
+    // pause are read at once.
+    static constexpr int readIntervalMs = 50;
+
     ~ChatStream() override;
 
     // Ends the reply now; safe to call at any time, also from a slot of eventReceived and
@@ -55,6 +63,7 @@ private:
                TransferLimits limits);
     void handleHead();
     void handleReadyRead();
+    void readAvailable();
     void handleReplyFinished();
     void take(const QByteArray &bytes);
     void processLines(bool atEnd);
@@ -76,4 +85,6 @@ private:
     qsizetype m_replyBytes = 0; // UTF-8 bytes of the text delivered so far
     TransferLimits m_limits;
     bool m_finished = false;
+    QElapsedTimer m_sinceRead;     // since the last read of the reply's bytes
+    QTimer *m_readTimer = nullptr; // the read deferred by handleReadyRead()
 };

@@ -3,6 +3,7 @@
 #include "transport/chatstream.h"
 #include "transport/networkaccess.h"
 
+#include <QElapsedTimer>
 #include <QPointer>
 #include <QProcess>
 #include <QSignalSpy>
@@ -125,6 +126,7 @@ private slots:
     void endlessChunkedBody_stopsTheTransfer();
     void twoStreams_data();
     void twoStreams();
+    void readsAFastStreamInFewPieces();
     void mockProviderProcess_streamsItsReply();
 
 private:
@@ -476,6 +478,41 @@ void tst_ChatStream::twoStreams()
     QVERIFY(!a.error && !b.error);
     QCOMPARE(finishedAtCancel, cancel ? std::optional(false) : std::nullopt);
     delete consumerB;
+}
+
+// Events that come faster than the read interval are taken a batch at a time, none lost and in
+// order.
+void tst_ChatStream::readsAFastStreamInFewPieces()
+{
+    constexpr int count = 40;
+    QList<QByteArray> chunks;
+    QString expected;
+    for (int i = 0; i < count; ++i) {
+        chunks.append(chunk(QByteArray::number(i) + ' '));
+        expected += QStringLiteral("%1 ").arg(i);
+    }
+    chunks.append(sse("[DONE]"));
+    LoopbackServer server;
+    QVERIFY(server.listen());
+    server.setResponse(LoopbackResponse::eventStream(chunks, 5));
+
+    QObject consumer;
+    Recorder recorder;
+    QList<qint64> arrivals;
+    QElapsedTimer clock;
+    clock.start();
+    ChatStream *stream = ChatService().stream(provider(ProviderWire::openAI, server.url().toString()), hi, &consumer);
+    recorder.attach(stream, &consumer);
+    connect(stream, &ChatStream::eventReceived, &consumer, [&] { arrivals.append(clock.nsecsElapsed()); });
+    QTRY_COMPARE_WITH_TIMEOUT(recorder.finishedCount, 1, 20000);
+    QCOMPARE(recorder.text(), expected);
+    QVERIFY(!recorder.error);
+
+    // Events handed over in one read arrive within a millisecond of each other.
+    int reads = 1;
+    for (qsizetype i = 1; i < arrivals.size(); ++i)
+        reads += arrivals.at(i) - arrivals.at(i - 1) > 1'000'000;
+    QVERIFY2(reads <= count / 2, qPrintable(QStringLiteral("%1 reads").arg(reads)));
 }
 
 void tst_ChatStream::mockProviderProcess_streamsItsReply()
