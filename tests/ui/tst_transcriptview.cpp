@@ -249,7 +249,7 @@ private slots:
         QCOMPARE(paints > 1, repaints);
     }
     // What the window shows after many in-place updates is what a fresh paint of the same state
-    // shows: partial repaints leave nothing stale behind, also in a window the reply scrolls.
+    // shows: partial repaints leave nothing stale behind.
     void streamedPaintMatchesAFreshPaint_data()
     {
         QTest::addColumn<int>("chunk");
@@ -259,8 +259,6 @@ private slots:
             for (int width : {360, 520})
                 QTest::addRow("%d characters at a time, %d wide", chunk, width) << chunk << width << 1000;
         }
-        QTest::addRow("4 characters at a time, scrolling") << 4 << 360 << 260;
-        QTest::addRow("23 characters at a time, scrolling") << 23 << 520 << 200;
     }
     void streamedPaintMatchesAFreshPaint()
     {
