@@ -65,7 +65,7 @@ public:
                 first = "data: {\"choices\":[{\"delta\":{\"content\":\"";
                 filler = QByteArray(1024 * 1024, 'x');
             }
-            const auto chunk = [](const QByteArray &bytes) {
+            const auto chunk = [](const QByteArray &bytes) -> QByteArray {
                 return QByteArray::number(bytes.size(), 16) + "\r\n" + bytes + "\r\n";
             };
             socket->write(head + "Transfer-Encoding: chunked\r\nConnection: close\r\n\r\n");
