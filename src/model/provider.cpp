@@ -62,7 +62,8 @@ size_t qHash(const Provider &p, size_t seed) noexcept
     seed = combine(seed, p.cachedModels.size());
     for (const QString &m : p.cachedModels)
         seed = combine(seed, m);
-    return combine(seed, p.apiKey);
+    seed = combine(seed, p.apiKey);
+    return combine(seed, p.proxy);
 }
 
 void toJson(Json::Writer &w, const Provider &p)
@@ -85,6 +86,10 @@ void toJson(Json::Writer &w, const Provider &p)
     w.endArray();
     w.key(QLatin1StringView("apiKey"));
     w.string(p.apiKey);
+    if (!p.proxy.isEmpty()) {
+        w.key(QLatin1StringView("proxy"));
+        w.string(p.proxy);
+    }
     w.endObject();
 }
 
@@ -128,6 +133,14 @@ bool fromJson(const Json::Value &v, Provider &out, QString &error)
             return false;
         }
         p.apiKey = key.toString();
+    }
+    const Json::Value proxy = v["proxy"];
+    if (proxy.isValid() && !proxy.isNull()) {
+        if (!proxy.isString()) {
+            error = wrongType("proxy", "a string");
+            return false;
+        }
+        p.proxy = proxy.toString();
     }
     out = std::move(p);
     return true;

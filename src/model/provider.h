@@ -38,6 +38,9 @@ struct Provider
     QString model;
     QStringList cachedModels; // last fetched model list, in the order received
     QString apiKey;           // plain text; empty when not set
+    // The provider's own proxy as typed ("http://host:port" or "socks5://host:port", perhaps
+    // with "user:password@"); empty means the system's proxy settings.
+    QString proxy = {};
 
     friend bool operator==(const Provider &, const Provider &) = default;
 
@@ -48,7 +51,8 @@ struct Provider
 
 size_t qHash(const Provider &provider, size_t seed = 0) noexcept;
 
-// Stored form: all seven keys always written. "cachedModels" and "apiKey" may be missing or
+// Stored form: the seven keys always written, and "proxy" only when one is set, so that records
+// without one read the same everywhere. "cachedModels", "apiKey" and "proxy" may be missing or
 // null on decode; the other five are required and "wire" must be an exact raw value.
 void toJson(Json::Writer &w, const Provider &provider);
 bool fromJson(const Json::Value &v, Provider &out, QString &error);

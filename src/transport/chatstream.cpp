@@ -63,6 +63,7 @@ void ChatStream::start(const Provider &provider, const QList<ChatMessage> &messa
     }
     HttpRequest request = std::get<HttpRequest>(std::move(built));
     request.timeoutMs = transferTimeoutMs;
+    request.proxy = provider.proxy;
     m_wire = provider.wire;
     m_limits = limits;
     auto sent = NetworkAccess::send(request);

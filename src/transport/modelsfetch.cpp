@@ -90,6 +90,7 @@ void ModelsFetch::start(const Provider &provider, int transferTimeoutMs, Transfe
     }
     HttpRequest request = std::get<HttpRequest>(std::move(built));
     request.timeoutMs = transferTimeoutMs;
+    request.proxy = provider.proxy;
     m_limits = limits;
     auto sent = NetworkAccess::send(request);
     if (auto *refused = std::get_if<ServiceError>(&sent)) {

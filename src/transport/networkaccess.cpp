@@ -1,10 +1,13 @@
 #include "transport/networkaccess.h"
 
+#include "transport/proxy.h"
 #include "transport/request.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
+#include <QHash>
 #include <QNetworkAccessManager>
+#include <QNetworkProxyFactory>
 #include <QNetworkReply>
 
 namespace NetworkAccess {
@@ -12,11 +15,81 @@ namespace NetworkAccess {
 namespace {
 
 QNetworkAccessManager *shared = nullptr;
+// One manager per proxy that providers name, keyed by the text that names it: Qt sets a proxy
+// per manager, not per request.
+QHash<QString, QNetworkAccessManager *> *proxied = nullptr;
 
 void destroyManager()
 {
+    if (proxied)
+        qDeleteAll(*proxied);
+    delete proxied;
+    proxied = nullptr;
     delete shared;
     shared = nullptr;
+}
+
+QNetworkAccessManager &managerFor(const QString &proxyText, const QNetworkProxy &proxy)
+{
+    manager();
+    if (!proxied)
+        proxied = new QHash<QString, QNetworkAccessManager *>;
+    QNetworkAccessManager *&m = (*proxied)[proxyText];
+    if (!m) {
+        m = new QNetworkAccessManager;
+        m->setProxy(proxy);
+    }
+    return *m;
+}
+
+// The proxy a reply went through: its provider's own, or the one the system names for its URL.
+std::optional<QNetworkProxy> proxyOf(const QNetworkReply &reply)
+{
+    if (reply.manager() && reply.manager()->proxy().type() != QNetworkProxy::DefaultProxy)
+        return reply.manager()->proxy();
+    const QList<QNetworkProxy> system = QNetworkProxyFactory::proxyForQuery(QNetworkProxyQuery(reply.url()));
+    for (const QNetworkProxy &proxy : system) {
+        if (proxy.type() != QNetworkProxy::NoProxy && proxy.type() != QNetworkProxy::DefaultProxy)
+            return proxy;
+    }
+    return std::nullopt;
+}
+
+// Qt's proxy failures, in words that name the proxy by host and port alone: its user name and
+// password never reach a text the user sees.
+std::optional<QString> proxyFailure(const QNetworkReply &reply)
+{
+    const char *pattern = nullptr;
+    bool throughProxyOnly = false; // the same code without a proxy is the provider's own failure
+    switch (reply.error()) {
+    case QNetworkReply::ConnectionRefusedError:
+        throughProxyOnly = true;
+        Q_FALLTHROUGH();
+    case QNetworkReply::ProxyConnectionRefusedError:
+        pattern = "The proxy at %1 refused the connection.";
+        break;
+    case QNetworkReply::ProxyAuthenticationRequiredError:
+        pattern = "The proxy at %1 needs a user name and password.";
+        break;
+    case QNetworkReply::ProxyConnectionClosedError:
+        pattern = "The proxy at %1 closed the connection.";
+        break;
+    case QNetworkReply::HostNotFoundError:
+        throughProxyOnly = true;
+        Q_FALLTHROUGH();
+    case QNetworkReply::ProxyNotFoundError:
+        pattern = "The proxy at %1 could not be found.";
+        break;
+    case QNetworkReply::ProxyTimeoutError:
+        pattern = "The proxy at %1 did not answer in time.";
+        break;
+    default:
+        return std::nullopt;
+    }
+    const std::optional<QNetworkProxy> proxy = proxyOf(reply);
+    if (!proxy && throughProxyOnly)
+        return std::nullopt;
+    return QString::fromLatin1(pattern).arg(proxy ? ProviderProxy::hostPort(*proxy) : QStringLiteral("the system"));
 }
 
 bool isHTTP(const QString &scheme)
@@ -98,6 +171,8 @@ TransferError transferError(const QNetworkReply &reply)
     case QNetworkReply::ProtocolUnknownError:
         return unknownScheme();
     default:
+        if (const std::optional<QString> text = proxyFailure(reply))
+            return {reply.error(), *text};
         return {reply.error(), reply.errorString()};
     }
 }
@@ -109,6 +184,9 @@ QNetworkAccessManager &manager()
     // Destroyed while the application object is still whole: Qt's TLS backend looks the
     // application up while the manager closes its cached connections.
     if (!shared) {
+        // Chats and model lists follow the system's proxy settings (http_proxy, https_proxy,
+        // no_proxy and the desktop's), unless a provider names its own proxy.
+        QNetworkProxyFactory::setUseSystemConfiguration(true);
         shared = new QNetworkAccessManager;
         qAddPostRoutine(destroyManager);
     }
@@ -142,9 +220,17 @@ std::variant<QNetworkReply *, ServiceError> send(const HttpRequest &request)
     if (!isHTTP(scheme) && !isNotHTTP(scheme))
         return unknownScheme();
 
+    QNetworkAccessManager *sender = &manager();
+    if (!request.proxy.trimmed().isEmpty()) {
+        const std::optional<QNetworkProxy> proxy = ProviderProxy::parse(request.proxy);
+        if (!proxy)
+            return TransferError{QNetworkReply::ProxyNotFoundError, ProviderProxy::formatHint()};
+        sender = &managerFor(request.proxy.trimmed(), *proxy);
+    }
+
     const QNetworkRequest networkRequest = request.toNetworkRequest();
-    QNetworkReply *reply = request.body ? manager().sendCustomRequest(networkRequest, request.method, *request.body)
-                                        : manager().sendCustomRequest(networkRequest, request.method);
+    QNetworkReply *reply = request.body ? sender->sendCustomRequest(networkRequest, request.method, *request.body)
+                                        : sender->sendCustomRequest(networkRequest, request.method);
     new ActivityClock(reply);
     bound(reply);
     return reply;

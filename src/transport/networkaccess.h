@@ -14,16 +14,18 @@ struct HttpRequest;
 // The plumbing shared by chat streams and model-list fetches.
 namespace NetworkAccess {
 
-// The one process-wide manager, created on first use on the main thread and destroyed with
-// the application object. Requires a QCoreApplication.
+// The process-wide manager for providers without a proxy of their own, which follows the
+// system's proxy settings; created on first use on the main thread and destroyed, with the
+// managers of providers' own proxies, with the application object. Requires a QCoreApplication.
 QNetworkAccessManager &manager();
 
 // Sends request (its method, headers, body and time-out); the caller owns the reply. Refuses,
 // sending nothing, a header value that holds a control character (a key pasted with a line
-// break would otherwise split the request or add headers of its own) and a URL whose scheme Qt
-// cannot send to. Qt keeps at most 1 MB of the reply unread, chunked or not, so a reader that
-// drains the reply on each readyRead bounds what a fast server can pile up in memory, and abort()
-// stops the transfer at once.
+// break would otherwise split the request or add headers of its own), a URL whose scheme Qt
+// cannot send to, and a provider's proxy that is not http://host:port or socks5://host:port.
+// Qt keeps at most 1 MB of the reply unread, chunked or not, so a reader that drains the reply
+// on each readyRead bounds what a fast server can pile up in memory, and abort() stops the
+// transfer at once.
 std::variant<QNetworkReply *, ServiceError> send(const HttpRequest &request);
 
 // A reply as far as Qt has told of it: the HTTP status once the head is in, or the failure that

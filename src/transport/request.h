@@ -20,6 +20,7 @@ struct HttpRequest
     QList<QPair<QByteArray, QByteArray>> headers; // in the order they are set
     std::optional<QByteArray> body;               // absent for GET
     int timeoutMs = defaultTimeoutMs;
+    QString proxy = {}; // the provider's own proxy; empty: the system's
 
     // The QNetworkRequest carrying exactly these headers and the transfer time-out. Redirects are
     // never followed: a 3xx reaches the caller as its own status, so the key never travels to

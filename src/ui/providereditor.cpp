@@ -2,6 +2,7 @@
 
 #include "storage/providerstore.h"
 #include "transport/modelsfetch.h"
+#include "transport/proxy.h"
 #include "ui/theme.h"
 
 #include <QComboBox>
@@ -57,13 +58,23 @@ ProviderEditor::ProviderEditor(ProviderStore *store, const QUuid &providerID, QW
     for (ProviderWire wire : allProviderWires())
         m_wire->addItem(displayLabel(wire), rawValue(wire));
     m_baseURL = lineEdit(u"Base URL"_s, u"baseURL"_s, details);
+    m_proxy = lineEdit(u"Proxy"_s, u"proxy"_s, details);
+    m_proxy->setPlaceholderText(u"System settings"_s);
+    m_proxy->setToolTip(u"http://host:port or socks5://host:port; empty uses the system's proxy settings"_s);
+    m_proxyError = new QLabel(ProviderProxy::formatHint(), details);
+    m_proxyError->setObjectName(u"proxyError"_s);
+    m_proxyError->setFont(Theme::font(Theme::TextStyle::Caption));
+    m_proxyError->setWordWrap(true);
+    m_proxyError->setTextFormat(Qt::PlainText);
     m_model = lineEdit(u"Model"_s, u"model"_s, details);
     // URLs and model ids are typed exactly: no completion may change them.
-    for (QLineEdit *edit : {m_baseURL, m_model})
+    for (QLineEdit *edit : {m_baseURL, m_proxy, m_model})
         edit->setInputMethodHints(Qt::ImhNoAutoUppercase | Qt::ImhNoPredictiveText | Qt::ImhUrlCharactersOnly);
     form->addRow(u"Name"_s, m_name);
     form->addRow(u"Type"_s, m_wire);
     form->addRow(u"Base URL"_s, m_baseURL);
+    form->addRow(u"Proxy"_s, m_proxy);
+    form->addRow(m_proxyError);
     form->addRow(u"Model"_s, m_model);
 
     auto *fetchRow = new QHBoxLayout;
@@ -128,7 +139,8 @@ ProviderEditor::ProviderEditor(ProviderStore *store, const QUuid &providerID, QW
 
     setTabOrder(m_name, m_wire);
     setTabOrder(m_wire, m_baseURL);
-    setTabOrder(m_baseURL, m_model);
+    setTabOrder(m_baseURL, m_proxy);
+    setTabOrder(m_proxy, m_model);
     setTabOrder(m_model, m_fetchButton);
     setTabOrder(m_fetchButton, m_chooseButton);
     setTabOrder(m_chooseButton, m_apiKey);
@@ -136,6 +148,12 @@ ProviderEditor::ProviderEditor(ProviderStore *store, const QUuid &providerID, QW
 
     connect(m_fetchButton, &QPushButton::clicked, this, &ProviderEditor::fetchModels);
     connect(m_saveButton, &QPushButton::clicked, this, &ProviderEditor::save);
+    // Said once the user leaves the field, not at every key while an address is half typed.
+    connect(m_proxy, &QLineEdit::editingFinished, this, &ProviderEditor::checkProxy);
+    connect(m_proxy, &QLineEdit::textEdited, this, [this] {
+        if (ProviderProxy::isValid(m_proxy->text()))
+            checkProxy();
+    });
 
     setFetchedModels({});
     setFetching(false);
@@ -152,6 +170,8 @@ void ProviderEditor::load()
     m_name->setText(stored->name);
     m_wire->setCurrentIndex(m_wire->findData(rawValue(stored->wire)));
     m_baseURL->setText(stored->baseURL);
+    m_proxy->setText(stored->proxy);
+    checkProxy();
     m_model->setText(stored->model);
     setFetchedModels(stored->cachedModels);
     m_apiKey->setText(stored->apiKey);
@@ -165,6 +185,7 @@ Provider ProviderEditor::formProvider() const
     p.name = m_name->text();
     p.wire = providerWireFromRaw(m_wire->currentData().toString()).value_or(ProviderWire::openAI);
     p.baseURL = m_baseURL->text();
+    p.proxy = m_proxy->text().trimmed();
     p.model = m_model->text();
     p.cachedModels = m_fetchedModels;
     p.apiKey = m_apiKey->text();
@@ -175,6 +196,11 @@ void ProviderEditor::save()
 {
     if (!storedProvider(*m_store, m_providerID))
         return;
+    if (!checkProxy()) {
+        setSavedNote(false);
+        m_proxy->setFocus();
+        return;
+    }
     m_store->update(formProvider());
     setSavedNote(true);
 }
@@ -251,6 +277,14 @@ void ProviderEditor::setFetchError(const std::optional<QString> &error)
     m_fetchErrorLabel->setVisible(error.has_value());
 }
 
+bool ProviderEditor::checkProxy()
+{
+    const bool valid = ProviderProxy::isValid(m_proxy->text());
+    m_proxyError->setVisible(!valid);
+    m_proxy->setAccessibleDescription(valid ? QString() : ProviderProxy::formatHint());
+    return valid;
+}
+
 void ProviderEditor::setSavedNote(bool saved)
 {
     m_savedNote = saved;
@@ -284,6 +318,7 @@ void ProviderEditor::applyColours()
     tint(m_fetchingLabel, Theme::Color::Secondary);
     tint(m_keyNote, Theme::Color::Secondary);
     tint(m_fetchErrorLabel, Theme::Color::Red);
+    tint(m_proxyError, Theme::Color::Red);
     tint(m_savedLabel, Theme::Color::Green);
     m_savedIcon->setPixmap(
         Theme::symbolIcon("checkmark.circle.fill"_L1, Theme::color(Theme::Color::Green, palette())).pixmap(16, 16));

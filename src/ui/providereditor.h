@@ -17,7 +17,9 @@ class QProgressBar;
 class QPushButton;
 class QToolButton;
 
-// The form that edits one stored provider: name, wire dialect, base URL, model and API key.
+// The form that edits one stored provider: name, wire dialect, base URL, proxy, model and API
+// key. A proxy that is neither empty nor http://host:port or socks5://host:port is not saved: the
+// form says what it expects instead.
 // Edits stay in the form until "Save" writes them through the store. The form also fetches the
 // provider's model list, offers it as a menu that fills the model field, and remembers the list
 // in the stored provider's cachedModels at once (nothing else is written before "Save").
@@ -66,6 +68,8 @@ private:
     void setFetching(bool fetching);
     void setFetchError(const std::optional<QString> &error);
     void setSavedNote(bool saved);
+    // Shows or hides the note under the proxy field; true when the field holds a usable proxy.
+    bool checkProxy();
     void applyColours();
 
     ProviderStore *m_store;
@@ -79,6 +83,8 @@ private:
     QLineEdit *m_name;
     QComboBox *m_wire;
     QLineEdit *m_baseURL;
+    QLineEdit *m_proxy;
+    QLabel *m_proxyError;
     QLineEdit *m_model;
     QLineEdit *m_apiKey;
     QPushButton *m_fetchButton;

@@ -98,7 +98,9 @@ private slots:
         {
             Stores stores;
             stores.providers.add(provider(u"first"_s));
-            stores.providers.add(provider(u"second"_s, ProviderWire::anthropic));
+            Provider second = provider(u"second"_s, ProviderWire::anthropic);
+            second.proxy = u"socks5://127.0.0.1:1080"_s; // a provider's own proxy travels with it
+            stores.providers.add(second);
             stores.conversations.merge(
                 {conversation(u"old"_s, 100), conversation(u"new"_s, 900), conversation(u"mid"_s, 500)});
             before = stores.snapshot();

@@ -198,6 +198,41 @@ private slots:
         QTRY_COMPARE(stored(store, id)->cachedModels.size(), m_mock.options().models.size());
     }
 
+    void proxy_savedOnlyWhenUsable_data()
+    {
+        QTest::addColumn<QString>("typed");
+        QTest::addColumn<QString>("saved"); // null: not saved
+        QTest::newRow("empty: the system's") << u""_s << u""_s;
+        QTest::newRow("http, blanks dropped") << u" http://10.0.0.2:3128 "_s << u"http://10.0.0.2:3128"_s;
+        QTest::newRow("socks5 with credentials") << u"socks5://me:pw@h:1080"_s << u"socks5://me:pw@h:1080"_s;
+        QTest::newRow("no scheme") << u"10.0.0.2:3128"_s << QString();
+        QTest::newRow("no port") << u"http://10.0.0.2"_s << QString();
+    }
+
+    void proxy_savedOnlyWhenUsable()
+    {
+        QFETCH(QString, typed);
+        QFETCH(QString, saved);
+        ProviderStore store;
+        const QUuid id = QUuid::createUuid();
+        store.add({id, u"P"_s, ProviderWire::openAI, u"http://127.0.0.1:1/v1"_s, {}, {}, u"sk"_s});
+        Form form(store, id);
+        QLineEdit *field = form.edit(u"proxy"_s);
+        QCOMPARE(field->accessibleName(), u"Proxy"_s);
+        QTest::keyClicks(field, typed);
+        form.click(u"save"_s);
+        QLabel *note = form.child<QLabel>(u"proxyError"_s);
+        QCOMPARE(note->isVisible(), saved.isNull());
+        QCOMPARE(form.savedShown(), !saved.isNull());
+        QCOMPARE(stored(store, id)->proxy, saved.isNull() ? QString() : saved);
+        if (saved.isNull()) {
+            QCOMPARE(note->text(), u"Enter the proxy as http://host:port or socks5://host:port, or leave it empty to "
+                                   "use the system's proxy settings."_s);
+            form.type(u"proxy"_s, u"http://10.0.0.2:3128"_s);
+            QVERIFY(!note->isVisible());
+        }
+    }
+
     // The form shows the stored provider as it was when the form appeared.
     void loadsOnAppearanceOnly_andSaveOfRemovedProviderIsNoop()
     {

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <QByteArray>
+#include <QList>
+#include <QObject>
+
+class QTcpServer;
+class QTcpSocket;
+
+// An HTTP proxy on 127.0.0.1 for tests: a request in absolute form ("POST http://host:port/path")
+// is passed on to its host, and CONNECT opens a tunnel to one. Everything clients send through
+// it is kept, as whoever runs a proxy could see it. Owns its sockets; one request per connection.
+class LoopbackProxy final : public QObject
+{
+    Q_OBJECT
+    Q_DISABLE_COPY_MOVE(LoopbackProxy)
+
+public:
+    explicit LoopbackProxy(QObject *parent = nullptr);
+    ~LoopbackProxy() override;
+
+    // Listens on 127.0.0.1 at a free port; false on failure.
+    bool listen();
+    quint16 port() const;
+
+    // From now on, a request without "Proxy-Authorization: Basic" for this user and password is
+    // answered 407.
+    void requireCredentials(const QByteArray &user, const QByteArray &password);
+
+    // The request lines received, such as "CONNECT 127.0.0.1:4433 HTTP/1.1", 407s included.
+    const QList<QByteArray> &requestLines() const { return m_requestLines; }
+    // Every byte clients sent, heads and tunnelled bytes alike.
+    const QByteArray &log() const { return m_log; }
+
+private:
+    void handleConnection();
+    void handleHead(QTcpSocket *client);
+    void pipe(QTcpSocket *client, QTcpSocket *upstream);
+
+    QTcpServer *m_server = nullptr;
+    QByteArray m_expectedAuthorization; // empty: no credentials needed
+    QList<QByteArray> m_requestLines;
+    QByteArray m_log;
+};
