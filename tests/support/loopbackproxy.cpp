@@ -112,7 +112,7 @@ void LoopbackProxy::handleHead(QTcpSocket *client)
         pipe(client, upstream);
     });
     connect(upstream, &QTcpSocket::errorOccurred, client, [client] { client->disconnectFromHost(); });
-    upstream->connectToHost(host, port);
+    upstream->connectToHost(m_upstreamHost.isEmpty() ? host : m_upstreamHost, port);
 }
 
 void LoopbackProxy::pipe(QTcpSocket *client, QTcpSocket *upstream)

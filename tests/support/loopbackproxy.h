@@ -27,6 +27,10 @@ public:
     // answered 407.
     void requireCredentials(const QByteArray &user, const QByteArray &password);
 
+    // From now on, every request goes on to this host instead of the one it names, so that a
+    // test can name a host that exists only behind the proxy.
+    void setUpstreamHost(const QString &host) { m_upstreamHost = host; }
+
     // The request lines received, such as "CONNECT 127.0.0.1:4433 HTTP/1.1", 407s included.
     const QList<QByteArray> &requestLines() const { return m_requestLines; }
     // Every byte clients sent, heads and tunnelled bytes alike.
@@ -39,6 +43,7 @@ private:
 
     QTcpServer *m_server = nullptr;
     QByteArray m_expectedAuthorization; // empty: no credentials needed
+    QString m_upstreamHost;             // empty: the host the request names
     QList<QByteArray> m_requestLines;
     QByteArray m_log;
 };

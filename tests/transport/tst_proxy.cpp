@@ -18,6 +18,9 @@ const QByteArray key = "sk-proxy-test-key";
 struct ProxyCase
 {
     bool tls = false;
+    // Qt never sends loopback addresses through the system's proxy: that case names a host that
+    // only the proxy knows, which then passes the request on to the loopback server.
+    QString host = QStringLiteral("127.0.0.1");
     QString proxy = {};        // the provider's own; {proxy} is the loopback proxy, {closed} a dead port
     QByteArray httpProxy = {}; // the environment's http_proxy and https_proxy
     QByteArray noProxy = {};
@@ -108,6 +111,12 @@ private slots:
         QTest::addColumn<ProxyCase>("row");
         QTest::newRow("provider's proxy, plain HTTP") << ProxyCase{.proxy = u"{proxy}"_s};
         QTest::newRow("provider's proxy, HTTPS through a tunnel") << ProxyCase{.tls = true, .proxy = u"{proxy}"_s};
+        QTest::newRow("system proxy") << ProxyCase{.host = u"provider.test"_s, .httpProxy = "{proxy}"};
+        QTest::newRow("system proxy, host in no_proxy") << ProxyCase{.host = u"provider.test"_s,
+                                                                     .httpProxy = "{proxy}",
+                                                                     .noProxy = "provider.test",
+                                                                     .viaProxy = false,
+                                                                     .error = u"Host provider.test not found"_s};
         QTest::newRow("provider's proxy over the system's")
             << ProxyCase{.proxy = u"{proxy}"_s, .httpProxy = "{closed}"};
         QTest::newRow("credentials in the proxy's address")
@@ -139,6 +148,7 @@ private slots:
             {"data: {\"choices\":[{\"delta\":{\"content\":\"through\"}}]}\n\n", "data: [DONE]\n\n"}));
         LoopbackProxy proxy;
         QVERIFY(proxy.listen());
+        proxy.setUpstreamHost(u"127.0.0.1"_s);
         const qsizetype colon = row.credentials.indexOf(':');
         if (colon > 0)
             proxy.requireCredentials(row.credentials.left(colon), row.credentials.mid(colon + 1));
@@ -165,14 +175,15 @@ private slots:
         if (!row.noProxy.isEmpty())
             qputenv("no_proxy", row.noProxy);
 
-        const Outcome outcome =
-            chat(server.url(u"/v1"_s).toString(), row.proxy.isEmpty() ? QString() : asURL(row.proxy));
+        QUrl base = server.url(u"/v1"_s);
+        base.setHost(row.host);
+        const Outcome outcome = chat(base.toString(), row.proxy.isEmpty() ? QString() : asURL(row.proxy));
         QCOMPARE(outcome.error, fill(row.error));
         QCOMPARE(outcome.text, row.error.isEmpty() ? u"through"_s : QString());
         QVERIFY(!outcome.error.contains(u"secret"_s) && !outcome.error.contains(u"wrong"_s));
         QCOMPARE(server.requests().size(), row.error.isEmpty() ? 1 : 0);
 
-        const QByteArray target = "127.0.0.1:" + QByteArray::number(server.port());
+        const QByteArray target = row.host.toLatin1() + ':' + QByteArray::number(server.port());
         const QByteArray expectedLine = row.tls ? QByteArray("CONNECT " + target + " HTTP/1.1")
                                                 : QByteArray("POST http://" + target + "/v1/chat/completions HTTP/1.1");
         QCOMPARE(proxy.requestLines().contains(expectedLine), row.viaProxy);
