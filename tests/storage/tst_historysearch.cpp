@@ -12,17 +12,7 @@ namespace {
 
 // A history written as another program (or an older Verbolt) might have: escapes of every kind in
 // the stored text, which the search reads as stored.
-const char historyJson[] = R"([
-{"id":"00000000-0000-4000-8000-000000000001","title":"Trip plans","messages":[
- {"id":"00000000-0000-4000-8000-0000000000a1","role":"user","content":"Where to eat in Paris?"},
- {"id":"00000000-0000-4000-8000-0000000000a2","role":"assistant","content":"Try the Caf\u00e9 de Flore.\nIt is \"famous\" for a reason."}
-],"createdAt":10,"updatedAt":30},
-{"id":"00000000-0000-4000-8000-000000000002","title":"Rust help","messages":[
- {"id":"00000000-0000-4000-8000-0000000000b1","role":"user","content":"Path C:\\Users\\dev fails"},
- {"id":"00000000-0000-4000-8000-0000000000b2","role":"assistant","content":"```rust\nlet p = r\"C:\\Users\";\n```\nA smile \ud83d\ude00 and \u65e5\u672c\u8a9e\u30c6\u30ad\u30b9\u30c8."}
-],"createdAt":5,"updatedAt":20},
-{"id":"00000000-0000-4000-8000-000000000003","title":"content","messages":[],"createdAt":1,"updatedAt":10}
-])";
+const char historyFile[] = VERBOLT_TEST_DATA "/search-history.json";
 
 } // namespace
 
@@ -34,11 +24,10 @@ private slots:
     void initTestCase()
     {
         QVERIFY(m_dir.isValid());
-        QFile file(m_dir.filePath(u"conversations.json"_s));
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(QByteArray(historyJson).replace('\n', ""));
-        file.close();
-        m_store = std::make_unique<ConversationStore>(file.fileName());
+        const QString path = m_dir.filePath(u"conversations.json"_s);
+        QVERIFY(QFile::copy(QString::fromUtf8(historyFile), path));
+        QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner);
+        m_store = std::make_unique<ConversationStore>(path);
         QCOMPARE(m_store->conversations().size(), 3);
         QVERIFY(m_store->conversations().first().messages.stored().has_value());
     }
@@ -76,7 +65,7 @@ private slots:
             {"words across messages and title",
              u"trip paris flore"_s,
              {u"Trip plans"_s},
-             u"Where to eat in Paris?"_s,
+             u"…to eat in Paris?"_s,
              {u"Paris"_s},
              0},
             {"escaped backslashes",
@@ -86,7 +75,12 @@ private slots:
              {u"C:\\Users"_s},
              0},
             {"surrogate pair escape", u"😀"_s, {u"Rust help"_s}, u"A smile 😀 and 日本語テキスト."_s, {u"😀"_s}, 1},
-            {"japanese substring", u"語テキ"_s, {u"Rust help"_s}, u"A smile 😀 and 日本語テキスト."_s, {u"語テキ"_s}, 1},
+            {"japanese substring, cut before at a space",
+             u"語テキ"_s,
+             {u"Rust help"_s},
+             u"…😀 and 日本語テキスト."_s,
+             {u"語テキ"_s},
+             1},
             {"title only", u"content"_s, {u"content"_s}, QString(), {}, -1},
             {"keys and ids are not text", u"assistant"_s, {}, QString(), {}, -1},
             {"in two conversations, newest first",
