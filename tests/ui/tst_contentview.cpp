@@ -6,6 +6,8 @@
 #include "ui/chatheader.h"
 #include "ui/composerfield.h"
 #include "ui/contentview.h"
+#include "ui/conversationlistmodel.h"
+#include "ui/conversationsidebar.h"
 #include "ui/scrollcontroller.h"
 
 #include <QAbstractItemView>
@@ -449,6 +451,70 @@ private slots:
         list->setFocus();
         m_chats->setSelectedID(m_chats->conversations().at(0).id);
         QTRY_VERIFY(composer->hasFocus());
+    }
+    void search_narrowsTheListAndEscapeRestoresIt()
+    {
+        addProvider(u"Mock"_s);
+        const auto make = [&](const QString &title, const QString &reply) {
+            const Conversation c = m_chats->newChat(std::nullopt);
+            m_chats->updateMessages(
+                c.id, {ChatMessage(ChatRole::user, u"question"_s), ChatMessage(ChatRole::assistant, reply)});
+            m_chats->rename(c.id, title);
+            return *m_chats->find(c.id);
+        };
+        const Conversation paris = make(u"Paris"_s, u"Try the Café de Flore.\nOr the Louvre café."_s);
+        const Conversation rome = make(u"Rome"_s, u"A cafe near the Pantheon."_s);
+        const Conversation other = make(u"Other"_s, u"Nothing here."_s);
+        ContentView *view = makeView();
+        QApplication::setActiveWindow(view);
+        auto *list = find<QAbstractItemView>(view, "conversationList");
+        auto *field = find<QLineEdit>(view, "searchField");
+        auto *composer = find<QPlainTextEdit>(view, "composer");
+        QCOMPARE(m_chats->selectedID(), other.id);
+        composer->setFocus();
+        QSignalSpy chosen(view->sidebar(), &ConversationSidebar::resultChosen);
+
+        QTest::keyClick(composer, Qt::Key_F, Qt::ControlModifier | Qt::ShiftModifier);
+        QVERIFY(field->hasFocus());
+        QTest::keyClicks(field, u"CAFE"_s);
+        QTRY_VERIFY(view->sidebar()->isSearchComplete());
+        QCOMPARE(list->model()->rowCount(), 2);
+        QCOMPARE(list->model()->index(0, 0).data(ConversationListModel::IdRole).toUuid(), rome.id);
+        QCOMPARE(list->model()->index(1, 0).data(ConversationListModel::IdRole).toUuid(), paris.id);
+        QCOMPARE(list->model()->index(1, 0).data(ConversationListModel::ContextRole).toString(),
+                 u"Try the Café de Flore."_s);
+        QCOMPARE(view->sidebar()->searchStatus(), u"2 conversations match"_s);
+        QCOMPARE(field->accessibleDescription(), u"2 conversations match"_s);
+        QVERIFY(list->selectionModel()->selectedRows().isEmpty()); // the selected chat is not a result
+        QVERIFY(list->model()->index(1, 0).data(Qt::AccessibleTextRole).toString().contains(u"Café de Flore"_s));
+
+        // A word that is nowhere empties the list; taking it back finds the two again.
+        QTest::keyClicks(field, u" louvre"_s);
+        QTRY_VERIFY(view->sidebar()->isSearchComplete());
+        QCOMPARE(list->model()->rowCount(), 1);
+        QTest::keyClicks(field, u"x"_s);
+        QTRY_VERIFY(view->sidebar()->isSearchComplete());
+        QCOMPARE(list->model()->rowCount(), 0);
+        QCOMPARE(view->sidebar()->searchStatus(), u"No conversations match"_s);
+        field->setText(u"cafe"_s);
+        QTRY_VERIFY(view->sidebar()->isSearchComplete());
+
+        // Choosing a result opens it and tells the window which words to show from where.
+        QTest::mouseClick(list->viewport(), Qt::LeftButton, {}, list->visualRect(list->model()->index(1, 0)).center());
+        QCOMPARE(m_chats->selectedID(), paris.id);
+        QCOMPARE(chosen.size(), 1);
+        QCOMPARE(chosen.first().at(0).toString(), u"cafe"_s);
+        QCOMPARE(chosen.first().at(1).value<qsizetype>(), 1);
+
+        // Escape shows the whole list with the selection, and gives the focus back.
+        QTRY_VERIFY(composer->hasFocus());
+        field->setFocus();
+        QTest::keyClick(field, Qt::Key_Escape);
+        QCOMPARE(field->text(), QString());
+        QCOMPARE(list->model()->rowCount(), 3);
+        QCOMPARE(list->currentIndex().data(ConversationListModel::IdRole).toUuid(), paris.id);
+        QVERIFY(!view->sidebar()->isSearching());
+        QVERIFY(composer->hasFocus());
     }
     void twoWindows_shareSelectionAndSeeEachOthersTurns()
     {
