@@ -289,12 +289,8 @@ void ChatViewModel::persist()
 {
     if (!m_conversationID || !m_store)
         return;
-    for (const Conversation &stored : m_store->conversations()) {
-        if (stored.id == *m_conversationID) {
-            m_store->updateMessages(stored.id, withOthersTurns(m_messages, stored.messages.list()));
-            return;
-        }
-    }
+    if (const Conversation *stored = m_store->find(*m_conversationID))
+        m_store->updateMessages(stored->id, withOthersTurns(m_messages, stored->messages.list()));
 }
 
 void ChatViewModel::setStreaming(bool streaming)

@@ -99,12 +99,16 @@ void ConversationStore::setSelectedID(const std::optional<QUuid> &id)
 
 std::optional<Conversation> ConversationStore::selected() const
 {
-    if (!m_selectedID)
+    const Conversation *found = m_selectedID ? find(*m_selectedID) : nullptr;
+    if (!found)
         return std::nullopt;
-    const qsizetype i = indexOf(*m_selectedID);
-    if (i < 0)
-        return std::nullopt;
-    return m_conversations.at(i);
+    return *found;
+}
+
+const Conversation *ConversationStore::find(const QUuid &id) const
+{
+    const qsizetype i = indexOf(id);
+    return i < 0 ? nullptr : &m_conversations.at(i);
 }
 
 void ConversationStore::setClock(std::function<double()> clock)
@@ -126,6 +130,15 @@ Conversation ConversationStore::newChat(const std::optional<QUuid> &providerID)
     setSelectedID(conversation.id);
     persist();
     return conversation;
+}
+
+Conversation ConversationStore::startChat(const std::optional<QUuid> &providerID)
+{
+    if (!m_conversations.isEmpty() && m_conversations.first().messages.isEmpty()) {
+        setSelectedID(m_conversations.first().id);
+        return m_conversations.first();
+    }
+    return newChat(providerID);
 }
 
 void ConversationStore::updateMessages(const QUuid &id, const QList<ChatMessage> &messages)

@@ -57,11 +57,19 @@ public:
     void setSelectedID(const std::optional<QUuid> &id);
     // The first conversation whose id is the selected one, as a copy, or nothing.
     std::optional<Conversation> selected() const;
+    // The conversation with that id, or nullptr. The pointer is into the list: it is valid until
+    // the list next changes.
+    const Conversation *find(const QUuid &id) const;
+    // Its position in conversations(), or -1.
+    qsizetype indexOf(const QUuid &id) const;
 
     QString fileURL() const { return m_filePath; }
 
     // Creates a "New Chat" at the front, selects it, saves, and returns it.
     Conversation newChat(const std::optional<QUuid> &providerID);
+    // What New Chat does for the user: selects the newest conversation when it has no messages
+    // yet (so repeated presses leave one empty chat), otherwise newChat(). Returns the selection.
+    Conversation startChat(const std::optional<QUuid> &providerID);
     // Replaces the messages, stamps updatedAt, derives the title of a "New Chat", moves the
     // conversation to the front and saves. An unknown id changes nothing.
     void updateMessages(const QUuid &id, const QList<ChatMessage> &messages);
@@ -100,7 +108,6 @@ private:
     void markDeleted(const QUuid &id);
     void takeSaveOutcomes();
     void sortNewestFirst();
-    qsizetype indexOf(const QUuid &id) const;
 
     QString m_filePath;
     QList<Conversation> m_conversations;

@@ -34,14 +34,8 @@ void ProviderStore::load()
 
     std::optional<QUuid> selection;
     const QString storedID = m_settings.value(selectedKey).toString();
-    if (const auto parsed = JsonCoding::parseUuid(storedID)) {
-        for (const Provider &p : std::as_const(m_providers)) {
-            if (p.id == *parsed) {
-                selection = *parsed;
-                break;
-            }
-        }
-    }
+    if (const auto parsed = JsonCoding::parseUuid(storedID); parsed && find(*parsed))
+        selection = *parsed;
     if (!selection && !m_providers.isEmpty())
         selection = m_providers.first().id;
     // Written back even when unchanged: a lower-case or stale id is replaced by the canonical form.
@@ -75,13 +69,25 @@ void ProviderStore::assignSelectedID(const std::optional<QUuid> &id)
 
 std::optional<Provider> ProviderStore::selected() const
 {
-    if (!m_selectedID)
+    const Provider *found = m_selectedID ? find(*m_selectedID) : nullptr;
+    if (!found)
         return std::nullopt;
-    for (const Provider &p : m_providers) {
-        if (p.id == *m_selectedID)
-            return p;
+    return *found;
+}
+
+const Provider *ProviderStore::find(const QUuid &id) const
+{
+    const qsizetype i = indexOf(id);
+    return i < 0 ? nullptr : &m_providers.at(i);
+}
+
+qsizetype ProviderStore::indexOf(const QUuid &id) const
+{
+    for (qsizetype i = 0; i < m_providers.size(); ++i) {
+        if (m_providers.at(i).id == id)
+            return i;
     }
-    return std::nullopt;
+    return -1;
 }
 
 void ProviderStore::add(const Provider &provider)
@@ -95,14 +101,12 @@ void ProviderStore::add(const Provider &provider)
 
 void ProviderStore::update(const Provider &provider)
 {
-    for (Provider &p : m_providers) {
-        if (p.id == provider.id) {
-            p = provider;
-            persist();
-            emit providersChanged();
-            return;
-        }
-    }
+    const qsizetype i = indexOf(provider.id);
+    if (i < 0)
+        return;
+    m_providers[i] = provider;
+    persist();
+    emit providersChanged();
 }
 
 void ProviderStore::remove(const Provider &provider)
@@ -117,10 +121,8 @@ void ProviderStore::remove(const Provider &provider)
 void ProviderStore::merge(const QList<Provider> &incoming)
 {
     for (const Provider &provider : incoming) {
-        const auto it = std::find_if(m_providers.begin(), m_providers.end(),
-                                     [&](const Provider &p) { return p.id == provider.id; });
-        if (it != m_providers.end())
-            *it = provider;
+        if (const qsizetype i = indexOf(provider.id); i >= 0)
+            m_providers[i] = provider;
         else
             m_providers.append(provider);
         persist();

@@ -43,6 +43,9 @@ public:
 
     // The first provider whose id is the selected one, or nothing.
     std::optional<Provider> selected() const;
+    // The first provider with that id, or nullptr. The pointer is into the list: it is valid until
+    // the list next changes.
+    const Provider *find(const QUuid &id) const;
 
     // Appends (duplicates allowed) and selects it when nothing was selected.
     void add(const Provider &provider);
@@ -70,6 +73,7 @@ private:
     void load();
     void persist();
     void assignSelectedID(const std::optional<QUuid> &id);
+    qsizetype indexOf(const QUuid &id) const;
     void sync();
 
     QSettings m_settings;

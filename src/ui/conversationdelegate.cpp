@@ -1,11 +1,13 @@
 #include "ui/conversationdelegate.h"
 
+#include "model/textsearch.h"
 #include "ui/conversationlistmodel.h"
 #include "ui/theme.h"
 
 #include <QApplication>
 #include <QFontMetrics>
 #include <QPainter>
+#include <QTextLayout>
 
 ConversationDelegate::ConversationDelegate(QObject *parent)
     : QStyledItemDelegate(parent)
@@ -49,12 +51,57 @@ void ConversationDelegate::paint(QPainter *painter, const QStyleOptionViewItem &
     painter->drawText(dateRect, Qt::AlignLeft | Qt::AlignVCenter,
                       dateMetrics.elidedText(index.data(ConversationListModel::DateTextRole).toString(), Qt::ElideRight,
                                              dateRect.width()));
+    if (hasContext(index)) {
+        const QFont contextFont = Theme::font(Theme::TextStyle::Caption);
+        const QRect contextRect(content.left(), dateRect.bottom() + 1 + lineSpacing, content.width(),
+                                QFontMetrics(contextFont).height());
+        drawContext(painter, contextRect, contextFont, index, titleColor);
+    }
     painter->restore();
 }
 
-QSize ConversationDelegate::sizeHint(const QStyleOptionViewItem &option, const QModelIndex &) const
+QSize ConversationDelegate::sizeHint(const QStyleOptionViewItem &option, const QModelIndex &index) const
 {
-    const int height = QFontMetrics(Theme::font(Theme::TextStyle::Body)).height() + lineSpacing +
-                       QFontMetrics(Theme::font(Theme::TextStyle::Caption2)).height() + 2 * verticalPadding;
+    int height = QFontMetrics(Theme::font(Theme::TextStyle::Body)).height() + lineSpacing +
+                 QFontMetrics(Theme::font(Theme::TextStyle::Caption2)).height() + 2 * verticalPadding;
+    if (hasContext(index))
+        height += lineSpacing + QFontMetrics(Theme::font(Theme::TextStyle::Caption)).height();
     return {option.rect.width(), height};
+}
+
+bool ConversationDelegate::hasContext(const QModelIndex &index)
+{
+    // Search results always carry the role, even with an empty line: their rows keep one height.
+    return index.data(ConversationListModel::ContextRole).isValid();
+}
+
+void ConversationDelegate::drawContext(QPainter *painter, const QRect &rect, const QFont &font,
+                                       const QModelIndex &index, const QColor &color)
+{
+    const QString context = index.data(ConversationListModel::ContextRole).toString();
+    if (context.isEmpty())
+        return;
+    const auto hits = index.data(ConversationListModel::ContextHitsRole).value<QList<TextSearch::Range>>();
+    QFont bold = font;
+    bold.setWeight(QFont::Bold);
+    QList<QTextLayout::FormatRange> formats;
+    for (const TextSearch::Range &hit : hits) {
+        QTextCharFormat format;
+        format.setFont(bold);
+        formats.append({int(hit.start), int(hit.length), format});
+    }
+    QTextLayout layout(context, font);
+    layout.setFormats(formats);
+    QTextOption option;
+    option.setWrapMode(QTextOption::NoWrap);
+    layout.setTextOption(option);
+    layout.beginLayout();
+    QTextLine line = layout.createLine();
+    line.setPosition(QPointF(0, 0));
+    layout.endLayout();
+    painter->save();
+    painter->setClipRect(rect);
+    painter->setPen(color);
+    layout.draw(painter, rect.topLeft());
+    painter->restore();
 }

@@ -51,12 +51,7 @@ int ConversationListModel::rowOf(const std::optional<QUuid> &id) const
 {
     if (!id || !m_chats)
         return -1;
-    const QList<Conversation> &all = m_chats->conversations();
-    for (qsizetype i = 0; i < all.size(); ++i) {
-        if (all.at(i).id == *id)
-            return int(i);
-    }
-    return -1;
+    return int(m_chats->indexOf(*id));
 }
 
 QString ConversationListModel::dateText(double updatedAt)

@@ -20,6 +20,9 @@ public:
     enum Role {
         IdRole = Qt::UserRole + 1, // QUuid
         DateTextRole,              // updatedAt as "MMM d, HH:mm", local time
+        ContextRole,               // a search result's line of context (QString), else none
+        ContextHitsRole,           // where the words are in it (QList<TextSearch::Range>)
+        MessageIndexRole,          // the message the context is from (qsizetype), or -1
     };
 
     explicit ConversationListModel(ConversationStore *chats, QObject *parent = nullptr);

@@ -24,15 +24,6 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-std::optional<Provider> storedProvider(const ProviderStore &store, const QUuid &id)
-{
-    for (const Provider &p : store.providers()) {
-        if (p.id == id)
-            return p;
-    }
-    return std::nullopt;
-}
-
 QLineEdit *lineEdit(const QString &label, const QString &objectName, QWidget *parent)
 {
     auto *edit = new QLineEdit(parent);
@@ -164,17 +155,19 @@ ProviderEditor::ProviderEditor(ProviderStore *store, const QUuid &providerID, QW
 
 void ProviderEditor::load()
 {
-    const std::optional<Provider> stored = storedProvider(*m_store, m_providerID);
-    if (!stored)
+    const Provider *found = m_store->find(m_providerID);
+    if (!found)
         return;
-    m_name->setText(stored->name);
-    m_wire->setCurrentIndex(m_wire->findData(rawValue(stored->wire)));
-    m_baseURL->setText(stored->baseURL);
-    m_proxy->setText(stored->proxy);
+    // A copy: the fields' reactions may change the store's list under a pointer into it.
+    const Provider stored = *found;
+    m_name->setText(stored.name);
+    m_wire->setCurrentIndex(m_wire->findData(rawValue(stored.wire)));
+    m_baseURL->setText(stored.baseURL);
+    m_proxy->setText(stored.proxy);
     checkProxy();
-    m_model->setText(stored->model);
-    setFetchedModels(stored->cachedModels);
-    m_apiKey->setText(stored->apiKey);
+    m_model->setText(stored.model);
+    setFetchedModels(stored.cachedModels);
+    m_apiKey->setText(stored.apiKey);
     setSavedNote(false);
 }
 
@@ -194,7 +187,7 @@ Provider ProviderEditor::formProvider() const
 
 void ProviderEditor::save()
 {
-    if (!storedProvider(*m_store, m_providerID))
+    if (!m_store->find(m_providerID))
         return;
     if (!checkProxy()) {
         setSavedNote(false);
@@ -230,9 +223,10 @@ void ProviderEditor::fetchModels()
         if (const auto *ids = std::get_if<QStringList>(&result)) {
             if (form)
                 form->setFetchedModels(*ids);
-            if (std::optional<Provider> stored = storedProvider(*store, id)) {
-                stored->cachedModels = *ids;
-                store->update(*stored);
+            if (const Provider *stored = store->find(id)) {
+                Provider updated = *stored;
+                updated.cachedModels = *ids;
+                store->update(updated);
             }
             if (form && ids->isEmpty())
                 form->setFetchError(u"No models returned."_s);

@@ -223,15 +223,13 @@ void SettingsView::removeSelected()
 {
     if (!m_selection)
         return;
-    for (const Provider &p : m_store->providers()) {
-        if (p.id == *m_selection) {
-            m_store->remove(Provider(p));
-            // The first one left, not the neighbour: the list's top is where the eye returns.
-            const QList<Provider> &left = m_store->providers();
-            setSelection(left.isEmpty() ? std::nullopt : std::optional<QUuid>(left.first().id));
-            return;
-        }
-    }
+    const Provider *found = m_store->find(*m_selection);
+    if (!found)
+        return;
+    m_store->remove(Provider(*found));
+    // The first one left, not the neighbour: the list's top is where the eye returns.
+    const QList<Provider> &left = m_store->providers();
+    setSelection(left.isEmpty() ? std::nullopt : std::optional<QUuid>(left.first().id));
 }
 
 void SettingsView::exportConfig()
@@ -299,8 +297,7 @@ void SettingsView::rebuildList()
 
 void SettingsView::updateDetail()
 {
-    const bool known = m_selection && std::any_of(m_store->providers().cbegin(), m_store->providers().cend(),
-                                                  [this](const Provider &p) { return p.id == *m_selection; });
+    const bool known = m_selection && m_store->find(*m_selection);
     if (!known) {
         if (m_editor)
             m_editor->deleteLater();

@@ -9,6 +9,7 @@
 #include <QPainter>
 #include <QPixmap>
 #include <QSvgRenderer>
+#include <QToolButton>
 
 #include <cmath>
 #include <variant>
@@ -42,6 +43,9 @@ constexpr Symbol symbols[] = {
     {QLatin1StringView("exclamationmark.triangle.fill"), QLatin1StringView("dialog-warning")},
     {QLatin1StringView("plus"), QLatin1StringView("list-add")},
     {QLatin1StringView("minus"), QLatin1StringView("list-remove")},
+    {QLatin1StringView("magnifyingglass"), QLatin1StringView("edit-find")},
+    {QLatin1StringView("chevron.up"), QLatin1StringView("go-up")},
+    {QLatin1StringView("xmark"), QLatin1StringView("window-close")},
 };
 
 const Symbol *findSymbol(QLatin1StringView name)
@@ -263,6 +267,26 @@ QIcon symbolIcon(QLatin1StringView symbol, Color tint)
 QIcon symbolIcon(QLatin1StringView symbol, const QColor &tint)
 {
     return QIcon(new SymbolIconEngine(symbol, tint));
+}
+
+QToolButton *symbolButton(QLatin1StringView symbol, const QString &help, const QString &objectName, QWidget *parent)
+{
+    auto *button = new QToolButton(parent);
+    button->setObjectName(objectName);
+    button->setIcon(symbolIcon(symbol));
+    button->setIconSize(QSize(16, 16));
+    button->setAutoRaise(true);
+    button->setToolTip(help);
+    button->setAccessibleName(help);
+    button->setFocusPolicy(Qt::StrongFocus);
+    return button;
+}
+
+void setTextColour(QWidget *widget, const QColor &colour)
+{
+    QPalette palette = widget->palette();
+    palette.setColor(QPalette::WindowText, colour);
+    widget->setPalette(palette);
 }
 
 } // namespace Theme

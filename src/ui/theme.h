@@ -6,6 +6,9 @@
 #include <QLatin1StringView>
 #include <QPalette>
 
+class QToolButton;
+class QWidget;
+
 // The one place where the windows get their named text styles, semantic colours and symbol
 // icons. Everything is derived from the application's font and palette at the moment of the
 // call, so a widget that asks again on QEvent::PaletteChange / FontChange follows the system
@@ -66,5 +69,11 @@ QIcon symbolIcon(QLatin1StringView symbol, Color tint = Color::Secondary);
 QIcon symbolIcon(QLatin1StringView symbol, const QColor &tint);
 // True when the symbol is one of ours (every symbol the windows use is).
 bool hasSymbol(QLatin1StringView symbol);
+
+// A borderless tool button showing the symbol at 16 px, its help as tooltip and accessible name,
+// reachable by Tab.
+QToolButton *symbolButton(QLatin1StringView symbol, const QString &help, const QString &objectName, QWidget *parent);
+// Sets the widget's text colour (its palette's WindowText).
+void setTextColour(QWidget *widget, const QColor &colour);
 
 } // namespace Theme

@@ -49,7 +49,11 @@ MainWindow *VerboltApp::newWindow()
     auto *window = new MainWindow(content);
     connect(content, &ContentView::settingsRequested, this, &VerboltApp::showSettings);
     connect(window, &MainWindow::settingsRequested, this, &VerboltApp::showSettings);
-    connect(window, &MainWindow::newChatRequested, this, &VerboltApp::newChat);
+    connect(window, &MainWindow::newChatRequested, content, [this, content] {
+        newChat();
+        // New Chat may keep the selection (an empty newest chat), which moves no focus by itself.
+        content->focusComposer();
+    });
     connect(window, &MainWindow::newWindowRequested, this, &VerboltApp::newWindow);
     connect(window, &MainWindow::quitRequested, this, &VerboltApp::quit);
     connect(window, &MainWindow::keptAsideDismissed, this, [this] {
@@ -81,7 +85,7 @@ QList<MainWindow *> VerboltApp::mainWindows() const
 
 void VerboltApp::newChat()
 {
-    m_chats->newChat(m_store->selectedID());
+    m_chats->startChat(m_store->selectedID());
 }
 
 void VerboltApp::showSettings()

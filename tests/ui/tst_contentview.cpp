@@ -3,11 +3,16 @@
 #include "storage/conversationstore.h"
 #include "storage/filedialogs.h"
 #include "storage/providerstore.h"
+#include "ui/chatheader.h"
 #include "ui/composerfield.h"
 #include "ui/contentview.h"
+#include "ui/conversationlistmodel.h"
+#include "ui/conversationsidebar.h"
 #include "ui/scrollcontroller.h"
 
 #include <QAbstractItemView>
+#include <QApplication>
+#include <QContextMenuEvent>
 #include <QDialog>
 #include <QDialogButtonBox>
 #include <QLabel>
@@ -171,10 +176,10 @@ private slots:
             options.models = *served;
             m_mock->setOptions(options);
             fetch->click();
-            QVERIFY(view->isFetchingModels());
+            QVERIFY(view->header()->isFetchingModels());
             QVERIFY(find<QWidget>(view, "fetchProgress")->isVisible());
             QVERIFY(!fetch->isEnabled());
-            QTRY_VERIFY(!view->isFetchingModels());
+            QTRY_VERIFY(!view->header()->isFetchingModels());
             QVERIFY(fetch->isEnabled());
             QCOMPARE(m_store->selected()->cachedModels, *served);
             QCOMPARE(view->chat()->errorText(), std::nullopt);
@@ -186,14 +191,14 @@ private slots:
             QCOMPARE(menuTexts(popups(view, "modelMenu").first()), menu);
             popups(view, "modelMenu").first()->close();
         } else {
-            QCOMPARE(view->modelList(), QStringList());
+            QCOMPARE(view->header()->modelList(), QStringList());
         }
 
         // A choice is stored in the provider, so every window shows it.
-        if (withProvider && !view->modelList().isEmpty()) {
-            view->selectModel(view->modelList().first());
-            QCOMPARE(m_store->selected()->model, view->modelList().first());
-            QCOMPARE(find<QLabel>(other, "modelLabel")->text(), view->modelList().first());
+        if (withProvider && !view->header()->modelList().isEmpty()) {
+            view->header()->selectModel(view->header()->modelList().first());
+            QCOMPARE(m_store->selected()->model, view->header()->modelList().first());
+            QCOMPARE(find<QLabel>(other, "modelLabel")->text(), view->header()->modelList().first());
         }
     }
     void fetchFailure_showsErrorAndKeepsList()
@@ -204,10 +209,10 @@ private slots:
         options.failBody = "overloaded";
         m_mock->setOptions(options);
         ContentView *view = makeView();
-        view->fetchModels();
-        QTRY_VERIFY(!view->isFetchingModels());
+        view->header()->fetchModels();
+        QTRY_VERIFY(!view->header()->isFetchingModels());
         QVERIFY(view->chat()->errorText().value_or(QString()).contains(u"500"_s));
-        QCOMPARE(view->modelList(), QStringList{u"kept"_s});
+        QCOMPARE(view->header()->modelList(), QStringList{u"kept"_s});
         QCOMPARE(m_store->selected()->cachedModels, QStringList{u"kept"_s});
     }
     void turn_createsConversationStreamsExportsAndStops()
@@ -230,7 +235,7 @@ private slots:
         QCOMPARE(chat->messages().size(), 2);
         QCOMPARE(chat->messages().last().content, m_mock->options().reply);
         QCOMPARE(m_chats->conversations().first().messages, chat->messages());
-        const auto total = ContentView::conversationTokenTotal(chat->messages());
+        const auto total = ChatHeader::conversationTokenTotal(chat->messages());
         QVERIFY(total.has_value());
         QCOMPARE(find<QLabel>(view, "tokenTotal")->text(), u"%1 tokens"_s.arg(*total));
         QVERIFY(find<QToolButton>(view, "exportButton")->isEnabled());
@@ -238,7 +243,7 @@ private slots:
         // Mid-reply, under another provider: the export is the transcript as shown, named for the
         // selected provider, while the record does not hold the reply yet.
         FakeDialogs dialogs;
-        view->setFileDialogs(&dialogs);
+        view->header()->setFileDialogs(&dialogs);
         const Provider second = addProvider(u"Second"_s, {}, u"second-model"_s);
         m_store->setSelectedID(second.id);
         const MockProviderOptions slow = slowReply(u"Partial"_s);
@@ -248,7 +253,7 @@ private slots:
         const Conversation before = m_chats->conversations().first();
         QCOMPARE(before.messages.size(), 3);
         dialogs.answer = m_home.filePath(u"out.md"_s);
-        view->exportCurrent();
+        view->header()->exportCurrent();
         QCOMPARE(dialogs.saves, 1);
         QFile file(*dialogs.answer);
         QVERIFY(file.open(QIODevice::ReadOnly));
@@ -259,7 +264,7 @@ private slots:
         QCOMPARE(m_chats->conversations().first(), before);
         QCOMPARE(chat->errorText(), std::nullopt);
         dialogs.answer = m_home.filePath(u"missing/folder/out.md"_s);
-        view->exportCurrent();
+        view->header()->exportCurrent();
         QVERIFY(chat->errorText().value_or(QString()).startsWith(u"Export failed: "_s));
 
         // Stopped part-way: what arrived stays and is saved.
@@ -357,22 +362,31 @@ private slots:
     {
         addProvider(u"Mock"_s);
         const Conversation older = m_chats->newChat(std::nullopt);
+        const Conversation middle = m_chats->newChat(std::nullopt);
         const Conversation newer = m_chats->newChat(std::nullopt);
         m_chats->rename(older.id, u"Older"_s);
         m_chats->rename(newer.id, u"Newer"_s);
         ContentView *view = makeView();
         auto *list = find<QAbstractItemView>(view, "conversationList");
-        QCOMPARE(list->model()->rowCount(), 2);
+        QCOMPARE(list->model()->rowCount(), 3);
         QCOMPARE(list->model()->index(0, 0).data().toString(), u"Newer"_s);
         QCOMPARE(list->currentIndex().row(), 0);
 
-        const auto openRowMenu = [&](int row) {
-            emit list->customContextMenuRequested(list->visualRect(list->model()->index(row, 0)).center());
+        // As the mouse does it: the press, then the menu event. Neither may choose the row.
+        const auto openRowMenu = [&](int row) -> QMenu * {
+            const std::optional<QUuid> before = m_chats->selectedID();
+            const QPoint at = list->visualRect(list->model()->index(row, 0)).center();
+            QTest::mousePress(list->viewport(), Qt::RightButton, {}, at);
+            QContextMenuEvent event(QContextMenuEvent::Mouse, at, list->viewport()->mapToGlobal(at));
+            QApplication::sendEvent(list->viewport(), &event);
+            QTest::mouseRelease(list->viewport(), Qt::RightButton, {}, at);
+            if (m_chats->selectedID() != before)
+                return nullptr;
             const QList<QMenu *> menus = popups(view, "conversationMenu");
             return menus.size() == 1 ? menus.first() : nullptr;
         };
         const auto runDialog = [&](const QString &text, const QString &button) {
-            QMenu *menu = openRowMenu(1);
+            QMenu *menu = openRowMenu(2);
             QVERIFY(menu);
             menu->actions().at(0)->trigger();
             menu->close();
@@ -388,19 +402,119 @@ private slots:
             QTRY_VERIFY(!find<QDialog>(view, "renameDialog"));
         };
         runDialog(u"Ignored"_s, u"Cancel"_s);
-        QCOMPARE(m_chats->conversations().at(1).title, u"Older"_s);
+        QCOMPARE(m_chats->conversations().at(2).title, u"Older"_s);
         runDialog(u"  Trip plans  "_s, u"Rename"_s);
-        QCOMPARE(m_chats->conversations().at(1).title, u"Trip plans"_s);
-        QCOMPARE(list->model()->index(1, 0).data().toString(), u"Trip plans"_s);
+        QCOMPARE(m_chats->conversations().at(2).title, u"Trip plans"_s);
+        QCOMPARE(list->model()->index(2, 0).data().toString(), u"Trip plans"_s);
+        QCOMPARE(m_chats->selectedID(), newer.id);
+
+        // Deleting a row that is not selected keeps the selection.
+        QMenu *menu = openRowMenu(1);
+        QVERIFY(menu);
+        menu->actions().at(1)->trigger();
+        menu->close();
+        QVERIFY(!m_chats->find(middle.id));
+        QCOMPARE(m_chats->selectedID(), newer.id);
+        QCOMPARE(list->currentIndex().row(), 0);
 
         // Deleting the selected row leaves the choice of the next selection to the store.
-        QMenu *menu = openRowMenu(0);
+        menu = openRowMenu(0);
+        QVERIFY(menu);
         menu->actions().at(1)->trigger();
         menu->close();
         QCOMPARE(m_chats->conversations().size(), 1);
         QCOMPARE(m_chats->selectedID(), older.id);
         QCOMPARE(list->currentIndex().row(), 0);
         QVERIFY(list->selectionModel()->isRowSelected(0));
+    }
+    void listKeys_walkConversationsThenReturnToComposer()
+    {
+        addProvider(u"Mock"_s);
+        for (int i = 0; i < 3; ++i)
+            m_chats->newChat(std::nullopt);
+        ContentView *view = makeView();
+        QApplication::setActiveWindow(view);
+        auto *list = find<QAbstractItemView>(view, "conversationList");
+        auto *composer = find<QPlainTextEdit>(view, "composer");
+        list->setFocus();
+        for (int row = 1; row < 3; ++row) {
+            QTest::keyClick(list, Qt::Key_Down);
+            QCOMPARE(m_chats->selectedID(), m_chats->conversations().at(row).id);
+            QTest::qWait(10); // the composer would take the focus now after any other change
+            QVERIFY(list->hasFocus());
+        }
+        QTest::keyClick(list, Qt::Key_Return);
+        QVERIFY(composer->hasFocus());
+        QCOMPARE(m_chats->selectedID(), m_chats->conversations().at(2).id);
+
+        // Any other change of the selection gives the composer the focus.
+        list->setFocus();
+        m_chats->setSelectedID(m_chats->conversations().at(0).id);
+        QTRY_VERIFY(composer->hasFocus());
+    }
+    void search_narrowsTheListAndEscapeRestoresIt()
+    {
+        addProvider(u"Mock"_s);
+        const auto make = [&](const QString &title, const QString &reply) {
+            const Conversation c = m_chats->newChat(std::nullopt);
+            m_chats->updateMessages(
+                c.id, {ChatMessage(ChatRole::user, u"question"_s), ChatMessage(ChatRole::assistant, reply)});
+            m_chats->rename(c.id, title);
+            return *m_chats->find(c.id);
+        };
+        const Conversation paris = make(u"Paris"_s, u"Try the Café de Flore.\nOr the Louvre café."_s);
+        const Conversation rome = make(u"Rome"_s, u"A cafe near the Pantheon."_s);
+        const Conversation other = make(u"Other"_s, u"Nothing here."_s);
+        ContentView *view = makeView();
+        QApplication::setActiveWindow(view);
+        auto *list = find<QAbstractItemView>(view, "conversationList");
+        auto *field = find<QLineEdit>(view, "searchField");
+        auto *composer = find<QPlainTextEdit>(view, "composer");
+        QCOMPARE(m_chats->selectedID(), other.id);
+        composer->setFocus();
+        QSignalSpy chosen(view->sidebar(), &ConversationSidebar::resultChosen);
+
+        QTest::keyClick(composer, Qt::Key_F, Qt::ControlModifier | Qt::ShiftModifier);
+        QVERIFY(field->hasFocus());
+        QTest::keyClicks(field, u"CAFE"_s);
+        QTRY_VERIFY(view->sidebar()->isSearchComplete());
+        QCOMPARE(list->model()->rowCount(), 2);
+        QCOMPARE(list->model()->index(0, 0).data(ConversationListModel::IdRole).toUuid(), rome.id);
+        QCOMPARE(list->model()->index(1, 0).data(ConversationListModel::IdRole).toUuid(), paris.id);
+        QCOMPARE(list->model()->index(1, 0).data(ConversationListModel::ContextRole).toString(),
+                 u"Try the Café de Flore."_s);
+        QCOMPARE(view->sidebar()->searchStatus(), u"2 conversations match"_s);
+        QCOMPARE(field->accessibleDescription(), u"2 conversations match"_s);
+        QVERIFY(list->selectionModel()->selectedRows().isEmpty()); // the selected chat is not a result
+        QVERIFY(list->model()->index(1, 0).data(Qt::AccessibleTextRole).toString().contains(u"Café de Flore"_s));
+
+        // A word that is nowhere empties the list; taking it back finds the two again.
+        QTest::keyClicks(field, u" louvre"_s);
+        QTRY_VERIFY(view->sidebar()->isSearchComplete());
+        QCOMPARE(list->model()->rowCount(), 1);
+        QTest::keyClicks(field, u"x"_s);
+        QTRY_VERIFY(view->sidebar()->isSearchComplete());
+        QCOMPARE(list->model()->rowCount(), 0);
+        QCOMPARE(view->sidebar()->searchStatus(), u"No conversations match"_s);
+        field->setText(u"cafe"_s);
+        QTRY_VERIFY(view->sidebar()->isSearchComplete());
+
+        // Choosing a result opens it and tells the window which words to show from where.
+        QTest::mouseClick(list->viewport(), Qt::LeftButton, {}, list->visualRect(list->model()->index(1, 0)).center());
+        QCOMPARE(m_chats->selectedID(), paris.id);
+        QCOMPARE(chosen.size(), 1);
+        QCOMPARE(chosen.first().at(0).toString(), u"cafe"_s);
+        QCOMPARE(chosen.first().at(1).value<qsizetype>(), 1);
+
+        // Escape shows the whole list with the selection, and gives the focus back.
+        QTRY_VERIFY(composer->hasFocus());
+        field->setFocus();
+        QTest::keyClick(field, Qt::Key_Escape);
+        QCOMPARE(field->text(), QString());
+        QCOMPARE(list->model()->rowCount(), 3);
+        QCOMPARE(list->currentIndex().data(ConversationListModel::IdRole).toUuid(), paris.id);
+        QVERIFY(!view->sidebar()->isSearching());
+        QVERIFY(composer->hasFocus());
     }
     void twoWindows_shareSelectionAndSeeEachOthersTurns()
     {

@@ -141,6 +141,13 @@ private slots:
             QCOMPARE(app.chats()->selectedID(), app.chats()->conversations().first().id);
             QCOMPARE(app.chats()->conversations().first().providerID, app.store()->selectedID());
             QCOMPARE(app.chats()->conversations().first().providerID.has_value(), providerSelected);
+            // The empty chat is reused, also after another one was chosen meanwhile.
+            app.chats()->newChat(std::nullopt);
+            app.chats()->setSelectedID(app.chats()->conversations().last().id);
+            for (int i = 0; i < 3; ++i)
+                QTest::keySequence(focus, keys);
+            QCOMPARE(app.chats()->conversations().size(), chatsBefore + 2);
+            QCOMPARE(app.chats()->selectedID(), app.chats()->conversations().first().id);
             break;
         case Command::settings:
             QVERIFY(app.settingsView());

@@ -11,13 +11,10 @@ namespace {
 
 std::optional<Conversation> storedConversation(const ConversationStore &chats, const std::optional<QUuid> &id)
 {
-    if (!id)
+    const Conversation *found = id ? chats.find(*id) : nullptr;
+    if (!found)
         return std::nullopt;
-    for (const Conversation &conversation : chats.conversations()) {
-        if (conversation.id == *id)
-            return conversation;
-    }
-    return std::nullopt;
+    return *found;
 }
 
 // One turn as a main window runs it: the store's selected conversation (a new one when none is

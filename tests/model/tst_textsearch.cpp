@@ -1,0 +1,82 @@
+#include "model/textsearch.h"
+
+#include <QTest>
+
+using namespace Qt::StringLiterals;
+using TextSearch::Query;
+using TextSearch::Range;
+
+class tst_TextSearch final : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void matching_data()
+    {
+        QTest::addColumn<QString>("typed");
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<bool>("matches");
+
+        struct Row
+        {
+            const char *name;
+            QString typed;
+            QString text;
+            bool matches;
+        };
+        const Row rows[] = {
+            {"case", u"HELLO"_s, u"say hello there"_s, true},
+            {"accent in the text", u"cafe"_s, u"Le Café du coin"_s, true},
+            {"accent in the query", u"café"_s, u"CAFE au lait"_s, true},
+            {"combining accent in the text", u"cafe"_s, u"cafe\u0301"_s, true},
+            {"sharp s needs no expansion", u"strasse"_s, u"Straße"_s, false},
+            {"sharp s finds itself", u"STRAßE"_s, u"straße"_s, true},
+            {"greek final sigma", u"ΟΔΟΣ"_s, u"οδος"_s, true},
+            {"cyrillic case", u"ДАННЫЕ"_s, u"данные"_s, true},
+            {"full-width letters", u"full"_s, u"ＦＵＬＬ width"_s, true},
+            {"every word somewhere", u"memory latency"_s, u"latency of the memory"_s, true},
+            {"one word missing", u"memory latency"_s, u"memory only"_s, false},
+            {"words are substrings", u"stream"_s, u"streaming"_s, true},
+            {"chinese as substring", u"语言"_s, u"我们的语言模型"_s, true},
+            {"japanese across scripts", u"テキスト"_s, u"日本語テキストです"_s, true},
+            {"japanese missing", u"テスト"_s, u"日本語テキスト"_s, false},
+            {"emoji", u"😀"_s, u"smile 😀 ok"_s, true},
+            {"white space only is no query", u" \t\n"_s, u"anything"_s, false},
+            {"order does not matter", u"b a"_s, u"a b"_s, true},
+        };
+        for (const Row &row : rows)
+            QTest::newRow(row.name) << row.typed << row.text << row.matches;
+    }
+    void matching()
+    {
+        QFETCH(QString, typed);
+        QFETCH(QString, text);
+        QFETCH(bool, matches);
+        const QString folded = TextSearch::folded(text);
+        QCOMPARE(folded.size(), text.size()); // positions carry over to the shown text
+        QCOMPARE(Query(typed).matchesAll(folded), matches);
+    }
+
+    void hits_data()
+    {
+        QTest::addColumn<QString>("typed");
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QList<Range>>("hits");
+
+        QTest::newRow("every occurrence") << u"ab"_s << u"ab ab xab"_s << QList<Range>{{0, 2}, {3, 2}, {7, 2}};
+        QTest::newRow("overlapping words merge") << u"abc cde"_s << u"xabcdex"_s << QList<Range>{{1, 5}};
+        QTest::newRow("word inside another counts once") << u"memo memory"_s << u"memory"_s << QList<Range>{{0, 6}};
+        QTest::newRow("accented hit keeps its place") << u"naive"_s << u"a naïve one"_s << QList<Range>{{2, 5}};
+        QTest::newRow("no hit") << u"zzz"_s << u"abc"_s << QList<Range>{};
+    }
+    void hits()
+    {
+        QFETCH(QString, typed);
+        QFETCH(QString, text);
+        QFETCH(QList<Range>, hits);
+        QCOMPARE(Query(typed).hits(TextSearch::folded(text)), hits);
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_TextSearch)
+#include "tst_textsearch.moc"

@@ -1,0 +1,176 @@
+#include "storage/conversationstore.h"
+#include "storage/historysearch.h"
+
+#include <QFile>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+// A history written as another program (or an older Verbolt) might have: escapes of every kind in
+// the stored text, which the search reads as stored.
+const char historyFile[] = VERBOLT_TEST_DATA "/search-history.json";
+
+} // namespace
+
+class tst_HistorySearch final : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        const QString path = m_dir.filePath(u"conversations.json"_s);
+        QVERIFY(QFile::copy(QString::fromUtf8(historyFile), path));
+        QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner);
+        m_store = std::make_unique<ConversationStore>(path);
+        QCOMPARE(m_store->conversations().size(), 3);
+        QVERIFY(m_store->conversations().first().messages.stored().has_value());
+    }
+
+    void search_data()
+    {
+        QTest::addColumn<QString>("typed");
+        QTest::addColumn<QStringList>("titles");
+        QTest::addColumn<QString>("context"); // of the first result
+        QTest::addColumn<QStringList>("bold");
+        QTest::addColumn<qsizetype>("messageIndex");
+
+        struct Row
+        {
+            const char *name;
+            QString typed;
+            QStringList titles;
+            QString context;
+            QStringList bold;
+            qsizetype messageIndex;
+        };
+        const Row rows[] = {
+            {"escaped accent, folded",
+             u"cafe"_s,
+             {u"Trip plans"_s},
+             u"Try the Café de Flore."_s,
+             {u"Caf"_s + QChar(0xe9)},
+             1},
+            {"escaped quotes and line breaks",
+             u"\"famous\""_s,
+             {u"Trip plans"_s},
+             u"It is \"famous\" for a reason."_s,
+             {u"\"famous\""_s},
+             1},
+            {"words across messages and title",
+             u"trip paris flore"_s,
+             {u"Trip plans"_s},
+             u"…to eat in Paris?"_s,
+             {u"Paris"_s},
+             0},
+            {"escaped backslashes",
+             u"c:\\users"_s,
+             {u"Rust help"_s},
+             u"Path C:\\Users\\dev fails"_s,
+             {u"C:\\Users"_s},
+             0},
+            {"surrogate pair escape", u"😀"_s, {u"Rust help"_s}, u"A smile 😀 and 日本語テキスト."_s, {u"😀"_s}, 1},
+            {"japanese substring, cut before at a space",
+             u"語テキ"_s,
+             {u"Rust help"_s},
+             u"…😀 and 日本語テキスト."_s,
+             {u"語テキ"_s},
+             1},
+            {"title only", u"content"_s, {u"content"_s}, QString(), {}, -1},
+            {"keys and ids are not text", u"assistant"_s, {}, QString(), {}, -1},
+            {"in two conversations, newest first",
+             u"a"_s,
+             {u"Trip plans"_s, u"Rust help"_s},
+             u"Where to eat in Paris?"_s,
+             {u"a"_s, u"a"_s},
+             0},
+            {"one word missing", u"paris rust"_s, {}, QString(), {}, -1},
+        };
+        for (const Row &row : rows)
+            QTest::newRow(row.name) << row.typed << row.titles << row.context << row.bold << row.messageIndex;
+    }
+    void search()
+    {
+        QFETCH(QString, typed);
+        QFETCH(QStringList, titles);
+        QFETCH(QString, context);
+        QFETCH(QStringList, bold);
+        QFETCH(qsizetype, messageIndex);
+
+        HistorySearch search;
+        QSignalSpy found(&search, &HistorySearch::resultsFound);
+        QSignalSpy finished(&search, &HistorySearch::finished);
+        search.start(m_store->conversations(), typed);
+        QVERIFY(finished.wait(5000) || finished.size() == 1);
+        QList<SearchResult> results;
+        for (const QList<QVariant> &batch : found)
+            results.append(batch.first().value<QList<SearchResult>>());
+        QStringList gotTitles;
+        for (const SearchResult &r : results)
+            gotTitles.append(r.title);
+        QCOMPARE(gotTitles, titles);
+        if (results.isEmpty())
+            return;
+        QCOMPARE(results.first().context, context);
+        QStringList gotBold;
+        for (const TextSearch::Range &hit : results.first().contextHits)
+            gotBold.append(context.mid(hit.start, hit.length));
+        QCOMPARE(gotBold, bold);
+        QCOMPARE(results.first().messageIndex, messageIndex);
+        // The history stays in its stored form: a search must not decode it for good.
+        QVERIFY(m_store->conversations().first().messages.stored().has_value());
+    }
+
+    void longLine_contextIsOneLineAroundTheHit()
+    {
+        Conversation c;
+        c.id = QUuid::createUuid();
+        c.title = u"Long"_s;
+        const QString before = u"word "_s.repeated(40);
+        c.messages = {ChatMessage(ChatRole::user, u"first line\n"_s + before + u"needle "_s + before + u"\nlast"_s)};
+        const auto result = HistorySearch::searchConversation(c, TextSearch::Query(u"needle"_s));
+        QVERIFY(result);
+        QVERIFY(result->context.startsWith(u'…'));
+        QVERIFY(result->context.endsWith(u'…'));
+        QVERIFY(!result->context.contains(u"line"_s));
+        QCOMPARE(result->contextHits.size(), 1);
+        QCOMPARE(result->context.mid(result->contextHits.first().start, 6), u"needle"_s);
+    }
+
+    void laterStart_cancelsTheSearchInFlight()
+    {
+        // Enough text that the first search is still running when the second one starts.
+        QList<Conversation> many;
+        for (int i = 0; i < 3000; ++i) {
+            Conversation c;
+            c.id = QUuid::createUuid();
+            c.title = u"Chat %1"_s.arg(i);
+            c.messages = {ChatMessage(ChatRole::user, u"filler text "_s.repeated(200) + u"first"_s)};
+            many.append(c);
+        }
+        HistorySearch search;
+        QSignalSpy found(&search, &HistorySearch::resultsFound);
+        QSignalSpy finished(&search, &HistorySearch::finished);
+        search.start(many, u"first"_s);
+        search.start(many.mid(0, 1), u"chat"_s);
+        QVERIFY(finished.wait(10000));
+        QTest::qWait(50);
+        QCOMPARE(finished.size(), 1);
+        QCOMPARE(found.size(), 1);
+        const auto results = found.first().first().value<QList<SearchResult>>();
+        QCOMPARE(results.size(), 1);
+        QCOMPARE(results.first().title, u"Chat 0"_s);
+    }
+
+private:
+    QTemporaryDir m_dir;
+    std::unique_ptr<ConversationStore> m_store;
+};
+
+QTEST_GUILESS_MAIN(tst_HistorySearch)
+#include "tst_historysearch.moc"
