@@ -7,14 +7,18 @@ JOBS ?= $(shell nproc)
 PACKAGES := cmake make g++ pkg-config qt6-base-dev qt6-svg-dev libgl-dev xvfb xauth \
             libsimdjson-dev
 
+# What `make deb` needs to make the package, and what `make deb-check` needs to check it.
+DEB_PACKAGES := dpkg-dev file
+CHECK_PACKAGES := lintian desktop-file-utils appstream man-db libgtk-3-bin xvfb xauth
+
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: all deps configure build run test bench screenshots clean format
+.PHONY: all deps configure build run test bench screenshots clean format deb deb-check
 
 all: build
 
 deps:
-	@missing=""; for p in $(PACKAGES); do \
+	@missing=""; for p in $(PACKAGES) $(EXTRA_PACKAGES); do \
 	    dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q 'install ok installed' || missing="$$missing $$p"; \
 	done; \
 	if [ -n "$$missing" ]; then \
@@ -44,6 +48,18 @@ bench: build
 screenshots: configure
 	cmake --build $(BUILD_DIR) -j $(JOBS) --target verbolt-screenshots verbolt-mock-provider
 	tools/screenshots.sh $(BUILD_DIR) docs
+
+# The Debian package, from the build above: nothing is compiled again when `make test` ran first.
+deb: EXTRA_PACKAGES += $(DEB_PACKAGES)
+deb: build
+	cd $(BUILD_DIR) && cpack -G DEB
+	@ls $(BUILD_DIR)/verbolt_*_amd64.deb
+
+# lintian and the desktop and AppStream validators on the package; as root also installs it with
+# apt, starts it from its desktop entry, removes and purges it (tools/check-deb.sh).
+deb-check: EXTRA_PACKAGES += $(CHECK_PACKAGES)
+deb-check: deb
+	tools/check-deb.sh $$(ls -t $(BUILD_DIR)/verbolt_*_amd64.deb | head -n1)
 
 format:
 	find src app tools tests bench -name '*.cpp' -o -name '*.h' | xargs clang-format -i

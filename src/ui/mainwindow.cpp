@@ -37,6 +37,9 @@ MainWindow::MainWindow(QWidget *content, QWidget *parent)
     QMenu *window = menuBar()->addMenu(u"&Window"_s);
     m_newWindow = window->addAction(u"New Window"_s, this, &MainWindow::newWindowRequested);
     m_newWindow->setShortcut(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_N));
+    QMenu *help = menuBar()->addMenu(u"&Help"_s);
+    m_about = help->addAction(u"About Verbolt"_s, this, &MainWindow::aboutRequested);
+    m_about->setMenuRole(QAction::AboutRole);
     // The shortcuts work wherever the focus is in this window, the composer included.
     for (QAction *action : {m_newChat, m_settings, m_quit, m_newWindow})
         action->setShortcutContext(Qt::WindowShortcut);

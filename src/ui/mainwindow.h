@@ -7,7 +7,8 @@ class QAction;
 class QFrame;
 class QLabel;
 
-// One main window: the menu bar (File: New Chat, Settings…, Quit; Window: New Window), a bar
+// One main window: the menu bar (File: New Chat, Settings…, Quit; Window: New Window; Help:
+// About Verbolt), a bar
 // that tells the user where an unreadable file was kept aside, and the chat content below it.
 // The window only asks; the application decides what each request does.
 //
@@ -34,6 +35,7 @@ public:
     QAction *settingsAction() const { return m_settings; }
     QAction *quitAction() const { return m_quit; }
     QAction *newWindowAction() const { return m_newWindow; }
+    QAction *aboutAction() const { return m_about; }
 
 signals:
     // Emitted when the user asks for a new conversation ("New Chat", Ctrl+N).
@@ -42,6 +44,8 @@ signals:
     void settingsRequested();
     // Emitted when the user asks for another main window ("New Window", Ctrl+Shift+N).
     void newWindowRequested();
+    // Emitted when the user asks for the About window ("About Verbolt").
+    void aboutRequested();
     // Emitted when the user asks to quit ("Quit", Ctrl+Q).
     void quitRequested();
     // Emitted when the user dismisses the kept-aside bar.
@@ -61,4 +65,5 @@ private:
     QAction *m_settings;
     QAction *m_quit;
     QAction *m_newWindow;
+    QAction *m_about;
 };

@@ -7,13 +7,16 @@
 #include "ui/qtfiledialogs.h"
 #include "ui/theme.h"
 
+#include <QDir>
 #include <QEvent>
+#include <QFileInfo>
 #include <QFontInfo>
 #include <QFrame>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QListWidget>
 #include <QMenu>
+#include <QMessageBox>
 #include <QPushButton>
 #include <QShowEvent>
 #include <QSplitter>
@@ -241,7 +244,63 @@ void SettingsView::exportConfig()
 
 void SettingsView::importConfig()
 {
-    const std::optional<QString> failure = ConfigArchive::importConfig(*m_store, *m_chats, *m_dialogs);
+    runImport(*m_dialogs);
+}
+
+namespace {
+
+// The open dialog's answer when the file is already known.
+class ChosenFile final : public FileDialogs
+{
+public:
+    explicit ChosenFile(const QString &path)
+        : m_path(path)
+    {}
+
+    std::optional<QString> saveFileName(const SaveDialogRequest &) override { return std::nullopt; }
+    std::optional<QString> openFileName(const OpenDialogRequest &) override { return m_path; }
+
+private:
+    QString m_path;
+};
+
+} // namespace
+
+void SettingsView::offerImport(const QString &path)
+{
+    delete m_importQuestion;
+    const QFileInfo file(path);
+    auto *question = new QMessageBox(QMessageBox::Question, u"Import Config"_s,
+                                     u"Import the providers and conversations in “%1”?"_s.arg(file.fileName()),
+                                     QMessageBox::NoButton, window());
+    question->setObjectName(u"importQuestion"_s);
+    question->setAttribute(Qt::WA_DeleteOnClose);
+    question->setTextFormat(Qt::PlainText);
+    question->setInformativeText(
+        u"The file is in %1. Providers and conversations you already have from the same export are "
+        u"replaced by the file's; nothing is deleted."_s.arg(QDir::toNativeSeparators(file.absolutePath())));
+    QPushButton *import = question->addButton(u"Import"_s, QMessageBox::AcceptRole);
+    question->addButton(QMessageBox::Cancel);
+    question->setDefaultButton(import);
+    question->setWindowModality(Qt::WindowModal);
+    m_importQuestion = question;
+    connect(question, &QMessageBox::finished, this, [this, question, import, path] {
+        if (question->clickedButton() != import)
+            return;
+        ChosenFile chosen(path);
+        runImport(chosen);
+    });
+    question->open();
+}
+
+QMessageBox *SettingsView::importQuestion() const
+{
+    return m_importQuestion;
+}
+
+void SettingsView::runImport(FileDialogs &dialogs)
+{
+    const std::optional<QString> failure = ConfigArchive::importConfig(*m_store, *m_chats, dialogs);
     setBackupNote(failure.value_or(u"Config imported."_s));
     // Imported providers may have replaced or joined the list; start again from the store's pick.
     m_selection.reset();

@@ -15,6 +15,7 @@ class ProviderEditor;
 class ProviderStore;
 class QLabel;
 class QListWidget;
+class QMessageBox;
 class QPushButton;
 class QStackedWidget;
 class QToolButton;
@@ -51,6 +52,13 @@ public:
     void removeSelected();
     void exportConfig();
     void importConfig();
+    // Asks over the settings window whether to import the configuration file at path (a file
+    // named when the program was started) and, when the user agrees, imports it as
+    // importConfig() would; the outcome goes to the backup note. Does not wait for the answer.
+    // A question still open from an earlier call is replaced by the new one.
+    void offerImport(const QString &path);
+    // The question offerImport() shows while it waits for an answer, or null.
+    QMessageBox *importQuestion() const;
 
 signals:
     // Emitted when the list's selection changes.
@@ -61,6 +69,7 @@ protected:
     void changeEvent(QEvent *event) override;
 
 private:
+    void runImport(FileDialogs &dialogs);
     void rebuildList();
     void updateDetail();
     void setBackupNote(const QString &note);
@@ -84,5 +93,6 @@ private:
     QLabel *m_emptyIcon;
     QLabel *m_emptyText;
     QPointer<ProviderEditor> m_editor;
+    QPointer<QMessageBox> m_importQuestion;
     QLabel *m_note;
 };

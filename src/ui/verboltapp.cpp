@@ -2,6 +2,7 @@
 
 #include "storage/conversationstore.h"
 #include "storage/providerstore.h"
+#include "ui/aboutdialog.h"
 #include "ui/contentview.h"
 #include "ui/mainwindow.h"
 #include "ui/settingsview.h"
@@ -14,13 +15,19 @@
 #include <QLocalSocket>
 #include <QSettings>
 #include <QStandardPaths>
+#include <QUrl>
 #include <QVBoxLayout>
 
 using namespace Qt::StringLiterals;
 
 namespace {
 
+// A later start speaks one line per request and reads "ok" for each one done:
+//   new-window
+//   import <the file's URL, percent-encoded, so any file name fits on one line>
 constexpr QByteArrayView newWindowRequest = "new-window\n";
+constexpr QByteArrayView importRequest = "import ";
+constexpr QByteArrayView requestDone = "ok\n";
 constexpr int handOverTimeoutMs = 3000;
 
 } // namespace
@@ -41,6 +48,7 @@ VerboltApp::~VerboltApp()
         }
     }
     delete m_settingsWindow;
+    delete m_about;
 }
 
 MainWindow *VerboltApp::newWindow()
@@ -56,6 +64,7 @@ MainWindow *VerboltApp::newWindow()
     });
     connect(window, &MainWindow::newWindowRequested, this, &VerboltApp::newWindow);
     connect(window, &MainWindow::quitRequested, this, &VerboltApp::quit);
+    connect(window, &MainWindow::aboutRequested, this, &VerboltApp::showAbout);
     connect(window, &MainWindow::keptAsideDismissed, this, [this] {
         m_keptAsideDismissed = true;
         for (MainWindow *other : mainWindows())
@@ -109,13 +118,38 @@ void VerboltApp::showSettings()
     m_settingsWindow->activateWindow();
 }
 
+void VerboltApp::showAbout()
+{
+    if (!m_about) {
+        m_about = new AboutDialog;
+        // Like the settings window, it does not keep the program running on its own.
+        m_about->setAttribute(Qt::WA_QuitOnClose, false);
+    }
+    m_about->show();
+    m_about->raise();
+    m_about->activateWindow();
+}
+
+AboutDialog *VerboltApp::aboutWindow() const
+{
+    return m_about;
+}
+
 SettingsView *VerboltApp::settingsView() const
 {
     return m_settings;
 }
 
+void VerboltApp::offerImport(const QString &path)
+{
+    showSettings();
+    m_settings->offerImport(path);
+}
+
 void VerboltApp::quit()
 {
+    if (m_about)
+        m_about->close();
     if (m_settingsWindow)
         m_settingsWindow->close();
     for (MainWindow *window : mainWindows())
@@ -143,6 +177,8 @@ void VerboltApp::handleMainWindowGone(QObject *window)
 {
     m_windows.removeIf([window](const QPointer<MainWindow> &w) { return !w || w == window; });
     if (m_windows.isEmpty()) {
+        if (m_about)
+            m_about->close();
         if (m_settingsWindow)
             m_settingsWindow->close();
         emit lastMainWindowClosed();
@@ -164,16 +200,54 @@ QString VerboltApp::instanceServerName()
 
 bool VerboltApp::askRunningInstanceForWindow(const QString &serverName)
 {
+    return handOverToRunningInstance(serverName, true, std::nullopt);
+}
+
+bool VerboltApp::handOverToRunningInstance(const QString &serverName, bool newWindow,
+                                           const std::optional<QString> &configFile)
+{
     QLocalSocket socket;
     socket.connectToServer(serverName);
     if (!socket.waitForConnected(handOverTimeoutMs))
         return false;
-    socket.write(newWindowRequest.data(), newWindowRequest.size());
+    QByteArray requests;
+    if (newWindow)
+        requests.append(newWindowRequest);
+    if (configFile)
+        requests.append(importRequest).append(QUrl::fromLocalFile(*configFile).toEncoded()).append('\n');
+    socket.write(requests);
     if (!socket.waitForBytesWritten(handOverTimeoutMs))
         return false;
-    // The answer says the window is there; a program too busy to answer soon still has the request.
-    socket.waitForReadyRead(handOverTimeoutMs);
+    // The answers say the windows are there; a program too busy to answer soon still has the
+    // requests.
+    const qsizetype expected = requests.count('\n');
+    for (qsizetype answered = 0; answered < expected;) {
+        if (!socket.canReadLine() && !socket.waitForReadyRead(handOverTimeoutMs))
+            break;
+        while (socket.canReadLine()) {
+            socket.readLine();
+            ++answered;
+        }
+    }
     return true;
+}
+
+bool VerboltApp::handleStartRequest(const QByteArray &line)
+{
+    if (line == newWindowRequest.toByteArray()) {
+        MainWindow *window = newWindow();
+        window->raise();
+        window->activateWindow();
+        return true;
+    }
+    if (line.startsWith(importRequest) && line.endsWith('\n')) {
+        const QUrl file = QUrl::fromEncoded(line.sliced(importRequest.size()).chopped(1), QUrl::StrictMode);
+        if (!file.isValid() || !file.isLocalFile())
+            return false;
+        offerImport(file.toLocalFile());
+        return true;
+    }
+    return false;
 }
 
 bool VerboltApp::acceptOtherStarts(const QString &serverName)
@@ -185,15 +259,13 @@ bool VerboltApp::acceptOtherStarts(const QString &serverName)
             while (QLocalSocket *socket = m_server->nextPendingConnection()) {
                 connect(socket, &QLocalSocket::disconnected, socket, &QObject::deleteLater);
                 connect(socket, &QLocalSocket::readyRead, socket, [this, socket] {
-                    if (!socket->canReadLine())
-                        return;
-                    if (socket->readLine() == newWindowRequest.toByteArray()) {
-                        MainWindow *window = newWindow();
-                        window->raise();
-                        window->activateWindow();
-                        socket->write("ok\n");
+                    while (socket->canReadLine()) {
+                        if (!handleStartRequest(socket->readLine())) {
+                            socket->disconnectFromServer();
+                            return;
+                        }
+                        socket->write(requestDone.data(), requestDone.size());
                     }
-                    socket->disconnectFromServer();
                 });
             }
         });

@@ -6,7 +6,9 @@
 #include <QStringList>
 
 #include <memory>
+#include <optional>
 
+class AboutDialog;
 class ConversationStore;
 class MainWindow;
 class ProviderStore;
@@ -41,9 +43,14 @@ public:
     void newChat();
     // Shows the settings window, making it on first use and raising it when already open.
     void showSettings();
+    // Shows the About window, making it on first use and raising it when already open.
+    void showAbout();
+    AboutDialog *aboutWindow() const;
     // The settings window's content (its window() is the settings window), or null before the
     // first showSettings().
     SettingsView *settingsView() const;
+    // Shows the settings window asking whether to import the configuration file at path.
+    void offerImport(const QString &path);
     // Closes every window; the last main window closing ends the program.
     void quit();
 
@@ -56,7 +63,12 @@ public:
     // Asks a program already running on serverName for a new main window. True when it answered;
     // this process should then end without touching the stores.
     static bool askRunningInstanceForWindow(const QString &serverName);
-    // Answers later starts on serverName with a new main window. False when it cannot listen.
+    // Hands a start's request to the program running on serverName: a new main window when
+    // newWindow, and the import question for configFile (an absolute path) when given. True when
+    // a program took the request; false when none runs there, and then nothing was asked.
+    static bool handOverToRunningInstance(const QString &serverName, bool newWindow,
+                                          const std::optional<QString> &configFile);
+    // Answers later starts on serverName with what they ask for. False when it cannot listen.
     bool acceptOtherStarts(const QString &serverName);
 
 signals:
@@ -65,12 +77,14 @@ signals:
 
 private:
     void handleMainWindowGone(QObject *window);
+    bool handleStartRequest(const QByteArray &line);
 
     std::unique_ptr<ProviderStore> m_store;
     std::unique_ptr<ConversationStore> m_chats;
     QList<QPointer<MainWindow>> m_windows;
     QPointer<QDialog> m_settingsWindow;
     QPointer<SettingsView> m_settings;
+    QPointer<AboutDialog> m_about;
     QLocalServer *m_server = nullptr;
     bool m_keptAsideDismissed = false;
 };

@@ -1,19 +1,24 @@
 #include "chat/chatviewmodel.h"
 #include "mockprovider.h"
+#include "storage/configarchive.h"
 #include "storage/conversationstore.h"
 #include "storage/providerstore.h"
 #include "storagetestsupport.h"
+#include "ui/aboutdialog.h"
 #include "ui/composerfield.h"
 #include "ui/contentview.h"
 #include "ui/mainwindow.h"
 #include "ui/providereditor.h"
 #include "ui/settingsview.h"
 #include "ui/verboltapp.h"
+#include "verboltversion.h"
 
 #include <QAction>
 #include <QApplication>
+#include <QLabel>
 #include <QLineEdit>
 #include <QMenu>
+#include <QMessageBox>
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QSettings>
@@ -314,6 +319,76 @@ private slots:
         QTRY_COMPARE(app.mainWindows().size(), 2);
         QTRY_VERIFY(second.wait_for(std::chrono::seconds(0)) == std::future_status::ready);
         QVERIFY(second.get());
+    }
+
+    // One About window, reached from every main window's Help menu, saying what a bug report needs.
+    void helpMenu_aboutNamesVersionQtAndLicence()
+    {
+        VerboltApp app;
+        MainWindow *one = app.newWindow();
+        MainWindow *two = app.newWindow();
+        one->aboutAction()->trigger();
+        AboutDialog *about = app.aboutWindow();
+        QVERIFY(about && about->isVisible());
+        QStringList lines;
+        for (const QLabel *label : about->findChildren<QLabel *>()) {
+            lines.append(label->text());
+            QVERIFY(!label->accessibleName().isEmpty());
+        }
+        const QString text = lines.join(u'\n');
+        QVERIFY2(text.contains(u"Version %1"_s.arg(QLatin1StringView(Verbolt::version))), qPrintable(text));
+        QVERIFY2(text.contains(u"Qt "_s + QString::fromLatin1(qVersion())), qPrintable(text));
+        QVERIFY2(text.contains(u"Licence: %1"_s.arg(QLatin1StringView(Verbolt::licence))), qPrintable(text));
+        two->aboutAction()->trigger();
+        QCOMPARE(app.aboutWindow(), about);
+        // It does not outlive the program's windows.
+        app.quit();
+        QTRY_VERIFY(!about->isVisible());
+    }
+
+    void secondStart_withFile_asksBeforeImport_data()
+    {
+        QTest::addColumn<bool>("newWindow");
+        QTest::addColumn<bool>("accept");
+        QTest::newRow("file alone, imported") << false << true;
+        QTest::newRow("file and new window, declined") << true << false;
+    }
+
+    // A file named on a later start reaches the running program, which asks before it merges.
+    void secondStart_withFile_asksBeforeImport()
+    {
+        QFETCH(bool, newWindow);
+        QFETCH(bool, accept);
+        const QString archive = m_profile->root() + u"/exported config.json"_s;
+        const Provider imported = StorageTest::provider(u"Imported"_s);
+        QVERIFY(StorageTest::writeAll(archive, ConfigArchive::encode({1, {imported}, {}})));
+
+        const QString name = m_profile->root() + u"/verbolt-import.socket"_s;
+        VerboltApp app;
+        QVERIFY(app.acceptOtherStarts(name));
+        app.newWindow();
+        auto second = std::async(std::launch::async, [name, newWindow, archive] {
+            return VerboltApp::handOverToRunningInstance(name, newWindow, archive);
+        });
+        QTRY_VERIFY(app.settingsView() && app.settingsView()->importQuestion());
+        QTRY_VERIFY(second.wait_for(std::chrono::seconds(0)) == std::future_status::ready);
+        QVERIFY(second.get());
+        QCOMPARE(app.mainWindows().size(), newWindow ? 2 : 1);
+        QVERIFY(app.settingsView()->isVisible());
+        QMessageBox *question = app.settingsView()->importQuestion();
+        QVERIFY(question->text().contains(u"“exported config.json”"_s));
+        QVERIFY(app.store()->providers().isEmpty()); // nothing before the answer
+
+        const auto buttons = question->buttons();
+        const auto chosen = std::find_if(buttons.begin(), buttons.end(), [&](QAbstractButton *b) {
+            return question->buttonRole(b) == (accept ? QMessageBox::AcceptRole : QMessageBox::RejectRole);
+        });
+        QVERIFY(chosen != buttons.end());
+        QTest::mouseClick(*chosen, Qt::LeftButton);
+        QTRY_VERIFY(!app.settingsView()->importQuestion());
+        QCOMPARE(StorageTest::ids(app.store()->providers()), accept ? QList<QUuid>{imported.id} : QList<QUuid>{});
+        QCOMPARE(app.settingsView()->backupNote(),
+                 accept ? std::optional<QString>(u"Config imported."_s) : std::nullopt);
     }
 };
 

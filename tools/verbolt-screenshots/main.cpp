@@ -6,6 +6,7 @@
 #include "storage/conversationstore.h"
 #include "storage/filedialogs.h"
 #include "storage/providerstore.h"
+#include "ui/aboutdialog.h"
 #include "ui/contentview.h"
 #include "ui/mainwindow.h"
 #include "ui/providereditor.h"
@@ -19,6 +20,7 @@
 #include <QElapsedTimer>
 #include <QLineEdit>
 #include <QMenu>
+#include <QMessageBox>
 #include <QPalette>
 #include <QStandardPaths>
 #include <QStyleFactory>
@@ -185,7 +187,18 @@ int main(int argc, char *argv[])
     settings->setFileDialogs(nullptr);
     settle();
     ok &= shooter.shoot(settings, u"settings"_s);
+    // What `verbolt FILE` asks before importing a file.
+    settings->offerImport(
+        QDir(QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation)).filePath(u"verbolt-config.json"_s));
+    settle();
+    ok &= shooter.shoot(settings->importQuestion(), u"import-question"_s);
+    settings->importQuestion()->reject();
     settings->close();
+
+    verbolt.showAbout();
+    settle();
+    ok &= shooter.shoot(verbolt.aboutWindow(), u"about"_s);
+    verbolt.aboutWindow()->close();
 
     // A conversation with code and a table, streamed from the provider.
     verbolt.newChat();
