@@ -3,6 +3,7 @@
 #include "storage/coredumps.h"
 #include "ui/commandline.h"
 #include "ui/mainwindow.h"
+#include "ui/quitsignals.h"
 #include "ui/verboltapp.h"
 #include "verboltversion.h"
 
@@ -61,6 +62,9 @@ int main(int argc, char *argv[])
     VerboltApp verbolt;
     QObject::connect(&verbolt, &VerboltApp::lastMainWindowClosed, &app, &QCoreApplication::quit);
     verbolt.acceptOtherStarts(server);
+    // A shutdown, a logout or Ctrl+C in a terminal quits the way Ctrl+Q does, saving running replies.
+    QuitSignals quitSignals;
+    QObject::connect(&quitSignals, &QuitSignals::quitRequested, &verbolt, &VerboltApp::quit);
     // The first start always has a window: the settings window alone would not keep it running.
     verbolt.newWindow();
     if (command.configFile)

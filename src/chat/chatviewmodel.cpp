@@ -35,6 +35,11 @@ ChatViewModel::ChatViewModel(QObject *parent)
 
 ChatViewModel::~ChatViewModel()
 {
+    // A window closed mid-reply keeps what arrived. The window is going and may be half taken down
+    // already: nobody hears of the end.
+    m_onStreamEnd = nullptr;
+    blockSignals(true);
+    finishReply();
     // A reply still running must not call back into a half-destroyed view model.
     if (m_streamTask)
         m_streamTask->disconnect(this);
@@ -52,7 +57,10 @@ void ChatViewModel::setInput(const QString &input)
 
 void ChatViewModel::setStore(ConversationStore *store)
 {
+    disconnect(m_liveConnection);
     m_store = store;
+    if (store)
+        m_liveConnection = connect(store, &ConversationStore::liveReplyChanged, this, &ChatViewModel::handleLiveReply);
 }
 
 ConversationStore *ChatViewModel::store() const
@@ -76,8 +84,19 @@ void ChatViewModel::activate(const std::optional<Conversation> &conversation)
 {
     const std::optional<QUuid> oldID = m_conversationID;
     stop();
-    m_conversationID = conversation ? std::optional<QUuid>(conversation->id) : std::nullopt;
-    m_messages = conversation ? conversation->messages.list() : QList<ChatMessage>();
+    // The reply ends as a Stop and is saved to the conversation it belongs to, before that
+    // conversation stops being the one shown.
+    const bool ended = finishStoppedTurn();
+    std::optional<Conversation> shown = conversation;
+    if (ended && shown && shown->id == oldID && m_store) {
+        // The record handed in was read before the reply that just ended was saved into it.
+        if (const Conversation *stored = m_store->find(shown->id))
+            shown = *stored;
+    }
+    m_conversationID = shown ? std::optional<QUuid>(shown->id) : std::nullopt;
+    m_messages = shown ? shown->messages.list() : QList<ChatMessage>();
+    m_othersLive.clear();
+    showLiveReplies();
     emit messagesReset();
     emit messagesChanged();
     setErrorText(std::nullopt);
@@ -139,6 +158,13 @@ void ChatViewModel::send(const std::optional<Provider> &provider)
     m_turn = turn;
 }
 
+bool ChatViewModel::finishReply()
+{
+    if (m_streamTask && !m_streamTask->isFinished())
+        stop();
+    return finishStoppedTurn();
+}
+
 void ChatViewModel::stop()
 {
     if (m_streamTask) {
@@ -164,7 +190,8 @@ void ChatViewModel::handleEvent(const Turn &turn, const ChatEvent &event)
     switch (event.kind) {
     case ChatEvent::Kind::delta:
         m_pendingText += event.text;
-        flush(turn.replyID, false);
+        if (flush(turn.replyID, false))
+            publishLiveReply(turn);
         break;
     case ChatEvent::Kind::usage: {
         const qsizetype index = indexOfMessage(turn.replyID);
@@ -179,6 +206,7 @@ void ChatViewModel::handleEvent(const Turn &turn, const ChatEvent &event)
         m_messages[index].usage = usage;
         emit messageChanged(index);
         emit messagesChanged();
+        publishLiveReply(turn);
         break;
     }
     }
@@ -188,6 +216,9 @@ void ChatViewModel::handleFinished(const Turn &turn, const std::optional<Service
 {
     if (m_stoppedTurn && m_stoppedTurn->serial == turn.serial)
         m_stoppedTurn.reset();
+    // Other windows stop showing the reply as live before it is saved; the save shows it to them.
+    if (m_store)
+        m_store->endLiveReply(turn.replyID);
 
     flush(turn.replyID, true);
     if (error) {
@@ -209,28 +240,91 @@ void ChatViewModel::handleFinished(const Turn &turn, const std::optional<Service
         m_onStreamEnd();
 }
 
-void ChatViewModel::finishStoppedTurn()
+bool ChatViewModel::finishStoppedTurn()
 {
     if (!m_stoppedTurn)
-        return;
+        return false;
     const Turn turn = *m_stoppedTurn;
     m_stoppedTurn.reset();
     if (!turn.stream)
-        return;
+        return false;
     turn.stream->disconnect(this);
     handleFinished(turn, std::nullopt);
+    return true;
 }
 
-void ChatViewModel::flush(const QUuid &id, bool force)
+bool ChatViewModel::flush(const QUuid &id, bool force)
 {
     if (m_pendingText.isEmpty())
-        return;
+        return false;
     const double now = m_clock();
     if (!force && now - m_lastFlush < flushInterval)
-        return;
+        return false;
     appendDelta(m_pendingText, id);
     m_pendingText.clear();
     m_lastFlush = now;
+    return true;
+}
+
+void ChatViewModel::publishLiveReply(const Turn &turn)
+{
+    const qsizetype index = indexOfMessage(turn.replyID);
+    if (!m_store || !turn.conversationID || index < 0)
+        return;
+    const QUuid afterID = index > 0 ? m_messages.at(index - 1).id : QUuid();
+    m_store->setLiveReply(*turn.conversationID, afterID, m_messages.at(index));
+}
+
+namespace {
+
+// Puts a reply another window streams into messages: over its earlier state, else after the message
+// it answers, else at the end. Returns its index and whether it was added.
+std::pair<qsizetype, bool> placeLiveReply(QList<ChatMessage> &messages, const ConversationStore::LiveReply &live)
+{
+    qsizetype after = -1;
+    for (qsizetype i = messages.size() - 1; i >= 0; --i) {
+        if (messages.at(i).id == live.message.id) {
+            messages[i] = live.message;
+            return {i, false};
+        }
+        if (after < 0 && messages.at(i).id == live.afterID)
+            after = i;
+    }
+    const qsizetype at = after >= 0 ? after + 1 : messages.size();
+    messages.insert(at, live.message);
+    return {at, true};
+}
+
+} // namespace
+
+void ChatViewModel::showLiveReplies()
+{
+    if (!m_store || !m_conversationID)
+        return;
+    for (const ConversationStore::LiveReply &live : m_store->liveReplies(*m_conversationID)) {
+        placeLiveReply(m_messages, live);
+        m_othersLive.insert(live.message.id);
+    }
+}
+
+void ChatViewModel::handleLiveReply(const QUuid &conversationID, const QUuid &replyID)
+{
+    if (!m_store || m_conversationID != conversationID || replyID == m_turn.replyID ||
+        (m_stoppedTurn && m_stoppedTurn->replyID == replyID))
+        return;
+    // An ended reply is left as it is: its window saves it next, and the save reloads this one.
+    for (const ConversationStore::LiveReply &live : m_store->liveReplies(conversationID)) {
+        if (live.message.id != replyID)
+            continue;
+        m_othersLive.insert(replyID);
+        const auto [index, added] = placeLiveReply(m_messages, live);
+        if (added)
+            emit messageInserted(index);
+        else
+            emit messageChanged(index);
+        emit messagesChanged();
+        return;
+    }
 }
 
 void ChatViewModel::appendDelta(const QString &text, const QUuid &id)
@@ -289,8 +383,11 @@ void ChatViewModel::persist()
 {
     if (!m_conversationID || !m_store)
         return;
+    QList<ChatMessage> mine = m_messages;
+    if (!m_othersLive.isEmpty())
+        mine.removeIf([this](const ChatMessage &m) { return m_othersLive.contains(m.id); });
     if (const Conversation *stored = m_store->find(*m_conversationID))
-        m_store->updateMessages(stored->id, withOthersTurns(m_messages, stored->messages.list()));
+        m_store->updateMessages(stored->id, withOthersTurns(mine, stored->messages.list()));
 }
 
 void ChatViewModel::setStreaming(bool streaming)

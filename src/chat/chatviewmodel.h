@@ -8,6 +8,7 @@
 #include <QList>
 #include <QObject>
 #include <QPointer>
+#include <QSet>
 #include <QString>
 #include <QUuid>
 
@@ -75,6 +76,10 @@ public:
     // Stops the current reply. The text received so far stays, and is saved once the transfer
     // has wound down (which calls onStreamEnd a second time).
     void stop();
+    // Ends a running reply the way stop() does, but saves what arrived (with its usage) to the
+    // conversation it belongs to before returning. Switching conversations, closing the window and
+    // quitting go through here, so no reply is ever thrown away. True when a reply was ended.
+    bool finishReply();
 
 signals:
     // Emitted after every change of the transcript, including each move of streamed text into it.
@@ -107,9 +112,12 @@ private:
 
     void handleEvent(const Turn &turn, const ChatEvent &event);
     void handleFinished(const Turn &turn, const std::optional<ServiceError> &error);
-    void finishStoppedTurn();
+    bool finishStoppedTurn();
+    void handleLiveReply(const QUuid &conversationID, const QUuid &replyID);
+    void showLiveReplies();
+    void publishLiveReply(const Turn &turn);
 
-    void flush(const QUuid &id, bool force);
+    bool flush(const QUuid &id, bool force);
     void appendDelta(const QString &text, const QUuid &id);
     void persist();
 
@@ -129,6 +137,10 @@ private:
     std::function<double()> m_clock;
     double m_lastFlush = 0;
     QPointer<ConversationStore> m_store;
+    QMetaObject::Connection m_liveConnection;
+    // Replies another window is streaming into the conversation shown here: shown as they grow,
+    // never saved from here (their own window saves them).
+    QSet<QUuid> m_othersLive;
     std::optional<QUuid> m_conversationID;
     std::function<void()> m_onStreamEnd;
 };

@@ -204,6 +204,39 @@ void ConversationStore::merge(const QList<Conversation> &incoming)
     persist();
 }
 
+void ConversationStore::setLiveReply(const QUuid &conversationID, const QUuid &afterID, const ChatMessage &reply)
+{
+    const LiveReply live{conversationID, afterID, reply};
+    const auto it = std::find_if(m_liveReplies.begin(), m_liveReplies.end(),
+                                 [&](const LiveReply &r) { return r.message.id == reply.id; });
+    if (it != m_liveReplies.end())
+        *it = live;
+    else
+        m_liveReplies.append(live);
+    emit liveReplyChanged(conversationID, reply.id);
+}
+
+void ConversationStore::endLiveReply(const QUuid &replyID)
+{
+    const auto it = std::find_if(m_liveReplies.begin(), m_liveReplies.end(),
+                                 [&](const LiveReply &r) { return r.message.id == replyID; });
+    if (it == m_liveReplies.end())
+        return;
+    const QUuid conversationID = it->conversationID;
+    m_liveReplies.erase(it);
+    emit liveReplyChanged(conversationID, replyID);
+}
+
+QList<ConversationStore::LiveReply> ConversationStore::liveReplies(const QUuid &conversationID) const
+{
+    QList<LiveReply> found;
+    for (const LiveReply &live : m_liveReplies) {
+        if (live.conversationID == conversationID)
+            found.append(live);
+    }
+    return found;
+}
+
 void ConversationStore::markChanged(const QUuid &id)
 {
     m_deleted.remove(id);

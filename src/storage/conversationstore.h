@@ -92,6 +92,22 @@ public:
     // The clock that stamps new and updated conversations (ReferenceDate seconds).
     void setClock(std::function<double()> clock);
 
+    // A reply that a window is still streaming, so that every other window on its conversation can
+    // show it as it grows. Kept in memory only, never saved: the streaming window saves the reply
+    // when it ends. afterID is the message the reply answers.
+    struct LiveReply
+    {
+        QUuid conversationID;
+        QUuid afterID;
+        ChatMessage message;
+    };
+    // Adds or replaces (by the message's id) a live reply.
+    void setLiveReply(const QUuid &conversationID, const QUuid &afterID, const ChatMessage &reply);
+    // Forgets a live reply; an unknown id does nothing.
+    void endLiveReply(const QUuid &replyID);
+    // The live replies of one conversation, oldest first.
+    QList<LiveReply> liveReplies(const QUuid &conversationID) const;
+
 signals:
     // Emitted after every change of the list.
     void conversationsChanged();
@@ -100,6 +116,8 @@ signals:
     // Emitted after an operation here (updateMessages, rename, merge) or a save that took in another
     // process's changes changed the record with this id.
     void conversationUpdated(const QUuid &id);
+    // Emitted when a live reply of a conversation was set or ended.
+    void liveReplyChanged(const QUuid &conversationID, const QUuid &replyID);
 
 private:
     void load();
@@ -115,6 +133,7 @@ private:
     std::optional<QString> m_keptAsidePath;
     std::optional<QString> m_lastSaveError;
     std::function<double()> m_clock;
+    QList<LiveReply> m_liveReplies;
 
     // What changed since the last save was handed over, and in which save each id last changed:
     // another process's record never replaces one changed here after the save that found it.

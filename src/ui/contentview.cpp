@@ -63,6 +63,10 @@ ContentView::ContentView(ProviderStore *store, ConversationStore *chats, QWidget
 
 ContentView::~ContentView()
 {
+    // A reply streaming here ends and is saved while the window is still whole; the save's notices
+    // are for the other windows.
+    disconnect(m_chats, nullptr, this, nullptr);
+    m_chat->finishReply();
     // The views below use the view model and the scroll controller up to their last moment, and
     // children go in the order they were made, which would take those two first.
     delete m_splitter;

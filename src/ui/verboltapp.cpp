@@ -1,5 +1,6 @@
 #include "ui/verboltapp.h"
 
+#include "chat/chatviewmodel.h"
 #include "storage/conversationstore.h"
 #include "storage/providerstore.h"
 #include "ui/aboutdialog.h"
@@ -148,12 +149,22 @@ void VerboltApp::offerImport(const QString &path)
 
 void VerboltApp::quit()
 {
+    // Every reply still streaming ends as a Stop and is saved, and the history is on disk, before
+    // any window goes: a quit must not cost the user what already arrived.
+    const QList<MainWindow *> windows = mainWindows();
+    for (MainWindow *window : windows) {
+        if (auto *content = qobject_cast<ContentView *>(window->content()))
+            content->chat()->finishReply();
+    }
+    m_chats->waitForSaved();
     if (m_about)
         m_about->close();
     if (m_settingsWindow)
         m_settingsWindow->close();
-    for (MainWindow *window : mainWindows())
+    for (MainWindow *window : windows)
         window->close();
+    if (windows.isEmpty())
+        emit lastMainWindowClosed();
 }
 
 QStringList VerboltApp::keptAsideNotices() const

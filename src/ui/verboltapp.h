@@ -51,7 +51,9 @@ public:
     SettingsView *settingsView() const;
     // Shows the settings window asking whether to import the configuration file at path.
     void offerImport(const QString &path);
-    // Closes every window; the last main window closing ends the program.
+    // Ends and saves every running reply, waits until the history is on disk, then closes every
+    // window; the last main window closing ends the program (lastMainWindowClosed() is emitted also
+    // when no main window was open).
     void quit();
 
     // What the kept-aside bar says about files found unreadable at start; empty when all was read.

@@ -295,12 +295,12 @@ private slots:
         QTest::addColumn<QStringList>("saved"); // in the store, if it is still there
 
         const QString question = u"first question"_s;
-        // Switching stops the reply; the conversation keeps the user's message, the reply is dropped.
+        // Switching ends the reply as a Stop does, and what arrived is saved where it belongs.
         QTest::newRow("other conversation shown")
-            << Interruption::otherConversation << 1 << QStringList() << QStringList{question};
-        // A window closed mid-reply takes its view model along; the transfer must not call back into it.
+            << Interruption::otherConversation << 2 << QStringList() << QStringList{question, u"a"_s};
+        // A window closed mid-reply keeps what arrived, and the transfer never calls back into it.
         QTest::newRow("view model destroyed")
-            << Interruption::viewModelGone << 0 << QStringList() << QStringList{question};
+            << Interruption::viewModelGone << 0 << QStringList() << QStringList{question, u"a"_s};
         QTest::newRow("store destroyed: the transcript in memory goes on")
             << Interruption::storeGone << 1 << QStringList{question, u"ab"_s} << QStringList();
     }
@@ -312,7 +312,7 @@ private slots:
         QFETCH(QStringList, saved);
 
         const Conversation other = m_store->newChat(std::nullopt);
-        m_server->setResponse(stalling({delta("a"), delta("b")}, 100));
+        m_server->setResponse(stalling({delta("a"), "data: {\"usage\":{\"prompt_tokens\":7}}\n\n", delta("b")}, 100));
         start(u"first question"_s, loopback());
         QTRY_COMPARE(m_vm->messages().last().content, u"a"_s);
         m_vm->setInput(u"draft"_s);
@@ -334,8 +334,38 @@ private slots:
         }
         if (m_store) {
             QCOMPARE(contents(stored(m_conversation.id)), saved);
+            if (saved.size() == 2)
+                QCOMPARE(stored(m_conversation.id).last().usage, std::optional(TokenUsage{7, {}, {}}));
             QVERIFY(stored(other.id).isEmpty());
         }
+    }
+
+    // A second window on the conversation shows the reply another streams as it grows, whether it was
+    // opened before or during the reply, and never saves that reply itself.
+    void otherViewModel_showsReplyAsItGrows()
+    {
+        LoopbackResponse slow = LoopbackResponse::eventStream({delta("a"), delta("b"), "data: [DONE]\n\n"});
+        slow.pieces[1].delayMs = 300;
+        slow.pieces[2].delayMs = 300;
+        m_server->setResponse(slow);
+        ChatViewModel before;
+        before.setStore(m_store.get());
+        before.activate(m_conversation);
+        start(u"q"_s, loopback());
+        QTRY_COMPARE(m_vm->messages().last().content, u"a"_s);
+        QCOMPARE(contents(before.messages()), (QStringList{u"a"_s}));
+
+        ChatViewModel opened;
+        opened.setStore(m_store.get());
+        opened.activate(m_store->selected());
+        QCOMPARE(contents(opened.messages()), (QStringList{u"q"_s, u"a"_s}));
+        QTRY_COMPARE(contents(opened.messages()), (QStringList{u"q"_s, u"ab"_s}));
+        QCOMPARE(opened.messages().last().id, m_vm->messages().last().id);
+        QVERIFY(opened.messages().last().id != m_vm->messages().first().id);
+
+        QTRY_VERIFY(!m_vm->isStreaming());
+        QCOMPARE(contents(stored(m_conversation.id)), (QStringList{u"q"_s, u"ab"_s}));
+        QVERIFY(m_store->liveReplies(m_conversation.id).isEmpty());
     }
 
     void twoViewModelsStreamingIntoOneConversation_keepEachOthersTurns()

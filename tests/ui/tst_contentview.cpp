@@ -526,14 +526,28 @@ private slots:
         auto *leftList = find<QAbstractItemView>(left, "conversationList");
         auto *rightList = find<QAbstractItemView>(right, "conversationList");
 
-        // Choosing a row in one window switches both, and stops a reply streaming in either.
+        // A window opened while another streams shows the reply as it grows.
         m_mock->setOptions(slowReply());
         typeAndReturn(right, u"Long one"_s);
         QVERIFY(right->chat()->isStreaming());
+        QTRY_VERIFY(!right->chat()->messages().last().content.isEmpty());
+        ContentView *late = makeView();
+        QCOMPARE(late->chat()->messages(), right->chat()->messages());
+        const qsizetype shownAtOpen = late->chat()->messages().last().content.size();
+        QTRY_VERIFY(late->chat()->messages().last().content.size() > shownAtOpen);
+        QCOMPARE(late->chat()->messages(), right->chat()->messages());
+
+        // Choosing a row in one window switches all, and ends a reply streaming in any of them as a
+        // Stop does: what arrived is saved to its own conversation.
         QTest::mouseClick(leftList->viewport(), Qt::LeftButton, {},
                           leftList->visualRect(leftList->model()->index(1, 0)).center());
         QCOMPARE(m_chats->selectedID(), a.id);
         QVERIFY(!right->chat()->isStreaming());
+        const QList<ChatMessage> savedB = m_chats->conversations().first().messages;
+        QCOMPARE(m_chats->conversations().first().id, b.id);
+        QCOMPARE(savedB.size(), 2);
+        QVERIFY(savedB.last().content.startsWith(u"word word"_s));
+        QVERIFY(late->chat()->messages().isEmpty());
         QTRY_COMPARE(left->focusWidget(), find<QPlainTextEdit>(left, "composer")); // ready to type
         QCOMPARE(rightList->currentIndex().data(Qt::DisplayRole).toString(), a.title);
         QVERIFY(right->chat()->messages().isEmpty());
@@ -547,7 +561,7 @@ private slots:
 
         m_chats->setSelectedID(b.id);
         QCOMPARE(leftList->currentIndex().row(), m_chats->conversations().indexOf(*m_chats->selected()));
-        QCOMPARE(left->chat()->messages().size(), 1); // the stopped partial reply was dropped, the question kept
+        QCOMPARE(left->chat()->messages(), savedB);
     }
 
 private:

@@ -2,6 +2,7 @@
 #include "mockprovider.h"
 #include "storage/configarchive.h"
 #include "storage/conversationstore.h"
+#include "storage/historyfile.h"
 #include "storage/providerstore.h"
 #include "storagetestsupport.h"
 #include "ui/aboutdialog.h"
@@ -9,6 +10,7 @@
 #include "ui/contentview.h"
 #include "ui/mainwindow.h"
 #include "ui/providereditor.h"
+#include "ui/quitsignals.h"
 #include "ui/settingsview.h"
 #include "ui/verboltapp.h"
 #include "verboltversion.h"
@@ -21,11 +23,13 @@
 #include <QMessageBox>
 #include <QPlainTextEdit>
 #include <QPushButton>
+#include <QScopeGuard>
 #include <QSettings>
 #include <QSignalSpy>
 #include <QTest>
 #include <QToolButton>
 
+#include <csignal>
 #include <future>
 #include <memory>
 
@@ -46,9 +50,12 @@ void activate(QWidget *window)
 
 enum class Command { newChat, settings, newWindow, quit };
 
+enum class Ending { quitMenu, lastWindowClosed, signal };
+
 } // namespace
 
 Q_DECLARE_METATYPE(Command)
+Q_DECLARE_METATYPE(Ending)
 
 class tst_VerboltApp final : public QObject
 {
@@ -232,6 +239,80 @@ private slots:
         second->close();
         QTRY_COMPARE(ended.size(), 1);
         QVERIFY(!app.settingsView()->isVisible());
+    }
+
+    void endingMidReply_savesWhatArrived_data()
+    {
+        QTest::addColumn<Ending>("ending");
+        QTest::addColumn<int>("signalNumber");
+        QTest::newRow("File > Quit") << Ending::quitMenu << 0;
+        QTest::newRow("last window closed") << Ending::lastWindowClosed << 0;
+        QTest::newRow("SIGTERM") << Ending::signal << SIGTERM;
+        QTest::newRow("SIGHUP") << Ending::signal << SIGHUP;
+        QTest::newRow("SIGINT") << Ending::signal << SIGINT;
+    }
+    // However the program is told to end while replies stream in two windows, each reply ends as a
+    // Stop and is in the file, with what had arrived, by the time the program may exit.
+    void endingMidReply_savesWhatArrived()
+    {
+        QFETCH(Ending, ending);
+        QFETCH(int, signalNumber);
+        MockProviderOptions slow;
+        slow.reply = u"word "_s.repeated(200);
+        slow.tokensPerSecond = 40;
+        m_mock.setOptions(slow);
+        const auto restore = qScopeGuard([this] { m_mock.setOptions({}); });
+
+        QList<ChatMessage> shown;
+        {
+            VerboltApp app;
+            QuitSignals quitSignals;
+            QVERIFY(quitSignals.isInstalled());
+            connect(&quitSignals, &QuitSignals::quitRequested, &app, &VerboltApp::quit);
+            QSignalSpy ended(&app, &VerboltApp::lastMainWindowClosed);
+            Provider p = StorageTest::provider(u"Mock"_s);
+            p.baseURL = m_mock.baseURL();
+            app.store()->add(p);
+            MainWindow *one = app.newWindow();
+            MainWindow *two = app.newWindow();
+            app.chats()->newChat(p.id);
+            chatOf(one)->setInput(u"first"_s);
+            chatOf(one)->send(p);
+            // The second window sends into its own conversation; the first goes on in the background.
+            app.chats()->newChat(p.id);
+            QVERIFY(!chatOf(one)->isStreaming()); // switching ended it, as tested elsewhere
+            chatOf(two)->setInput(u"second"_s);
+            chatOf(two)->send(p);
+            QTRY_VERIFY(chatOf(two)->messages().last().content.size() > 10);
+            QVERIFY(chatOf(two)->isStreaming());
+
+            switch (ending) {
+            case Ending::quitMenu:
+                one->quitAction()->trigger();
+                break;
+            case Ending::lastWindowClosed:
+                one->close();
+                two->close();
+                break;
+            case Ending::signal:
+                QCOMPARE(::raise(signalNumber), 0);
+                break;
+            }
+            QTRY_COMPARE(ended.size(), 1);
+            shown = app.chats()->conversations().first().messages;
+            QCOMPARE(shown.size(), 2);
+            QVERIFY(shown.last().content.startsWith(u"word word"_s));
+            if (ending != Ending::lastWindowClosed) {
+                // Already on disk, before the program is even asked to end.
+                const HistoryFile::ReadResult read = HistoryFile::read(m_profile->conversationsFile());
+                QCOMPARE(read.conversations.size(), 2);
+                QCOMPARE(read.conversations.first().messages, shown);
+            }
+        }
+        const HistoryFile::ReadResult read = HistoryFile::read(m_profile->conversationsFile());
+        QCOMPARE(read.status, HistoryFile::ReadResult::Status::Decoded);
+        QCOMPARE(read.conversations.first().messages, shown);
+        QCOMPARE(read.conversations.last().messages.size(), 2);
     }
 
     void twoWindows_shareStoresAndFollowEachOthersTurns()
