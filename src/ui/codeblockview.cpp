@@ -351,16 +351,9 @@ CodeBlockView::CodeBlockView(const QString &code, const std::optional<QString> &
     connect(m_codeView, &CodeTextView::contentWidthChanged, this,
             [this] { m_codeView->resize(std::max(m_codeView->contentWidth(), width()), m_codeView->contentHeight()); });
 
-    m_scroll->setFrameShape(QFrame::NoFrame);
-    m_scroll->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
-    m_scroll->setVerticalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
-    m_scroll->setWidgetResizable(false);
-    m_scroll->setFocusPolicy(Qt::NoFocus);
-    m_scroll->viewport()->setAutoFillBackground(false);
+    setUpSidewaysScroll(m_scroll, m_codeView, this);
     m_scroll->viewport()->setAttribute(Qt::WA_StaticContents);
     setAttribute(Qt::WA_StaticContents);
-    m_scroll->setWidget(m_codeView);
-    m_scroll->viewport()->installEventFilter(this);
     m_codeView->setAutoFillBackground(false);
 
     applyStyle();

@@ -11,6 +11,7 @@
 #include <QMouseEvent>
 #include <QPainter>
 #include <QResizeEvent>
+#include <QScrollArea>
 #include <QUrl>
 #include <QWheelEvent>
 
@@ -467,4 +468,16 @@ void MarkdownTextView::layOutBlocks(qsizetype from)
         m_views.at(k)->setGeometry(0, y, w, h);
         y += h + blockSpacing;
     }
+}
+
+void MarkdownBlockView::setUpSidewaysScroll(QScrollArea *scroll, QWidget *content, QObject *filter)
+{
+    scroll->setFrameShape(QFrame::NoFrame);
+    scroll->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+    scroll->setVerticalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+    scroll->setWidgetResizable(false);
+    scroll->setFocusPolicy(Qt::NoFocus);
+    scroll->viewport()->setAutoFillBackground(false);
+    scroll->setWidget(content);
+    scroll->viewport()->installEventFilter(filter);
 }

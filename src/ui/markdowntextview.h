@@ -11,6 +11,8 @@ class QWheelEvent;
 
 // The view of one Markdown block. A view is kept while its block changes in place: setBlock()
 // takes the new payload and reports whether this view can show it at all.
+class QScrollArea;
+
 class MarkdownBlockView : public QWidget
 {
     Q_OBJECT
@@ -30,6 +32,9 @@ protected:
     // A block that scrolls only sideways hands an upward or downward wheel to the transcript
     // around it, which would otherwise never see it. Returns whether the wheel was handed on.
     static bool passVerticalWheel(QWidget *block, QWheelEvent *wheel);
+    // Sets scroll up as a frameless strip that shows content and moves only sideways, under the
+    // block's own control (no bars, no focus), and routes the wheel over it through filter.
+    static void setUpSidewaysScroll(QScrollArea *scroll, QWidget *content, QObject *filter);
 };
 
 // Headings, paragraphs, list items and quotes: inline Markdown painted from one cached layout.

@@ -85,14 +85,7 @@ TableBlockView::TableBlockView(const QStringList &headers, const QList<QStringLi
     , m_scroll(new QScrollArea(this))
     , m_grid(new TableGridView(this))
 {
-    m_scroll->setFrameShape(QFrame::NoFrame);
-    m_scroll->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
-    m_scroll->setVerticalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
-    m_scroll->setWidgetResizable(false);
-    m_scroll->setFocusPolicy(Qt::NoFocus);
-    m_scroll->viewport()->setAutoFillBackground(false);
-    m_scroll->setWidget(m_grid);
-    m_scroll->viewport()->installEventFilter(this);
+    setUpSidewaysScroll(m_scroll, m_grid, this);
     m_grid->installEventFilter(this);
     setContent(headers, rows);
 }
