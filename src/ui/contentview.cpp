@@ -7,6 +7,7 @@
 #include "ui/composerfield.h"
 #include "ui/composerrow.h"
 #include "ui/conversationsidebar.h"
+#include "ui/panecycler.h"
 #include "ui/scrollcontroller.h"
 #include "ui/theme.h"
 #include "ui/transcriptview.h"
@@ -16,6 +17,7 @@
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QListView>
+#include <QPlainTextEdit>
 #include <QPointer>
 #include <QPushButton>
 #include <QSplitter>
@@ -56,6 +58,12 @@ ContentView::ContentView(ProviderStore *store, ConversationStore *chats, QWidget
     connect(m_chats, &ConversationStore::conversationUpdated, this, &ContentView::handleConversationUpdated,
             Qt::DirectConnection);
     connect(m_store, &ProviderStore::providersChanged, this, &ContentView::handleProvidersChanged);
+
+    // F6 rings the conversation list, the transcript and the composer.
+    m_panes = new PaneCycler(this, [this] {
+        return QList<QWidget *>{m_sidebar->list(), m_transcript,
+                                m_composerRow ? m_composerRow->composer()->editor() : nullptr};
+    });
 
     handleProvidersChanged();
     applyColours();
@@ -105,6 +113,7 @@ void ContentView::ensureChatArea()
     layout->addWidget(m_transcript, 1);
     layout->addWidget(m_composerRow);
     m_detail->addWidget(m_chatArea);
+    m_panes->returnOnEscape(m_transcript, m_composerRow->composer()->editor());
 
     setTabOrder(m_sidebar->lastInFocusChain(), m_header->firstInFocusChain());
     applyColours();

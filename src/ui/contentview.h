@@ -14,6 +14,7 @@ class ChatViewModel;
 class ComposerRow;
 class ConversationSidebar;
 class ConversationStore;
+class PaneCycler;
 class ProviderStore;
 class QLabel;
 class QSplitter;
@@ -83,6 +84,7 @@ private:
     std::optional<QUuid> m_seenID;
     QList<ChatMessage> m_seenMessages;
 
+    PaneCycler *m_panes = nullptr;
     QSplitter *m_splitter = nullptr;
     ConversationSidebar *m_sidebar = nullptr;
     QStackedWidget *m_detail = nullptr;

@@ -111,7 +111,6 @@ bool TextBlockView::setBlock(const MarkdownText::Block &block)
     m_block = block;
     m_text.setFont(blockFont());
     m_text.setSource(block.text);
-    setAccessibleName(displayText());
     measurePrefix();
     if (restyled || width() <= 0) {
         update();

@@ -5,6 +5,7 @@
 #include "ui/markdowntextview.h"
 #include "ui/theme.h"
 
+#include <QApplication>
 #include <QEvent>
 #include <QLabel>
 #include <QPainter>
@@ -299,6 +300,12 @@ void MessageBubble::paintEvent(QPaintEvent *event)
     QPainterPath path;
     path.addRoundedRect(QRectF(shape), cornerRadius, cornerRadius);
     painter.fillPath(path, bubbleColor(m_message.role, palette()));
+    // The message the keyboard is on, also while one of its buttons has the focus.
+    const QWidget *focus = QApplication::focusWidget();
+    if (focus && (focus == this || isAncestorOf(focus))) {
+        painter.setPen(QPen(Theme::color(Theme::Color::Accent, palette()), 2));
+        painter.drawPath(path);
+    }
 }
 
 void MessageBubble::changeEvent(QEvent *event)

@@ -5,8 +5,10 @@
 #include "storage/providerstore.h"
 #include "ui/providereditor.h"
 #include "ui/qtfiledialogs.h"
+#include "ui/replyannouncer.h"
 #include "ui/theme.h"
 
+#include <QCheckBox>
 #include <QDir>
 #include <QEvent>
 #include <QFileInfo>
@@ -161,6 +163,13 @@ SettingsView::SettingsView(ProviderStore *store, ConversationStore *chats, QWidg
     bar->addWidget(importButton);
     bar->addWidget(m_note, 1);
     bar->addStretch(0);
+    // Read at each announcement, so every window follows a change at once.
+    auto *announce = new QCheckBox(u"Announce replies"_s, this);
+    announce->setObjectName(u"announceReplies"_s);
+    announce->setToolTip(u"A screen reader reads replies aloud as they arrive"_s);
+    announce->setChecked(ReplyAnnouncer::isEnabled());
+    connect(announce, &QCheckBox::toggled, this, [](bool on) { ReplyAnnouncer::setEnabled(on); });
+    bar->addWidget(announce);
 
     auto *layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);

@@ -2,18 +2,23 @@
 
 #include "chat/chatviewmodel.h"
 #include "ui/messagebubble.h"
+#include "ui/replyannouncer.h"
 #include "ui/scrollcontroller.h"
 #include "ui/theme.h"
 #include "ui/transcriptaccessible.h"
 
 #include <QAbstractButton>
+#include <QApplication>
+#include <QClipboard>
 #include <QEvent>
+#include <QKeyEvent>
 #include <QLabel>
 #include <QPainter>
 #include <QPainterPath>
 #include <QPropertyAnimation>
 #include <QResizeEvent>
 #include <QScrollBar>
+#include <QShortcut>
 #include <QStyle>
 #include <QStyleOptionSlider>
 #include <QTimer>
@@ -233,6 +238,21 @@ TranscriptArea::TranscriptArea(ChatViewModel *chat, ScrollController *scroll, QW
 #endif
     });
 
+    // The focused message is outlined, also while one of its buttons has the focus.
+    connect(qApp, &QApplication::focusChanged, this, [this](QWidget *old, QWidget *now) {
+        for (QWidget *w : {old, now}) {
+            if (MessageBubble *bubble = bubbleHolding(w))
+                bubble->update();
+        }
+        // The window's Tab order holds every built message's buttons; coming in from outside,
+        // the keyboard lands on a message rather than on some button of whichever was built last.
+        MessageBubble *bubble = bubbleHolding(now);
+        if (bubble && now != bubble && qobject_cast<QAbstractButton *>(now) && !bubbleHolding(old) && old != this) {
+            const qsizetype current = currentMessage();
+            focusMessage(current >= 0 ? current : messageCount() - 1);
+        }
+    });
+
     changeEvent(nullptr);
     handleReset();
     handleErrorText();
@@ -445,6 +465,7 @@ void TranscriptArea::relayout()
             if (row.bubble)
                 continue;
             row.bubble = new MessageBubble(messages.at(i), viewport());
+            row.bubble->installEventFilter(this);
             const int height = row.bubble->heightForWidth(m_width);
             row.bubble->setGeometry(0, rowTop(i) - value, m_width, height);
             row.bubble->show();
@@ -523,6 +544,155 @@ void TranscriptArea::remeasureAll()
     m_validTops = 0;
 }
 
+qsizetype TranscriptArea::currentMessage() const
+{
+    if (m_current.isNull())
+        return -1;
+    for (qsizetype i = 0; i < messageCount(); ++i) {
+        if (m_rows[std::size_t(i)].id == m_current)
+            return i;
+    }
+    return -1;
+}
+
+void TranscriptArea::revealRow(qsizetype index)
+{
+    QScrollBar *bar = verticalScrollBar();
+    // Twice: the first scroll may build the bubble and replace its estimated height.
+    for (int pass = 0; pass < 2; ++pass) {
+        const int visible = viewport()->height();
+        const int top = rowTop(index) - stackSpacing;
+        const int bottom = rowTop(index) + m_rows[std::size_t(index)].height + stackSpacing;
+        const int value = bar->value();
+        int target = value;
+        if (bottom > value + visible)
+            target = bottom - visible;
+        // A message taller than the view shows its beginning.
+        if (top < target)
+            target = top;
+        target = std::clamp(target, 0, bar->maximum());
+        if (target == value)
+            break;
+        m_userScrolling = true;
+        bar->setValue(target);
+    }
+    relayout();
+}
+
+void TranscriptArea::focusMessage(qsizetype index)
+{
+    if (index < 0 || index >= messageCount())
+        return;
+    revealRow(index);
+    if (MessageBubble *bubble = bubbleAt(index)) {
+        m_current = m_rows[std::size_t(index)].id;
+        bubble->setFocus(Qt::OtherFocusReason);
+    }
+}
+
+qsizetype TranscriptArea::indexOfBubble(const MessageBubble *bubble) const
+{
+    for (qsizetype i = 0; i < messageCount(); ++i) {
+        if (m_rows[std::size_t(i)].bubble == bubble)
+            return i;
+    }
+    return -1;
+}
+
+MessageBubble *TranscriptArea::bubbleHolding(QWidget *widget) const
+{
+    for (QWidget *w = widget; w && w != this; w = w->parentWidget()) {
+        if (auto *bubble = qobject_cast<MessageBubble *>(w))
+            return bubble->parentWidget() == viewport() ? bubble : nullptr;
+    }
+    return nullptr;
+}
+
+void TranscriptArea::focusInEvent(QFocusEvent *event)
+{
+    QAbstractScrollArea::focusInEvent(event);
+    // Arriving by keyboard lands on a message: the one last visited, else the newest.
+    if (event->reason() != Qt::MouseFocusReason && messageCount() > 0) {
+        const qsizetype current = currentMessage();
+        focusMessage(current >= 0 ? current : messageCount() - 1);
+    }
+}
+
+bool TranscriptArea::eventFilter(QObject *watched, QEvent *event)
+{
+    if (event->type() == QEvent::KeyPress) {
+        auto *bubble = qobject_cast<MessageBubble *>(watched);
+        const qsizetype index = bubble ? indexOfBubble(bubble) : -1;
+        if (index >= 0) {
+            auto *key = static_cast<QKeyEvent *>(event);
+            if (key->modifiers() & ~Qt::KeypadModifier)
+                return QAbstractScrollArea::eventFilter(watched, event);
+            switch (key->key()) {
+            case Qt::Key_Up:
+                focusMessage(std::max<qsizetype>(0, index - 1));
+                return true;
+            case Qt::Key_Down:
+                focusMessage(std::min(messageCount() - 1, index + 1));
+                return true;
+            case Qt::Key_Home:
+                focusMessage(0);
+                return true;
+            case Qt::Key_End:
+                focusMessage(messageCount() - 1);
+                return true;
+            default:
+                break;
+            }
+        }
+    }
+    return QAbstractScrollArea::eventFilter(watched, event);
+}
+
+bool TranscriptArea::focusNextPrevChild(bool next)
+{
+    QWidget *focus = QApplication::focusWidget();
+    MessageBubble *bubble = bubbleHolding(focus);
+    if (!bubble)
+        return QAbstractScrollArea::focusNextPrevChild(next);
+    // Tab walks the focused message, then its buttons as they read (top to bottom, left to
+    // right); past either end it leaves the transcript, never wandering into other messages.
+    QList<QWidget *> stops;
+    for (QWidget *w : bubble->findChildren<QWidget *>()) {
+        if (w->isVisibleTo(bubble) && w->isEnabled() && (w->focusPolicy() & Qt::TabFocus))
+            stops.append(w);
+    }
+    const auto placeOf = [bubble](QWidget *w) { return w->mapTo(bubble, QPoint(0, 0)); };
+    std::stable_sort(stops.begin(), stops.end(), [&](QWidget *a, QWidget *b) {
+        const QPoint pa = placeOf(a);
+        const QPoint pb = placeOf(b);
+        return pa.y() != pb.y() ? pa.y() < pb.y() : pa.x() < pb.x();
+    });
+    stops.prepend(bubble);
+    qsizetype at = stops.indexOf(focus);
+    if (at < 0)
+        at = 0;
+    const qsizetype to = at + (next ? 1 : -1);
+    if (to < 0 || to >= stops.size())
+        return leave(next);
+    stops.at(to)->setFocus(next ? Qt::TabFocusReason : Qt::BacktabFocusReason);
+    return true;
+}
+
+bool TranscriptArea::leave(bool next)
+{
+    const auto inside = [this](QWidget *w) { return w == this || isAncestorOf(w); };
+    QWidget *w = this;
+    do {
+        w = next ? w->nextInFocusChain() : w->previousInFocusChain();
+        if (!inside(w) && w->isVisible() && w->isEnabled() && (w->focusPolicy() & Qt::TabFocus) &&
+            w->window() == window()) {
+            w->setFocus(next ? Qt::TabFocusReason : Qt::BacktabFocusReason);
+            return true;
+        }
+    } while (w != this);
+    return false;
+}
+
 void TranscriptArea::resizeEvent(QResizeEvent *event)
 {
     QAbstractScrollArea::resizeEvent(event);
@@ -576,6 +746,7 @@ TranscriptView::TranscriptView(ChatViewModel *chat, ScrollController *scroll, QW
     , m_scroll(scroll)
     , m_area(new TranscriptArea(chat, scroll, this))
     , m_jump(new JumpButton(this))
+    , m_announcer(new ReplyAnnouncer(chat, this))
 {
     setFocusProxy(m_area);
     connect(m_jump, &QAbstractButton::clicked, this, [this] {
@@ -585,6 +756,29 @@ TranscriptView::TranscriptView(ChatViewModel *chat, ScrollController *scroll, QW
     connect(m_scroll, &ScrollController::autoScrollChanged, this,
             [this] { m_jump->setShown(!m_scroll->autoScroll()); });
     m_jump->setShown(!m_scroll->autoScroll());
+
+    auto *copyReply = new QShortcut(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_C), this);
+    copyReply->setContext(Qt::WindowShortcut);
+    connect(copyReply, &QShortcut::activated, this, [this] { copyLastReply(m_area); });
+}
+
+bool copyLastReply(TranscriptArea *area)
+{
+    const QList<ChatMessage> &messages = area->chat()->messages();
+    for (qsizetype i = messages.size() - 1; i >= 0; --i) {
+        if (messages.at(i).role != ChatRole::assistant || messages.at(i).content.isEmpty())
+            continue;
+        // A built bubble shows its check mark, as after a press of its own button.
+        if (MessageBubble *bubble = area->bubbleAt(i)) {
+            bubble->copy();
+        } else {
+            QClipboard *clipboard = QGuiApplication::clipboard();
+            clipboard->clear();
+            clipboard->setText(messages.at(i).content);
+        }
+        return true;
+    }
+    return false;
 }
 
 QAbstractButton *TranscriptView::jumpButton() const

@@ -14,6 +14,7 @@ class QAbstractButton;
 class JumpButton;
 class MessageBubble;
 class QLabel;
+class ReplyAnnouncer;
 class ScrollController;
 
 // The transcript's vertical scroll bar. A growing reply changes its range on every update, and a
@@ -82,10 +83,20 @@ public:
     // Where message index starts in content coordinates.
     int rowTop(qsizetype index) const;
 
+    // The keyboard's place in the transcript: the message that takes the focus when the
+    // transcript does, -1 when there is none (then the last message does).
+    qsizetype currentMessage() const;
+    // Scrolls message index into view as a user's scroll would (so auto-follow's rules hold),
+    // builds its bubble and gives it the focus.
+    void focusMessage(qsizetype index);
+
 protected:
     void resizeEvent(QResizeEvent *event) override;
     void scrollContentsBy(int dx, int dy) override;
     void changeEvent(QEvent *event) override;
+    void focusInEvent(QFocusEvent *event) override;
+    bool focusNextPrevChild(bool next) override;
+    bool eventFilter(QObject *watched, QEvent *event) override;
 
 private:
     struct Row
@@ -115,6 +126,11 @@ private:
     void reportGeometry();
     qsizetype rowAt(int y) const;
     void remeasureAll();
+    void revealRow(qsizetype index);
+    qsizetype indexOfBubble(const MessageBubble *bubble) const;
+    MessageBubble *bubbleHolding(QWidget *widget) const;
+    // Leaves the transcript for the next (or previous) control of the window.
+    bool leave(bool next);
 
     ChatViewModel *m_chat;
     ScrollController *m_scroll;
@@ -127,6 +143,7 @@ private:
     int m_width = -1;
     bool m_userScrolling = false;
     bool m_inRelayout = false;
+    QUuid m_current;
 };
 
 // The transcript of a main window: the scrolling messages and, over their lower right corner
@@ -141,6 +158,8 @@ public:
 
     TranscriptArea *area() const { return m_area; }
     QAbstractButton *jumpButton() const;
+    // Tells a screen reader about the replies streaming into this transcript.
+    ReplyAnnouncer *announcer() const { return m_announcer; }
 
 protected:
     void resizeEvent(QResizeEvent *event) override;
@@ -151,4 +170,8 @@ private:
     ScrollController *m_scroll;
     TranscriptArea *m_area;
     JumpButton *m_jump;
+    ReplyAnnouncer *m_announcer;
 };
+
+// Puts the Markdown of the transcript's last reply on the clipboard; false when there is none.
+bool copyLastReply(TranscriptArea *area);

@@ -224,7 +224,7 @@ private slots:
         const QStringList expected = {u"Providers"_s,      u"Add provider"_s,  u"Remove provider"_s, u"Name"_s,
                                       u"Type"_s,           u"Base URL"_s,      u"Proxy"_s,           u"Model"_s,
                                       u"Fetch models"_s,   u"Choose (2)"_s,    u"API key"_s,         u"Save"_s,
-                                      u"Export Config…"_s, u"Import Config…"_s};
+                                      u"Export Config…"_s, u"Import Config…"_s, u"Announce replies"_s};
         QCOMPARE(tabOrder(), expected);
         s.addPreset(0);
         QStringList withoutMenu = expected;

@@ -1,0 +1,233 @@
+#include "chat/chatviewmodel.h"
+#include "loopbackserver.h"
+#include "ui/replyannouncer.h"
+#include "ui/scrollcontroller.h"
+#include "ui/transcriptview.h"
+
+#include <QAccessible>
+#include <QApplication>
+#include <QElapsedTimer>
+#include <qpa/qplatformaccessibility.h>
+#include <qpa/qplatformintegration.h>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <private/qguiapplication_p.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+struct Heard
+{
+    qint64 atMs;
+    QString text;
+};
+
+QElapsedTimer sinceStart;
+QList<Heard> heard;
+
+// What a screen reader is told: a notification becoming shown, named by its text.
+void listen(QAccessibleEvent *event)
+{
+    if (event->type() != QAccessible::ObjectShow)
+        return;
+    QAccessibleInterface *iface = event->accessibleInterface();
+    if (iface && iface->role() == QAccessible::Notification)
+        heard.append({sinceStart.elapsed(), iface->text(QAccessible::Name)});
+}
+
+QByteArray deltaEvent(const QString &text)
+{
+    QString escaped = text;
+    escaped.replace(u'\\', u"\\\\"_s).replace(u'"', u"\\\""_s).replace(u'\n', u"\\n"_s);
+    return "data: {\"choices\":[{\"delta\":{\"content\":\"" + escaped.toUtf8() + "\"}}]}\n\n";
+}
+
+QString paragraph(int i)
+{
+    return u"Paragraph %1 tells a **long** story. It has two sentences, and the second one is long enough "
+           "to take a while to stream in over the network, as replies do."_s.arg(i);
+}
+
+} // namespace
+
+// A screen reader hears the reply that streams into the active window, paced and in whole
+// paragraphs, and its end; it hears nothing from a window the user is not in.
+class tst_ReplyAnnouncer final : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_config.isValid());
+        qputenv("XDG_CONFIG_HOME", m_config.path().toLocal8Bit());
+        sinceStart.start();
+        // No platform turns accessibility on by itself without a reader on the bus; the test is
+        // the reader, as Qt's own accessibility tests are.
+        if (!readers())
+            QSKIP("this platform has no accessibility");
+        QAccessible::installUpdateHandler(listen);
+    }
+    void init()
+    {
+        readers()->setActive(true);
+        ReplyAnnouncer::setEnabled(true);
+        heard.clear();
+        m_server = std::make_unique<LoopbackServer>();
+        QVERIFY(m_server->listen());
+        m_chat = std::make_unique<ChatViewModel>();
+        m_chat->setClock([this] { return m_now += 1; });
+        m_scroll = std::make_unique<ScrollController>();
+        Conversation conversation;
+        conversation.id = QUuid::createUuid();
+        m_chat->activate(conversation);
+        m_view = std::make_unique<TranscriptView>(m_chat.get(), m_scroll.get());
+        m_view->announcer()->setIntervalMs(intervalMs);
+        m_view->resize(480, 400);
+        m_view->show();
+        m_view->activateWindow();
+        QVERIFY(QTest::qWaitForWindowActive(m_view.get()));
+    }
+    void cleanup()
+    {
+        m_view.reset();
+        m_chat.reset();
+        m_scroll.reset();
+        m_server.reset();
+    }
+
+    // While a long reply streams, each announcement is whole paragraphs, in order and none twice,
+    // at least the interval apart; its end brings the first paragraph and the word count.
+    void longReplyIsToldInParagraphsThenSummed()
+    {
+        QList<QByteArray> pieces;
+        QStringList paragraphs;
+        for (int i = 1; i <= 8; ++i) {
+            const QString p = paragraph(i);
+            paragraphs.append(p);
+            // Each paragraph arrives in two halves, the cut inside a sentence.
+            pieces.append(deltaEvent(p.left(50)));
+            pieces.append(deltaEvent(p.mid(50) + u"\n\n"_s));
+        }
+        stream(pieces, 120);
+        QTRY_VERIFY_WITH_TIMEOUT(!m_chat->isStreaming(), 30'000);
+        QTRY_VERIFY_WITH_TIMEOUT(!heard.isEmpty() && heard.last().text.contains(u"Reply complete"_s), 10'000);
+
+        QStringList shown;
+        for (const QString &p : std::as_const(paragraphs))
+            shown.append(QString(p).remove(u"**"_s));
+        const QList<Heard> during = heard.first(heard.size() - 1);
+        QVERIFY2(during.size() >= 2, qPrintable(QString::number(during.size())));
+        qsizetype next = 0;
+        for (const Heard &h : during) {
+            for (const QString &line : h.text.split(u'\n')) {
+                QVERIFY2(next < shown.size(), qPrintable(line));
+                QCOMPARE(line, shown.at(next++));
+            }
+        }
+        for (qsizetype i = 1; i < heard.size(); ++i) {
+            const qint64 gap = heard.at(i).atMs - heard.at(i - 1).atMs;
+            QVERIFY2(gap >= intervalMs, qPrintable(QString::number(gap)));
+        }
+
+        const qsizetype words = shown.join(u' ').split(u' ', Qt::SkipEmptyParts).size();
+        QCOMPARE(heard.last().text, shown.first() + u"\nReply complete, %1 words."_s.arg(words));
+    }
+
+    // A short reply is told once, when it ends, as it is shown; an error with its own text.
+    void endOfReply_data()
+    {
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QString>("reply");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("short reply") << 200 << u"Hello from the **mock**.\n\n- one\n- two"_s
+                                     << u"Hello from the mock.\n\u2022 one\n\u2022 two"_s;
+        QTest::newRow("code is named, not read")
+            << 200 << u"Run this:\n```sh\nls\n```"_s << u"Run this:\nCode, sh, 1 line."_s;
+        QTest::newRow("error") << 500 << QString() << QString();
+    }
+    void endOfReply()
+    {
+        QFETCH(int, status);
+        QFETCH(QString, reply);
+        QFETCH(QString, expected);
+        if (status == 200)
+            stream({deltaEvent(reply)}, 0);
+        else
+            stream({}, 0,
+                   LoopbackResponse::text(status, "{\"error\":{\"message\":\"overloaded\"}}", "application/json"));
+        QTRY_VERIFY_WITH_TIMEOUT(!m_chat->isStreaming(), 30'000);
+        QTRY_COMPARE_WITH_TIMEOUT(heard.size(), 1, 10'000);
+        if (status != 200) {
+            QVERIFY(m_chat->errorText());
+            expected = *m_chat->errorText();
+        }
+        QCOMPARE(heard.first().text, expected);
+        // Nothing follows.
+        QTest::qWait(3 * intervalMs);
+        QCOMPARE(heard.size(), 1);
+    }
+
+    // Nothing is heard from a window the user left, with the setting off, or with no reader.
+    void silence_data()
+    {
+        QTest::addColumn<QString>("why");
+        QTest::newRow("another window is active") << u"inactive"_s;
+        QTest::newRow("setting off") << u"setting"_s;
+        QTest::newRow("no screen reader") << u"reader"_s;
+    }
+    void silence()
+    {
+        QFETCH(QString, why);
+        QWidget other;
+        if (why == u"inactive"_s) {
+            other.show();
+            other.activateWindow();
+            QVERIFY(QTest::qWaitForWindowActive(&other));
+        } else if (why == u"setting"_s) {
+            ReplyAnnouncer::setEnabled(false);
+        } else {
+            readers()->setActive(false);
+        }
+        QList<QByteArray> pieces;
+        for (int i = 1; i <= 6; ++i)
+            pieces.append(deltaEvent(paragraph(i) + u"\n\n"_s));
+        stream(pieces, 20);
+        QTRY_VERIFY_WITH_TIMEOUT(!m_chat->isStreaming(), 30'000);
+        QTest::qWait(3 * intervalMs);
+        QVERIFY(heard.isEmpty());
+    }
+
+private:
+    static constexpr int intervalMs = 300;
+
+    static QPlatformAccessibility *readers() { return QGuiApplicationPrivate::platformIntegration()->accessibility(); }
+
+    void stream(const QList<QByteArray> &pieces, int delayMs, std::optional<LoopbackResponse> response = {})
+    {
+        QList<QByteArray> all = pieces;
+        all.append("data: [DONE]\n\n");
+        m_server->setResponse(response.value_or(LoopbackResponse::eventStream(all, delayMs)));
+        Provider provider;
+        provider.id = QUuid::createUuid();
+        provider.name = u"Loopback"_s;
+        provider.baseURL = m_server->url(u"/v1"_s).toString();
+        provider.model = u"m"_s;
+        provider.apiKey = u"sk-test"_s;
+        m_chat->setInput(u"Tell me a story."_s);
+        m_chat->send(provider);
+        QVERIFY(m_chat->isStreaming());
+    }
+
+    QTemporaryDir m_config;
+    std::unique_ptr<LoopbackServer> m_server;
+    std::unique_ptr<ChatViewModel> m_chat;
+    std::unique_ptr<ScrollController> m_scroll;
+    std::unique_ptr<TranscriptView> m_view;
+    double m_now = 0;
+};
+
+QTEST_MAIN(tst_ReplyAnnouncer)
+#include "tst_replyannouncer.moc"

@@ -1,0 +1,339 @@
+#include "chat/chatviewmodel.h"
+#include "ui/codeblockview.h"
+#include "ui/messagebubble.h"
+#include "ui/panecycler.h"
+#include "ui/scrollcontroller.h"
+#include "ui/transcriptview.h"
+
+#include <QAccessible>
+#include <QApplication>
+#include <QClipboard>
+#include <QLineEdit>
+#include <QScrollBar>
+#include <QTest>
+#include <QToolButton>
+#include <QVBoxLayout>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+const QString everyBlock = u"# Plan\n"
+                           "Show me **everything** in [the docs](https://example.com/docs).\n"
+                           "- first\n"
+                           "3. third\n"
+                           "> quoted\n"
+                           "```python\n"
+                           "print(\"hi\")\n"
+                           "x = 1\n"
+                           "```\n"
+                           "| Name | **Size** |\n"
+                           "|---|---|\n"
+                           "| a | 1 | hidden |\n"
+                           "| b |\n"_s;
+
+struct Node
+{
+    QAccessible::Role role;
+    QString name;
+    QString description;
+    QString text;
+};
+
+// Every node below root, depth first, after checking that each child names its parent and its
+// parent finds it at its index: a reader walks the tree both ways.
+void collect(QAccessibleInterface *root, QList<Node> &out)
+{
+    for (int i = 0; i < root->childCount(); ++i) {
+        QAccessibleInterface *child = root->child(i);
+        QVERIFY2(child, qPrintable(u"no child %1 of %2"_s.arg(i).arg(root->text(QAccessible::Name))));
+        QCOMPARE(child->parent(), root);
+        QCOMPARE(root->indexOfChild(child), i);
+        QString text;
+        if (QAccessibleTextInterface *t = child->textInterface())
+            text = t->text(0, t->characterCount());
+        out.append({child->role(), child->text(QAccessible::Name), child->text(QAccessible::Description), text});
+        collect(child, out);
+    }
+}
+
+QAccessibleActionInterface *actions(QAccessibleInterface *item, const QString &name)
+{
+    QAccessibleActionInterface *a = item->actionInterface();
+    return a && a->actionNames().contains(name) ? a : nullptr;
+}
+
+} // namespace
+
+// What a screen reader finds in a transcript: each message one item reading as it is shown; and
+// how a keyboard moves through it, in a window of three panes as the main window has.
+class tst_TranscriptAccessible final : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init()
+    {
+        m_chat = std::make_unique<ChatViewModel>();
+        m_scroll = std::make_unique<ScrollController>();
+        m_window = std::make_unique<QWidget>();
+        auto *layout = new QVBoxLayout(m_window.get());
+        m_list = new QLineEdit(m_window.get());
+        m_view = new TranscriptView(m_chat.get(), m_scroll.get(), m_window.get());
+        m_composer = new QLineEdit(m_window.get());
+        layout->addWidget(m_list);
+        layout->addWidget(m_view, 1);
+        layout->addWidget(m_composer);
+        auto *panes = new PaneCycler(m_window.get(), [this] { return QList<QWidget *>{m_list, m_view, m_composer}; });
+        panes->returnOnEscape(m_view, m_composer);
+        m_window->resize(700, 900);
+        m_window->show();
+        m_window->activateWindow();
+        QVERIFY(QTest::qWaitForWindowActive(m_window.get()));
+        m_composer->setFocus();
+    }
+    void cleanup()
+    {
+        m_window.reset();
+        m_chat.reset();
+        m_scroll.reset();
+    }
+
+    void messageReadsAsShown()
+    {
+        ChatMessage reply(ChatRole::assistant, everyBlock);
+        reply.usage = TokenUsage{12, 34, 46};
+        show({ChatMessage(ChatRole::user, u"**Hi**"_s), reply});
+        QAccessibleInterface *list = QAccessible::queryAccessibleInterface(m_view->area());
+        QCOMPARE(list->childCount(), 2);
+        QAccessibleInterface *user = list->child(0);
+        QCOMPARE(user->text(QAccessible::Name), u"You"_s);
+        QCOMPARE(user->text(QAccessible::Description), u"Hi"_s);
+
+        QAccessibleInterface *item = list->child(1);
+        QVERIFY(m_view->area()->bubbleAt(1));
+        QCOMPARE(item->role(), QAccessible::ListItem);
+        QCOMPARE(item->text(QAccessible::Name), u"Assistant · 12↑ 34↓ · 46 tokens"_s);
+        const QString shown = u"Plan\nShow me everything in the docs.\n• first\n3. third\nquoted\n"
+                              "Code, python\nprint(\"hi\")\nx = 1\nName\tSize\na\t1\nb\t"_s;
+        QCOMPARE(item->text(QAccessible::Description), shown);
+        QVERIFY(item->textInterface());
+        QCOMPARE(item->textInterface()->text(0, -1), shown);
+        int start = -1;
+        int end = -1;
+        QCOMPARE(item->textInterface()->textAtOffset(8, QAccessible::LineBoundary, &start, &end),
+                 u"Show me everything in the docs.\n"_s);
+        QCOMPARE(item->textInterface()->textAfterOffset(8, QAccessible::LineBoundary, &start, &end),
+                 QString(QChar(0x2022)) + u" first\n"_s);
+
+        QList<Node> nodes;
+        collect(item, nodes);
+        if (QTest::currentTestFailed())
+            return;
+        QStringList outline;
+        for (const Node &node : nodes) {
+            // A button's description is its tooltip.
+            const bool described = !node.description.isEmpty() && node.role != QAccessible::Button;
+            outline.append(u"%1 %2"_s.arg(int(node.role), 0, 16).arg(node.name) +
+                           (described ? u" (" + node.description + u')' : QString()));
+        }
+        const auto row = [](QAccessible::Role role, const QString &name, const QString &description = {}) -> QString {
+            return u"%1 %2"_s.arg(int(role), 0, 16).arg(name) +
+                   (description.isEmpty() ? QString() : u" (" + description + u')');
+        };
+        const QStringList expected{
+            row(QAccessible::Button, u"Copy Markdown"_s),
+            row(QAccessible::Heading, u"Plan"_s),
+            row(QAccessible::Paragraph, u"Show me everything in the docs."_s),
+            row(QAccessible::Link, u"the docs"_s, u"https://example.com/docs"_s),
+            row(QAccessible::ListItem, QString(QChar(0x2022)) + u" first"_s),
+            row(QAccessible::ListItem, u"3. third"_s),
+            row(QAccessible::Paragraph, u"quoted"_s, u"Quote"_s),
+            row(QAccessible::Section, u"Code, python"_s),
+            row(QAccessible::StaticText, u"print(\"hi\")"_s),
+            row(QAccessible::StaticText, u"x = 1"_s),
+            row(QAccessible::Button, u"Copy code"_s),
+            row(QAccessible::Table, QString()),
+            row(QAccessible::ColumnHeader, u"Name"_s),
+            row(QAccessible::ColumnHeader, u"Size"_s),
+            row(QAccessible::Cell, u"a"_s),
+            row(QAccessible::Cell, u"1"_s),
+            row(QAccessible::Cell, u"b"_s),
+            row(QAccessible::Cell, QString()),
+            row(QAccessible::Button, u"Copy Markdown"_s),
+        };
+        QCOMPARE(outline, expected);
+        // Nothing of the Markdown is left to be read, and the link's target only as its own.
+        for (const Node &node : nodes) {
+            for (const QString &part :
+                 {node.name, node.text, node.role == QAccessible::Link ? u""_s : node.description}) {
+                for (const QString &markup : {u"**"_s, u"```"_s, u"|"_s, u"https://"_s, u"hidden"_s})
+                    QVERIFY2(!part.contains(markup), qPrintable(part));
+            }
+        }
+    }
+
+    // The table is a grid a reader moves through by cell, each cell knowing its header.
+    void tableIsAGrid()
+    {
+        show({ChatMessage(ChatRole::assistant, u"|A|B|C|\n|-|-|-|\n|1|2|\n|4|5|6|7|"_s)});
+        QAccessibleInterface *item = QAccessible::queryAccessibleInterface(m_view->area())->child(0);
+        QAccessibleInterface *table = nullptr;
+        for (int i = 0; i < item->childCount() && !table; ++i) {
+            if (item->child(i)->role() == QAccessible::Table)
+                table = item->child(i);
+        }
+        QVERIFY(table);
+        QAccessibleTableInterface *grid = table->tableInterface();
+        QVERIFY(grid);
+        QCOMPARE(grid->rowCount(), 2);
+        QCOMPARE(grid->columnCount(), 3);
+        QCOMPARE(grid->columnDescription(2), u"C"_s);
+        QVERIFY(!grid->cellAt(2, 0));
+        QVERIFY(!grid->cellAt(0, 3));
+        const QStringList cells{u"1"_s, u"2"_s, QString(), u"4"_s, u"5"_s, u"6"_s};
+        for (int r = 0; r < 2; ++r) {
+            for (int c = 0; c < 3; ++c) {
+                QAccessibleInterface *cell = grid->cellAt(r, c);
+                QVERIFY(cell);
+                QCOMPARE(cell->text(QAccessible::Name), cells.at(r * 3 + c));
+                QAccessibleTableCellInterface *position = cell->tableCellInterface();
+                QCOMPARE(position->rowIndex(), r);
+                QCOMPARE(position->columnIndex(), c);
+                QCOMPARE(position->table(), table);
+                const QList<QAccessibleInterface *> headers = position->columnHeaderCells();
+                QCOMPARE(headers.size(), 1);
+                QCOMPARE(headers.first()->text(QAccessible::Name), QString(QChar(u'A' + c)));
+            }
+        }
+    }
+
+    // "Copy Markdown" is one action away on every message, built or not, and copies the source.
+    void copyMarkdownAction()
+    {
+        QList<ChatMessage> messages;
+        for (int i = 0; i < 300; ++i)
+            messages.append(ChatMessage(ChatRole::assistant, u"Reply **%1**\n\n- item"_s.arg(i)));
+        show(messages);
+        QAccessibleInterface *list = QAccessible::queryAccessibleInterface(m_view->area());
+        QVERIFY(!m_view->area()->bubbleAt(0));
+        QVERIFY(m_view->area()->bubbleAt(299));
+        for (int i : {0, 299}) {
+            QAccessibleInterface *item = list->child(i);
+            QCOMPARE(item->text(QAccessible::Description), u"Reply %1\n\u2022 item"_s.arg(i));
+            QAccessibleActionInterface *a = actions(item, u"Copy Markdown"_s);
+            QVERIFY(a);
+            QGuiApplication::clipboard()->clear();
+            a->doAction(u"Copy Markdown"_s);
+            QCOMPARE(QGuiApplication::clipboard()->text(), u"Reply **%1**\n\n- item"_s.arg(i));
+        }
+    }
+
+    // A huge reply is read only as far as anyone listens: the item's text stays bounded.
+    void hugeReplyIsReadBounded()
+    {
+        QString huge;
+        huge.reserve(3'000'000);
+        for (int i = 0; i < 100'000; ++i)
+            huge += u"Line **%1** of a very long reply.\n"_s.arg(i);
+        // Far above the end, the huge reply is read without a bubble ever being built for it.
+        QList<ChatMessage> messages{ChatMessage(ChatRole::assistant, huge)};
+        for (int i = 0; i < 20; ++i)
+            messages.append(ChatMessage(ChatRole::user, u"Short %1"_s.arg(i)));
+        show(messages);
+        QVERIFY(!m_view->area()->bubbleAt(0));
+        QAccessibleInterface *item = QAccessible::queryAccessibleInterface(m_view->area())->child(0);
+        QVERIFY(item->text(QAccessible::Description).size() <= 4001);
+        QVERIFY(item->textInterface()->characterCount() <= 100'001);
+        QVERIFY(item->textInterface()->text(0, 40).startsWith(u"Line 0 of a very long reply."_s));
+    }
+
+    // F6 rings the panes and lands on the newest message; Up and Down walk the messages, each
+    // scrolled into view as a user's scroll would, so walking up detaches the transcript and
+    // coming back to the end follows again; Escape returns to the composer.
+    void keyboardWalksMessages()
+    {
+        QList<ChatMessage> messages;
+        for (int i = 0; i < 40; ++i)
+            messages.append(ChatMessage(i % 2 ? ChatRole::assistant : ChatRole::user, u"Message %1"_s.arg(i)));
+        show(messages);
+        TranscriptArea *area = m_view->area();
+        QTest::keyClick(m_composer, Qt::Key_F6);
+        QVERIFY(m_list->hasFocus());
+        QTest::keyClick(m_list, Qt::Key_F6);
+        QVERIFY(area->bubbleAt(39));
+        QVERIFY(area->bubbleAt(39)->hasFocus());
+
+        QTest::keyClick(QApplication::focusWidget(), Qt::Key_Up);
+        QVERIFY(area->bubbleAt(38)->hasFocus());
+        QTest::keyClick(QApplication::focusWidget(), Qt::Key_Home);
+        QVERIFY(area->bubbleAt(0));
+        QVERIFY(area->bubbleAt(0)->hasFocus());
+        QVERIFY(area->viewport()->rect().contains(area->bubbleAt(0)->geometry().topLeft()));
+        QTRY_VERIFY(!m_scroll->autoScroll());
+        QTest::keyClick(QApplication::focusWidget(), Qt::Key_Down);
+        QVERIFY(area->bubbleAt(1)->hasFocus());
+        QTest::keyClick(QApplication::focusWidget(), Qt::Key_End);
+        QVERIFY(area->bubbleAt(39)->hasFocus());
+        QTRY_VERIFY(m_scroll->autoScroll());
+
+        // Leaving and coming back lands on the message last visited.
+        QTest::keyClick(QApplication::focusWidget(), Qt::Key_Up);
+        QTest::keyClick(QApplication::focusWidget(), Qt::Key_Escape);
+        QVERIFY(m_composer->hasFocus());
+        QTest::keyClick(m_composer, Qt::Key_F6, Qt::ShiftModifier);
+        QVERIFY(area->bubbleAt(38)->hasFocus());
+    }
+
+    // Tab reaches the focused message's buttons in reading order, then leaves the transcript;
+    // Shift+Tab walks back. Ctrl+Shift+C copies the last reply from anywhere in the window.
+    void tabReachesTheMessageButtons()
+    {
+        show({ChatMessage(ChatRole::user, u"Code please"_s),
+              ChatMessage(ChatRole::assistant, u"Here:\n```sh\nls -l\n```\nDone."_s)});
+        QTest::keyClick(m_composer, Qt::Key_F6, Qt::ShiftModifier);
+        MessageBubble *reply = m_view->area()->bubbleAt(1);
+        QVERIFY(reply->hasFocus());
+        auto *code = reply->findChild<CodeBlockView *>();
+        QVERIFY(code);
+        const QList<QWidget *> expected{reply->headerCopyButton(), code->copyButton(), reply->footerCopyButton(),
+                                        m_composer};
+        for (QWidget *w : expected) {
+            QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
+            QCOMPARE(QApplication::focusWidget(), w);
+        }
+        QTest::keyClick(m_composer, Qt::Key_Tab, Qt::ShiftModifier);
+        QCOMPARE(QApplication::focusWidget(), reply);
+        QTest::keyClick(QApplication::focusWidget(), Qt::Key_Up);
+        QTest::keyClick(QApplication::focusWidget(), Qt::Key_Down);
+        QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
+        QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
+        QCOMPARE(QApplication::focusWidget(), code->copyButton());
+        QTest::keyClick(QApplication::focusWidget(), Qt::Key_Space);
+        QCOMPARE(QGuiApplication::clipboard()->text(), u"ls -l"_s);
+
+        QGuiApplication::clipboard()->clear();
+        QTest::keyClick(m_composer, Qt::Key_C, Qt::ControlModifier | Qt::ShiftModifier);
+        QCOMPARE(QGuiApplication::clipboard()->text(), u"Here:\n```sh\nls -l\n```\nDone."_s);
+        QVERIFY(reply->copied());
+    }
+
+private:
+    void show(const QList<ChatMessage> &messages)
+    {
+        Conversation conversation;
+        conversation.id = QUuid::createUuid();
+        conversation.messages = messages;
+        m_chat->activate(conversation);
+    }
+
+    std::unique_ptr<ChatViewModel> m_chat;
+    std::unique_ptr<ScrollController> m_scroll;
+    std::unique_ptr<QWidget> m_window;
+    QLineEdit *m_list = nullptr;
+    TranscriptView *m_view = nullptr;
+    QLineEdit *m_composer = nullptr;
+};
+
+QTEST_MAIN(tst_TranscriptAccessible)
+#include "tst_transcriptaccessible.moc"
