@@ -117,6 +117,43 @@ private:
     bool m_shown = false;
 };
 
+// A ring in the accent colour around the message button that has the keyboard focus: the small
+// borderless buttons of a message show their focus too faintly on their own, in light and dark.
+class FocusRing final : public QWidget
+{
+public:
+    static constexpr int margin = 3;
+
+    explicit FocusRing(QWidget *viewport)
+        : QWidget(viewport)
+    {
+        setAttribute(Qt::WA_TransparentForMouseEvents);
+        setFocusPolicy(Qt::NoFocus);
+        hide();
+    }
+
+    void follow(QWidget *target)
+    {
+        if (!target || !target->isVisible()) {
+            hide();
+            return;
+        }
+        const QPoint topLeft = target->mapTo(parentWidget(), QPoint(0, 0));
+        setGeometry(QRect(topLeft, target->size()).adjusted(-margin, -margin, margin, margin));
+        show();
+        raise();
+    }
+
+protected:
+    void paintEvent(QPaintEvent *) override
+    {
+        QPainter painter(this);
+        painter.setRenderHint(QPainter::Antialiasing);
+        painter.setPen(QPen(Theme::color(Theme::Color::Accent, palette()), 2));
+        painter.drawRoundedRect(QRectF(rect()).adjusted(1, 1, -1, -1), 4, 4);
+    }
+};
+
 namespace {
 
 // How far beyond the visible area bubbles are built, and beyond which they are dropped, in
@@ -197,6 +234,7 @@ TranscriptArea::TranscriptArea(ChatViewModel *chat, ScrollController *scroll, QW
     , m_chat(chat)
     , m_scroll(scroll)
     , m_error(new QLabel(viewport()))
+    , m_focusRing(new FocusRing(viewport()))
 {
     installTranscriptAccessibility();
     setVerticalScrollBar(new TranscriptScrollBar(this));
@@ -244,12 +282,15 @@ TranscriptArea::TranscriptArea(ChatViewModel *chat, ScrollController *scroll, QW
             if (MessageBubble *bubble = bubbleHolding(w))
                 bubble->update();
         }
+        placeFocusRing();
         // The window's Tab order holds every built message's buttons; coming in from outside,
         // the keyboard lands on a message rather than on some button of whichever was built last.
         MessageBubble *bubble = bubbleHolding(now);
         if (bubble && now != bubble && qobject_cast<QAbstractButton *>(now) && !bubbleHolding(old) && old != this) {
-            const qsizetype current = currentMessage();
-            focusMessage(current >= 0 ? current : messageCount() - 1);
+            QTimer::singleShot(0, this, [this] {
+                const qsizetype current = currentMessage();
+                focusMessage(current >= 0 ? current : messageCount() - 1);
+            });
         }
     });
 
@@ -503,6 +544,13 @@ void TranscriptArea::relayout()
     reportGeometry();
 }
 
+void TranscriptArea::placeFocusRing()
+{
+    QWidget *focus = QApplication::focusWidget();
+    const bool onButton = qobject_cast<QAbstractButton *>(focus) && bubbleHolding(focus);
+    m_focusRing->follow(onButton ? focus : nullptr);
+}
+
 void TranscriptArea::placeRows(qsizetype from)
 {
     const int value = verticalScrollBar()->value();
@@ -516,6 +564,7 @@ void TranscriptArea::placeRows(qsizetype from)
         const int top = n == 0 ? verticalPadding : rowTop(n - 1) + m_rows[std::size_t(n - 1)].height + stackSpacing;
         m_error->setGeometry(errorPadding, top - value, m_width - 2 * errorPadding, m_error->height());
     }
+    placeFocusRing();
 }
 
 void TranscriptArea::reportGeometry()
@@ -611,10 +660,15 @@ MessageBubble *TranscriptArea::bubbleHolding(QWidget *widget) const
 void TranscriptArea::focusInEvent(QFocusEvent *event)
 {
     QAbstractScrollArea::focusInEvent(event);
-    // Arriving by keyboard lands on a message: the one last visited, else the newest.
+    // Arriving by keyboard lands on a message: the one last visited, else the newest. On the next
+    // turn, so that a screen reader hears of the transcript first and of the message last.
     if (event->reason() != Qt::MouseFocusReason && messageCount() > 0) {
-        const qsizetype current = currentMessage();
-        focusMessage(current >= 0 ? current : messageCount() - 1);
+        QTimer::singleShot(0, this, [this] {
+            if (!hasFocus() || messageCount() == 0)
+                return;
+            const qsizetype current = currentMessage();
+            focusMessage(current >= 0 ? current : messageCount() - 1);
+        });
     }
 }
 

@@ -11,6 +11,7 @@
 
 class ChatViewModel;
 class QAbstractButton;
+class FocusRing;
 class JumpButton;
 class MessageBubble;
 class QLabel;
@@ -127,6 +128,7 @@ private:
     qsizetype rowAt(int y) const;
     void remeasureAll();
     void revealRow(qsizetype index);
+    void placeFocusRing();
     qsizetype indexOfBubble(const MessageBubble *bubble) const;
     MessageBubble *bubbleHolding(QWidget *widget) const;
     // Leaves the transcript for the next (or previous) control of the window.
@@ -138,6 +140,7 @@ private:
     mutable std::vector<int> m_tops; // content y of each row, valid below m_validTops
     mutable qsizetype m_validTops = 0;
     QLabel *m_error;
+    FocusRing *m_focusRing;
     qsizetype m_lastCount = 0;
     qsizetype m_lastLength = 0;
     int m_width = -1;

@@ -261,8 +261,7 @@ private slots:
         QTest::keyClick(m_composer, Qt::Key_F6);
         QVERIFY(m_list->hasFocus());
         QTest::keyClick(m_list, Qt::Key_F6);
-        QVERIFY(area->bubbleAt(39));
-        QVERIFY(area->bubbleAt(39)->hasFocus());
+        QTRY_VERIFY(area->bubbleAt(39) && area->bubbleAt(39)->hasFocus());
 
         QTest::keyClick(QApplication::focusWidget(), Qt::Key_Up);
         QVERIFY(area->bubbleAt(38)->hasFocus());
@@ -282,7 +281,7 @@ private slots:
         QTest::keyClick(QApplication::focusWidget(), Qt::Key_Escape);
         QVERIFY(m_composer->hasFocus());
         QTest::keyClick(m_composer, Qt::Key_F6, Qt::ShiftModifier);
-        QVERIFY(area->bubbleAt(38)->hasFocus());
+        QTRY_VERIFY(area->bubbleAt(38)->hasFocus());
     }
 
     // Tab reaches the focused message's buttons in reading order, then leaves the transcript;
@@ -293,7 +292,7 @@ private slots:
               ChatMessage(ChatRole::assistant, u"Here:\n```sh\nls -l\n```\nDone."_s)});
         QTest::keyClick(m_composer, Qt::Key_F6, Qt::ShiftModifier);
         MessageBubble *reply = m_view->area()->bubbleAt(1);
-        QVERIFY(reply->hasFocus());
+        QTRY_VERIFY(reply->hasFocus());
         auto *code = reply->findChild<CodeBlockView *>();
         QVERIFY(code);
         const QList<QWidget *> expected{reply->headerCopyButton(), code->copyButton(), reply->footerCopyButton(),
@@ -303,7 +302,7 @@ private slots:
             QCOMPARE(QApplication::focusWidget(), w);
         }
         QTest::keyClick(m_composer, Qt::Key_Tab, Qt::ShiftModifier);
-        QCOMPARE(QApplication::focusWidget(), reply);
+        QTRY_COMPARE(QApplication::focusWidget(), reply);
         QTest::keyClick(QApplication::focusWidget(), Qt::Key_Up);
         QTest::keyClick(QApplication::focusWidget(), Qt::Key_Down);
         QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
