@@ -4,7 +4,7 @@ BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 
-PACKAGES := cmake make g++ pkg-config qt6-base-dev qt6-svg-dev libgl-dev xvfb xauth \
+PACKAGES := cmake make g++ pkg-config qt6-base-dev qt6-base-private-dev qt6-svg-dev libgl-dev xvfb xauth \
             libsimdjson-dev
 
 # What `make deb` needs to make the package, and what `make deb-check` needs to check it.
@@ -13,7 +13,7 @@ CHECK_PACKAGES := lintian desktop-file-utils appstream man-db libgtk-3-bin xvfb 
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: all deps configure build run test bench screenshots clean format deb deb-check
+.PHONY: all deps configure build run test bench screenshots clean format deb deb-check a11y-check
 
 all: build
 
@@ -60,6 +60,18 @@ deb: build
 deb-check: EXTRA_PACKAGES += $(CHECK_PACKAGES)
 deb-check: deb
 	tools/check-deb.sh $$(ls -t $(BUILD_DIR)/verbolt_*_amd64.deb | head -n1)
+
+# What the screen-reader checks need: a private X server, the accessibility bus, pyatspi, and
+# xdotool and xclip to type and read the clipboard as a user would.
+A11Y_PACKAGES := xvfb xauth dbus dbus-x11 at-spi2-core python3-pyatspi xdotool xclip
+
+# The transcript as a screen reader reads it and hears it, and a keyboard-only first chat, from
+# outside the program over AT-SPI under Xvfb.
+a11y-check: EXTRA_PACKAGES += $(A11Y_PACKAGES)
+a11y-check: configure
+	cmake --build $(BUILD_DIR) -j $(JOBS) --target verbolt verbolt-mock-provider verbolt-inspect
+	tools/a11y/run.sh check $(BUILD_DIR)
+	tools/a11y/run.sh walkthrough $(BUILD_DIR)
 
 format:
 	find src app tools tests bench -name '*.cpp' -o -name '*.h' | xargs clang-format -i
