@@ -158,6 +158,47 @@ void ChatViewModel::send(const std::optional<Provider> &provider)
     m_turn = turn;
 }
 
+QString ChatViewModel::systemPromptOf(const QList<ChatMessage> &messages)
+{
+    if (messages.isEmpty() || messages.first().role != ChatRole::system)
+        return QString();
+    return messages.first().content;
+}
+
+QList<ChatMessage> ChatViewModel::withSystemPrompt(QList<ChatMessage> messages, const QString &text)
+{
+    const bool has = !messages.isEmpty() && messages.first().role == ChatRole::system;
+    if (text.trimmed().isEmpty()) {
+        if (has)
+            messages.removeFirst();
+    } else if (has) {
+        messages.first().content = text;
+    } else {
+        messages.prepend(ChatMessage(ChatRole::system, text));
+    }
+    return messages;
+}
+
+void ChatViewModel::setSystemPrompt(const QString &text)
+{
+    if (!m_conversationID)
+        return;
+    const bool had = !m_messages.isEmpty() && m_messages.first().role == ChatRole::system;
+    const QList<ChatMessage> changed = withSystemPrompt(m_messages, text);
+    if (changed == m_messages)
+        return;
+    m_messages = changed;
+    const bool has = !m_messages.isEmpty() && m_messages.first().role == ChatRole::system;
+    if (had && has)
+        emit messageChanged(0);
+    else if (has)
+        emit messageInserted(0);
+    else
+        emit messageRemoved(0);
+    emit messagesChanged();
+    persist();
+}
+
 bool ChatViewModel::finishReply()
 {
     if (m_streamTask && !m_streamTask->isFinished())
@@ -231,7 +272,8 @@ void ChatViewModel::handleFinished(const Turn &turn, const std::optional<Service
             emit messagesChanged();
         }
     }
-    // A reply cut off by switching conversations is not saved: the other conversation is shown now.
+    // Switching conversations saves a running reply before the other one is shown (activate);
+    // nothing of this turn belongs to the transcript shown now.
     if (m_conversationID != turn.conversationID)
         return;
     setStreaming(false);

@@ -76,6 +76,19 @@ public:
     // Stops the current reply. The text received so far stays, and is saved once the transfer
     // has wound down (which calls onStreamEnd a second time).
     void stop();
+    // Whether the conversation with that id is the one shown.
+    bool isShowing(const QUuid &conversationID) const { return m_conversationID == conversationID; }
+    // The conversation's standing instructions: the content of its first message when that is a
+    // system message, else empty.
+    QString systemPrompt() const { return systemPromptOf(m_messages); }
+    // Sets, changes or (with a blank text) removes the system message at the start of the
+    // transcript, and saves.
+    void setSystemPrompt(const QString &text);
+    static QString systemPromptOf(const QList<ChatMessage> &messages);
+    // The messages with the system prompt set to text: the first message's content when it is a
+    // system message (its id kept), else a new system message in front. A blank text removes it.
+    static QList<ChatMessage> withSystemPrompt(QList<ChatMessage> messages, const QString &text);
+
     // Ends a running reply the way stop() does, but saves what arrived (with its usage) to the
     // conversation it belongs to before returning. Switching conversations, closing the window and
     // quitting go through here, so no reply is ever thrown away. True when a reply was ended.

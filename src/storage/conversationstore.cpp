@@ -7,6 +7,7 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
+#include <QSettings>
 #include <QStandardPaths>
 
 #include <algorithm>
@@ -15,6 +16,12 @@
 namespace {
 
 const QString newChatTitle = QStringLiteral("New Chat");
+const QString defaultSystemPromptKey = QStringLiteral("defaultSystemPrompt.v1");
+
+QSettings preferences()
+{
+    return QSettings(QStringLiteral("Verbolt"), QStringLiteral("Verbolt"));
+}
 
 } // namespace
 
@@ -116,12 +123,30 @@ void ConversationStore::setClock(std::function<double()> clock)
     m_clock = std::move(clock);
 }
 
+QString ConversationStore::defaultSystemPrompt() const
+{
+    return preferences().value(defaultSystemPromptKey).toString();
+}
+
+void ConversationStore::setDefaultSystemPrompt(const QString &text)
+{
+    QSettings settings = preferences();
+    if (text.trimmed().isEmpty())
+        settings.remove(defaultSystemPromptKey);
+    else
+        settings.setValue(defaultSystemPromptKey, text);
+    settings.sync();
+}
+
 Conversation ConversationStore::newChat(const std::optional<QUuid> &providerID)
 {
     Conversation conversation;
     conversation.id = QUuid::createUuid();
     conversation.title = newChatTitle;
     conversation.providerID = providerID;
+    const QString prompt = defaultSystemPrompt();
+    if (!prompt.trimmed().isEmpty())
+        conversation.messages = {ChatMessage(ChatRole::system, prompt)};
     conversation.createdAt = m_clock();
     conversation.updatedAt = conversation.createdAt;
     m_conversations.prepend(conversation);

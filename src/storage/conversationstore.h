@@ -65,7 +65,13 @@ public:
 
     QString fileURL() const { return m_filePath; }
 
-    // Creates a "New Chat" at the front, selects it, saves, and returns it.
+    // The standing instructions every new conversation starts with (empty: none). Kept in the
+    // preferences ("defaultSystemPrompt.v1"), not in the history.
+    QString defaultSystemPrompt() const;
+    void setDefaultSystemPrompt(const QString &text);
+
+    // Creates a "New Chat" at the front (holding the default system prompt as its first message,
+    // if there is one), selects it, saves, and returns it.
     Conversation newChat(const std::optional<QUuid> &providerID);
     // What New Chat does for the user: selects the newest conversation when it has no messages
     // yet (so repeated presses leave one empty chat), otherwise newChat(). Returns the selection.

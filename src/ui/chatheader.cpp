@@ -90,6 +90,18 @@ ChatHeader::ChatHeader(ProviderStore *providers, ConversationStore *chats, ChatV
     m_tokenTotal->setObjectName(u"tokenTotal"_s);
     m_tokenTotal->setFont(Theme::font(Theme::TextStyle::Caption));
 
+    m_systemPromptButton = new QToolButton(this);
+    m_systemPromptButton->setObjectName(u"systemPromptButton"_s);
+    m_systemPromptButton->setText(u"System Prompt…"_s);
+    m_systemPromptButton->setToolTip(u"Standing instructions for this chat"_s);
+    m_systemPromptButton->setAccessibleName(u"System Prompt…"_s);
+    m_systemPromptButton->setAutoRaise(true);
+    m_systemPromptButton->setFocusPolicy(Qt::StrongFocus);
+    connect(m_systemPromptButton, &QToolButton::clicked, this, [this] {
+        if (const std::optional<QUuid> id = m_chats->selectedID())
+            emit systemPromptRequested(*id);
+    });
+
     m_exportButton = Theme::symbolButton(QLatin1StringView("square.and.arrow.up"), u"Export conversation as Markdown"_s,
                                          u"exportButton"_s, this);
     connect(m_exportButton, &QToolButton::clicked, this, &ChatHeader::exportCurrent);
@@ -110,17 +122,22 @@ ChatHeader::ChatHeader(ProviderStore *providers, ConversationStore *chats, ChatV
     layout->addLayout(modelRow);
     layout->addWidget(m_tokenTotal);
     layout->addStretch();
+    layout->addWidget(m_systemPromptButton);
     layout->addWidget(m_exportButton);
     layout->addWidget(m_settingsButton);
 
     setTabOrder(m_providerPicker, m_modelButton);
     setTabOrder(m_modelButton, m_fetchButton);
-    setTabOrder(m_fetchButton, m_exportButton);
+    setTabOrder(m_fetchButton, m_systemPromptButton);
+    setTabOrder(m_systemPromptButton, m_exportButton);
     setTabOrder(m_exportButton, m_settingsButton);
 
     connect(m_providers, &ProviderStore::providersChanged, this, &ChatHeader::syncProviders);
     connect(m_providers, &ProviderStore::selectedIDChanged, this, &ChatHeader::syncProviders);
     connect(m_chat, &ChatViewModel::messagesChanged, this, &ChatHeader::syncMessages);
+    connect(m_chats, &ConversationStore::selectedIDChanged, this,
+            [this] { m_systemPromptButton->setEnabled(m_chats->selectedID().has_value()); });
+    m_systemPromptButton->setEnabled(m_chats->selectedID().has_value());
 
     syncProviders();
     syncMessages();

@@ -23,7 +23,7 @@ class QProgressBar;
 class QToolButton;
 
 // The bar above the transcript: the provider picker, the model menu with its refresh button, the
-// conversation's token total, and the export and settings buttons.
+// conversation's token total, and the system prompt, export and settings buttons.
 //
 // Reads and writes the two stores and shows the window's view model; all three must outlive it.
 // A failed model fetch or export shows as the view model's error line.
@@ -63,6 +63,8 @@ public:
 signals:
     // Emitted when the user asks for the settings window (the gear button).
     void settingsRequested();
+    // Emitted when the user asks to edit the selected conversation's system prompt.
+    void systemPromptRequested(const QUuid &conversationID);
 
 protected:
     void changeEvent(QEvent *event) override;
@@ -94,6 +96,7 @@ private:
     QToolButton *m_fetchButton;
     QProgressBar *m_fetchProgress;
     QLabel *m_tokenTotal;
+    QToolButton *m_systemPromptButton;
     QToolButton *m_exportButton;
     QToolButton *m_settingsButton;
 };

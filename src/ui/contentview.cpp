@@ -9,6 +9,7 @@
 #include "ui/conversationsidebar.h"
 #include "ui/panecycler.h"
 #include "ui/scrollcontroller.h"
+#include "ui/systempromptdialog.h"
 #include "ui/theme.h"
 #include "ui/transcriptview.h"
 
@@ -39,6 +40,7 @@ ContentView::ContentView(ProviderStore *store, ConversationStore *chats, QWidget
     m_sidebar = new ConversationSidebar(store, chats, m_splitter);
     m_splitter->addWidget(m_sidebar);
     connect(m_sidebar, &ConversationSidebar::composerFocusRequested, this, &ContentView::focusComposer);
+    connect(m_sidebar, &ConversationSidebar::systemPromptRequested, this, &ContentView::openSystemPromptDialog);
     m_detail = new QStackedWidget(m_splitter);
     m_emptyState = buildEmptyState();
     m_detail->addWidget(m_emptyState);
@@ -91,6 +93,7 @@ void ContentView::ensureChatArea()
 
     m_header = new ChatHeader(m_store, m_chats, m_chat, m_chatArea);
     connect(m_header, &ChatHeader::settingsRequested, this, &ContentView::settingsRequested);
+    connect(m_header, &ChatHeader::systemPromptRequested, this, &ContentView::openSystemPromptDialog);
 
     auto *divider = new QFrame(m_chatArea);
     divider->setObjectName(u"headerDivider"_s);
@@ -117,6 +120,35 @@ void ContentView::ensureChatArea()
 
     setTabOrder(m_sidebar->lastInFocusChain(), m_header->firstInFocusChain());
     applyColours();
+}
+
+void ContentView::openSystemPromptDialog(const QUuid &conversationID)
+{
+    const Conversation *stored = m_chats->find(conversationID);
+    if (!stored)
+        return;
+    // The transcript shown here may hold more than the store yet (a reply streaming).
+    const QString prompt =
+        m_chat->isShowing(conversationID) ? m_chat->systemPrompt() : ChatViewModel::systemPromptOf(stored->messages);
+    auto *dialog = new SystemPromptDialog(stored->title, prompt, this);
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    dialog->setWindowModality(Qt::WindowModal);
+    connect(dialog, &QDialog::accepted, this,
+            [this, dialog, conversationID] { setSystemPrompt(conversationID, dialog->prompt()); });
+    dialog->open();
+}
+
+void ContentView::setSystemPrompt(const QUuid &conversationID, const QString &text)
+{
+    if (m_chat->isShowing(conversationID)) {
+        m_chat->setSystemPrompt(text);
+        return;
+    }
+    if (const Conversation *stored = m_chats->find(conversationID)) {
+        const QList<ChatMessage> changed = ChatViewModel::withSystemPrompt(stored->messages, text);
+        if (changed != stored->messages.list())
+            m_chats->updateMessages(conversationID, changed);
+    }
 }
 
 QWidget *ContentView::buildEmptyState()

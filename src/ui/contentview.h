@@ -51,6 +51,11 @@ public:
     void send();
     // Puts the focus in the composer, when the chat area is shown.
     void focusComposer();
+    // Opens the editor of a conversation's standing instructions; Save stores them at once.
+    void openSystemPromptDialog(const QUuid &conversationID);
+    // Sets a conversation's system prompt: through this window's transcript when it shows it,
+    // otherwise in the store.
+    void setSystemPrompt(const QUuid &conversationID, const QString &text);
 
     // How long after a conversation switch the composer takes the focus (0.1 s shipped).
     void setFocusDelay(std::chrono::milliseconds delay) { m_focusDelay = delay; }

@@ -211,6 +211,8 @@ void ConversationSidebar::handleContextMenu(const QPoint &pos)
                     [this, conversation] { openRenameDialog(conversation); });
     menu->addAction(Theme::symbolIcon(QLatin1StringView("trash")), u"Delete"_s, this,
                     [this, conversation] { m_chats->deleteConversation(conversation); });
+    menu->addSeparator();
+    menu->addAction(u"System Prompt…"_s, this, [this, id = conversation.id] { emit systemPromptRequested(id); });
     menu->popup(m_list->viewport()->mapToGlobal(pos));
 }
 

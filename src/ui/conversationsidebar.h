@@ -21,7 +21,7 @@ class SearchResultsModel;
 struct SearchResult;
 
 // The window's left column: the search field, the New Chat button and the list of conversations,
-// newest first, with a context menu on each row (Rename, Delete) and the rename dialog.
+// newest first, with a context menu on each row (Rename, Delete, System Prompt…) and the rename dialog.
 //
 // Typing in the search field (Ctrl+Shift+F) narrows the list to the conversations that hold every
 // typed word, searched off the main thread; Escape clears it and gives the focus back to where it
@@ -64,6 +64,8 @@ signals:
     // Emitted when the user opens a search result: the conversation is selected, and the window
     // shows the typed words found in it, from the first hit in message messageIndex (-1: none).
     void resultChosen(const QString &typed, qsizetype messageIndex);
+    // Emitted when the user asks to edit a conversation's system prompt from its row menu.
+    void systemPromptRequested(const QUuid &conversationID);
 
 protected:
     bool eventFilter(QObject *watched, QEvent *event) override;

@@ -74,6 +74,7 @@ MessageBubble::MessageBubble(const ChatMessage &message, QWidget *parent)
     , m_ellipsis(makeLabel(this))
     , m_footerCopy(makeCopyButton(this))
     , m_footerLabel(makeLabel(this))
+    , m_expand(new QToolButton(this))
     , m_feedback(new CopyFeedback(this))
 {
     // A reply growing downwards repaints only what it uncovers and the strip setMessage() marks.
@@ -82,6 +83,13 @@ MessageBubble::MessageBubble(const ChatMessage &message, QWidget *parent)
     connect(m_headerCopy, &QToolButton::clicked, this, &MessageBubble::copy);
     connect(m_footerCopy, &QToolButton::clicked, this, &MessageBubble::copy);
     connect(m_feedback, &CopyFeedback::copiedChanged, this, &MessageBubble::updateCopyState);
+    m_expand->setObjectName(QStringLiteral("expandButton"));
+    m_expand->setAutoRaise(true);
+    m_expand->setFocusPolicy(Qt::TabFocus);
+    m_expand->setToolButtonStyle(Qt::ToolButtonTextOnly);
+    m_expand->setCursor(Qt::PointingHandCursor);
+    m_expand->hide();
+    connect(m_expand, &QToolButton::clicked, this, [this] { setExpanded(!m_expanded); });
     applyStyle();
     updateCopyState();
     // The blank message has an id of its own, so every part is set once here.
@@ -145,7 +153,8 @@ bool MessageBubble::setMessage(const ChatMessage &message)
     m_markdown->setHidden(!content);
     m_ellipsis->setHidden(content);
     if (content || hadContent)
-        m_markdown->setText(message.content);
+        m_markdown->setText(shownText());
+    updateExpand();
 
     setAccessibleName(roleLabel(message.role));
     // A screen reader gets the text as far as a block shows it: a reply of megabytes would
@@ -188,6 +197,36 @@ void MessageBubble::updateCopyState()
         placeChildren();
 }
 
+void MessageBubble::setExpanded(bool expanded)
+{
+    if (m_expanded == expanded)
+        return;
+    m_expanded = expanded;
+    m_markdown->setText(shownText());
+    updateExpand();
+    placeChildren();
+    update();
+    emit heightChanged();
+}
+
+QString MessageBubble::shownText() const
+{
+    if (m_message.role != ChatRole::system || m_expanded)
+        return m_message.content;
+    // Standing instructions can be long; the transcript shows their first line until asked.
+    const qsizetype end = m_message.content.indexOf(u'\n');
+    return end < 0 ? m_message.content : m_message.content.left(end) + QStringLiteral(" …");
+}
+
+void MessageBubble::updateExpand()
+{
+    const bool collapsible = m_message.role == ChatRole::system && m_message.content.contains(u'\n');
+    m_expand->setHidden(!collapsible);
+    m_expand->setText(m_expanded ? tr("Show less") : tr("Show all"));
+    m_expand->setToolTip(m_expanded ? tr("Show the first line only") : tr("Show the whole system prompt"));
+    m_expand->setAccessibleName(m_expand->text());
+}
+
 void MessageBubble::applyStyle()
 {
     const QFont caption = Theme::font(Theme::TextStyle::Caption2);
@@ -204,12 +243,13 @@ void MessageBubble::applyStyle()
     const int iconSize = std::max(8, caption.pixelSize());
     m_headerCopy->setIconSize(QSize(iconSize, iconSize));
     m_footerCopy->setIconSize(QSize(iconSize, iconSize));
+    m_expand->setFont(caption);
 }
 
 MessageBubble::Layout MessageBubble::layoutFor(int width) const
 {
     const QList<QWidget *> header{m_role, m_usage, m_headerCopy};
-    const QList<QWidget *> footer{m_footerCopy, m_footerLabel};
+    const QList<QWidget *> footer{m_footerCopy, m_footerLabel, m_expand};
     const int stackMax = std::max(1, width - 2 * sidePadding - oppositeGap - rowSpacing);
 
     const int headerWidth = placeRow(header, {}, 0, partSpacing, false);
@@ -269,7 +309,8 @@ void MessageBubble::placeChildren()
     else
         m_ellipsis->setGeometry(QRect(inner.topLeft(), m_ellipsis->sizeHint()));
     if (hasContent())
-        placeRow({m_footerCopy, m_footerLabel}, layout.footer.topLeft(), layout.footer.height(), partSpacing, true);
+        placeRow({m_footerCopy, m_footerLabel, m_expand}, layout.footer.topLeft(), layout.footer.height(), partSpacing,
+                 true);
 }
 
 void MessageBubble::resizeEvent(QResizeEvent *event)

@@ -55,6 +55,11 @@ public:
     QLabel *footerLabel() const { return m_footerLabel; }
     MarkdownTextView *markdownView() const { return m_markdown; }
     QLabel *ellipsisLabel() const { return m_ellipsis; }
+    QToolButton *expandButton() const { return m_expand; }
+
+    // A system message shows its first line only until it is opened ("Show all").
+    bool isExpanded() const { return m_expanded; }
+    void setExpanded(bool expanded);
 
     static constexpr int sidePadding = 12;
     static constexpr int oppositeGap = 40;
@@ -63,6 +68,10 @@ public:
     static constexpr int partSpacing = 6;
     static constexpr int contentPadding = 10;
     static constexpr qreal cornerRadius = 10;
+
+signals:
+    // Emitted when the bubble's height for a width changed by itself (a system message opened or closed).
+    void heightChanged();
 
 protected:
     void paintEvent(QPaintEvent *event) override;
@@ -80,6 +89,8 @@ private:
     Layout layoutFor(int width) const;
     void placeChildren();
     void updateCopyState();
+    void updateExpand();
+    QString shownText() const;
     void applyStyle();
     bool hasContent() const { return !m_message.content.isEmpty(); }
 
@@ -91,5 +102,7 @@ private:
     QLabel *m_ellipsis;
     QToolButton *m_footerCopy;
     QLabel *m_footerLabel;
+    QToolButton *m_expand;
+    bool m_expanded = false;
     CopyFeedback *m_feedback;
 };

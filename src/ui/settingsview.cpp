@@ -19,6 +19,7 @@
 #include <QListWidget>
 #include <QMenu>
 #include <QMessageBox>
+#include <QPlainTextEdit>
 #include <QPushButton>
 #include <QShowEvent>
 #include <QSplitter>
@@ -171,15 +172,38 @@ SettingsView::SettingsView(ProviderStore *store, ConversationStore *chats, QWidg
     connect(announce, &QCheckBox::toggled, this, [](bool on) { ReplyAnnouncer::setEnabled(on); });
     bar->addWidget(announce);
 
+    // The standing instructions every new conversation starts with; each conversation can change its own.
+    auto *promptLabel = new QLabel(u"System prompt for new chats"_s, this);
+    promptLabel->setFont(Theme::font(Theme::TextStyle::Caption));
+    m_defaultPrompt = new QPlainTextEdit(this);
+    m_defaultPrompt->setObjectName(u"defaultSystemPrompt"_s);
+    m_defaultPrompt->setAccessibleName(u"System prompt for new chats"_s);
+    m_defaultPrompt->setPlaceholderText(u"None"_s);
+    m_defaultPrompt->setTabChangesFocus(true);
+    m_defaultPrompt->setPlainText(m_chats->defaultSystemPrompt());
+    m_defaultPrompt->setFixedHeight(3 * m_defaultPrompt->fontMetrics().lineSpacing() + 12);
+    promptLabel->setBuddy(m_defaultPrompt);
+    connect(m_defaultPrompt, &QPlainTextEdit::textChanged, this,
+            [this] { m_chats->setDefaultSystemPrompt(m_defaultPrompt->toPlainText()); });
+    auto *prompt = new QVBoxLayout;
+    prompt->setContentsMargins(8, 8, 8, 8);
+    prompt->setSpacing(4);
+    prompt->addWidget(promptLabel);
+    prompt->addWidget(m_defaultPrompt);
+
     auto *layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
     layout->setSpacing(0);
     layout->addWidget(split, 1);
     layout->addWidget(divider(this));
+    layout->addLayout(prompt);
+    layout->addWidget(divider(this));
     layout->addLayout(bar);
 
     setTabOrder(m_list, m_addButton);
     setTabOrder(m_addButton, m_removeButton);
+    setTabOrder(m_removeButton, m_defaultPrompt);
+    setTabOrder(m_defaultPrompt, m_exportButton);
 
     connect(m_list, &QListWidget::currentItemChanged, this, [this](QListWidgetItem *item) {
         if (m_rebuilding)
@@ -381,7 +405,7 @@ void SettingsView::updateDetail()
         m_editor->setObjectName(u"providerEditor"_s);
         m_detail->addWidget(m_editor);
         // A new form joins the end of the focus chain; Tab should reach it between the list's
-        // buttons and the backup bar, as it reads on screen.
+        // buttons and the default system prompt, as it reads on screen.
         QList<QWidget *> form;
         for (QWidget *w = m_editor->nextInFocusChain(); m_editor->isAncestorOf(w); w = w->nextInFocusChain()) {
             if (w->focusPolicy() != Qt::NoFocus)
@@ -392,7 +416,7 @@ void SettingsView::updateDetail()
             setTabOrder(previous, w);
             previous = w;
         }
-        setTabOrder(previous, m_exportButton);
+        setTabOrder(previous, m_defaultPrompt);
     }
     m_detail->setCurrentWidget(m_editor);
 }

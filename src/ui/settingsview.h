@@ -16,6 +16,7 @@ class ProviderStore;
 class QLabel;
 class QListWidget;
 class QMessageBox;
+class QPlainTextEdit;
 class QPushButton;
 class QStackedWidget;
 class QToolButton;
@@ -48,6 +49,8 @@ public:
 
     // Stores a fresh provider made from the preset and shows it in the editor.
     void addPreset(const Provider &preset);
+    // The field of the system prompt new conversations start with; saved as it is typed.
+    QPlainTextEdit *defaultSystemPromptField() const { return m_defaultPrompt; }
     // Removes the provider picked in the list and picks the first one left.
     void removeSelected();
     void exportConfig();
@@ -88,6 +91,7 @@ private:
     QToolButton *m_addButton;
     QToolButton *m_removeButton;
     QPushButton *m_exportButton;
+    QPlainTextEdit *m_defaultPrompt;
     QStackedWidget *m_detail;
     QWidget *m_emptyState;
     QLabel *m_emptyIcon;

@@ -305,6 +305,23 @@ TranscriptArea::~TranscriptArea()
         m_scroll->setProxy(nullptr);
 }
 
+void TranscriptArea::remeasure(MessageBubble *bubble)
+{
+    // Rows move; the bubble's message says which one it is.
+    for (qsizetype i = messageCount() - 1; i >= 0; --i) {
+        Row &row = m_rows[std::size_t(i)];
+        if (row.bubble != bubble)
+            continue;
+        const int height = bubble->heightForWidth(m_width);
+        if (height != row.height) {
+            row.height = height;
+            invalidateFrom(i + 1);
+            relayout();
+        }
+        return;
+    }
+}
+
 MessageBubble *TranscriptArea::bubbleAt(qsizetype index) const
 {
     if (index < 0 || index >= messageCount())
@@ -507,6 +524,8 @@ void TranscriptArea::relayout()
                 continue;
             row.bubble = new MessageBubble(messages.at(i), viewport());
             row.bubble->installEventFilter(this);
+            connect(row.bubble, &MessageBubble::heightChanged, this,
+                    [this, bubble = row.bubble.data()] { remeasure(bubble); });
             const int height = row.bubble->heightForWidth(m_width);
             row.bubble->setGeometry(0, rowTop(i) - value, m_width, height);
             row.bubble->show();

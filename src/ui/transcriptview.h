@@ -133,6 +133,7 @@ private:
     MessageBubble *bubbleHolding(QWidget *widget) const;
     // Leaves the transcript for the next (or previous) control of the window.
     bool leave(bool next);
+    void remeasure(MessageBubble *bubble);
 
     ChatViewModel *m_chat;
     ScrollController *m_scroll;

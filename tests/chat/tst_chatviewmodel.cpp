@@ -368,6 +368,49 @@ private slots:
         QVERIFY(m_store->liveReplies(m_conversation.id).isEmpty());
     }
 
+    void systemPrompt_data()
+    {
+        QTest::addColumn<QStringList>("start"); // "s:" marks a system message
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QStringList>("result");
+        QTest::newRow("added in front") << QStringList{u"q"_s} << u"be brief"_s << QStringList{u"s:be brief"_s, u"q"_s};
+        QTest::newRow("changed in place")
+            << QStringList{u"s:old"_s, u"q"_s} << u"new\nlines"_s << QStringList{u"s:new\nlines"_s, u"q"_s};
+        QTest::newRow("blank removes") << QStringList{u"s:old"_s, u"q"_s} << u" \n"_s << QStringList{u"q"_s};
+        // Only a system message at the very start is the prompt.
+        QTest::newRow("a later system message is not it")
+            << QStringList{u"q"_s, u"s:mid"_s} << u"p"_s << QStringList{u"s:p"_s, u"q"_s, u"s:mid"_s};
+    }
+    // The system prompt is the first message: set, changed in place (same id) or removed, saved at
+    // once, and sent first with the next turn.
+    void systemPrompt()
+    {
+        QFETCH(QStringList, start);
+        QFETCH(QString, text);
+        QFETCH(QStringList, result);
+        Conversation c = m_conversation;
+        for (const QString &word : start) {
+            const bool system = word.startsWith(u"s:");
+            c.messages.append(ChatMessage(system ? ChatRole::system : ChatRole::user, system ? word.mid(2) : word));
+        }
+        m_store->updateMessages(c.id, c.messages);
+        m_vm->activate(c);
+        m_vm->setSystemPrompt(text);
+        QStringList shown;
+        for (const ChatMessage &m : m_vm->messages())
+            shown.append((m.role == ChatRole::system ? u"s:"_s : QString()) + m.content);
+        QCOMPARE(shown, result);
+        QCOMPARE(stored(c.id), m_vm->messages());
+        if (start.first().startsWith(u"s:") && result.first().startsWith(u"s:"))
+            QCOMPARE(m_vm->messages().first().id, c.messages.first().id);
+
+        m_server->setResponse(LoopbackResponse::eventStream({delta("r")}));
+        QVERIFY(runTurn(u"next"_s, loopback()));
+        Json::Parser parser;
+        const QList<Json::Value> sent = parser.parse(m_server->requests().first().body)["messages"].elements();
+        QCOMPARE(sent.first()["role"].toString() == u"system"_s, result.first().startsWith(u"s:"));
+    }
+
     void twoViewModelsStreamingIntoOneConversation_keepEachOthersTurns()
     {
         int request = 0;

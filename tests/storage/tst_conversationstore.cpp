@@ -187,6 +187,25 @@ private slots:
         QCOMPARE(ConversationStore().selectedID(), idOf(created));
     }
 
+    // The default system prompt, kept in the preferences, opens every new conversation; a blank one
+    // means none, and the title still comes from the first user message.
+    void newChat_startsWithDefaultSystemPrompt()
+    {
+        ConversationStore store;
+        store.setDefaultSystemPrompt(u"Be brief."_s);
+        QCOMPARE(ConversationStore().defaultSystemPrompt(), u"Be brief."_s);
+        const Conversation created = store.newChat(std::nullopt);
+        QCOMPARE(created.messages.size(), 1);
+        QCOMPARE(created.messages.first().role, ChatRole::system);
+        QCOMPARE(created.messages.first().content, u"Be brief."_s);
+        store.updateMessages(created.id, created.messages.list() + QList{ChatMessage(ChatRole::user, u"Trip"_s)});
+        QCOMPARE(store.conversations().first().title, u"Trip"_s);
+
+        store.setDefaultSystemPrompt(u" \n"_s);
+        QCOMPARE(store.defaultSystemPrompt(), QString());
+        QVERIFY(store.newChat(std::nullopt).messages.isEmpty());
+    }
+
     void updateMessages_titleRules_data()
     {
         QTest::addColumn<QString>("title");

@@ -9,6 +9,7 @@
 #include "ui/conversationlistmodel.h"
 #include "ui/conversationsidebar.h"
 #include "ui/scrollcontroller.h"
+#include "ui/systempromptdialog.h"
 
 #include <QAbstractItemView>
 #include <QApplication>
@@ -562,6 +563,56 @@ private slots:
         m_chats->setSelectedID(b.id);
         QCOMPARE(leftList->currentIndex().row(), m_chats->conversations().indexOf(*m_chats->selected()));
         QCOMPARE(left->chat()->messages(), savedB);
+    }
+
+    // The system prompt set from the header is the shown conversation's first message; one set for
+    // another conversation (its row's menu) goes to the store and leaves the transcript alone.
+    void systemPrompt_fromHeaderAndRowMenu()
+    {
+        addProvider(u"Mock"_s);
+        const Conversation other = m_chats->newChat(std::nullopt);
+        m_chats->newChat(std::nullopt);
+        ContentView *view = makeView();
+        typeAndReturn(view, u"Hello"_s);
+        QTRY_VERIFY(!view->chat()->isStreaming());
+
+        find<QToolButton>(view, "systemPromptButton")->click();
+        auto *dialog = view->findChild<SystemPromptDialog *>();
+        QVERIFY(dialog);
+        QCOMPARE(dialog->prompt(), QString());
+        dialog->field()->setPlainText(u"Be brief."_s);
+        dialog->accept();
+        QCOMPARE(view->chat()->systemPrompt(), u"Be brief."_s);
+        QCOMPARE(view->chat()->messages().size(), 3);
+        QCOMPARE(m_chats->selected()->messages, view->chat()->messages());
+
+        auto *list = find<QAbstractItemView>(view, "conversationList");
+        const int row = m_chats->conversations().indexOf(
+            *std::find_if(m_chats->conversations().begin(), m_chats->conversations().end(),
+                          [&](const Conversation &c) { return c.id == other.id; }));
+        const QPoint at = list->visualRect(list->model()->index(row, 0)).center();
+        emit list->customContextMenuRequested(at);
+        const QList<QMenu *> menus = popups(view, "conversationMenu");
+        QCOMPARE(menus.size(), 1);
+        QAction *item = nullptr;
+        for (QAction *action : menus.first()->actions()) {
+            if (action->text() == u"System Prompt…"_s)
+                item = action;
+        }
+        QVERIFY(item);
+        item->trigger();
+        SystemPromptDialog *second = nullptr;
+        for (SystemPromptDialog *shown : view->findChildren<SystemPromptDialog *>()) {
+            if (shown->isVisible())
+                second = shown;
+        }
+        QVERIFY(second);
+        second->field()->setPlainText(u"Other rules"_s);
+        second->accept();
+        const auto it = std::find_if(m_chats->conversations().begin(), m_chats->conversations().end(),
+                                     [&](const Conversation &c) { return c.id == other.id; });
+        QCOMPARE(it->messages.first().content, u"Other rules"_s);
+        QCOMPARE(view->chat()->systemPrompt(), u"Be brief."_s);
     }
 
 private:

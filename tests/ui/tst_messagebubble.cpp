@@ -5,6 +5,7 @@
 #include <QApplication>
 #include <QClipboard>
 #include <QLabel>
+#include <QSignalSpy>
 #include <QTest>
 #include <QToolButton>
 
@@ -43,6 +44,31 @@ private slots:
         QCOMPARE(bubble.usageLabel()->isHidden(), part.isEmpty());
         QCOMPARE(bubble.usageLabel()->text(), part);
     }
+    // Standing instructions show their first line until opened; the copy is always the whole text.
+    void systemMessage_collapsedToFirstLine()
+    {
+        MessageBubble bubble(ChatMessage(ChatRole::system, QStringLiteral("Be brief.\nUse British English.")));
+        bubble.resize(600, bubble.heightForWidth(600));
+        QSignalSpy grew(&bubble, &MessageBubble::heightChanged);
+        const int collapsed = bubble.heightForWidth(600);
+        QCOMPARE(bubble.markdownView()->text(), QStringLiteral("Be brief. …"));
+        QVERIFY(!bubble.expandButton()->isHidden());
+        QCOMPARE(bubble.expandButton()->accessibleName(), QStringLiteral("Show all"));
+        bubble.expandButton()->click();
+        QCOMPARE(bubble.markdownView()->text(), QStringLiteral("Be brief.\nUse British English."));
+        QCOMPARE(bubble.expandButton()->accessibleName(), QStringLiteral("Show less"));
+        QCOMPARE(grew.size(), 1);
+        QVERIFY(bubble.heightForWidth(600) > collapsed);
+        bubble.copy();
+        QCOMPARE(QApplication::clipboard()->text(), QStringLiteral("Be brief.\nUse British English."));
+
+        MessageBubble oneLine(ChatMessage(ChatRole::system, QStringLiteral("Be brief.")));
+        QVERIFY(oneLine.expandButton()->isHidden());
+        MessageBubble user(ChatMessage(ChatRole::user, QStringLiteral("two\nlines")));
+        QVERIFY(user.expandButton()->isHidden());
+        QCOMPARE(user.markdownView()->text(), QStringLiteral("two\nlines"));
+    }
+
     void layoutByRole_data()
     {
         QTest::addColumn<ChatRole>("role");

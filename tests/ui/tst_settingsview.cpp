@@ -200,7 +200,8 @@ private slots:
         QCOMPARE(s.view->editor()->providerID(), blankKey.id);
     }
 
-    // Tab walks the window as it reads: list, its buttons, the form, then the backup bar; also for
+    // Tab walks the window as it reads: list, its buttons, the form, the default system prompt, then
+    // the backup bar; also for
     // a form made after the window was built.
     void keyboardReachesEveryControlInOrder()
     {
@@ -221,10 +222,22 @@ private slots:
             } while (w != s.list() && order.size() < 40);
             return order;
         };
-        const QStringList expected = {u"Providers"_s,      u"Add provider"_s,  u"Remove provider"_s, u"Name"_s,
-                                      u"Type"_s,           u"Base URL"_s,      u"Proxy"_s,           u"Model"_s,
-                                      u"Fetch models"_s,   u"Choose (2)"_s,    u"API key"_s,         u"Save"_s,
-                                      u"Export Config…"_s, u"Import Config…"_s, u"Announce replies"_s};
+        const QStringList expected = {u"Providers"_s,
+                                      u"Add provider"_s,
+                                      u"Remove provider"_s,
+                                      u"Name"_s,
+                                      u"Type"_s,
+                                      u"Base URL"_s,
+                                      u"Proxy"_s,
+                                      u"Model"_s,
+                                      u"Fetch models"_s,
+                                      u"Choose (2)"_s,
+                                      u"API key"_s,
+                                      u"Save"_s,
+                                      u"System prompt for new chats"_s,
+                                      u"Export Config…"_s,
+                                      u"Import Config…"_s,
+                                      u"Announce replies"_s};
         QCOMPARE(tabOrder(), expected);
         s.addPreset(0);
         QStringList withoutMenu = expected;
