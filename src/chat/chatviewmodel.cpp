@@ -184,6 +184,7 @@ void ChatViewModel::setSystemPrompt(const QString &text)
     if (!m_conversationID)
         return;
     const bool had = !m_messages.isEmpty() && m_messages.first().role == ChatRole::system;
+    const QUuid oldPrompt = had ? m_messages.first().id : QUuid();
     const QList<ChatMessage> changed = withSystemPrompt(m_messages, text);
     if (changed == m_messages)
         return;
@@ -197,6 +198,18 @@ void ChatViewModel::setSystemPrompt(const QString &text)
         emit messageRemoved(0);
     emit messagesChanged();
     persist();
+    if (had && !has && m_store) {
+        // The save keeps every stored message the transcript lacks (another window's turns), which
+        // brings the removed prompt back: it is taken out of the stored record as well.
+        for (const Conversation &stored : m_store->conversations()) {
+            if (stored.id != *m_conversationID)
+                continue;
+            QList<ChatMessage> kept = stored.messages.list();
+            if (kept.removeIf([&](const ChatMessage &m) { return m.id == oldPrompt; }) > 0)
+                m_store->updateMessages(stored.id, kept);
+            break;
+        }
+    }
 }
 
 bool ChatViewModel::finishReply()
