@@ -97,12 +97,17 @@ void ReplyAnnouncer::setEnabled(bool enabled)
     settings.sync();
 }
 
-QString ReplyAnnouncer::endText(const QString &markdown)
+QString ReplyAnnouncer::endText(const QString &markdown, qsizetype toldBlocks)
 {
     const QList<MarkdownText::Block> blocks = MarkdownText::parse(markdown);
     const QString all = joined(blocks, 0, blocks.size());
-    if (all.size() <= longReply)
+    if (all.size() <= longReply && toldBlocks == 0)
         return all;
+    QStringList shown;
+    for (const MarkdownText::Block &block : blocks)
+        shown.append(ReadingText::blockText(block));
+    const qsizetype words = ReadingText::wordCount(shown.join(u'\n'));
+    const QString complete = u"Reply complete, %1 %2."_s.arg(words).arg(words == 1 ? u"word"_s : u"words"_s);
     // A heading alone says little: the paragraph under it comes along.
     qsizetype first = 0;
     while (first < blocks.size() && ReadingText::spokenBlock(blocks.at(first)).trimmed().isEmpty())
@@ -113,12 +118,15 @@ QString ReplyAnnouncer::endText(const QString &markdown)
     QString opening = joined(blocks, first, end);
     if (!opening.isEmpty() && !QStringLiteral(".!?:").contains(opening.back()))
         opening += u'.';
-    QStringList shown;
-    for (const MarkdownText::Block &block : blocks)
-        shown.append(ReadingText::blockText(block));
-    const qsizetype words = ReadingText::wordCount(shown.join(u'\n'));
-    const QString complete = u"Reply complete, %1 %2."_s.arg(words).arg(words == 1 ? u"word"_s : u"words"_s);
-    return opening.isEmpty() ? complete : opening + u'\n' + complete;
+    QStringList parts;
+    // The paragraphs that finished with the reply were never told as it streamed: they come
+    // first, so that the listener hears the reply to its end before the summary.
+    if (toldBlocks > 0)
+        parts.append(joined(blocks, std::min(toldBlocks, blocks.size()), blocks.size()));
+    parts.append(opening);
+    parts.append(complete);
+    parts.removeAll(QString());
+    return parts.join(u'\n');
 }
 
 const QString *ReplyAnnouncer::replyContent() const
@@ -200,7 +208,7 @@ void ReplyAnnouncer::announceDue()
         if (!error.isEmpty())
             announce(error);
         else if (content && !content->isEmpty())
-            announce(endText(*content));
+            announce(endText(*content, std::exchange(m_toldBlocks, 0)));
         return;
     }
     const QString *content = replyContent();
@@ -210,6 +218,10 @@ void ReplyAnnouncer::announceDue()
     const QList<MarkdownText::Block> blocks = MarkdownText::parse(*content);
     const qsizetype finished = blocks.size() - 1;
     if (finished <= m_toldBlocks)
+        return;
+    // Links and markup can make the Markdown long while what is shown stays short enough to be
+    // told whole, once, at the end.
+    if (m_toldBlocks == 0 && joined(blocks, 0, blocks.size()).size() <= longReply)
         return;
     const QString text = joined(blocks, m_toldBlocks, finished);
     m_toldBlocks = finished;

@@ -37,8 +37,9 @@ public:
     void setIntervalMs(int ms);
 
     // What is announced when a reply ends: its shown text, or past longReply characters its first
-    // paragraph and "Reply complete, N words."
-    static QString endText(const QString &markdown);
+    // paragraph and "Reply complete, N words."; when its first toldBlocks blocks were announced as
+    // it streamed, the blocks after them come before that.
+    static QString endText(const QString &markdown, qsizetype toldBlocks = 0);
 
     // The "Announce replies" setting, shared by every window; on unless the user turned it off.
     static bool isEnabled();
