@@ -87,7 +87,7 @@ ended = time.time()
 pump(3.5)
 print("-- announcements (seconds after the reply's end):")
 for at, name in heard:
-    print("%+6.2f  %r" % (at - ended, name[:200]))
+    print("%+6.2f  %r" % (at - ended, name))
 told = [at - ended for at, name in heard if first_words in " ".join(name.split()) and 0 <= at - ended <= 3]
 if not told:
     fail("no notification with %r within 3 s of the reply's end" % first_words)

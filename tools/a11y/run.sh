@@ -6,7 +6,7 @@
 #   walkthrough  from an empty profile, by keyboard alone: add a provider from the presets, type
 #                its key, save, close settings, send a message, move to the reply, copy its code.
 #   tools/a11y/run.sh check|walkthrough [BUILD_DIR]
-# Needs (Debian, `make a11y-deps`): xvfb xauth dbus at-spi2-core python3-pyatspi xdotool xclip.
+# Needs (Debian; `make a11y-check` installs them): xvfb xauth dbus at-spi2-core python3-pyatspi xdotool xclip.
 # Exits 77 (skipped) when they are missing. The system python3 is used: pyatspi is a Debian package.
 set -euo pipefail
 what=${1:?usage: tools/a11y/run.sh check|walkthrough [BUILD_DIR]}
@@ -19,9 +19,9 @@ for bin in "$app" "$mock_bin" "$inspect"; do
   [ -x "$bin" ] || { echo "missing $bin: cmake --build $build" >&2; exit 2; }
 done
 for need in xvfb-run dbus-run-session xdotool xclip /usr/libexec/at-spi-bus-launcher; do
-  command -v "$need" >/dev/null || [ -x "$need" ] || { echo "skipped: missing $need (make a11y-deps)" >&2; exit 77; }
+  command -v "$need" >/dev/null || [ -x "$need" ] || { echo "skipped: missing $need (make a11y-check installs it)" >&2; exit 77; }
 done
-/usr/bin/python3 -c 'import pyatspi' 2>/dev/null || { echo "skipped: missing python3-pyatspi (make a11y-deps)" >&2; exit 77; }
+/usr/bin/python3 -c 'import pyatspi' 2>/dev/null || { echo "skipped: missing python3-pyatspi (make a11y-check installs it)" >&2; exit 77; }
 
 scratch=$(mktemp -d)
 mock=""
