@@ -28,6 +28,29 @@
 
 using namespace Qt::StringLiterals;
 
+namespace {
+
+// The selection is shared by every window and follows new chats and search results, so the
+// current row often moves while the user types in the composer. Qt tells screen readers that the
+// new current row has the focus even then, and a reader would follow it away from the composer:
+// the row is only announced as focused when the list has the focus.
+class ConversationListView final : public QListView
+{
+public:
+    using QListView::QListView;
+
+protected:
+    void currentChanged(const QModelIndex &current, const QModelIndex &previous) override
+    {
+        if (hasFocus())
+            QListView::currentChanged(current, previous);
+        else
+            QAbstractItemView::currentChanged(current, previous);
+    }
+};
+
+} // namespace
+
 ConversationSidebar::ConversationSidebar(ProviderStore *providers, ConversationStore *chats, QWidget *parent)
     : QWidget(parent)
     , m_providers(providers)
@@ -45,7 +68,7 @@ ConversationSidebar::ConversationSidebar(ProviderStore *providers, ConversationS
         emit composerFocusRequested();
     });
 
-    m_list = new QListView(this);
+    m_list = new ConversationListView(this);
     m_list->setObjectName(u"conversationList"_s);
     m_list->setAccessibleName(u"Conversations"_s);
     m_list->setModel(m_listModel);
