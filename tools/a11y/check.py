@@ -1,14 +1,13 @@
 """The transcript reads as it is shown, and a streamed reply is announced: see run.sh."""
 import os
 import re
-import sys
 import time
 
 import pyatspi
 
-from common import fail, find, find_app, focus_window, keys, outline, pump, text_of, type_text, wait_for, walk
+from common import (fail, find, find_app, focus_window, keys, launch, outline, pump, text_of, type_text, wait_for,
+                    walk)
 
-app_pid = int(sys.argv[1])
 mock_pid = int(os.environ["A11Y_MOCK"])
 reply = open(os.environ["A11Y_REPLY"], encoding="utf-8").read()
 first_words = " ".join(reply.split()[:6])
@@ -25,6 +24,7 @@ def showing(event):
 
 
 pyatspi.Registry.registerEventListener(showing, "object:state-changed:showing")
+app_pid = launch()
 app = find_app(app_pid)
 
 

@@ -1,6 +1,8 @@
 """What the screen-reader checks share: finding the program on the accessibility bus, walking its
 tree, driving it with xdotool keys, and running steps inside pyatspi's event loop."""
+import atexit
 import os
+import shutil
 import subprocess
 import sys
 import time
@@ -12,6 +14,27 @@ from gi.repository import GLib
 def fail(message):
     print("FAIL: " + message)
     sys.exit(1)
+
+
+def launch():
+    """Start the program once this script's listeners are registered: a program that joins the
+    bus first can miss a listener registered while it starts, and then never sends it events."""
+    env = dict(os.environ, QT_LINUX_ACCESSIBILITY_ALWAYS_ON="1", QT_ACCESSIBILITY="1")
+    log = open(os.path.join(os.environ["XDG_RUNTIME_DIR"], "app.log"), "w")
+    proc = subprocess.Popen([os.environ["A11Y_APP"]], stdout=log, stderr=subprocess.STDOUT, env=env)
+    atexit.register(_stop, proc)
+    return proc.pid
+
+
+def _stop(proc):
+    shot = os.environ.get("A11Y_SHOT")
+    if shot and shutil.which("import"):
+        subprocess.run(["import", "-window", "root", shot], check=False)
+    proc.terminate()
+    try:
+        proc.wait(10)
+    except subprocess.TimeoutExpired:
+        proc.kill()
 
 
 def find_app(pid, timeout=20):

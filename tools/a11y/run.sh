@@ -51,11 +51,5 @@ export A11Y_REPLY=$here/reply.md A11Y_SEED=$here/seed.md A11Y_SHOT=${A11Y_SHOT:-
 xvfb-run -a -s "-screen 0 1400x900x24 -dpi 96" dbus-run-session -- bash -c '
   /usr/libexec/at-spi-bus-launcher --launch-immediately >/dev/null 2>&1 &
   sleep 0.5
-  # The program speaks to screen readers only when one is listening; this script is one.
-  QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1 QT_ACCESSIBILITY=1 "$A11Y_APP" >"$XDG_RUNTIME_DIR/app.log" 2>&1 &
-  app=$!
-  status=0
-  /usr/bin/python3 "$A11Y_HERE/$A11Y_WHAT.py" "$app" || status=$?
-  [ -n "$A11Y_SHOT" ] && command -v import >/dev/null && import -window root "$A11Y_SHOT"
-  kill "$app" 2>/dev/null; wait "$app" 2>/dev/null
-  exit $status' 2> >(grep -v -e dbus-daemon -e XDG_RUNTIME_DIR -e SpiRegistry >&2)
+  # The script starts the program itself, once it listens as a screen reader would.
+  /usr/bin/python3 "$A11Y_HERE/$A11Y_WHAT.py"' 2> >(grep -v -e dbus-daemon -e XDG_RUNTIME_DIR -e SpiRegistry >&2)

@@ -2,19 +2,18 @@
 press through the X server; the accessibility bus only tells the script where the focus is."""
 import os
 import re
-import sys
 
 import pyatspi
 
-from common import (Focus, clipboard, fail, find, find_app, focus_window, keys, outline, pump, type_text,
+from common import (Focus, clipboard, fail, find, find_app, focus_window, keys, launch, outline, pump, type_text,
                     wait_for)
 
-app_pid = int(sys.argv[1])
 base_url = os.environ["A11Y_BASE_URL"]
 reply = open(os.environ["A11Y_REPLY"], encoding="utf-8").read()
 code = re.search(r"```[^\n]*\n(.*?)\n```", reply, re.S).group(1)
 
 focus = Focus()
+app_pid = launch()
 app = find_app(app_pid)
 focus_window(app_pid)
 pump(0.5)
@@ -77,7 +76,11 @@ step("settings closed")
 press_until("F6", "Message", most=4)
 type_text("Show me some code")
 keys("Return")
+# The new conversation becomes the list's current row; a reader must stay with the composer.
+pump(1.0)
 step("message sent")
+if not focused("Message"):
+    fail("after sending, a screen reader follows the focus to " + focus.describe())
 wait_for(lambda: find(app, role="push button", name="Copy code", showing=True) is not None, 60,
          "the reply's code")
 wait_for(lambda: find(app, role="push button", name="Stop", showing=True) is None, 60, "the reply to end")
