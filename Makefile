@@ -63,7 +63,7 @@ deb-check: deb
 
 # What the screen-reader checks need: a private X server, the accessibility bus, pyatspi, and
 # xdotool and xclip to type and read the clipboard as a user would.
-A11Y_PACKAGES := xvfb xauth dbus dbus-x11 at-spi2-core python3-pyatspi xdotool xclip
+A11Y_PACKAGES := xvfb xauth dbus at-spi2-core python3-pyatspi xdotool xclip
 
 # The transcript as a screen reader reads it and hears it, and a keyboard-only first chat, from
 # outside the program over AT-SPI under Xvfb.
