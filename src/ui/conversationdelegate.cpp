@@ -7,6 +7,7 @@
 #include <QApplication>
 #include <QFontMetrics>
 #include <QPainter>
+#include <QPen>
 #include <QTextLayout>
 
 ConversationDelegate::ConversationDelegate(QObject *parent)
@@ -56,6 +57,15 @@ void ConversationDelegate::paint(QPainter *painter, const QStyleOptionViewItem &
         const QRect contextRect(content.left(), dateRect.bottom() + 1 + lineSpacing, content.width(),
                                 QFontMetrics(contextFont).height());
         drawContext(painter, contextRect, contextFont, index, titleColor);
+    }
+    // The row the keyboard is on, while the list has the focus: without it, a selected row looks
+    // the same whether the arrows move it or the composer has the keys. A ring in the text's
+    // colour stands out on the selection as on the plain background, light or dark.
+    if (opt.state.testFlag(QStyle::State_HasFocus)) {
+        painter->setRenderHint(QPainter::Antialiasing);
+        painter->setPen(QPen(titleColor, 2));
+        painter->setBrush(Qt::NoBrush);
+        painter->drawRoundedRect(QRectF(opt.rect).adjusted(2, 2, -2, -2), 4, 4);
     }
     painter->restore();
 }
