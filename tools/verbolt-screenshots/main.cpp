@@ -18,6 +18,7 @@
 #include <QCommandLineParser>
 #include <QDir>
 #include <QElapsedTimer>
+#include <QKeyEvent>
 #include <QLineEdit>
 #include <QMenu>
 #include <QMessageBox>
@@ -205,6 +206,27 @@ int main(int argc, char *argv[])
     settle();
     ok &= send(verbolt, chat, u"Show me a small Python function and a table of its results."_s);
     ok &= shooter.shoot(window, u"main-conversation"_s);
+
+    // The same conversation walked by keyboard: the reply outlined, then its first button.
+    window->activateWindow();
+    settle();
+    if (QWidget *transcript = window->findChild<QWidget *>(u"transcript"_s)) {
+        transcript->setFocus(Qt::ShortcutFocusReason);
+        settle();
+        ok &= shooter.shoot(window, u"main-keyboard-message"_s);
+        QKeyEvent tab(QEvent::KeyPress, Qt::Key_Tab, Qt::NoModifier);
+        if (QWidget *focus = QApplication::focusWidget())
+            QApplication::sendEvent(focus, &tab);
+        settle();
+        ok &= shooter.shoot(window, u"main-keyboard-button"_s);
+        if (QWidget *list = window->findChild<QWidget *>(u"conversationList"_s)) {
+            list->setFocus(Qt::TabFocusReason);
+            settle();
+            ok &= shooter.shoot(window, u"main-keyboard-list"_s);
+        }
+    } else {
+        ok = false;
+    }
 
     // The same window when the provider refuses the key.
     Provider wrong = *verbolt.store()->selected();
