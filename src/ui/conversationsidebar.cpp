@@ -9,6 +9,7 @@
 #include "ui/theme.h"
 
 #include <QAccessible>
+#include <QAction>
 #include <QApplication>
 #include <QDialog>
 #include <QDialogButtonBox>
@@ -91,7 +92,15 @@ ConversationSidebar::ConversationSidebar(ProviderStore *providers, ConversationS
     m_searchField->setAccessibleName(u"Search conversations"_s);
     m_searchField->setToolTip(u"Search conversations (Ctrl+Shift+F)"_s);
     m_searchField->setClearButtonEnabled(true);
-    m_searchField->addAction(Theme::symbolIcon(QLatin1StringView("magnifyingglass")), QLineEdit::LeadingPosition);
+    // The field's icon buttons are read out by screen readers as well: each gets a name.
+    QAction *magnifier =
+        m_searchField->addAction(Theme::symbolIcon(QLatin1StringView("magnifyingglass")), QLineEdit::LeadingPosition);
+    magnifier->setText(u"Search conversations"_s);
+    connect(magnifier, &QAction::triggered, this, &ConversationSidebar::focusSearch);
+    for (QAction *action : m_searchField->findChildren<QAction *>()) {
+        if (action != magnifier && action->text().isEmpty())
+            action->setText(u"Clear search"_s);
+    }
     m_searchField->installEventFilter(this);
     connect(m_searchField, &QLineEdit::textChanged, this, &ConversationSidebar::runSearch);
     connect(m_searchField, &QLineEdit::returnPressed, this, [this] {
