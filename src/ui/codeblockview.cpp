@@ -231,6 +231,15 @@ void CodeTextView::paintEvent(QPaintEvent *event)
             format.setForeground(colorFor(run->color));
             formats.append({int(a - start), int(b - a), format});
         }
+        auto hit = std::lower_bound(m_highlights.cbegin(), m_highlights.cend(), start,
+                                    [](const TextSearch::Range &r, qsizetype at) { return r.start + r.length <= at; });
+        for (; hit != m_highlights.cend() && hit->start < end; ++hit) {
+            const qsizetype a = std::max(hit->start, start);
+            const qsizetype b = std::min(hit->start + hit->length, end);
+            if (b > a)
+                formats.append(
+                    Theme::findHighlight(a - start, b - a, hit - m_highlights.cbegin() == m_currentHighlight));
+        }
         if (from != to && i >= from.line && i <= to.line) {
             const int a = i == from.line ? from.column : 0;
             const int b = i == to.line ? to.column : int(layout.text().size()) + 1;
@@ -247,6 +256,33 @@ void CodeTextView::paintEvent(QPaintEvent *event)
             QPointF(padding, padding + maxShownLines * m_lineHeight + QFontMetricsF(m_font).ascent()),
             tr("… %L1 more lines not shown here; Copy code takes all of them.").arg(lineCount() - maxShownLines));
     }
+}
+
+void CodeTextView::setHighlights(const QList<TextSearch::Range> &ranges, int current)
+{
+    if (ranges == m_highlights && current == m_currentHighlight)
+        return;
+    m_highlights = ranges;
+    m_currentHighlight = current;
+    update();
+}
+
+QRect CodeTextView::rangeRect(const TextSearch::Range &range) const
+{
+    if (m_starts.empty() || m_lineHeight <= 0)
+        return {};
+    const int line = int(std::upper_bound(m_starts.begin(), m_starts.end(), range.start) - m_starts.begin()) - 1;
+    if (line < 0 || line >= shownLineCount())
+        return {};
+    const QTextLayout &layout = layoutOf(line);
+    const qsizetype column = range.start - m_starts.at(std::size_t(line));
+    if (layout.lineCount() == 0 || column > layout.text().size())
+        return {};
+    const QTextLine text = layout.lineAt(0);
+    const qreal x = text.cursorToX(int(column));
+    const qreal right = text.cursorToX(int(std::min(column + range.length, layout.text().size())));
+    return QRectF(padding + x, padding + line * m_lineHeight, std::max<qreal>(1, right - x), m_lineHeight)
+        .toAlignedRect();
 }
 
 void CodeTextView::changeEvent(QEvent *event)
@@ -330,6 +366,34 @@ QString CodeTextView::selectedText() const
         m_starts.at(std::size_t(from.line)) + std::min<qsizetype>(from.column, lineText(from.line).size());
     const qsizetype end = m_starts.at(std::size_t(to.line)) + std::min<qsizetype>(to.column, lineText(to.line).size());
     return m_styled.text.sliced(start, end - start);
+}
+
+void CodeBlockView::setFindHits(const QList<FindHit> &hits)
+{
+    QList<TextSearch::Range> ranges;
+    int current = -1;
+    m_currentHit.reset();
+    for (const FindHit &hit : hits) {
+        if (hit.current) {
+            current = int(ranges.size());
+            m_currentHit = hit.range;
+        }
+        ranges.append(hit.range);
+    }
+    m_codeView->setHighlights(ranges, current);
+    if (!m_currentHit)
+        return;
+    const QRect hit = m_codeView->rangeRect(*m_currentHit);
+    // Measuring the hit's line may have found the code wider than reckoned: the strip must reach it.
+    m_codeView->resize(std::max(m_codeView->contentWidth(), m_scroll->viewport()->width()),
+                       m_codeView->contentHeight());
+    scrollSidewaysTo(m_scroll, hit);
+}
+
+QRect CodeBlockView::currentHitRect() const
+{
+    const QRect hit = m_currentHit ? m_codeView->rangeRect(*m_currentHit) : QRect();
+    return hit.isEmpty() ? QRect() : QRect(m_codeView->mapTo(this, hit.topLeft()), hit.size());
 }
 
 CodeBlockView::CodeBlockView(const QString &code, const std::optional<QString> &language, QWidget *parent)

@@ -32,6 +32,10 @@ public:
     const QString &code() const { return m_styled.text; }
     const StyledCode &styledCode() const { return m_styled; }
     QString selectedText() const;
+    // Marks found words (positions in code(), in order); the one at index current is drawn stronger.
+    void setHighlights(const QList<TextSearch::Range> &ranges, int current);
+    // Where the start of a range is drawn, in this view's coordinates; empty past what is shown.
+    QRect rangeRect(const TextSearch::Range &range) const;
 
     // Padding around the code on all sides.
     static constexpr int padding = 8;
@@ -83,6 +87,8 @@ private:
     mutable int m_widest = 0;
     Spot m_anchor;
     Spot m_cursor;
+    QList<TextSearch::Range> m_highlights;
+    int m_currentHighlight = -1;
 };
 
 // A fenced code block: a header with the language (or "code") and a copy button, over the
@@ -103,6 +109,8 @@ public:
     int idealWidth() const override;
     bool fillsWidth() const override { return true; }
     QSize sizeHint() const override;
+    void setFindHits(const QList<FindHit> &hits) override;
+    QRect currentHitRect() const override;
 
     const QString &code() const { return m_code; }
     QString label() const;
@@ -135,6 +143,7 @@ private:
     QScrollArea *m_scroll;
     CodeTextView *m_codeView;
     CopyFeedback *m_feedback;
+    std::optional<TextSearch::Range> m_currentHit;
     quint64 m_highlightGeneration = 0;
     bool m_highlighting = false;
 };

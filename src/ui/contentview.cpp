@@ -7,20 +7,25 @@
 #include "ui/composerfield.h"
 #include "ui/composerrow.h"
 #include "ui/conversationsidebar.h"
+#include "ui/findbar.h"
 #include "ui/panecycler.h"
 #include "ui/scrollcontroller.h"
 #include "ui/systempromptdialog.h"
 #include "ui/theme.h"
+#include "ui/transcriptfind.h"
 #include "ui/transcriptview.h"
 
 #include <QEvent>
 #include <QFrame>
 #include <QHBoxLayout>
 #include <QLabel>
+#include <QLineEdit>
 #include <QListView>
 #include <QPlainTextEdit>
 #include <QPointer>
 #include <QPushButton>
+#include <QScrollBar>
+#include <QShortcut>
 #include <QSplitter>
 #include <QStackedWidget>
 #include <QTimer>
@@ -41,6 +46,27 @@ ContentView::ContentView(ProviderStore *store, ConversationStore *chats, QWidget
     m_splitter->addWidget(m_sidebar);
     connect(m_sidebar, &ConversationSidebar::composerFocusRequested, this, &ContentView::focusComposer);
     connect(m_sidebar, &ConversationSidebar::systemPromptRequested, this, &ContentView::openSystemPromptDialog);
+    connect(m_sidebar, &ConversationSidebar::resultChosen, this, &ContentView::openFindAt);
+
+    // Window-wide, like the menu's shortcuts: they work from the composer, the list or the transcript.
+    const auto shortcut = [this](const QKeySequence &keys, auto slot) {
+        auto *s = new QShortcut(keys, this);
+        s->setContext(Qt::WindowShortcut);
+        connect(s, &QShortcut::activated, this, slot);
+    };
+    shortcut(QKeySequence::Find, &ContentView::openFind);
+    shortcut(QKeySequence(Qt::Key_F3), [this] {
+        if (!m_findBar || m_findBar->isHidden())
+            return openFind();
+        m_find->next();
+        handleFindMoved();
+    });
+    shortcut(QKeySequence(Qt::SHIFT | Qt::Key_F3), [this] {
+        if (!m_findBar || m_findBar->isHidden())
+            return openFind();
+        m_find->previous();
+        handleFindMoved();
+    });
     m_detail = new QStackedWidget(m_splitter);
     m_emptyState = buildEmptyState();
     m_detail->addWidget(m_emptyState);
@@ -102,8 +128,28 @@ void ContentView::ensureChatArea()
     divider->setFixedHeight(1);
     m_divider = divider;
 
-    m_transcript = new TranscriptView(m_chat, m_scroll, m_chatArea);
-    m_transcript->setObjectName(u"transcript"_s);
+    auto *transcript = new TranscriptView(m_chat, m_scroll, m_chatArea);
+    transcript->setObjectName(u"transcript"_s);
+    m_transcript = transcript;
+
+    m_findBar = new FindBar(m_chatArea);
+    m_findBar->hide();
+    m_find = new TranscriptFind(m_chat, transcript->area(), this);
+    connect(m_findBar, &FindBar::textEdited, this, [this](const QString &text) {
+        m_find->setQuery(text);
+        handleFindMoved();
+    });
+    connect(m_findBar, &FindBar::nextRequested, this, [this] {
+        m_find->next();
+        handleFindMoved();
+    });
+    connect(m_findBar, &FindBar::previousRequested, this, [this] {
+        m_find->previous();
+        handleFindMoved();
+    });
+    connect(m_findBar, &FindBar::closeRequested, this, &ContentView::closeFind);
+    connect(m_find, &TranscriptFind::resultsChanged, this,
+            [this] { m_findBar->setStatus(m_find->statusText(), m_find->count() > 0); });
 
     m_composerRow = new ComposerRow(m_chat, m_chatArea);
     connect(m_composerRow, &ComposerRow::sendRequested, this, &ContentView::send);
@@ -114,6 +160,7 @@ void ContentView::ensureChatArea()
     layout->addWidget(m_header);
     layout->addWidget(m_divider);
     layout->addWidget(m_transcript, 1);
+    layout->addWidget(m_findBar);
     layout->addWidget(m_composerRow);
     m_detail->addWidget(m_chatArea);
     m_panes->returnOnEscape(m_transcript, m_composerRow->composer()->editor());
@@ -224,6 +271,51 @@ void ContentView::handleSelectionChanged()
     // Walking the list with the arrow keys keeps the focus there; Return then moves it.
     if (!m_sidebar->isKeyboardSelecting())
         QTimer::singleShot(m_focusDelay, this, &ContentView::focusComposer);
+}
+
+void ContentView::openFind()
+{
+    if (!m_findBar || m_detail->currentWidget() != m_chatArea)
+        return;
+    m_findBar->show();
+    m_findBar->field()->setFocus(Qt::ShortcutFocusReason);
+    m_findBar->field()->selectAll();
+    if (!m_findBar->text().isEmpty() && m_find->count() == 0)
+        m_find->setQuery(m_findBar->text());
+}
+
+void ContentView::openFindAt(const QString &words, qsizetype fromMessage)
+{
+    if (!m_findBar || m_detail->currentWidget() != m_chatArea)
+        return;
+    // A content change of its own: the switch's pending scrolls to the end give way to the hit,
+    // and so does a scroll still running from before.
+    const qint64 token = m_scroll->beginContentChange();
+    m_findBar->setText(words);
+    m_findBar->show();
+    m_find->setQuery(words, std::max<qsizetype>(0, fromMessage));
+    m_scroll->userDidScroll(m_chat->isStreaming());
+    const QScrollBar *bar = static_cast<TranscriptView *>(m_transcript)->area()->verticalScrollBar();
+    m_scroll->setAutoScroll(bar->value() >= bar->maximum() - int(ScrollController::nearThreshold));
+    m_scroll->endContentChangeSoon(token);
+}
+
+void ContentView::closeFind()
+{
+    if (!m_findBar)
+        return;
+    m_findBar->hide();
+    m_findBar->setText(QString());
+    m_find->clear();
+    focusComposer();
+}
+
+void ContentView::handleFindMoved()
+{
+    // Going to a hit is the user's own scroll: a running scroll to the end stops, and auto-follow
+    // goes by where the view is now, by its usual rules.
+    if (m_find->currentIndex() >= 0)
+        m_scroll->userDidScroll(m_chat->isStreaming());
 }
 
 void ContentView::focusComposer()

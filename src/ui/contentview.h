@@ -14,12 +14,14 @@ class ChatViewModel;
 class ComposerRow;
 class ConversationSidebar;
 class ConversationStore;
+class FindBar;
 class PaneCycler;
 class ProviderStore;
 class QLabel;
 class QSplitter;
 class QStackedWidget;
 class ScrollController;
+class TranscriptFind;
 
 // The content of a main window: the conversation sidebar on the left and, on the right, either
 // the invitation to add a provider (while there is none) or the chat: the header, the transcript
@@ -45,6 +47,17 @@ public:
     // The chat area's parts: nullptr until the first provider appears.
     ChatHeader *header() const { return m_header; }
     ComposerRow *composerRow() const { return m_composerRow; }
+    FindBar *findBar() const { return m_findBar; }
+    TranscriptFind *transcriptFind() const { return m_find; }
+
+    // Opens the find bar (Ctrl+F) with its words selected, finding them again if they were
+    // cleared. Does nothing while no chat is shown.
+    void openFind();
+    // Opens the find bar on these words, with the first hit in message fromMessage or after it
+    // current and in view (a chosen search result).
+    void openFindAt(const QString &words, qsizetype fromMessage);
+    // Closes the find bar and takes its marks off; the composer gets the focus.
+    void closeFind();
 
     // Sends the composer's text, first creating and selecting a conversation when none is
     // selected. Runs on Return whatever the text; the view model ignores a blank one.
@@ -77,6 +90,7 @@ private:
     void handleProvidersChanged();
     void showConversation(const std::optional<Conversation> &conversation);
     void applyColours();
+    void handleFindMoved();
 
     ProviderStore *m_store;
     ConversationStore *m_chats;
@@ -101,4 +115,6 @@ private:
     QWidget *m_divider = nullptr;
     QWidget *m_transcript = nullptr;
     ComposerRow *m_composerRow = nullptr;
+    FindBar *m_findBar = nullptr;
+    TranscriptFind *m_find = nullptr;
 };

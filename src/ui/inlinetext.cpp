@@ -50,6 +50,13 @@ struct InlineText::Piece
 InlineText::InlineText() = default;
 InlineText::~InlineText() = default;
 
+QStringView InlineText::shownPart(QStringView source)
+{
+    if (source.size() <= shownLimit)
+        return source;
+    return source.first(shownLimit - (source.at(shownLimit - 1).isHighSurrogate() ? 1 : 0));
+}
+
 bool InlineText::setSource(const QString &source)
 {
     if (source == m_source && !m_text.isNull())
@@ -62,10 +69,8 @@ bool InlineText::setSource(const QString &source)
     m_formats.clear();
     m_links.clear();
 
-    QStringView shown = source;
-    m_cut = source.size() > shownLimit;
-    if (m_cut)
-        shown = shown.first(shownLimit - (source.at(shownLimit - 1).isHighSurrogate() ? 1 : 0));
+    const QStringView shown = shownPart(source);
+    m_cut = shown.size() < source.size();
 
     const QList<InlineRun> runs = InlineMarkdown::render(shown);
     static const QStringList monoFamilies = Theme::monospaceFont().families();
@@ -328,9 +333,41 @@ void InlineText::draw(QPainter *painter, QPointF pos, const QColor &color, const
             addColour(link.start, link.length, linkColor);
         if (m_noteStart >= 0)
             addColour(m_noteStart, m_text.size() - m_noteStart, Theme::withOpacity(color, 0.6));
+        for (qsizetype i = 0; i < m_highlights.size(); ++i) {
+            const TextSearch::Range &hit = m_highlights.at(i);
+            const qsizetype from = std::max(hit.start, piece->start);
+            const qsizetype to = std::min(hit.start + hit.length, piece->start + piece->length);
+            if (to > from)
+                colours.append(Theme::findHighlight(from - piece->start, to - from, i == m_currentHighlight));
+        }
         // The layout takes its clip in the painter's coordinates.
         piece->layout.draw(painter, pos + QPointF(0, piece->y), colours, clip.isValid() ? clip.translated(pos) : clip);
     }
+}
+
+bool InlineText::setHighlights(const QList<TextSearch::Range> &ranges, int current)
+{
+    if (ranges == m_highlights && current == m_currentHighlight)
+        return false;
+    m_highlights = ranges;
+    m_currentHighlight = current;
+    return true;
+}
+
+QRectF InlineText::rangeRect(const TextSearch::Range &range) const
+{
+    const Piece *piece = pieceAt(range.start);
+    if (m_laidOutWidth < 0 || !piece || piece->laidOutWidth < 0)
+        return {};
+    const int start = int(std::clamp(range.start - piece->start, qsizetype(0), piece->length));
+    const int end = int(std::clamp(range.start + range.length - piece->start, qsizetype(start), piece->length));
+    const QTextLine line = piece->layout.lineForTextPosition(start);
+    if (!line.isValid())
+        return {};
+    const qreal x = line.cursorToX(start);
+    // A range wrapped onto the next line is as wide as its part on this one.
+    const qreal right = line.cursorToX(std::min(end, line.textStart() + line.textLength()));
+    return QRectF(x, piece->y + line.y(), std::max<qreal>(1, right - x), line.height());
 }
 
 std::optional<QString> InlineText::linkAt(QPointF point) const

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "model/textsearch.h"
 #include "render/inlinemarkdown.h"
 
 #include <QFont>
@@ -34,6 +35,9 @@ public:
     // character, so this bounds what one block can cost to a fraction of a second.
     static constexpr qsizetype shownLimit = 32 * 1024;
 
+    // The part of a source that is shown: all of it up to shownLimit.
+    static QStringView shownPart(QStringView source);
+
     // Returns whether anything changed.
     bool setSource(const QString &source);
     bool setFont(const QFont &font);
@@ -56,6 +60,12 @@ public:
     // first changed character, in the current layout; 0 when unknown. A streamed paragraph
     // repaints from there down instead of whole.
     int changedTop() const;
+    // Marks found words, in plainText() positions and in order; the one at index current is drawn
+    // stronger. Returns whether anything changed; the owner repaints.
+    bool setHighlights(const QList<TextSearch::Range> &ranges, int current = -1);
+    // Where the start of a range is drawn in the current layout, relative to the text's top-left
+    // corner, as wide as the range on that line; empty when the text is not laid out.
+    QRectF rangeRect(const TextSearch::Range &range) const;
     // The target of the link at a point relative to the text's top-left corner, if any.
     std::optional<QString> linkAt(QPointF point) const;
     // The right edge of the widest line as last laid out: never more than the width given.
@@ -80,6 +90,8 @@ private:
     QString m_text;
     QList<QTextLayout::FormatRange> m_formats;
     QList<Link> m_links;
+    QList<TextSearch::Range> m_highlights;
+    int m_currentHighlight = -1;
     QFont m_font;
     std::vector<std::unique_ptr<Piece>> m_pieces;
     qsizetype m_firstChange = 0;

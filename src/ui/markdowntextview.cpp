@@ -12,6 +12,7 @@
 #include <QPainter>
 #include <QResizeEvent>
 #include <QScrollArea>
+#include <QScrollBar>
 #include <QUrl>
 #include <QWheelEvent>
 
@@ -287,6 +288,31 @@ void TextBlockView::mouseReleaseEvent(QMouseEvent *event)
     MarkdownBlockView::mouseReleaseEvent(event);
 }
 
+void TextBlockView::setFindHits(const QList<FindHit> &hits)
+{
+    QList<TextSearch::Range> ranges;
+    int current = -1;
+    m_currentHit.reset();
+    for (const FindHit &hit : hits) {
+        if (hit.current) {
+            current = int(ranges.size());
+            m_currentHit = hit.range;
+        }
+        ranges.append(hit.range);
+    }
+    if (m_text.setHighlights(ranges, current))
+        update();
+}
+
+QRect TextBlockView::currentHitRect() const
+{
+    if (!m_currentHit)
+        return {};
+    m_text.heightForWidth(width() - leadingWidth());
+    const QRectF rect = m_text.rangeRect(*m_currentHit);
+    return rect.isEmpty() ? QRect() : rect.translated(leadingWidth(), topPadding()).toAlignedRect();
+}
+
 MarkdownTextView::MarkdownTextView(QWidget *parent)
     : QWidget(parent)
 {
@@ -304,6 +330,12 @@ MarkdownBlockView *MarkdownTextView::makeView(const MarkdownText::Block &block, 
     default:
         return new TextBlockView(block, parent);
     }
+}
+
+void MarkdownTextView::setFindHits(const QHash<int, QList<FindHit>> &hitsByBlock)
+{
+    for (qsizetype k = 0; k < m_views.size(); ++k)
+        m_views.at(k)->setFindHits(hitsByBlock.value(int(k)));
 }
 
 bool MarkdownTextView::setText(const QString &text)
@@ -467,6 +499,19 @@ void MarkdownTextView::layOutBlocks(qsizetype from)
         m_views.at(k)->setGeometry(0, y, w, h);
         y += h + blockSpacing;
     }
+}
+
+void MarkdownBlockView::scrollSidewaysTo(QScrollArea *scroll, const QRect &target)
+{
+    if (target.isEmpty())
+        return;
+    QScrollBar *bar = scroll->horizontalScrollBar();
+    const int visible = scroll->viewport()->width();
+    // Some of the line around the hit shows with it, so it can be read in context.
+    const int margin = std::min(48, visible / 4);
+    if (target.left() >= bar->value() + margin && target.right() <= bar->value() + visible - margin)
+        return;
+    bar->setValue(target.center().x() - visible / 2);
 }
 
 void MarkdownBlockView::setUpSidewaysScroll(QScrollArea *scroll, QWidget *content, QObject *filter)

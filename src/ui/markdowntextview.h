@@ -3,15 +3,28 @@
 #include "render/markdowntext.h"
 #include "ui/inlinetext.h"
 
+#include <QHash>
 #include <QList>
 #include <QString>
 #include <QWidget>
 
 class QWheelEvent;
 
+class QScrollArea;
+
+// One place the find bar found in a block's shown text. In a table, cell counts the cells drawn
+// row by row, the header row first; elsewhere it is 0.
+struct FindHit
+{
+    int cell = 0;
+    TextSearch::Range range;
+    bool current = false;
+
+    friend bool operator==(const FindHit &, const FindHit &) = default;
+};
+
 // The view of one Markdown block. A view is kept while its block changes in place: setBlock()
 // takes the new payload and reports whether this view can show it at all.
-class QScrollArea;
 
 class MarkdownBlockView : public QWidget
 {
@@ -28,7 +41,16 @@ public:
     virtual bool fillsWidth() const = 0;
     bool hasHeightForWidth() const override { return true; }
 
+    // Marks the find bar's hits in the block's shown text, the current one stronger; a block that
+    // scrolls sideways brings the current one into its strip. Replaces the hits it had.
+    virtual void setFindHits(const QList<FindHit> &hits) = 0;
+    // Where the current hit is drawn, in this view's coordinates; empty when it is not here.
+    virtual QRect currentHitRect() const { return {}; }
+
 protected:
+    // Scrolls a sideways strip so that target (in the strip's content coordinates) is in view,
+    // with some of what surrounds it; a target already in view leaves the strip where it is.
+    static void scrollSidewaysTo(QScrollArea *scroll, const QRect &target);
     // A block that scrolls only sideways hands an upward or downward wheel to the transcript
     // around it, which would otherwise never see it. Returns whether the wheel was handed on.
     static bool passVerticalWheel(QWidget *block, QWheelEvent *wheel);
@@ -52,6 +74,8 @@ public:
     int idealWidth() const override;
     bool fillsWidth() const override;
     QSize sizeHint() const override;
+    void setFindHits(const QList<FindHit> &hits) override;
+    QRect currentHitRect() const override;
 
     const MarkdownText::Block &block() const { return m_block; }
     // The text as shown, with the bullet or number in front.
@@ -79,6 +103,7 @@ private:
     mutable InlineText m_text;
     int m_leading = 0;      // bullet, number or bar, with the gap after it
     int m_prefixHeight = 0; // a bullet's or number's line
+    std::optional<TextSearch::Range> m_currentHit;
 };
 
 // A Markdown text as a stack of block views, 3 points apart. When the text changes, the view at
@@ -102,6 +127,11 @@ public:
     int idealWidth() const;
 
     const QList<MarkdownBlockView *> &blockViews() const { return m_views; }
+    // The blocks shown, one per view.
+    const QList<MarkdownText::Block> &blocks() const { return m_blocks; }
+    // Hands each block view its find hits, by block index; a block not named has none. Views made
+    // later by setText() start without hits.
+    void setFindHits(const QHash<int, QList<FindHit>> &hitsByBlock);
 
     static constexpr int blockSpacing = 3;
     // The most of a message that is parsed for showing, in UTF-16 units.

@@ -4,6 +4,7 @@
 
 #include <QDesktopServices>
 #include <QEvent>
+#include <QHash>
 #include <QKeyEvent>
 #include <QMouseEvent>
 #include <QPainter>
@@ -230,6 +231,62 @@ std::optional<QString> TableBlockView::linkAt(QPoint gridPos) const
         y += rowHeight + rowSpacing + (r == 0 ? dividerHeight + rowSpacing : 0);
     }
     return std::nullopt;
+}
+
+void TableBlockView::setFindHits(const QList<FindHit> &hits)
+{
+    const int columns = columnCount();
+    QHash<int, QList<TextSearch::Range>> byCell;
+    m_currentHitCell = -1;
+    int currentInCell = -1;
+    for (const FindHit &hit : hits) {
+        if (hit.current) {
+            m_currentHitCell = hit.cell;
+            m_currentHit = hit.range;
+            currentInCell = int(byCell.value(hit.cell).size());
+        }
+        byCell[hit.cell].append(hit.range);
+    }
+    bool changed = false;
+    for (std::size_t r = 0; r < m_cells.size(); ++r) {
+        for (int c = 0; c < columns; ++c) {
+            const int cell = int(r) * columns + c;
+            changed |= m_cells[r][std::size_t(c)]->setHighlights(byCell.value(cell),
+                                                                 cell == m_currentHitCell ? currentInCell : -1);
+        }
+    }
+    if (changed)
+        m_grid->update();
+    if (m_currentHitCell >= 0)
+        scrollSidewaysTo(m_scroll, currentHitInGrid());
+}
+
+QRect TableBlockView::currentHitInGrid() const
+{
+    const int columns = columnCount();
+    if (m_currentHitCell < 0 || columns == 0)
+        return {};
+    const std::size_t row = std::size_t(m_currentHitCell / columns);
+    const int column = m_currentHitCell % columns;
+    if (row >= m_cells.size())
+        return {};
+    const Geometry &g = gridGeometry();
+    int y = padding;
+    for (std::size_t r = 0; r < row; ++r)
+        y += g.rows.at(qsizetype(r)) + rowSpacing + (r == 0 ? dividerHeight + rowSpacing : 0);
+    int x = padding;
+    for (int c = 0; c < column; ++c)
+        x += g.columns.at(c) + columnSpacing;
+    InlineText &cell = *m_cells[row][std::size_t(column)];
+    const int top = y + (g.rows.at(qsizetype(row)) - cell.heightForWidth(g.columns.at(column))) / 2;
+    const QRectF hit = cell.rangeRect(m_currentHit);
+    return hit.isEmpty() ? QRect() : hit.translated(x, top).toAlignedRect();
+}
+
+QRect TableBlockView::currentHitRect() const
+{
+    const QRect hit = currentHitInGrid();
+    return hit.isEmpty() ? QRect() : QRect(m_grid->mapTo(this, hit.topLeft()), hit.size());
 }
 
 void TableBlockView::paintGrid(QPainter *painter, const QRect &clip) const

@@ -30,6 +30,8 @@ public:
     int idealWidth() const override;
     bool fillsWidth() const override { return false; }
     QSize sizeHint() const override;
+    void setFindHits(const QList<FindHit> &hits) override;
+    QRect currentHitRect() const override;
 
     int columnCount() const { return int(m_headers.size()); }
     // Body rows shown.
@@ -70,6 +72,8 @@ private:
     void applyFonts();
     void paintGrid(QPainter *painter, const QRect &clip) const;
     QString note() const;
+    // Where the current hit is drawn in the grid's coordinates; empty without one.
+    QRect currentHitInGrid() const;
 
     QStringList m_headers;
     QList<QStringList> m_rows;
@@ -78,4 +82,6 @@ private:
     mutable Geometry m_geometry;
     QScrollArea *m_scroll;
     TableGridView *m_grid;
+    int m_currentHitCell = -1; // row * columnCount() + column
+    TextSearch::Range m_currentHit;
 };

@@ -282,6 +282,18 @@ QToolButton *symbolButton(QLatin1StringView symbol, const QString &help, const Q
     return button;
 }
 
+QTextLayout::FormatRange findHighlight(qsizetype start, qsizetype length, bool current)
+{
+    QTextCharFormat format;
+    const bool dark = isDark(QApplication::palette());
+    const QColor yellow(0xff, 0xd6, 0x0a);
+    format.setBackground(current ? color(Color::Orange) : withOpacity(yellow, dark ? 0.45 : 0.6));
+    // Dark text on the strong orange in both palettes; on the light tint only where the page is light.
+    if (current || !dark)
+        format.setForeground(QColor(Qt::black));
+    return {int(start), int(length), format};
+}
+
 void setTextColour(QWidget *widget, const QColor &colour)
 {
     QPalette palette = widget->palette();

@@ -1,10 +1,13 @@
 #pragma once
 
+#include "model/textsearch.h"
+
 #include <QColor>
 #include <QFont>
 #include <QIcon>
 #include <QLatin1StringView>
 #include <QPalette>
+#include <QTextLayout>
 
 class QToolButton;
 class QWidget;
@@ -73,6 +76,9 @@ bool hasSymbol(QLatin1StringView symbol);
 // A borderless tool button showing the symbol at 16 px, its help as tooltip and accessible name,
 // reachable by Tab.
 QToolButton *symbolButton(QLatin1StringView symbol, const QString &help, const QString &objectName, QWidget *parent);
+// How a word the find bar found is marked in text: a tinted background, stronger for the current
+// one, with text that stays readable on it in light and dark palettes.
+QTextLayout::FormatRange findHighlight(qsizetype start, qsizetype length, bool current);
 // Sets the widget's text colour (its palette's WindowText).
 void setTextColour(QWidget *widget, const QColor &colour);
 

@@ -526,6 +526,7 @@ void TranscriptArea::relayout()
             row.bubble->installEventFilter(this);
             connect(row.bubble, &MessageBubble::heightChanged, this,
                     [this, bubble = row.bubble.data()] { remeasure(bubble); });
+            emit bubbleBuilt(i, row.bubble);
             const int height = row.bubble->heightForWidth(m_width);
             row.bubble->setGeometry(0, rowTop(i) - value, m_width, height);
             row.bubble->show();

@@ -91,6 +91,11 @@ public:
     // builds its bubble and gives it the focus.
     void focusMessage(qsizetype index);
 
+signals:
+    // Emitted when the bubble of message index is made, as it comes near the visible area, before
+    // it is placed and shown.
+    void bubbleBuilt(qsizetype index, MessageBubble *bubble);
+
 protected:
     void resizeEvent(QResizeEvent *event) override;
     void scrollContentsBy(int dx, int dy) override;

@@ -1,0 +1,377 @@
+#include "ui/transcriptfind.h"
+
+#include "chat/chatviewmodel.h"
+#include "render/inlinemarkdown.h"
+#include "ui/codeblockview.h"
+#include "ui/inlinetext.h"
+#include "ui/markdowntextview.h"
+#include "ui/messagebubble.h"
+#include "ui/tableblockview.h"
+#include "ui/transcriptview.h"
+
+#include <QHash>
+#include <QScrollBar>
+
+#include <tuple>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+using Kind = MarkdownText::Block::Kind;
+
+QString shownInline(const QString &source)
+{
+    QString text;
+    for (const InlineRun &run : InlineMarkdown::render(InlineText::shownPart(source)))
+        text += run.text;
+    return text;
+}
+
+// Code is drawn up to a number of lines, and each line up to a number of characters: what is not
+// drawn becomes a character no typed word holds, so positions stay those of the code.
+QString shownCode(const QString &code)
+{
+    if (code.size() <= CodeTextView::maxLineLayout)
+        return code;
+    QString shown = code;
+    qsizetype line = 0;
+    for (qsizetype start = 0; start < shown.size(); ++line) {
+        qsizetype end = shown.indexOf(u'\n', start);
+        if (end < 0)
+            end = shown.size();
+        if (line >= CodeTextView::maxShownLines) {
+            shown.truncate(start);
+            break;
+        }
+        for (qsizetype i = start + CodeTextView::maxLineLayout; i < end; ++i)
+            shown[i] = QChar(u'\0');
+        start = end + 1;
+    }
+    return shown;
+}
+
+} // namespace
+
+TranscriptFind::TranscriptFind(ChatViewModel *chat, TranscriptArea *area, QObject *parent)
+    : QObject(parent)
+    , m_chat(chat)
+    , m_area(area)
+{
+    connect(m_chat, &ChatViewModel::messagesReset, this, [this] {
+        m_cache.clear();
+        m_place = -1;
+        m_currentMessage = -1;
+        m_currentK = -1;
+        recountAll();
+    });
+    connect(m_chat, &ChatViewModel::messageInserted, this, [this](qsizetype index) {
+        if (index <= m_cache.size())
+            m_cache.insert(index, Cached{});
+        if (m_currentMessage >= index)
+            ++m_currentMessage;
+        if (m_place >= index)
+            ++m_place;
+        recountAll();
+    });
+    connect(m_chat, &ChatViewModel::messageRemoved, this, [this](qsizetype index) {
+        if (index < m_cache.size())
+            m_cache.removeAt(index);
+        if (m_currentMessage == index)
+            m_currentMessage = -1;
+        else if (m_currentMessage > index)
+            --m_currentMessage;
+        if (m_place >= index)
+            m_place = std::max<qsizetype>(0, m_place - 1);
+        recountAll();
+    });
+    // Connected after the area's own reaction, so the marks go on the blocks it now shows.
+    connect(m_chat, &ChatViewModel::messageChanged, this, &TranscriptFind::recountMessage);
+    connect(m_area, &TranscriptArea::bubbleBuilt, this,
+            [this](qsizetype index, MessageBubble *bubble) { applyTo(index, bubble); });
+}
+
+QList<TranscriptFind::Segment> TranscriptFind::shownSegments(const QList<MarkdownText::Block> &blocks)
+{
+    QList<Segment> segments;
+    for (qsizetype b = 0; b < blocks.size(); ++b) {
+        const MarkdownText::Block &block = blocks.at(b);
+        switch (block.kind) {
+        case Kind::Code:
+            segments.append({int(b), 0, shownCode(block.code)});
+            break;
+        case Kind::Table: {
+            // Only the cells drawn: as many per row as there are headers, in the rows shown.
+            const qsizetype columns = block.headers.size();
+            for (qsizetype c = 0; c < columns; ++c)
+                segments.append({int(b), int(c), shownInline(block.headers.at(c))});
+            const qsizetype rows = std::min(block.rows.size(), TableBlockView::shownRows(columns));
+            for (qsizetype r = 0; r < rows; ++r) {
+                const QStringList &row = block.rows.at(r);
+                for (qsizetype c = 0; c < std::min(columns, row.size()); ++c)
+                    segments.append({int(b), int((r + 1) * columns + c), shownInline(row.at(c))});
+            }
+            break;
+        }
+        default:
+            segments.append({int(b), 0, shownInline(block.text)});
+            break;
+        }
+    }
+    return segments;
+}
+
+const QList<TranscriptFind::Segment> &TranscriptFind::foldedSegments(qsizetype message)
+{
+    if (m_cache.size() != m_chat->messages().size())
+        m_cache.resize(m_chat->messages().size());
+    const QString &content = m_chat->messages().at(message).content;
+    Cached &cached = m_cache[message];
+    // Shared text is the same text: the usual case, checked without reading it.
+    const bool same = (!cached.content.isNull() && cached.content.constData() == content.constData() &&
+                       cached.content.size() == content.size()) ||
+                      (!cached.content.isNull() && cached.content == content);
+    if (!same) {
+        cached.content = content.isNull() ? u""_s : content;
+        // A bubble on screen has parsed the text already; the others are parsed as they would be.
+        const MessageBubble *bubble = m_area->bubbleAt(message);
+        const bool shown = bubble && bubble->markdownView()->text() == content;
+        cached.folded =
+            shownSegments(shown ? bubble->markdownView()->blocks() : MarkdownTextView::shownBlocks(cached.content));
+        for (Segment &segment : cached.folded)
+            TextSearch::foldInto(segment.text, segment.text);
+    }
+    return cached.folded;
+}
+
+QList<TranscriptFind::Hit> TranscriptFind::hitsIn(qsizetype message)
+{
+    QList<Hit> hits;
+    for (const Segment &segment : foldedSegments(message)) {
+        for (const TextSearch::Range &range : m_query.hits(segment.text))
+            hits.append({segment.block, segment.cell, range});
+    }
+    return hits;
+}
+
+void TranscriptFind::setQuery(const QString &typed, qsizetype fromMessage)
+{
+    m_query = TextSearch::Query(typed);
+    // Refining the words keeps the place: from the current hit's message, else from the top of
+    // what is shown, down.
+    qsizetype from = fromMessage >= 0 ? fromMessage : m_place;
+    m_currentMessage = -1;
+    m_currentK = -1;
+    recountAll();
+    if (m_query.isEmpty())
+        return;
+    if (from < 0) {
+        from = 0;
+        const int top = m_area->verticalScrollBar()->value();
+        while (from + 1 < m_area->messageCount() && m_area->rowTop(from + 1) <= top)
+            ++from;
+    }
+    showFirstHitFrom(from);
+}
+
+void TranscriptFind::showFirstHitFrom(qsizetype message)
+{
+    const auto notBefore = [](const Hit &hit, const Hit &place) {
+        return std::tuple(hit.block, hit.cell, hit.range.start) >=
+               std::tuple(place.block, place.cell, place.range.start);
+    };
+    const qsizetype n = m_hits.size();
+    for (qsizetype step = 0; step < n; ++step) {
+        const qsizetype i = (std::max<qsizetype>(0, message) + step) % n;
+        const QList<Hit> &hits = m_hits.at(i);
+        // In the message of the last place, the first hit from that place on.
+        qsizetype k = 0;
+        if (step == 0 && i == m_place) {
+            while (k < hits.size() && !notBefore(hits.at(k), m_placeHit))
+                ++k;
+        }
+        if (k < hits.size())
+            return setCurrent(i, k, true);
+    }
+    // Only hits before the place, in its own message: wrap to them.
+    if (m_count > 0 && message >= 0 && message < n && !m_hits.at(message).isEmpty())
+        return setCurrent(message, 0, true);
+    setCurrent(-1, -1, false);
+}
+
+void TranscriptFind::clear()
+{
+    m_query = TextSearch::Query();
+    m_place = -1;
+    m_currentMessage = -1;
+    m_currentK = -1;
+    recountAll();
+    m_cache = {};
+}
+
+void TranscriptFind::next()
+{
+    if (m_count == 0)
+        return;
+    if (m_currentMessage >= 0 && m_currentK + 1 < m_hits.at(m_currentMessage).size())
+        return setCurrent(m_currentMessage, m_currentK + 1, true);
+    const qsizetype n = m_hits.size();
+    const qsizetype from = m_currentMessage < 0 ? n - 1 : m_currentMessage;
+    for (qsizetype step = 1; step <= n; ++step) {
+        const qsizetype i = (from + step) % n;
+        if (!m_hits.at(i).isEmpty())
+            return setCurrent(i, 0, true);
+    }
+}
+
+void TranscriptFind::previous()
+{
+    if (m_count == 0)
+        return;
+    if (m_currentMessage >= 0 && m_currentK > 0)
+        return setCurrent(m_currentMessage, m_currentK - 1, true);
+    const qsizetype n = m_hits.size();
+    const qsizetype from = m_currentMessage < 0 ? 0 : m_currentMessage;
+    for (qsizetype step = 1; step <= n; ++step) {
+        const qsizetype i = (from - step + n) % n;
+        if (!m_hits.at(i).isEmpty())
+            return setCurrent(i, m_hits.at(i).size() - 1, true);
+    }
+}
+
+qsizetype TranscriptFind::currentIndex() const
+{
+    if (m_currentMessage < 0)
+        return -1;
+    qsizetype before = 0;
+    for (qsizetype i = 0; i < m_currentMessage; ++i)
+        before += m_hits.at(i).size();
+    return before + m_currentK;
+}
+
+QString TranscriptFind::statusText() const
+{
+    if (m_query.isEmpty())
+        return {};
+    if (m_count == 0)
+        return tr("No results");
+    if (m_currentMessage < 0)
+        return m_count == 1 ? tr("1 match") : tr("%L1 matches").arg(m_count);
+    return tr("%L1 of %L2").arg(currentIndex() + 1).arg(m_count);
+}
+
+void TranscriptFind::recountAll()
+{
+    const qsizetype n = m_chat->messages().size();
+    m_hits = QList<QList<Hit>>(n);
+    m_count = 0;
+    if (!m_query.isEmpty()) {
+        for (qsizetype i = 0; i < n; ++i) {
+            m_hits[i] = hitsIn(i);
+            m_count += m_hits.at(i).size();
+        }
+    }
+    if (m_currentMessage >= n || (m_currentMessage >= 0 && m_currentK >= m_hits.at(m_currentMessage).size())) {
+        m_currentMessage = -1;
+        m_currentK = -1;
+    }
+    applyAll();
+    emit resultsChanged();
+}
+
+void TranscriptFind::recountMessage(qsizetype message)
+{
+    if (m_query.isEmpty() || message < 0 || message >= m_chat->messages().size())
+        return;
+    if (m_hits.size() != m_chat->messages().size())
+        return recountAll();
+    QList<Hit> hits = hitsIn(message);
+    m_count += hits.size() - m_hits.at(message).size();
+    m_hits[message] = std::move(hits);
+    if (m_currentMessage == message && m_currentK >= m_hits.at(message).size()) {
+        m_currentMessage = -1;
+        m_currentK = -1;
+    }
+    // Nothing moves: the view follows the reply by its own rules while the count follows the text.
+    // A first hit in a reply becomes current where it is.
+    if (m_currentMessage < 0 && m_count > 0 && m_count == m_hits.at(message).size()) {
+        m_currentMessage = m_place = message;
+        m_currentK = 0;
+        m_placeHit = m_hits.at(message).first();
+    }
+    applyTo(message, m_area->bubbleAt(message));
+    emit resultsChanged();
+}
+
+void TranscriptFind::setCurrent(qsizetype message, qsizetype k, bool revealIt)
+{
+    const qsizetype before = m_currentMessage;
+    m_currentMessage = message;
+    m_currentK = k;
+    if (message >= 0) {
+        m_place = message;
+        m_placeHit = m_hits.at(message).at(k);
+    }
+    if (before >= 0 && before != message && before < m_hits.size())
+        applyTo(before, m_area->bubbleAt(before));
+    if (message >= 0)
+        applyTo(message, m_area->bubbleAt(message));
+    if (revealIt)
+        reveal();
+    emit resultsChanged();
+}
+
+void TranscriptFind::applyTo(qsizetype message, MessageBubble *bubble) const
+{
+    if (!bubble || message < 0)
+        return;
+    QHash<int, QList<FindHit>> byBlock;
+    if (message < m_hits.size()) {
+        const QList<Hit> &hits = m_hits.at(message);
+        for (qsizetype k = 0; k < hits.size(); ++k) {
+            const Hit &hit = hits.at(k);
+            byBlock[hit.block].append({hit.cell, hit.range, message == m_currentMessage && k == m_currentK});
+        }
+    }
+    bubble->markdownView()->setFindHits(byBlock);
+}
+
+void TranscriptFind::applyAll()
+{
+    // Without words and with nothing marked there is nothing to take off.
+    if (m_count == 0 && !m_marked)
+        return;
+    for (qsizetype i = 0; i < m_area->messageCount(); ++i) {
+        if (MessageBubble *bubble = m_area->bubbleAt(i))
+            applyTo(i, bubble);
+    }
+    m_marked = m_count > 0;
+}
+
+void TranscriptFind::reveal()
+{
+    if (m_currentMessage < 0 || m_currentMessage >= m_area->messageCount())
+        return;
+    QScrollBar *bar = m_area->verticalScrollBar();
+    const int visible = m_area->viewport()->height();
+    // First the message's place, which builds its bubble; then the hit's own line inside it.
+    const int messageTop = m_area->rowTop(m_currentMessage);
+    if (!m_area->bubbleAt(m_currentMessage) || messageTop > bar->value() + visible)
+        bar->setValue(messageTop - visible / 3);
+    MessageBubble *bubble = m_area->bubbleAt(m_currentMessage);
+    if (!bubble)
+        return;
+    applyTo(m_currentMessage, bubble);
+    const Hit &hit = m_hits.at(m_currentMessage).at(m_currentK);
+    const QList<MarkdownBlockView *> &views = bubble->markdownView()->blockViews();
+    if (hit.block >= views.size())
+        return;
+    MarkdownBlockView *view = views.at(hit.block);
+    QRect rect = view->currentHitRect();
+    if (rect.isEmpty())
+        rect = QRect(0, 0, view->width(), std::min(view->height(), 20));
+    const QPoint at = view->mapTo(m_area->viewport(), rect.topLeft());
+    // A hit already comfortably in view stays where it is; otherwise it comes to a third down.
+    if (at.y() < visible / 8 || at.y() + rect.height() > visible - visible / 8)
+        bar->setValue(bar->value() + at.y() - visible / 3);
+}

@@ -1,0 +1,100 @@
+#pragma once
+
+#include "model/textsearch.h"
+#include "render/markdowntext.h"
+
+#include <QList>
+#include <QObject>
+#include <QString>
+
+class ChatViewModel;
+class MessageBubble;
+class TranscriptArea;
+
+// The find bar's work in one window's transcript: finds the typed words in the messages as they
+// are shown (the text of paragraphs, headings, list items, quotes, code and the table cells that
+// are drawn; no Markdown syntax, no link addresses), marks them in the bubbles that exist and in
+// those built later, and brings the current one into view. A message that changes (a streamed
+// reply) is counted again without moving the view.
+//
+// Each message's shown text is folded once and kept until the message changes or the words are
+// cleared, so a keystroke costs one pass over the text and no Markdown parsing.
+//
+// Reads the view model and drives the transcript area; both must outlive it.
+class TranscriptFind final : public QObject
+{
+    Q_OBJECT
+    Q_DISABLE_COPY_MOVE(TranscriptFind)
+
+public:
+    // One found word: in a block of the message's shown blocks, in a cell of a table (its drawn
+    // cells counted row by row, the header row first; 0 elsewhere), at range of that text.
+    struct Hit
+    {
+        int block = 0;
+        int cell = 0;
+        TextSearch::Range range;
+    };
+    // A piece of a message's shown text.
+    struct Segment
+    {
+        int block = 0;
+        int cell = 0;
+        QString text;
+    };
+
+    TranscriptFind(ChatViewModel *chat, TranscriptArea *area, QObject *parent = nullptr);
+
+    // Finds what was typed and brings the current hit into view: the first one in fromMessage or
+    // after it, or with fromMessage -1 from the current hit's message, else from the top of the
+    // view, down; wrapping to the first hit.
+    void setQuery(const QString &typed, qsizetype fromMessage = -1);
+    // Drops the words, every mark and what was kept for finding.
+    void clear();
+    // Move to the next or previous hit, wrapping around, and bring it into view.
+    void next();
+    void previous();
+
+    qsizetype count() const { return m_count; }
+    // The current hit's place among all (0-based), or -1 when there is none.
+    qsizetype currentIndex() const;
+    // "3 of 12", "12 matches" while none is current, "No results", or nothing without words.
+    QString statusText() const;
+
+    // The text the blocks show, piece by piece in reading order, folded or not.
+    static QList<Segment> shownSegments(const QList<MarkdownText::Block> &blocks);
+
+signals:
+    // Emitted when the count or the current hit changes.
+    void resultsChanged();
+
+private:
+    struct Cached
+    {
+        QString content;
+        QList<Segment> folded;
+    };
+
+    const QList<Segment> &foldedSegments(qsizetype message);
+    QList<Hit> hitsIn(qsizetype message);
+    void recountAll();
+    void recountMessage(qsizetype message);
+    void showFirstHitFrom(qsizetype message);
+    void setCurrent(qsizetype message, qsizetype k, bool reveal);
+    void applyTo(qsizetype message, MessageBubble *bubble) const;
+    void applyAll();
+    void reveal();
+
+    ChatViewModel *m_chat;
+    TranscriptArea *m_area;
+    TextSearch::Query m_query;
+    QList<Cached> m_cache;    // by message index
+    QList<QList<Hit>> m_hits; // by message index
+    qsizetype m_count = 0;
+    qsizetype m_currentMessage = -1;
+    qsizetype m_currentK = -1; // index into m_hits[m_currentMessage]
+    // The last current hit, kept while the words find nothing: refined words go on from there.
+    qsizetype m_place = -1;
+    Hit m_placeHit;
+    bool m_marked = false; // whether any bubble may carry marks
+};

@@ -1,0 +1,231 @@
+#include "chat/chatviewmodel.h"
+#include "mockprovider.h"
+#include "storage/conversationstore.h"
+#include "storage/providerstore.h"
+#include "ui/codeblockview.h"
+#include "ui/contentview.h"
+#include "ui/conversationsidebar.h"
+#include "ui/findbar.h"
+#include "ui/messagebubble.h"
+#include "ui/scrollcontroller.h"
+#include "ui/tableblockview.h"
+#include "ui/transcriptfind.h"
+#include "ui/transcriptview.h"
+
+#include <QAbstractItemView>
+#include <QApplication>
+#include <QLineEdit>
+#include <QPlainTextEdit>
+#include <QScrollArea>
+#include <QScrollBar>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <memory>
+
+using namespace Qt::StringLiterals;
+
+class tst_TranscriptFind final : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_home.isValid());
+        qputenv("XDG_CONFIG_HOME", QFile::encodeName(m_home.filePath(u"config"_s)));
+        qputenv("XDG_DATA_HOME", QFile::encodeName(m_home.filePath(u"data"_s)));
+    }
+    void init()
+    {
+        static int run = 0;
+        m_store = std::make_unique<ProviderStore>();
+        m_store->setProviders({});
+        m_chats = std::make_unique<ConversationStore>(m_home.filePath(u"c%1.json"_s.arg(++run)));
+        m_mock = std::make_unique<MockProvider>();
+        QVERIFY(m_mock->listen());
+        Provider p;
+        p.id = QUuid::createUuid();
+        p.name = u"Mock"_s;
+        p.baseURL = m_mock->baseURL();
+        p.model = u"mock-small"_s;
+        p.apiKey = u"sk-test"_s;
+        m_store->add(p);
+        m_store->setSelectedID(p.id);
+    }
+    void cleanup()
+    {
+        delete m_view;
+        m_chats.reset();
+        m_store.reset();
+        m_mock.reset();
+    }
+
+    void shownSegments_data()
+    {
+        QTest::addColumn<QString>("markdown");
+        QTest::addColumn<QStringList>("shown");
+        QTest::newRow("inline marks and link address dropped")
+            << u"Read **the** [docs](https://example.com/x) `now` \\*"_s << QStringList{u"Read the docs now *"_s};
+        QTest::newRow("heading, list and quote without their marks")
+            << u"# Title\n\n- item\n3. third\n> quoted"_s
+            << QStringList{u"Title"_s, u"item"_s, u"third"_s, u"quoted"_s};
+        QTest::newRow("code as it is") << u"```js\nlet a = \"**x**\";\n```"_s << QStringList{u"let a = \"**x**\";"_s};
+        QTest::newRow("only the cells drawn") << u"| A | B |\n|---|---|\n| 1 | **2** | hidden |\n| 3 |"_s
+                                              << QStringList{u"A"_s, u"B"_s, u"1"_s, u"2"_s, u"3"_s};
+        const QString longLine = u"a"_s.repeated(CodeTextView::maxLineLayout) + u"tail"_s;
+        QTest::newRow("code past the drawn columns is blanked")
+            << u"```\n"_s + longLine + u"\nnext\n```"_s
+            << QStringList{u"a"_s.repeated(CodeTextView::maxLineLayout) + QString(4, QChar(u'\0')) + u"\nnext"_s};
+    }
+    void shownSegments()
+    {
+        QFETCH(QString, markdown);
+        QFETCH(QStringList, shown);
+        QStringList texts;
+        for (const TranscriptFind::Segment &segment :
+             TranscriptFind::shownSegments(MarkdownTextView::shownBlocks(markdown)))
+            texts.append(segment.text);
+        QCOMPARE(texts, shown);
+    }
+
+    void findBar_countsMovesAndCloses()
+    {
+        QList<ChatMessage> messages;
+        for (int i = 0; i < 40; ++i)
+            messages.append(ChatMessage(ChatRole::assistant, u"Filler paragraph %1.\n\nMore filler."_s.arg(i)));
+        messages.insert(3,
+                        ChatMessage(ChatRole::user, u"Is the **Café** open? See [menu](https://example.com/cafe)"_s));
+        // A table wider than the message, its second hit in the last column; then a long code line.
+        messages.insert(30, ChatMessage(ChatRole::assistant,
+                                        u"| Place |"_s + u" Column |"_s.repeated(20) + u"\n|---|"_s +
+                                            u"---|"_s.repeated(20) + u"\n| cafe |"_s + u" cell |"_s.repeated(19) +
+                                            u" cafe |\n\n```\n"_s + u"x"_s.repeated(400) + u" cafe\n```"_s));
+        makeView(messages);
+        auto *composer = m_view->findChild<QPlainTextEdit *>(u"composer"_s);
+        composer->setFocus();
+        FindBar *bar = m_view->findBar();
+        QVERIFY(bar->isHidden());
+
+        QTest::keyClick(composer, Qt::Key_F, Qt::ControlModifier);
+        QVERIFY(bar->isVisible());
+        QVERIFY(bar->field()->hasFocus());
+        QTest::keyClicks(bar->field(), u"CAFE"_s);
+        // The word in bold, in two table cells and on a code line; not in the link's address.
+        QCOMPARE(m_view->transcriptFind()->count(), 4);
+        QCOMPARE(bar->status(), u"1 of 4"_s);
+        QCOMPARE(bar->field()->accessibleDescription(), u"1 of 4"_s);
+        QTest::keyClick(bar->field(), Qt::Key_Return);
+        QTest::keyClick(bar->field(), Qt::Key_F3);
+        QCOMPARE(bar->status(), u"3 of 4"_s);
+        // The table strip scrolled sideways to its hit at the end of a wide cell.
+        TranscriptArea *area = m_view->findChild<TranscriptView *>()->area();
+        MessageBubble *bubble = area->bubbleAt(30);
+        QVERIFY(bubble);
+        auto *table = bubble->findChild<TableBlockView *>();
+        QVERIFY(table->scrollArea()->horizontalScrollBar()->value() > 0);
+        QVERIFY(table->rect().intersects(table->currentHitRect()));
+        QVERIFY(bubble->geometry().intersects(area->viewport()->rect()));
+        QTest::keyClick(bar->field(), Qt::Key_F3);
+        QCOMPARE(bar->status(), u"4 of 4"_s);
+        auto *code = bubble->findChild<CodeBlockView *>();
+        QVERIFY(code->scrollArea()->horizontalScrollBar()->value() > 0);
+        QVERIFY(code->rect().intersects(code->currentHitRect()));
+        QVERIFY(table->currentHitRect().isEmpty());
+
+        QTest::keyClick(bar->field(), Qt::Key_F3);
+        QCOMPARE(bar->status(), u"1 of 4"_s); // wraps
+        QTest::keyClick(bar->field(), Qt::Key_Return, Qt::ShiftModifier);
+        QCOMPARE(bar->status(), u"4 of 4"_s);
+        QTest::keyClick(bar->field(), Qt::Key_F3, Qt::ShiftModifier);
+        QCOMPARE(bar->status(), u"3 of 4"_s);
+        QTest::keyClicks(bar->field(), u"zz"_s);
+        QCOMPARE(bar->status(), u"No results"_s);
+        QVERIFY(!bar->findChild<QWidget *>(u"findNextButton"_s)->isEnabled());
+
+        QTest::keyClick(bar->field(), Qt::Key_Backspace);
+        QTest::keyClick(bar->field(), Qt::Key_Backspace);
+        QCOMPARE(bar->status(), u"3 of 4"_s); // refining the words keeps the place
+        QTest::keyClick(bar->field(), Qt::Key_Escape);
+        QVERIFY(bar->isHidden());
+        QCOMPARE(m_view->transcriptFind()->count(), 0);
+        QVERIFY(code->currentHitRect().isEmpty()); // no marks left
+        QVERIFY(composer->hasFocus());
+    }
+
+    void countFollowsAStreamingReply_withoutMovingTheView()
+    {
+        makeView({});
+        m_view->openFind();
+        QTest::keyClicks(m_view->findBar()->field(), u"word"_s);
+        QCOMPARE(m_view->transcriptFind()->count(), 0);
+        MockProviderOptions slow;
+        slow.reply = u"word "_s.repeated(100);
+        slow.tokensPerSecond = 50;
+        m_mock->setOptions(slow);
+        m_view->chat()->setInput(u"Go"_s);
+        m_view->send();
+        QTRY_VERIFY(m_view->transcriptFind()->count() >= 3);
+        const qsizetype seen = m_view->transcriptFind()->count();
+        QCOMPARE(m_view->transcriptFind()->currentIndex(), 0); // the first hit became current where it is
+        QTRY_VERIFY(m_view->transcriptFind()->count() > seen);
+        QCOMPARE(m_view->transcriptFind()->currentIndex(), 0);
+        QVERIFY(m_view->scroll()->autoScroll()); // following the reply as before
+        QVERIFY(m_view->findBar()->field()->hasFocus());
+        m_view->chat()->stop();
+    }
+
+    void chosenSearchResult_opensAtItsFirstHitWithTheBarOpen()
+    {
+        const Conversation other = m_chats->newChat(std::nullopt);
+        m_chats->updateMessages(other.id, {ChatMessage(ChatRole::user, u"elsewhere"_s)});
+        QList<ChatMessage> messages;
+        for (int i = 0; i < 60; ++i)
+            messages.append(ChatMessage(ChatRole::assistant, u"Line %1 of a long talk.\n\nAnd more."_s.arg(i)));
+        messages[5].content = u"The **heron** flew."_s;
+        messages[50].content = u"A heron again."_s;
+        makeView(messages);
+        m_chats->setSelectedID(other.id);
+        auto *field = m_view->findChild<QLineEdit *>(u"searchField"_s);
+        auto *list = m_view->findChild<QAbstractItemView *>(u"conversationList"_s);
+        field->setFocus();
+        QTest::keyClicks(field, u"Heron"_s);
+        QTRY_VERIFY(m_view->sidebar()->isSearchComplete());
+        QCOMPARE(list->model()->rowCount(), 1);
+        QTest::mouseClick(list->viewport(), Qt::LeftButton, {}, list->visualRect(list->model()->index(0, 0)).center());
+
+        FindBar *bar = m_view->findBar();
+        QVERIFY(bar->isVisible());
+        QCOMPARE(bar->text(), u"Heron"_s);
+        QCOMPARE(bar->status(), u"1 of 2"_s);
+        // Still there once the switch has settled: its scrolls to the end gave way.
+        QTest::qWait(50);
+        TranscriptArea *area = m_view->findChild<TranscriptView *>()->area();
+        MessageBubble *bubble = area->bubbleAt(5);
+        QVERIFY(bubble);
+        QVERIFY(area->viewport()->rect().contains(bubble->geometry().center()));
+        QVERIFY(!m_view->scroll()->autoScroll());
+    }
+
+private:
+    void makeView(const QList<ChatMessage> &messages)
+    {
+        const Conversation c = m_chats->newChat(std::nullopt);
+        m_chats->updateMessages(c.id, messages);
+        m_view = new ContentView(m_store.get(), m_chats.get());
+        m_view->setFocusDelay(std::chrono::milliseconds(0));
+        m_view->resize(900, 600);
+        m_view->show();
+        QApplication::setActiveWindow(m_view);
+        QVERIFY(QTest::qWaitForWindowExposed(m_view));
+    }
+
+    QTemporaryDir m_home;
+    std::unique_ptr<ProviderStore> m_store;
+    std::unique_ptr<ConversationStore> m_chats;
+    std::unique_ptr<MockProvider> m_mock;
+    QPointer<ContentView> m_view;
+};
+
+QTEST_MAIN(tst_TranscriptFind)
+#include "tst_transcriptfind.moc"
