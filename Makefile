@@ -5,7 +5,7 @@ BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 
 PACKAGES := cmake make g++ pkg-config qt6-base-dev qt6-base-private-dev qt6-svg-dev libgl-dev xvfb xauth \
-            libsimdjson-dev
+            libsimdjson-dev qtkeychain-qt6-dev libsecret-1-0 gnome-keyring dbus-daemon
 
 # What `make deb` needs to make the package, and what `make deb-check` needs to check it.
 DEB_PACKAGES := dpkg-dev file

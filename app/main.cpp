@@ -1,6 +1,8 @@
 // verbolt: the desktop program. Starting it while it already runs on the same profile hands the
 // request (another window, a file to import) to the running one instead.
 #include "storage/coredumps.h"
+#include "storage/keyring.h"
+#include "storage/providerstore.h"
 #include "ui/commandline.h"
 #include "ui/mainwindow.h"
 #include "ui/quitsignals.h"
@@ -67,6 +69,8 @@ int main(int argc, char *argv[])
     QObject::connect(&quitSignals, &QuitSignals::quitRequested, &verbolt, &VerboltApp::quit);
     // The first start always has a window: the settings window alone would not keep it running.
     verbolt.newWindow();
+    // After the window: the keyring may be slow to answer, and the keys arrive in the background.
+    verbolt.store()->useKeyring(new Keyring);
     if (command.configFile)
         verbolt.offerImport(*command.configFile);
     return app.exec();

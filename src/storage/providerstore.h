@@ -1,12 +1,17 @@
 #pragma once
 
 #include "model/provider.h"
+#include "storage/keyring.h"
 
+#include <QHash>
 #include <QList>
 #include <QObject>
+#include <QSet>
 #include <QSettings>
+#include <QTimer>
 #include <QUuid>
 
+#include <functional>
 #include <optional>
 
 // The user's providers and which one is selected, kept in the preferences store
@@ -18,6 +23,13 @@
 // "providers.v1.unreadable" (or, if that key already holds other bytes, a key with a
 // timestamp suffix) so the first save cannot destroy the user's providers and API keys;
 // keptAsideKey() names the key for a window that wants to tell the user.
+//
+// With the desktop keyring in use (useKeyring()), the API keys live there, one entry per provider
+// id, and the preferences file holds the providers without them. The keyring is never waited for:
+// keys are read in the background, and until a provider's key has arrived keyPending() says so. A
+// key found in the file moves to the keyring and leaves the file only once the keyring confirmed
+// it stored it; no key is written to the file while the keyring works. Without a keyring (no
+// Secret Service, a collection the user will not unlock) every key stays in the owner-only file.
 class ProviderStore final : public QObject
 {
     Q_OBJECT
@@ -32,6 +44,7 @@ public:
 
     // Loads both keys; always writes the selection key back (see the selection rules).
     explicit ProviderStore(QObject *parent = nullptr);
+    ~ProviderStore() override;
 
     const QList<Provider> &providers() const { return m_providers; }
     // Replaces the list and saves it.
@@ -53,8 +66,19 @@ public:
     void update(const Provider &provider);
     // Removes every provider with that id; the selection moves to the first one left if it was removed.
     void remove(const Provider &provider);
-    // Replaces by id in place or appends, saving after each; selects the first when nothing was.
+    // Replaces by id in place or appends, saving once; selects the first when nothing was.
     void merge(const QList<Provider> &incoming);
+
+    // Where the keys are kept: Unknown while the keyring has not answered yet.
+    enum class KeyStorage { SettingsFile, Unknown, Keyring };
+    // Starts keeping the keys in keyring, which the store owns from now on, and reads every
+    // provider's key from it in the background. Call once, right after construction.
+    void useKeyring(Keyring *keyring);
+    KeyStorage keyStorage() const;
+    // True while the key of provider id is still being read from the keyring.
+    bool isKeyPending(const QUuid &id) const { return m_pendingReads.contains(id); }
+    // Runs then once provider id's key can be had (at once if it can now), unless context is gone.
+    void whenKeyReady(const QUuid &id, QObject *context, std::function<void()> then);
 
     // The preferences key holding undecodable bytes found at start, if any.
     std::optional<QString> keptAsideKey() const { return m_keptAsideKey; }
@@ -68,6 +92,10 @@ signals:
     void providersChanged();
     // Emitted when the selected id changes.
     void selectedIDChanged();
+    // Emitted when the keys turn out to live in the keyring, or in the file for want of one.
+    void keyStorageChanged();
+    // Emitted when the wait for provider id's key is over, with or without a key.
+    void keyReady(const QUuid &id);
 
 private:
     void load();
@@ -75,10 +103,28 @@ private:
     void assignSelectedID(const std::optional<QUuid> &id);
     qsizetype indexOf(const QUuid &id) const;
     void sync();
+    void handleKeyRead(const QUuid &id, Keyring::Outcome outcome, const std::optional<QString> &key);
+    void handleKeyWritten(const QUuid &id, Keyring::Outcome outcome, const QString &key);
+    void keyringUnavailable();
+    void storeKey(const Provider &provider);
+    void announceKeys();
+
+    enum class KeyringState { NotUsed, Probing, Available, Unavailable };
 
     QSettings m_settings;
     QList<Provider> m_providers;
     std::optional<QUuid> m_selectedID;
     std::optional<QString> m_keptAsideKey;
     std::optional<QString> m_lastSaveError;
+
+    Keyring *m_keyring = nullptr;
+    KeyringState m_keyringState = KeyringState::NotUsed;
+    QHash<QUuid, QString> m_fileKeys;      // the keys the preferences file holds now
+    QHash<QUuid, QString> m_keyringHolds;  // what the keyring confirmed it holds ("" for nothing)
+    QHash<QUuid, QString> m_keyringWrites; // keys on their way to the keyring
+    QSet<QUuid> m_pendingReads;
+    // Keys arrive one by one: the list is announced and saved once per batch, not once per key.
+    QTimer m_keysArrived;
+    bool m_keysDue = false;       // the file holds keys the keyring has confirmed since
+    bool m_keysAnnounced = false; // keys arrived that the list does not show yet
 };

@@ -254,6 +254,17 @@ void ContentView::changeEvent(QEvent *event)
 
 void ContentView::send()
 {
+    const std::optional<Provider> provider = m_store->selected();
+    if (provider && m_store->isKeyPending(provider->id)) {
+        // The key is still on its way from the keyring: the turn goes out as soon as it is here.
+        if (!std::exchange(m_waitingForKey, true)) {
+            m_store->whenKeyReady(provider->id, this, [this] {
+                m_waitingForKey = false;
+                send();
+            });
+        }
+        return;
+    }
     if (!m_chats->selectedID()) {
         // Selecting the new conversation has already shown it here (the direct reaction above);
         // showing it again makes sure the turn goes into it even if no window reacted.

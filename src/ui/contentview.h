@@ -102,6 +102,7 @@ private:
     // shows as a change of these.
     std::optional<QUuid> m_seenID;
     QList<ChatMessage> m_seenMessages;
+    bool m_waitingForKey = false; // a send waits for the provider's key to come from the keyring
 
     PaneCycler *m_panes = nullptr;
     QSplitter *m_splitter = nullptr;

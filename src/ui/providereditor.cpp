@@ -102,8 +102,20 @@ ProviderEditor::ProviderEditor(ProviderStore *store, const QUuid &providerID, QW
     m_apiKey = lineEdit(u"API key"_s, u"apiKey"_s, keyBox);
     m_apiKey->setEchoMode(QLineEdit::Password);
     m_apiKey->setPlaceholderText(u"Paste API key"_s);
-    m_keyNote = new QLabel(u"Stored locally in the app config."_s, keyBox);
+    m_keyNote = new QLabel(keyBox);
+    m_keyNote->setObjectName(u"keyNote"_s);
     m_keyNote->setFont(Theme::font(Theme::TextStyle::Caption));
+    m_keyNote->setWordWrap(true);
+    showKeyStorage();
+    connect(m_store, &ProviderStore::keyStorageChanged, this, &ProviderEditor::showKeyStorage);
+    // A key still on its way from the keyring when the form was filled shows up once it is here,
+    // unless the user has typed one meanwhile.
+    connect(m_store, &ProviderStore::keyReady, this, [this](const QUuid &id) {
+        if (id != m_providerID || m_apiKey->isModified() || !m_apiKey->text().isEmpty())
+            return;
+        if (const std::optional<Provider> stored = storedProvider(*m_store, m_providerID))
+            m_apiKey->setText(stored->apiKey);
+    });
     keyLayout->addWidget(m_apiKey);
     keyLayout->addWidget(m_keyNote);
 
@@ -151,6 +163,22 @@ ProviderEditor::ProviderEditor(ProviderStore *store, const QUuid &providerID, QW
     setFetchError(std::nullopt);
     setSavedNote(false);
     applyColours();
+}
+
+void ProviderEditor::showKeyStorage()
+{
+    switch (m_store->keyStorage()) {
+    case ProviderStore::KeyStorage::Keyring:
+        m_keyNote->setText(u"Stored in the desktop keyring."_s);
+        break;
+    case ProviderStore::KeyStorage::Unknown:
+        m_keyNote->setText(u"Looking for the desktop keyring…"_s);
+        break;
+    case ProviderStore::KeyStorage::SettingsFile:
+        m_keyNote->setText(u"Stored in Verbolt's settings file: no keyring is available."_s);
+        break;
+    }
+    m_apiKey->setAccessibleDescription(m_keyNote->text());
 }
 
 void ProviderEditor::load()

@@ -71,6 +71,7 @@ private:
     // Shows or hides the note under the proxy field; true when the field holds a usable proxy.
     bool checkProxy();
     void applyColours();
+    void showKeyStorage();
 
     ProviderStore *m_store;
     const QUuid m_providerID;

@@ -1,5 +1,6 @@
 #include "model/jsoncoding.h"
 #include "storage/coredumps.h"
+#include "storage/keyring.h"
 #include "storage/providerstore.h"
 #include "storagetestsupport.h"
 
@@ -39,6 +40,12 @@ class tst_ProviderStore : public QObject
     Profile m_profile;
 
 private slots:
+    void initTestCase()
+    {
+        // A session bus nobody listens on: this process has no keyring.
+        qputenv("DBUS_SESSION_BUS_ADDRESS", QFile::encodeName(u"unix:path="_s + m_profile.root() + u"/no-bus"_s));
+    }
+
     void init() { settings().clear(); }
 
     void load_picksSelection_data()
@@ -187,6 +194,42 @@ private slots:
         QCOMPARE(providers.selectedID(), idOf(b));
         QVERIFY(!before.isEmpty());
         QCOMPARE(readAll(file), before);
+    }
+
+    void noKeyring_keysStayInFile()
+    {
+        const Provider kept = provider(u"A"_s);
+        settings().setValue(ProviderStore::providersKey, encodeJson(QList<Provider>{kept}));
+        ProviderStore store;
+        QSignalSpy storage(&store, &ProviderStore::keyStorageChanged);
+        store.useKeyring(new Keyring);
+        bool ready = false;
+        store.whenKeyReady(kept.id, this, [&] { ready = true; });
+        QTRY_COMPARE_WITH_TIMEOUT(store.keyStorage(), ProviderStore::KeyStorage::SettingsFile, 10000);
+        QVERIFY(ready); // a send waiting for the key goes on, with the key the file had
+        QVERIFY(!storage.isEmpty());
+        QCOMPARE(store.providers().at(0).apiKey, u"sk-A"_s);
+
+        const Provider added = provider(u"B"_s);
+        store.add(added);
+        QCOMPARE(storedProviders().at(0).apiKey, u"sk-A"_s);
+        QCOMPARE(storedProviders().at(1).apiKey, u"sk-B"_s);
+    }
+
+    void merge_manyProviders_savesOnce()
+    {
+        QList<Provider> incoming;
+        for (int i = 0; i < 3000; ++i)
+            incoming.append(provider(QString::number(i)));
+        ProviderStore store;
+        store.add(incoming.at(10));
+        QSignalSpy changed(&store, &ProviderStore::providersChanged);
+        store.merge(incoming);
+        QCOMPARE(changed.size(), 1);
+        QCOMPARE(store.providers().size(), 3000); // the one already there is replaced in place
+        QCOMPARE(store.providers().at(0).id, incoming.at(10).id);
+        QCOMPARE(storedProviders().size(), 3000);
+        QCOMPARE(storedProviders().at(1).id, incoming.at(0).id);
     }
 
     // Last: the process cannot be dumped afterwards. The keys it holds never reach a core file.

@@ -1,0 +1,158 @@
+#include "model/jsoncoding.h"
+#include "secretservice.h"
+#include "storage/keyring.h"
+#include "storage/providerstore.h"
+#include "storagetestsupport.h"
+
+#include <QSettings>
+#include <QSignalSpy>
+#include <QTest>
+
+#include <memory>
+
+using namespace Qt::StringLiterals;
+using StorageTest::provider;
+
+namespace {
+
+QSettings settings()
+{
+    return QSettings(u"Verbolt"_s, u"Verbolt"_s);
+}
+
+// What the preferences file holds, as text: a key must not be anywhere in it.
+QByteArray preferencesFile()
+{
+    return StorageTest::readAll(settings().fileName());
+}
+
+void storeInFile(const QList<Provider> &providers)
+{
+    QSettings s = settings();
+    s.setValue(ProviderStore::providersKey, encodeJson(providers));
+    s.sync();
+}
+
+// A store that keeps its keys in the test's keyring.
+std::unique_ptr<ProviderStore> keyringStore()
+{
+    auto store = std::make_unique<ProviderStore>();
+    store->useKeyring(new Keyring);
+    return store;
+}
+
+// What the keyring holds for id, asked afresh.
+std::optional<QString> keyringEntry(const QUuid &id)
+{
+    Keyring keyring;
+    QSignalSpy read(&keyring, &Keyring::keyRead);
+    keyring.read(id);
+    if (!read.wait(10000))
+        return std::nullopt;
+    return read.at(0).at(2).value<std::optional<QString>>();
+}
+
+} // namespace
+
+class tst_Keyring final : public QObject
+{
+    Q_OBJECT
+
+    std::unique_ptr<StorageTest::Profile> m_profile;
+    StorageTest::SecretService m_secrets;
+    QString m_unavailable;
+
+private slots:
+    void initTestCase()
+    {
+        m_profile = std::make_unique<StorageTest::Profile>();
+        m_unavailable = m_secrets.start();
+    }
+
+    void init()
+    {
+        if (!m_unavailable.isEmpty())
+            QSKIP(qPrintable(m_unavailable));
+        settings().clear();
+    }
+
+    void keyInFile_movesToKeyringOnceConfirmed()
+    {
+        const QList<Provider> stored = {provider(u"Alpha"_s), provider(u"Beta"_s)};
+        storeInFile(stored);
+        {
+            auto store = keyringStore();
+            // The keys are at hand at once, from the file, while the keyring is asked.
+            QCOMPARE(store->providers().at(0).apiKey, u"sk-Alpha"_s);
+            QCOMPARE(store->keyStorage(), ProviderStore::KeyStorage::Unknown);
+            QTRY_COMPARE_WITH_TIMEOUT(store->keyStorage(), ProviderStore::KeyStorage::Keyring, 10000);
+            QTRY_VERIFY_WITH_TIMEOUT(!preferencesFile().contains("sk-"), 10000);
+            QCOMPARE(store->providers().at(1).apiKey, u"sk-Beta"_s);
+        }
+        QCOMPARE(keyringEntry(stored.at(0).id), u"sk-Alpha"_s);
+        QCOMPARE(keyringEntry(stored.at(1).id), u"sk-Beta"_s);
+        QVERIFY(preferencesFile().contains("Alpha")); // the providers themselves stay
+
+        // The next start finds the keys in the keyring, in the background.
+        auto again = keyringStore();
+        QVERIFY(again->isKeyPending(stored.at(0).id));
+        QCOMPARE(again->providers().at(0).apiKey, QString());
+        bool ready = false;
+        again->whenKeyReady(stored.at(0).id, this, [&] {
+            ready = true;
+            QCOMPARE(again->providers().at(0).apiKey, u"sk-Alpha"_s);
+        });
+        QTRY_VERIFY_WITH_TIMEOUT(ready, 10000);
+        QTRY_COMPARE(again->providers().at(1).apiKey, u"sk-Beta"_s);
+        QVERIFY(!preferencesFile().contains("sk-"));
+    }
+
+    void keyringAvailable_neverWritesKeyToFile()
+    {
+        storeInFile({});
+        auto store = keyringStore();
+        QTRY_COMPARE_WITH_TIMEOUT(store->keyStorage(), ProviderStore::KeyStorage::Keyring, 10000);
+
+        Provider added = provider(u"Gamma"_s);
+        store->add(added);
+        QVERIFY(!preferencesFile().contains("sk-Gamma"));
+        added.apiKey = u"sk-changed"_s;
+        store->update(added);
+        QVERIFY(!preferencesFile().contains("sk-changed"));
+        const Provider imported = provider(u"Delta"_s);
+        store->merge({imported});
+        QVERIFY(!preferencesFile().contains("sk-Delta"));
+        QTRY_COMPARE_WITH_TIMEOUT(keyringEntry(imported.id), u"sk-Delta"_s, 10000);
+        QTRY_COMPARE_WITH_TIMEOUT(keyringEntry(added.id), u"sk-changed"_s, 10000);
+        QVERIFY(!preferencesFile().contains("sk-"));
+
+        // Removing the provider removes its entry; clearing a key clears the entry too.
+        store->remove(added);
+        Provider cleared = imported;
+        cleared.apiKey.clear();
+        store->update(cleared);
+        QTRY_COMPARE_WITH_TIMEOUT(keyringEntry(added.id), std::optional<QString>(), 10000);
+        QTRY_COMPARE_WITH_TIMEOUT(keyringEntry(imported.id), std::optional<QString>(), 10000);
+    }
+
+    void formSavedBeforeKeyArrived_keepsKey()
+    {
+        const Provider stored = provider(u"Epsilon"_s);
+        {
+            auto store = keyringStore();
+            store->add(stored);
+            QTRY_COMPARE_WITH_TIMEOUT(keyringEntry(stored.id), u"sk-Epsilon"_s, 10000);
+        }
+        auto store = keyringStore();
+        Provider edited = store->providers().at(0);
+        QVERIFY(edited.apiKey.isEmpty()); // the key is still on its way
+        edited.model = u"other-model"_s;
+        store->update(edited);
+        QTRY_COMPARE_WITH_TIMEOUT(store->providers().at(0).apiKey, u"sk-Epsilon"_s, 10000);
+        QCOMPARE(store->providers().at(0).model, u"other-model"_s);
+        QCOMPARE(keyringEntry(stored.id), u"sk-Epsilon"_s);
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_Keyring)
+#include "tst_keyring.moc"
