@@ -5,6 +5,7 @@
 #include "storage/historywriter.h"
 
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
 #include <QSettings>
@@ -262,6 +263,32 @@ QList<ConversationStore::LiveReply> ConversationStore::liveReplies(const QUuid &
     return found;
 }
 
+qsizetype ConversationStore::restore(const QList<Conversation> &copy)
+{
+    QList<QUuid> restored;
+    for (const Conversation &conversation : copy) {
+        const qsizetype i = indexOf(conversation.id);
+        if (i >= 0 && m_conversations.at(i).updatedAt >= conversation.updatedAt)
+            continue; // what the user has now is as new or newer
+        if (i >= 0)
+            m_conversations[i] = conversation;
+        else
+            m_conversations.append(conversation);
+        markChanged(conversation.id);
+        restored.append(conversation.id);
+    }
+    if (restored.isEmpty())
+        return 0;
+    sortNewestFirst();
+    emit conversationsChanged();
+    for (const QUuid &id : std::as_const(restored))
+        emit conversationUpdated(id);
+    if (!m_selectedID && !m_conversations.isEmpty())
+        setSelectedID(m_conversations.first().id);
+    persist();
+    return restored.size();
+}
+
 void ConversationStore::markChanged(const QUuid &id)
 {
     m_deleted.remove(id);
@@ -285,6 +312,7 @@ void ConversationStore::persist()
     job.snapshot = m_conversations;
     job.changed = std::exchange(m_changed, {});
     job.deleted = std::exchange(m_deleted, {});
+    job.today = ReferenceDate::toDateTime(m_clock()).toLocalTime().date();
     m_writer->submit(std::move(job));
 }
 

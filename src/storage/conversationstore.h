@@ -86,6 +86,11 @@ public:
     // Replaces by id or appends, re-sorts newest first, selects the first when nothing was, saves once.
     void merge(const QList<Conversation> &incoming);
 
+    // Brings back the conversations of an earlier copy of the history: one missing here is added,
+    // one here with an older updatedAt is replaced, nothing is removed. Saves once when anything
+    // came back, and returns how many conversations did.
+    qsizetype restore(const QList<Conversation> &copy);
+
     // Blocks until every save handed to the writer is on disk (or has failed), then takes in what
     // those saves found (errors, another process's records) before it returns.
     void waitForSaved();

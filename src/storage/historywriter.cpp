@@ -2,6 +2,7 @@
 
 #include "model/jsoncoding.h"
 #include "storage/atomicfile.h"
+#include "storage/historybackups.h"
 
 #include <QHash>
 #include <QLockFile>
@@ -198,6 +199,7 @@ HistoryWriter::Outcome HistoryWriter::write(Job job)
     // written since.
     QList<Conversation> base = m_lastWritten;
     bool fromFile = false;
+    bool unreadable = false;
     const HistoryFile::Stamp current = HistoryFile::stampOf(m_path);
     if (!current.exists) {
         base.clear();
@@ -212,6 +214,7 @@ HistoryWriter::Outcome HistoryWriter::write(Job job)
         case HistoryFile::ReadResult::Status::Changing:
             return fail(QStringLiteral("The conversation history %1 is being written by another program.").arg(m_path));
         case HistoryFile::ReadResult::Status::Unreadable:
+            unreadable = true;
             // Replacing it would destroy whatever history it holds: it is kept aside first, or
             // left alone when that is impossible. An empty file holds nothing to keep.
             if (onDisk.stamp.size > 0) {
@@ -225,6 +228,14 @@ HistoryWriter::Outcome HistoryWriter::write(Job job)
         case HistoryFile::ReadResult::Status::Missing:
             break;
         }
+    }
+
+    if (job.today.isValid() && job.today != m_backedUp) {
+        // The day's first state, before this save changes it. A copy that fails is not tried
+        // again until tomorrow: a full disk must not cost every save a futile copy.
+        if (current.exists && !unreadable)
+            HistoryBackups::keepDailyCopy(m_path, job.today);
+        m_backedUp = job.today;
     }
 
     QList<Conversation> merged = mergeOnto(base, job, fromFile ? &outcome.adopted : nullptr);

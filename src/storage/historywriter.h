@@ -3,6 +3,7 @@
 #include "model/conversation.h"
 #include "storage/historyfile.h"
 
+#include <QDate>
 #include <QList>
 #include <QSet>
 #include <QString>
@@ -20,6 +21,8 @@
 // snapshot over what the file holds, by id: what this process changed is its own, everything else
 // is the file's, and nothing is dropped. When another process wrote the file since this one last
 // read or wrote it, the writer reads it first, so a conversation saved there is never lost.
+// The first save of each day first keeps a dated copy of the file as it stood (see HistoryBackups);
+// a copy that cannot be made never stops the save.
 class HistoryWriter final
 {
 public:
@@ -30,6 +33,7 @@ public:
         QList<Conversation> snapshot;
         QSet<QUuid> changed; // created or changed here: this process's record wins
         QSet<QUuid> deleted; // deleted here: left out even when the file still has it
+        QDate today;         // the local day of this save: its first save keeps a dated copy
     };
 
     // What one write did, for the main thread to take in.
@@ -69,6 +73,7 @@ private:
     // The list as last written (or read at start): its records are shared with the snapshots.
     QList<Conversation> m_lastWritten;
     bool m_unreadableInPlace;
+    QDate m_backedUp; // the day whose copy was last seen to or made
     QSet<QUuid> m_unsavedChanged;
     QSet<QUuid> m_unsavedDeleted;
 

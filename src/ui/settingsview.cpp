@@ -6,6 +6,7 @@
 #include "ui/providereditor.h"
 #include "ui/qtfiledialogs.h"
 #include "ui/replyannouncer.h"
+#include "ui/restoredialog.h"
 #include "ui/theme.h"
 
 #include <QCheckBox>
@@ -151,6 +152,9 @@ SettingsView::SettingsView(ProviderStore *store, ConversationStore *chats, QWidg
     m_exportButton->setObjectName(u"exportConfig"_s);
     auto *importButton = new QPushButton(u"Import Config…"_s, this);
     importButton->setObjectName(u"importConfig"_s);
+    auto *restoreButton = new QPushButton(u"Restore…"_s, this);
+    restoreButton->setObjectName(u"restoreHistory"_s);
+    restoreButton->setToolTip(u"Bring back conversations from a daily copy of the history"_s);
     m_note = new QLabel(this);
     m_note->setObjectName(u"backupNote"_s);
     m_note->setFont(Theme::font(Theme::TextStyle::Caption));
@@ -158,10 +162,11 @@ SettingsView::SettingsView(ProviderStore *store, ConversationStore *chats, QWidg
     m_note->setMinimumWidth(1); // a long failure text is cut, never widens the window
     m_note->hide();
     // Return belongs to the form's "Save", never to a file dialog.
-    for (QPushButton *button : {m_exportButton, importButton})
+    for (QPushButton *button : {m_exportButton, importButton, restoreButton})
         button->setAutoDefault(false);
     bar->addWidget(m_exportButton);
     bar->addWidget(importButton);
+    bar->addWidget(restoreButton);
     bar->addWidget(m_note, 1);
     bar->addStretch(0);
     // Read at each announcement, so every window follows a change at once.
@@ -213,6 +218,7 @@ SettingsView::SettingsView(ProviderStore *store, ConversationStore *chats, QWidg
     connect(m_removeButton, &QToolButton::clicked, this, &SettingsView::removeSelected);
     connect(m_exportButton, &QPushButton::clicked, this, &SettingsView::exportConfig);
     connect(importButton, &QPushButton::clicked, this, &SettingsView::importConfig);
+    connect(restoreButton, &QPushButton::clicked, this, &SettingsView::showRestore);
     connect(m_store, &ProviderStore::providersChanged, this, [this] {
         rebuildList();
         updateDetail();
@@ -341,6 +347,24 @@ void SettingsView::runImport(FileDialogs &dialogs)
     rebuildList();
     updateDetail();
     emit selectionChanged();
+}
+
+void SettingsView::showRestore()
+{
+    if (m_restore) {
+        m_restore->raise();
+        m_restore->activateWindow();
+        return;
+    }
+    m_restore = new RestoreDialog(m_chats, this);
+    m_restore->setAttribute(Qt::WA_DeleteOnClose);
+    connect(m_restore, &RestoreDialog::restored, this, &SettingsView::setBackupNote);
+    m_restore->open();
+}
+
+RestoreDialog *SettingsView::restoreDialog() const
+{
+    return m_restore;
 }
 
 void SettingsView::seedSelection()

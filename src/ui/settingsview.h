@@ -13,6 +13,7 @@ class ConversationStore;
 class FileDialogs;
 class ProviderEditor;
 class ProviderStore;
+class RestoreDialog;
 class QLabel;
 class QListWidget;
 class QMessageBox;
@@ -62,6 +63,10 @@ public:
     void offerImport(const QString &path);
     // The question offerImport() shows while it waits for an answer, or null.
     QMessageBox *importQuestion() const;
+    // Opens the list of the history's daily copies; the outcome of a restore becomes the note.
+    void showRestore();
+    // The restore list while it is open, or null.
+    RestoreDialog *restoreDialog() const;
 
 signals:
     // Emitted when the list's selection changes.
@@ -98,5 +103,6 @@ private:
     QLabel *m_emptyText;
     QPointer<ProviderEditor> m_editor;
     QPointer<QMessageBox> m_importQuestion;
+    QPointer<RestoreDialog> m_restore;
     QLabel *m_note;
 };

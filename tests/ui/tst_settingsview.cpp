@@ -1,7 +1,9 @@
 #include "storage/conversationstore.h"
+#include "storage/historybackups.h"
 #include "storage/providerstore.h"
 #include "storagetestsupport.h"
 #include "ui/providereditor.h"
+#include "ui/restoredialog.h"
 #include "ui/settingsview.h"
 
 #include <QLabel>
@@ -10,12 +12,14 @@
 #include <QMenu>
 #include <QPushButton>
 #include <QSettings>
+#include <QSignalSpy>
 #include <QTest>
 #include <QToolButton>
 
 #include <memory>
 
 using namespace Qt::StringLiterals;
+using StorageTest::conversation;
 using StorageTest::provider;
 
 namespace {
@@ -299,6 +303,50 @@ private slots:
         // The note stays until the window's view is rebuilt.
         s.list()->setCurrentRow(-1);
         QVERIFY(!s.note().isEmpty());
+    }
+
+    void keyNote_saysWhereTheKeyIs()
+    {
+        Settings s;
+        s.show();
+        s.addPreset(0);
+        // This store was never given a keyring: its keys are in the preferences file.
+        QCOMPARE(s.view->editor()->findChild<QLabel *>(u"keyNote"_s)->text(),
+                 u"Stored in Verbolt's settings file: no keyring is available."_s);
+    }
+
+    void restore_listsCopiesAndBringsBackOlderOrMissing()
+    {
+        Settings s;
+        const Conversation current = conversation(u"edited today"_s, 500);
+        s.chats.merge({current});
+        Conversation older = current;
+        older.title = u"as it was"_s;
+        older.updatedAt = 100;
+        const QList<Conversation> copy = {older, conversation(u"deleted"_s, 90), conversation(u"also deleted"_s, 80)};
+        const QDate day(2026, 11, 20);
+        QVERIFY(StorageTest::writeAll(HistoryBackups::pathFor(s.chats.fileURL(), day), encodeJson(copy)));
+        QVERIFY(StorageTest::writeAll(HistoryBackups::pathFor(s.chats.fileURL(), day.addDays(1)), "not json"));
+        s.show();
+
+        s.click(u"restoreHistory"_s);
+        RestoreDialog *dialog = s.view->restoreDialog();
+        QVERIFY(dialog);
+        QSignalSpy counted(dialog, &RestoreDialog::counted);
+        QVERIFY(counted.wait(10000));
+        auto *rows = dialog->findChild<QListWidget *>(u"backupCopies"_s);
+        QCOMPARE(rows->count(), 2);
+        QVERIFY2(rows->item(0)->text().endsWith(u"cannot be read"_s), qPrintable(rows->item(0)->text()));
+        QVERIFY2(rows->item(1)->text().contains(u"Nov 20, 2026 — 3 conversations"_s),
+                 qPrintable(rows->item(1)->text()));
+
+        dialog->restoreCopy(1);
+        QTRY_COMPARE_WITH_TIMEOUT(s.note(), u"Restored 2 conversations from Nov 20."_s, 10000);
+        QTRY_VERIFY(!s.view->restoreDialog());
+        QStringList titles;
+        for (const Conversation &c : s.chats.conversations())
+            titles.append(c.title);
+        QCOMPARE(titles, (QStringList{u"edited today"_s, u"deleted"_s, u"also deleted"_s}));
     }
 };
 
