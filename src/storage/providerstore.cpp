@@ -4,6 +4,7 @@
 #include "storage/atomicfile.h"
 
 #include <QDir>
+#include <QEventLoop>
 #include <QFile>
 #include <QFileInfo>
 #include <QPointer>
@@ -18,7 +19,27 @@ ProviderStore::ProviderStore(QObject *parent)
     load();
 }
 
-ProviderStore::~ProviderStore() = default;
+ProviderStore::~ProviderStore()
+{
+    finishKeyringWrites(3000);
+}
+
+void ProviderStore::finishKeyringWrites(int timeoutMs)
+{
+    if (m_keyringWrites.isEmpty())
+        return;
+    QEventLoop loop;
+    QTimer::singleShot(timeoutMs, &loop, &QEventLoop::quit);
+    connect(m_keyring, &Keyring::written, &loop, [this, &loop] {
+        if (m_keyringWrites.isEmpty())
+            loop.quit();
+    });
+    connect(this, &ProviderStore::keyStorageChanged, &loop, &QEventLoop::quit);
+    loop.exec();
+    // A key the keyring never confirmed is not left to chance: it goes to the file after all.
+    if (!m_keyringWrites.isEmpty())
+        keyringUnavailable();
+}
 
 void ProviderStore::load()
 {

@@ -44,6 +44,7 @@ public:
 
     // Loads both keys; always writes the selection key back (see the selection rules).
     explicit ProviderStore(QObject *parent = nullptr);
+    // Waits briefly for keys still on their way to the keyring (see finishKeyringWrites).
     ~ProviderStore() override;
 
     const QList<Provider> &providers() const { return m_providers; }
@@ -77,6 +78,10 @@ public:
     KeyStorage keyStorage() const;
     // True while the key of provider id is still being read from the keyring.
     bool isKeyPending(const QUuid &id) const { return m_pendingReads.contains(id); }
+    // Waits, running the event loop, until the keyring confirmed every key on its way to it; a key
+    // not confirmed within timeoutMs is written to the file instead. The destructor does this too,
+    // so quitting right after a key was typed never loses it.
+    void finishKeyringWrites(int timeoutMs);
     // Runs then once provider id's key can be had (at once if it can now), unless context is gone.
     void whenKeyReady(const QUuid &id, QObject *context, std::function<void()> then);
 

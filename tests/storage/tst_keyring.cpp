@@ -135,6 +135,19 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(keyringEntry(imported.id), std::optional<QString>(), 10000);
     }
 
+    void quitRightAfterSaving_keyIsKept()
+    {
+        storeInFile({});
+        const Provider added = provider(u"Zeta"_s);
+        {
+            auto store = keyringStore();
+            QTRY_COMPARE_WITH_TIMEOUT(store->keyStorage(), ProviderStore::KeyStorage::Keyring, 10000);
+            store->add(added);
+        } // gone before the keyring answered
+        QCOMPARE(keyringEntry(added.id), u"sk-Zeta"_s);
+        QVERIFY(!preferencesFile().contains("sk-Zeta"));
+    }
+
     void formSavedBeforeKeyArrived_keepsKey()
     {
         const Provider stored = provider(u"Epsilon"_s);
