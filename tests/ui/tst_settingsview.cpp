@@ -241,6 +241,7 @@ private slots:
                                       u"System prompt for new chats"_s,
                                       u"Export Config…"_s,
                                       u"Import Config…"_s,
+                                      u"Restore…"_s,
                                       u"Announce replies"_s};
         QCOMPARE(tabOrder(), expected);
         s.addPreset(0);
