@@ -246,7 +246,7 @@ void SettingsView::setSelection(const std::optional<QUuid> &selection)
     if (m_selection == selection)
         return;
     m_selection = selection;
-    rebuildList();
+    showSelection();
     updateDetail();
     emit selectionChanged();
 }
@@ -407,6 +407,24 @@ void SettingsView::rebuildList()
         if (m_selection && p.id == *m_selection && !m_list->currentItem())
             m_list->setCurrentItem(item);
     }
+    m_removeButton->setEnabled(m_selection.has_value());
+    m_rebuilding = false;
+}
+
+void SettingsView::showSelection()
+{
+    // Only the current row moves: rebuilding a list of thousands of providers on every click
+    // would make picking one slow.
+    m_rebuilding = true;
+    QListWidgetItem *current = nullptr;
+    for (int row = 0; m_selection && row < m_list->count(); ++row) {
+        if (m_list->item(row)->data(idRole).toUuid() == *m_selection) {
+            current = m_list->item(row);
+            break;
+        }
+    }
+    if (m_list->currentItem() != current)
+        m_list->setCurrentItem(current);
     m_removeButton->setEnabled(m_selection.has_value());
     m_rebuilding = false;
 }

@@ -79,6 +79,7 @@ protected:
 private:
     void runImport(FileDialogs &dialogs);
     void rebuildList();
+    void showSelection();
     void updateDetail();
     void setBackupNote(const QString &note);
     void seedSelection();
