@@ -7,6 +7,7 @@
 #include "ui/composerfield.h"
 #include "ui/composerrow.h"
 #include "ui/conversationsidebar.h"
+#include "ui/deletedchatbar.h"
 #include "ui/findbar.h"
 #include "ui/panecycler.h"
 #include "ui/scrollcontroller.h"
@@ -75,9 +76,13 @@ ContentView::ContentView(ProviderStore *store, ConversationStore *chats, QWidget
     m_splitter->setStretchFactor(1, 1);
     m_splitter->setSizes({ConversationSidebar::idealWidth, 560});
 
-    auto *layout = new QHBoxLayout(this);
+    m_deletedBar = new DeletedChatBar(chats, this);
+    connect(m_sidebar, &ConversationSidebar::conversationDeleted, m_deletedBar, &DeletedChatBar::offer);
+    auto *layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
-    layout->addWidget(m_splitter);
+    layout->setSpacing(0);
+    layout->addWidget(m_deletedBar);
+    layout->addWidget(m_splitter, 1);
 
     // Direct: a send without a conversation creates one and sends at once; a queued reaction
     // would arrive after the turn started and stop it.

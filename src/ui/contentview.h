@@ -14,6 +14,7 @@ class ChatViewModel;
 class ComposerRow;
 class ConversationSidebar;
 class ConversationStore;
+class DeletedChatBar;
 class FindBar;
 class PaneCycler;
 class ProviderStore;
@@ -107,6 +108,7 @@ private:
     PaneCycler *m_panes = nullptr;
     QSplitter *m_splitter = nullptr;
     ConversationSidebar *m_sidebar = nullptr;
+    DeletedChatBar *m_deletedBar = nullptr;
     QStackedWidget *m_detail = nullptr;
     QWidget *m_emptyState = nullptr;
     QLabel *m_emptyIcon = nullptr;

@@ -242,10 +242,23 @@ void ConversationSidebar::handleContextMenu(const QPoint &pos)
     menu->addAction(Theme::symbolIcon(QLatin1StringView("pencil")), u"Rename"_s, this,
                     [this, conversation] { openRenameDialog(conversation); });
     menu->addAction(Theme::symbolIcon(QLatin1StringView("trash")), u"Delete"_s, this,
-                    [this, conversation] { m_chats->deleteConversation(conversation); });
+                    [this, id = conversation.id] { deleteConversation(id); });
     menu->addSeparator();
     menu->addAction(u"System Prompt…"_s, this, [this, id = conversation.id] { emit systemPromptRequested(id); });
     menu->popup(m_list->viewport()->mapToGlobal(pos));
+}
+
+void ConversationSidebar::deleteConversation(const QUuid &id)
+{
+    // The record as it is at this moment, not as it was when the menu opened: undo brings back
+    // exactly what was deleted.
+    const Conversation *found = m_chats->find(id);
+    if (!found)
+        return;
+    const Conversation deleted = *found;
+    const bool wasSelected = m_chats->selectedID() == id;
+    m_chats->deleteConversation(deleted);
+    emit conversationDeleted(deleted, wasSelected);
 }
 
 void ConversationSidebar::openRenameDialog(const Conversation &conversation)

@@ -66,6 +66,9 @@ signals:
     void resultChosen(const QString &typed, qsizetype messageIndex);
     // Emitted when the user asks to edit a conversation's system prompt from its row menu.
     void systemPromptRequested(const QUuid &conversationID);
+    // Emitted after the user deleted a conversation from its row menu, with the record as it was
+    // at that moment and whether it was the one shown, so that the window can offer it back.
+    void conversationDeleted(const Conversation &conversation, bool wasSelected);
 
 protected:
     bool eventFilter(QObject *watched, QEvent *event) override;
@@ -75,6 +78,7 @@ private:
     void handleListSelection();
     void handleContextMenu(const QPoint &pos);
     void openRenameDialog(const Conversation &conversation);
+    void deleteConversation(const QUuid &id);
     void syncListSelection();
     void focusSearch();
     void clearSearch();

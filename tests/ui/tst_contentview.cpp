@@ -427,6 +427,15 @@ private slots:
         QCOMPARE(m_chats->selectedID(), older.id);
         QCOMPARE(list->currentIndex().row(), 0);
         QVERIFY(list->selectionModel()->isRowSelected(0));
+
+        // The window offers the delete back, and undo shows the chat again where it was.
+        auto *bar = find<QWidget>(view, "deletedChatBar");
+        QVERIFY(bar->isVisible());
+        find<QAbstractButton>(view, "undoDelete")->click();
+        QVERIFY(!bar->isVisible());
+        QCOMPARE(list->model()->rowCount(), 2);
+        QCOMPARE(m_chats->selectedID(), newer.id);
+        QCOMPARE(list->currentIndex().row(), 0);
     }
     void listKeys_walkConversationsThenReturnToComposer()
     {
