@@ -5,7 +5,6 @@
 #include "storage/historywriter.h"
 
 #include <QCoreApplication>
-#include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
 #include <QSettings>
@@ -117,6 +116,11 @@ const Conversation *ConversationStore::find(const QUuid &id) const
 {
     const qsizetype i = indexOf(id);
     return i < 0 ? nullptr : &m_conversations.at(i);
+}
+
+void ConversationStore::setToday(std::function<QDate()> today)
+{
+    m_today = std::move(today);
 }
 
 void ConversationStore::setClock(std::function<double()> clock)
@@ -312,7 +316,7 @@ void ConversationStore::persist()
     job.snapshot = m_conversations;
     job.changed = std::exchange(m_changed, {});
     job.deleted = std::exchange(m_deleted, {});
-    job.today = ReferenceDate::toDateTime(m_clock()).toLocalTime().date();
+    job.today = m_today ? m_today() : QDate::currentDate();
     m_writer->submit(std::move(job));
 }
 

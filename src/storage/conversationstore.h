@@ -2,6 +2,7 @@
 
 #include "model/conversation.h"
 
+#include <QDate>
 #include <QHash>
 #include <QList>
 #include <QObject>
@@ -102,6 +103,8 @@ public:
 
     // The clock that stamps new and updated conversations (ReferenceDate seconds).
     void setClock(std::function<double()> clock);
+    // The local day a save belongs to, for the history's daily copies; today by default.
+    void setToday(std::function<QDate()> today);
 
     // A reply that a window is still streaming, so that every other window on its conversation can
     // show it as it grows. Kept in memory only, never saved: the streaming window saves the reply
@@ -145,6 +148,7 @@ private:
     std::optional<QString> m_lastSaveError;
     std::function<double()> m_clock;
     QList<LiveReply> m_liveReplies;
+    std::function<QDate()> m_today;
 
     // What changed since the last save was handed over, and in which save each id last changed:
     // another process's record never replaces one changed here after the save that found it.

@@ -75,7 +75,7 @@ private slots:
         const QString history = dir.filePath(u"conversations.json"_s);
         QDate day(2026, 11, 20);
         ConversationStore store(history);
-        store.setClock([&] { return noonOf(day); });
+        store.setToday([&] { return day; });
         store.merge({conversation(u"first"_s, noonOf(day) - 86400)});
         store.waitForSaved();
         // The very first save found no history to keep.
@@ -101,13 +101,13 @@ private slots:
         QDate day(2026, 11, 20);
         {
             ConversationStore store(history);
-            store.setClock([&] { return noonOf(day); });
+            store.setToday([&] { return day; });
             store.merge({conversation(u"first"_s, 1)});
         }
         // A file where the folder of copies should be.
         QVERIFY(StorageTest::writeAll(HistoryBackups::folderFor(history), "in the way"));
         ConversationStore store(history);
-        store.setClock([&] { return noonOf(day.addDays(1)); });
+        store.setToday([&] { return day.addDays(1); });
         store.merge({conversation(u"second"_s, 2)});
         store.waitForSaved();
         QCOMPARE(store.lastSaveError(), std::nullopt);
