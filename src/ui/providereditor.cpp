@@ -113,7 +113,7 @@ ProviderEditor::ProviderEditor(ProviderStore *store, const QUuid &providerID, QW
     connect(m_store, &ProviderStore::keyReady, this, [this](const QUuid &id) {
         if (id != m_providerID || m_apiKey->isModified() || !m_apiKey->text().isEmpty())
             return;
-        if (const std::optional<Provider> stored = storedProvider(*m_store, m_providerID))
+        if (const Provider *stored = m_store->find(m_providerID))
             m_apiKey->setText(stored->apiKey);
     });
     keyLayout->addWidget(m_apiKey);
