@@ -262,6 +262,25 @@ void ProviderStore::useKeyring(Keyring *keyring)
     emit keyStorageChanged();
 }
 
+bool ProviderStore::waitForKeys(int timeoutMs)
+{
+    // Without providers the store still learns whether the keyring answers, so that a key added
+    // afterwards goes to the right place.
+    const auto settled = [this] { return m_keyringState != KeyringState::Probing && m_pendingReads.isEmpty(); };
+    if (settled())
+        return true;
+    QEventLoop loop;
+    QTimer::singleShot(timeoutMs, &loop, &QEventLoop::quit);
+    const auto check = [&] {
+        if (settled())
+            loop.quit();
+    };
+    connect(this, &ProviderStore::keyReady, &loop, check);
+    connect(this, &ProviderStore::keyStorageChanged, &loop, check);
+    loop.exec();
+    return settled();
+}
+
 void ProviderStore::whenKeyReady(const QUuid &id, QObject *context, std::function<void()> then)
 {
     if (!isKeyPending(id)) {

@@ -82,6 +82,10 @@ public:
     // not confirmed within timeoutMs is written to the file instead. The destructor does this too,
     // so quitting right after a key was typed never loses it.
     void finishKeyringWrites(int timeoutMs);
+    // Waits, running the event loop, until every provider's key has been read from the keyring or
+    // the keyring turned out to be unavailable, for at most timeoutMs; false when time ran out with
+    // keys still pending. For tools that cannot go on without the keys: the windows never wait.
+    bool waitForKeys(int timeoutMs);
     // Runs then once provider id's key can be had (at once if it can now), unless context is gone.
     void whenKeyReady(const QUuid &id, QObject *context, std::function<void()> then);
 

@@ -4,8 +4,10 @@
 #include "storage/providerstore.h"
 #include "storagetestsupport.h"
 
+#include <QProcess>
 #include <QSettings>
 #include <QSignalSpy>
+#include <QTemporaryDir>
 #include <QTest>
 
 #include <memory>
@@ -50,6 +52,17 @@ std::optional<QString> keyringEntry(const QUuid &id)
     if (!read.wait(10000))
         return std::nullopt;
     return read.at(0).at(2).value<std::optional<QString>>();
+}
+
+// Runs the inspection tool in this test's profile and keyring; its standard output.
+QByteArray inspect(const QStringList &args)
+{
+    QProcess tool;
+    tool.start(QStringLiteral(VERBOLT_INSPECT), args);
+    tool.closeWriteChannel();
+    if (!tool.waitForFinished(60000) || tool.exitCode() != 0)
+        return {};
+    return tool.readAllStandardOutput();
 }
 
 } // namespace
@@ -164,6 +177,34 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(store->providers().at(0).apiKey, u"sk-Epsilon"_s, 10000);
         QCOMPARE(store->providers().at(0).model, u"other-model"_s);
         QCOMPARE(keyringEntry(stored.id), u"sk-Epsilon"_s);
+    }
+
+    void inspectTool_readsAndStoresKeysInKeyring()
+    {
+        const Provider stored = provider(u"Theta"_s);
+        {
+            auto store = keyringStore();
+            store->add(stored);
+            QTRY_COMPARE_WITH_TIMEOUT(keyringEntry(stored.id), u"sk-Theta"_s, 10000);
+        }
+        QVERIFY(inspect({u"store"_s}).contains("\"apiKey\":\"sk-Theta\""));
+
+        // An archive written by the tool carries the key; imported again, the key goes back to
+        // the keyring and not to the file.
+        QTemporaryDir dir;
+        const QString archive = dir.filePath(u"config.json"_s);
+        QCOMPARE(inspect({u"archive-export"_s, u"--file"_s, archive}), QByteArray("{}\n"));
+        QVERIFY(StorageTest::readAll(archive).contains("sk-Theta"));
+        settings().clear();
+        settings().sync();
+        Keyring keyring;
+        QSignalSpy removed(&keyring, &Keyring::removed);
+        keyring.remove(stored.id);
+        QVERIFY(removed.wait(10000));
+        QCOMPARE(inspect({u"archive-import"_s, u"--file"_s, archive}), QByteArray("{}\n"));
+        QCOMPARE(keyringEntry(stored.id), u"sk-Theta"_s);
+        QVERIFY(preferencesFile().contains("Theta"));
+        QVERIFY(!preferencesFile().contains("sk-Theta"));
     }
 };
 

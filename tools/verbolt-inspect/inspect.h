@@ -9,6 +9,7 @@
 #include <functional>
 #include <optional>
 
+class ProviderStore;
 struct HttpRequest;
 
 // The verbolt-inspect command line: each subcommand runs one piece of the real core on stdin
@@ -39,6 +40,10 @@ int usage(const QString &message);
 std::optional<QString> option(const QStringList &args, const QString &name);
 // Fails with usage() unless every argument is one of the named flags with a value.
 bool checkOptions(const QStringList &args, const QStringList &allowed);
+
+// Gives providers the desktop keyring, as the program does, and waits for the keys kept there: a
+// tool cannot fill them in later. Without a keyring the keys in the settings file serve.
+void useKeyring(ProviderStore &providers);
 
 // The request description shared by `request` and `models-request`.
 QByteArray describeRequest(const HttpRequest &request);

@@ -34,6 +34,7 @@ int turn(const QStringList &args)
     }
 
     ProviderStore providers;
+    Inspect::useKeyring(providers);
     ConversationStore chats;
     if (conversationID) {
         if (!storedConversation(chats, conversationID))

@@ -6,7 +6,17 @@
 #include "storage/conversationexporter.h"
 #include "storage/conversationstore.h"
 #include "storage/filedialogs.h"
+#include "storage/keyring.h"
 #include "storage/providerstore.h"
+
+void Inspect::useKeyring(ProviderStore &providers)
+{
+    // Long enough for a keyring that starts on demand or asks to be unlocked; a keyring that never
+    // answers leaves the keys the file holds.
+    constexpr int keyringWaitMs = 30000;
+    providers.useKeyring(new Keyring);
+    providers.waitForKeys(keyringWaitMs);
+}
 
 namespace {
 
@@ -36,7 +46,8 @@ int store(const QStringList &args)
 {
     if (!args.isEmpty())
         return Inspect::usage(QStringLiteral("store takes no arguments"));
-    const ProviderStore providers;
+    ProviderStore providers;
+    Inspect::useKeyring(providers);
     const ConversationStore conversations;
     Inspect::printRaw("{\"providers\":" + encodeJson(providers.providers()) +
                       ",\"selectedProviderID\":" + optionalIdJson(providers.selectedID()) + ",\"conversations\":[");
@@ -113,7 +124,8 @@ int archiveExport(const QStringList &args)
     const auto file = fileArgument(args);
     if (!file)
         return 2;
-    const ProviderStore providers;
+    ProviderStore providers;
+    Inspect::useKeyring(providers);
     const ConversationStore conversations;
     FixedAnswerDialogs dialogs(*file);
     return finish(ConfigArchive::exportConfig(providers, conversations, dialogs));
@@ -124,7 +136,9 @@ int archiveImport(const QStringList &args)
     const auto file = fileArgument(args);
     if (!file)
         return 2;
+    // Imported keys go where the other keys live.
     ProviderStore providers;
+    Inspect::useKeyring(providers);
     ConversationStore conversations;
     FixedAnswerDialogs dialogs(*file);
     return finish(ConfigArchive::importConfig(providers, conversations, dialogs));
