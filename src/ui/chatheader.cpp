@@ -14,11 +14,14 @@
 #include <QLabel>
 #include <QMenu>
 #include <QProgressBar>
+#include <QStandardItemModel>
 #include <QToolButton>
 
 using namespace Qt::StringLiterals;
 
 namespace {
+
+constexpr int pickerMaximumWidth = 200;
 
 QString noModelsText()
 {
@@ -47,7 +50,7 @@ ChatHeader::ChatHeader(ProviderStore *providers, ConversationStore *chats, ChatV
     // Screen readers announce a combo box by its current text; the description says what it picks.
     m_providerPicker->setAccessibleDescription(u"Provider"_s);
     m_providerPicker->setToolTip(u"Provider"_s);
-    m_providerPicker->setMaximumWidth(200);
+    m_providerPicker->setMaximumWidth(pickerMaximumWidth);
     m_providerPicker->setSizeAdjustPolicy(QComboBox::AdjustToContents);
     connect(m_providerPicker, &QComboBox::activated, this,
             [this](int index) { m_providers->setSelectedID(m_providerPicker->itemData(index).toUuid()); });
@@ -282,15 +285,34 @@ void ChatHeader::syncProviders()
 
 void ChatHeader::syncProviderPicker()
 {
+    // The rows are made first and handed over at once: added one by one to the shown list, each
+    // announced on its own, thousands of providers would hold the window for a long moment.
     const QSignalBlocker blocker(m_providerPicker);
-    m_providerPicker->clear();
     int current = -1;
     const std::optional<QUuid> selected = m_providers->selectedID();
-    for (const Provider &provider : m_providers->providers()) {
+    const QList<Provider> &providers = m_providers->providers();
+    QList<QStandardItem *> rows;
+    rows.reserve(providers.size());
+    for (const Provider &provider : providers) {
         if (current < 0 && selected == provider.id)
-            current = m_providerPicker->count();
-        m_providerPicker->addItem(provider.name, provider.id);
+            current = int(rows.size());
+        auto *row = new QStandardItem(provider.name);
+        row->setData(provider.id, Qt::UserRole);
+        rows.append(row);
     }
+    auto *model = new QStandardItemModel(m_providerPicker);
+    model->appendColumn(rows);
+    // Fitting the picker to its widest name measures every name: with a long list it simply takes
+    // its widest size.
+    constexpr qsizetype measuredNames = 200;
+    if (rows.size() > measuredNames) {
+        m_providerPicker->setSizeAdjustPolicy(QComboBox::AdjustToMinimumContentsLengthWithIcon);
+        m_providerPicker->setMinimumContentsLength(pickerMaximumWidth / qMax(1, fontMetrics().averageCharWidth()));
+    } else {
+        m_providerPicker->setSizeAdjustPolicy(QComboBox::AdjustToContents);
+        m_providerPicker->setMinimumContentsLength(0);
+    }
+    m_providerPicker->setModel(model); // the previous list was the picker's own: it goes
     m_providerPicker->setCurrentIndex(current);
 }
 

@@ -23,6 +23,7 @@
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QShowEvent>
+#include <QSignalBlocker>
 #include <QSplitter>
 #include <QStackedWidget>
 #include <QStyledItemDelegate>
@@ -396,17 +397,33 @@ void SettingsView::rebuildList()
     QIcon warning;
     warning.addPixmap(mark, QIcon::Normal);
     warning.addPixmap(mark, QIcon::Selected);
-    for (const Provider &p : m_store->providers()) {
-        auto *item = new QListWidgetItem(p.name, m_list);
-        item->setData(idRole, p.id);
-        if (p.apiKey.isEmpty()) {
-            item->setIcon(warning);
-            item->setToolTip(u"No API key"_s);
-            item->setData(Qt::AccessibleDescriptionRole, u"No API key"_s);
+    // One insertion for the whole list, and the rows' details set quietly: a list of thousands of
+    // providers inserted row by row, each announced to the view, holds the window for a second.
+    const QList<Provider> &providers = m_store->providers();
+    QStringList names;
+    names.reserve(providers.size());
+    for (const Provider &p : providers)
+        names.append(p.name);
+    m_list->addItems(names);
+    QListWidgetItem *current = nullptr;
+    {
+        const QSignalBlocker quiet(m_list->model());
+        for (qsizetype row = 0; row < providers.size(); ++row) {
+            const Provider &p = providers.at(row);
+            QListWidgetItem *item = m_list->item(int(row));
+            item->setData(idRole, p.id);
+            if (p.apiKey.isEmpty()) {
+                item->setIcon(warning);
+                item->setToolTip(u"No API key"_s);
+                item->setData(Qt::AccessibleDescriptionRole, u"No API key"_s);
+            }
+            if (!current && m_selection && p.id == *m_selection)
+                current = item;
         }
-        if (m_selection && p.id == *m_selection && !m_list->currentItem())
-            m_list->setCurrentItem(item);
     }
+    if (current)
+        m_list->setCurrentItem(current);
+    m_list->viewport()->update();
     m_removeButton->setEnabled(m_selection.has_value());
     m_rebuilding = false;
 }

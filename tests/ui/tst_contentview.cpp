@@ -13,6 +13,7 @@
 
 #include <QAbstractItemView>
 #include <QApplication>
+#include <QComboBox>
 #include <QContextMenuEvent>
 #include <QDialog>
 #include <QDialogButtonBox>
@@ -125,6 +126,42 @@ private slots:
 
         m_store->setProviders({});
         QCOMPARE(stack->currentWidget()->objectName(), u"emptyState"_s);
+    }
+    void providerPicker_listsEveryProviderAndPicks_data()
+    {
+        QTest::addColumn<int>("count");
+        QTest::newRow("a few") << 3;
+        QTest::newRow("a long list") << 250; // no longer measured name by name
+    }
+    void providerPicker_listsEveryProviderAndPicks()
+    {
+        QFETCH(int, count);
+        QList<Provider> providers;
+        for (int i = 0; i < count; ++i) {
+            Provider p = Provider::presets().first();
+            p.id = QUuid::createUuid();
+            p.name = u"Provider %1"_s.arg(i);
+            providers.append(p);
+        }
+        m_store->merge(providers);
+        m_store->setSelectedID(providers.at(count - 2).id);
+        ContentView *view = makeView();
+        auto *picker = find<QComboBox>(view, "providerPicker");
+        QCOMPARE(picker->count(), count);
+        QCOMPARE(picker->itemText(count - 1), providers.last().name);
+        QCOMPARE(picker->currentIndex(), count - 2);
+        QVERIFY(picker->width() <= 200);
+
+        picker->setFocus();
+        QTest::keyClick(picker, Qt::Key_Down);
+        QCOMPARE(m_store->selectedID(), providers.last().id);
+
+        Provider renamed = providers.first();
+        renamed.name = u"Renamed"_s;
+        m_store->update(renamed);
+        QCOMPARE(picker->itemText(0), u"Renamed"_s);
+        QCOMPARE(picker->count(), count);
+        QCOMPARE(picker->currentIndex(), count - 1);
     }
     void modelMenu_data()
     {
