@@ -2,10 +2,13 @@
 // conversations of 20 messages (the shared generator's, or one of the same shape made here when
 // the shared folder is missing). Each figure is printed next to its floor on the same machine in
 // the same run: reading the bytes, and writing them with fsync and rename. A save is measured as
-// the main thread sees it (until the operation returns) and until it is on disk.
+// the main thread sees it (until the operation returns) and until it is on disk. The daily copies
+// are measured over 40 days of starts: the save that makes the day's copy, and what the backups
+// folder holds at the end.
 #include "harness.h"
 #include "model/jsoncoding.h"
 #include "storage/conversationstore.h"
+#include "storage/historybackups.h"
 
 #include <QDir>
 #include <QFile>
@@ -264,5 +267,36 @@ int main()
     Bench::report("first save after a start: main thread blocked", Bench::median(firstBlocks), "ms");
     Bench::report("save: until on disk, median", Bench::median(onDisk), "ms");
     Bench::report("save on disk / write floor", Bench::median(onDisk) / writeFloor, "x");
+
+    // One start a day, each with a first save that keeps the day's copy in the writer thread.
+    constexpr int days = 40;
+    const QDate first(2026, 1, 5);
+    std::vector<double> backupBlocks;
+    std::vector<double> backupOnDisk;
+    for (int day = 0; day < days; ++day) {
+        ConversationStore store(history);
+        store.setToday([=] { return first.addDays(day); });
+        const Conversation last = store.conversations().last();
+        QElapsedTimer timer;
+        timer.start();
+        store.updateMessages(last.id, last.messages);
+        backupBlocks.push_back(elapsedMs(timer));
+        store.waitForSaved();
+        backupOnDisk.push_back(elapsedMs(timer));
+        if (store.lastSaveError()) {
+            std::fprintf(stderr, "bench_history: save failed: %s\n", qPrintable(*store.lastSaveError()));
+            return 1;
+        }
+    }
+    const QList<HistoryBackups::Copy> copies = HistoryBackups::list(history);
+    qint64 backupBytes = 0;
+    for (const HistoryBackups::Copy &c : copies)
+        backupBytes += QFileInfo(c.path).size();
+    Bench::report("save with the day's copy: main thread blocked, median (aim: 5)", Bench::median(backupBlocks), "ms");
+    Bench::report("save with the day's copy: main thread blocked, max (aim: 5)",
+                  *std::max_element(backupBlocks.begin(), backupBlocks.end()), "ms");
+    Bench::report("save with the day's copy: until on disk, median", Bench::median(backupOnDisk), "ms");
+    Bench::report("copies kept after 40 days (aim: at most 12)", double(copies.size()), "");
+    Bench::report("  backups folder / history size", double(backupBytes) / double(bytes.size()), "x");
     return 0;
 }
