@@ -6,6 +6,8 @@
 #include <QPointer>
 #include <QThreadPool>
 
+#include <algorithm>
+#include <array>
 #include <cstring>
 
 using TextSearch::Query;
@@ -22,6 +24,9 @@ struct Scratch
     QByteArray unescaped;
     QString text;
     QString folded;
+    // One message folded, as UTF-8, and the query's words in the same form.
+    QByteArray foldedBytes;
+    QList<QByteArray> words;
 };
 
 void appendUtf8(QByteArray &out, char32_t c)
@@ -129,6 +134,193 @@ void decodeJsonString(QByteArrayView body, Scratch &scratch)
     scratch.text = QString::fromUtf8(out);
 }
 
+// Folded text as UTF-8, so that the history's bytes are searched as they are read, with no
+// UTF-16 copy of them: each UTF-16 unit folds as TextSearch folds it, a surrogate pair is one
+// 4-byte sequence and a lone surrogate its own 3 bytes, so a word is found in the bytes exactly
+// where it is found in the folded text.
+inline char *putUnit(char *out, char16_t unit)
+{
+    if (unit < 0x80) {
+        *out++ = char(unit);
+    } else if (unit < 0x800) {
+        *out++ = char(0xC0 | (unit >> 6));
+        *out++ = char(0x80 | (unit & 0x3F));
+    } else {
+        *out++ = char(0xE0 | (unit >> 12));
+        *out++ = char(0x80 | ((unit >> 6) & 0x3F));
+        *out++ = char(0x80 | (unit & 0x3F));
+    }
+    return out;
+}
+
+inline char *putCodePoint(char *out, char32_t c)
+{
+    if (c < 0x10000)
+        return putUnit(out, char16_t(c));
+    *out++ = char(0xF0 | (c >> 18));
+    *out++ = char(0x80 | ((c >> 12) & 0x3F));
+    *out++ = char(0x80 | ((c >> 6) & 0x3F));
+    *out++ = char(0x80 | (c & 0x3F));
+    return out;
+}
+
+const std::array<char, 128> &asciiFold()
+{
+    static const std::array<char, 128> table = [] {
+        std::array<char, 128> t{};
+        for (int i = 0; i < 128; ++i)
+            t[std::size_t(i)] = char(TextSearch::foldUnit(char16_t(i)));
+        return t;
+    }();
+    return table;
+}
+
+// Appends UTF-16 text as folded UTF-8 (fold false: text already folded, as a query's words are).
+void appendFoldedUtf16(QStringView text, QByteArray &out, bool fold)
+{
+    const qsizetype at = out.size();
+    out.resize(at + text.size() * 3);
+    char *o = out.data() + at;
+    const char16_t *p = text.utf16();
+    const char16_t *const end = p + text.size();
+    while (p < end) {
+        const char16_t u = *p++;
+        if (QChar::isHighSurrogate(u) && p < end && QChar::isLowSurrogate(*p)) {
+            o = putCodePoint(o, QChar::surrogateToUcs4(u, *p++));
+            continue;
+        }
+        o = putUnit(o, fold ? TextSearch::foldUnit(u) : u);
+    }
+    out.truncate(o - out.constData());
+}
+
+// Appends the text of a JSON string's body (between its quotes), escapes resolved, as folded
+// UTF-8. The body is valid UTF-8: the history was checked when it was read.
+void appendFoldedJson(QByteArrayView body, QByteArray &out)
+{
+    const std::array<char, 128> &ascii = asciiFold();
+    const qsizetype at = out.size();
+    // Nothing grows by more than half: a 2-byte letter may fold to a 3-byte one.
+    out.resize(at + body.size() + body.size() / 2 + 4);
+    char *o = out.data() + at;
+    const auto *p = reinterpret_cast<const uchar *>(body.data());
+    const auto *const end = p + body.size();
+    char16_t pendingHigh = 0; // a \u high surrogate waiting for its low half
+    const auto flushHigh = [&] {
+        if (pendingHigh) {
+            o = putUnit(o, pendingHigh);
+            pendingHigh = 0;
+        }
+    };
+    constexpr quint64 ones = 0x0101010101010101ULL;
+    constexpr quint64 highs = 0x8080808080808080ULL;
+    while (p < end) {
+        // Most of a history is ASCII without escapes: eight bytes at a time, upper case lowered
+        // (which is all folding does to ASCII).
+        while (end - p >= 8 && !pendingHigh) {
+            quint64 x;
+            std::memcpy(&x, p, 8);
+            const quint64 slash = x ^ (ones * '\\');
+            if ((x & highs) || ((slash - ones) & ~slash & highs))
+                break;
+            const quint64 atLeastA = (x + ones * (0x80 - 'A')) & highs;
+            const quint64 pastZ = (x + ones * (0x80 - 'Z' - 1)) & highs;
+            x |= (atLeastA & ~pastZ) >> 2;
+            std::memcpy(o, &x, 8);
+            p += 8;
+            o += 8;
+        }
+        if (p >= end)
+            break;
+        const uchar c = *p;
+        if (c < 0x80 && c != '\\') {
+            if (pendingHigh)
+                flushHigh();
+            *o++ = ascii[c];
+            ++p;
+            continue;
+        }
+        if (c == '\\') {
+            if (p + 1 >= end) {
+                flushHigh();
+                *o++ = '\\';
+                ++p;
+                continue;
+            }
+            const uchar e = p[1];
+            if (e == 'u') {
+                const std::optional<char16_t> unit =
+                    hexUnit(QByteArrayView(reinterpret_cast<const char *>(p + 2), end - p - 2), 0);
+                if (unit) {
+                    p += 6;
+                    if (pendingHigh && QChar::isLowSurrogate(*unit)) {
+                        o = putCodePoint(o, QChar::surrogateToUcs4(pendingHigh, *unit));
+                        pendingHigh = 0;
+                    } else {
+                        flushHigh();
+                        if (QChar::isHighSurrogate(*unit))
+                            pendingHigh = *unit;
+                        else
+                            o = putUnit(o, TextSearch::foldUnit(*unit));
+                    }
+                    continue;
+                }
+            }
+            flushHigh();
+            switch (e) {
+            case 'n':
+                *o++ = '\n';
+                break;
+            case 't':
+                *o++ = '\t';
+                break;
+            case 'r':
+                *o++ = '\r';
+                break;
+            case 'b':
+                *o++ = '\b';
+                break;
+            case 'f':
+                *o++ = '\f';
+                break;
+            default:
+                *o++ = e < 0x80 ? ascii[e] : char(e); // '"', '\\', '/' and anything else as itself
+                break;
+            }
+            p += 2;
+            continue;
+        }
+        flushHigh();
+        // A multi-byte sequence: one letter to fold, or a character outside the 16-bit range,
+        // which folding keeps as it is.
+        const int length = c >= 0xF0 ? 4 : c >= 0xE0 ? 3 : c >= 0xC0 ? 2 : 1;
+        if (length == 1 || p + length > end) {
+            *o++ = char(c);
+            ++p;
+            continue;
+        }
+        if (length == 4) {
+            std::memcpy(o, p, 4);
+            o += 4;
+        } else {
+            const char16_t unit = length == 2 ? char16_t(((c & 0x1F) << 6) | (p[1] & 0x3F))
+                                              : char16_t(((c & 0x0F) << 12) | ((p[1] & 0x3F) << 6) | (p[2] & 0x3F));
+            o = putUnit(o, TextSearch::foldUnit(unit));
+        }
+        p += length;
+    }
+    flushHigh();
+    out.truncate(o - out.constData());
+}
+
+const char *findBytes(QByteArrayView haystack, QByteArrayView needle, qsizetype from = 0)
+{
+    if (from >= haystack.size())
+        return nullptr;
+    return static_cast<const char *>(
+        memmem(haystack.data() + from, size_t(haystack.size() - from), needle.data(), size_t(needle.size())));
+}
+
 // Calls onContent(index, body) for the "content" string of each message object of a compact JSON
 // array of messages, in order; stops when it returns false. The text has been validated when it
 // was loaded, so the walk only needs to tell strings from structure.
@@ -232,63 +424,93 @@ std::optional<SearchResult> HistorySearch::searchConversation(const Conversation
     const QStringList &words = query.words();
     if (words.isEmpty())
         return std::nullopt;
+    QList<QByteArray> &wordBytes = scratch.words;
+    wordBytes.resize(words.size());
+    for (qsizetype i = 0; i < words.size(); ++i) {
+        wordBytes[i].clear();
+        appendFoldedUtf16(words.at(i), wordBytes[i], false);
+    }
     QList<bool> found(words.size(), false);
     qsizetype missing = words.size();
-    // Marks the words the text holds; words found before are looked for again only while the
-    // context is still to be chosen (any word then makes the message the first hit).
-    const auto mark = [&](QStringView folded, bool needAny) {
-        bool any = false;
-        for (qsizetype i = 0; i < words.size(); ++i) {
-            if (found[i] && !needAny)
-                continue;
-            if (folded.contains(words[i])) {
-                any = true;
-                if (!found[i]) {
-                    found[i] = true;
-                    --missing;
-                }
-            }
-        }
-        return any;
-    };
-
-    SearchResult result;
     TextSearch::foldInto(conversation.title, scratch.folded);
-    mark(scratch.folded, false);
-
-    bool haveContext = false;
-    const auto visit = [&](qsizetype index, const QString &text) {
-        TextSearch::foldInto(text, scratch.folded);
-        if (mark(scratch.folded, !haveContext) && !haveContext) {
-            qsizetype first = -1;
-            for (const QString &word : words) {
-                const qsizetype at = scratch.folded.indexOf(word);
-                if (at >= 0 && (first < 0 || at < first))
-                    first = at;
-            }
-            makeContext(text, scratch.folded, first, query, result);
-            result.messageIndex = index;
-            haveContext = true;
+    for (qsizetype i = 0; i < words.size(); ++i) {
+        if (scratch.folded.contains(words.at(i))) {
+            found[i] = true;
+            --missing;
         }
-        return !(haveContext && missing == 0);
+    }
+
+    // Each message is folded into bytes and searched for the words still missing (for all of them
+    // until one message holds any, which is then the context); the walk ends once nothing more
+    // is to be learnt.
+    qsizetype contextMessage = -1;
+    QByteArray &bytes = scratch.foldedBytes;
+    const auto visit = [&](qsizetype index) {
+        for (qsizetype i = 0; i < words.size(); ++i) {
+            if (found[i] && contextMessage >= 0)
+                continue;
+            if (!findBytes(bytes, wordBytes.at(i)))
+                continue;
+            if (contextMessage < 0)
+                contextMessage = index;
+            if (!found[i]) {
+                found[i] = true;
+                --missing;
+            }
+        }
+        return !(contextMessage >= 0 && missing == 0);
     };
-    if (const std::optional<QByteArrayView> stored = conversation.messages.stored()) {
+    const std::optional<QByteArrayView> stored = conversation.messages.stored();
+    if (stored) {
         forEachStoredContent(*stored, [&](qsizetype index, QByteArrayView body) {
-            decodeJsonString(body, scratch);
-            return visit(index, scratch.text);
+            bytes.clear();
+            appendFoldedJson(body, bytes);
+            return visit(index);
         });
     } else {
         const QList<ChatMessage> &messages = conversation.messages.list();
         for (qsizetype i = 0; i < messages.size(); ++i) {
-            if (!visit(i, messages.at(i).content))
+            bytes.clear();
+            appendFoldedUtf16(messages.at(i).content, bytes, true);
+            if (!visit(i))
                 break;
         }
     }
     if (missing > 0)
         return std::nullopt;
+
+    SearchResult result;
     result.id = conversation.id;
     result.title = conversation.title;
     result.updatedAt = conversation.updatedAt;
+    if (contextMessage < 0)
+        return result;
+    // Only the message shown as context is decoded.
+    const QString *text = nullptr;
+    if (stored) {
+        forEachStoredContent(*stored, [&](qsizetype i, QByteArrayView body) {
+            if (i < contextMessage)
+                return true;
+            decodeJsonString(body, scratch);
+            text = &scratch.text;
+            return false;
+        });
+    } else {
+        text = &conversation.messages.list().at(contextMessage).content;
+    }
+    if (!text)
+        return result;
+    TextSearch::foldInto(*text, scratch.folded);
+    qsizetype first = -1;
+    for (const QString &folded : words) {
+        const qsizetype at = scratch.folded.indexOf(folded);
+        if (at >= 0 && (first < 0 || at < first))
+            first = at;
+    }
+    if (first >= 0) {
+        makeContext(*text, scratch.folded, first, query, result);
+        result.messageIndex = contextMessage;
+    }
     return result;
 }
 

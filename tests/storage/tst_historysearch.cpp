@@ -126,6 +126,52 @@ private slots:
         QVERIFY(m_store->conversations().first().messages.stored().has_value());
     }
 
+    void storedAndDecoded_findTheSameWords_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QString>("typed");
+        QTest::addColumn<bool>("found");
+        QTest::newRow("upper case in every lane of a long ASCII run")
+            << u"XXXXXXXXABCDEFGHIJKLMNOPQRSTUVWXYZ!"_s << u"qrstuvwxyz"_s << true;
+        QTest::newRow("the neighbours of A and Z are not letters")
+            << u"aaaaaaaa@@@@[[[[zzzz"_s << u"````{{{{"_s << false;
+        QTest::newRow("and are found as themselves") << u"aaaaaaaa@@@@[[[[zzzz"_s << u"@@[[ [[zz"_s << true;
+        QTest::newRow("accents folded between ASCII runs")
+            << u"An ÉCOLE, an Ünïcödé text, and more plain words"_s << u"ecole unicode"_s << true;
+        QTest::newRow("escapes inside a long run") << u"line one\tab\\back\"quoted\" end"_s << u"\\back\""_s << true;
+        QTest::newRow("emoji and Japanese") << u"A smile 😀 and 日本語テキスト"_s << u"😀 本語"_s << true;
+        QTest::newRow("one word missing") << u"Plenty of ordinary words here"_s << u"ordinary absent"_s << false;
+    }
+    void storedAndDecoded_findTheSameWords()
+    {
+        QFETCH(QString, text);
+        QFETCH(QString, typed);
+        QFETCH(bool, found);
+        const QString path = m_dir.filePath(u"same-%1.json"_s.arg(++m_files));
+        {
+            ConversationStore writer(path);
+            const Conversation c = writer.newChat(std::nullopt);
+            writer.updateMessages(c.id,
+                                  {ChatMessage(ChatRole::user, u"first"_s), ChatMessage(ChatRole::assistant, text)});
+        }
+        ConversationStore reader(path);
+        const Conversation stored = reader.conversations().first();
+        QVERIFY(stored.messages.stored().has_value());
+        Conversation decoded = stored;
+        decoded.messages = stored.messages.list();
+        QVERIFY(!decoded.messages.stored().has_value());
+
+        const TextSearch::Query query(typed);
+        const auto fromBytes = HistorySearch::searchConversation(stored, query);
+        const auto fromText = HistorySearch::searchConversation(decoded, query);
+        QCOMPARE(fromBytes.has_value(), found);
+        QCOMPARE(fromText.has_value(), found);
+        if (found) {
+            QCOMPARE(fromBytes->messageIndex, 1);
+            QCOMPARE(fromBytes->context, fromText->context);
+        }
+    }
+
     void longLine_contextIsOneLineAroundTheHit()
     {
         Conversation c;
@@ -170,6 +216,7 @@ private slots:
 private:
     QTemporaryDir m_dir;
     std::unique_ptr<ConversationStore> m_store;
+    int m_files = 0;
 };
 
 QTEST_GUILESS_MAIN(tst_HistorySearch)

@@ -1,0 +1,227 @@
+// Search across the history and find in one conversation, on a heavy user's history (the shared
+// generator's 50 MB file of 2,000 conversations; made at run time, never kept) with the real
+// sidebar and content view on the offscreen platform.
+#include "chat/chatviewmodel.h"
+#include "harness.h"
+#include "storage/conversationstore.h"
+#include "storage/historysearch.h"
+#include "storage/providerstore.h"
+#include "ui/contentview.h"
+#include "ui/conversationsidebar.h"
+#include "ui/findbar.h"
+#include "ui/transcriptfind.h"
+
+#include <QAbstractItemModel>
+#include <QApplication>
+#include <QElapsedTimer>
+#include <QFileInfo>
+#include <QLineEdit>
+#include <QListView>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QTimer>
+
+#include <atomic>
+#include <cstdio>
+#include <malloc.h>
+#include <thread>
+
+namespace {
+
+// Samples the resident size every 2 ms while it lives and keeps the highest.
+class PeakSampler
+{
+public:
+    PeakSampler()
+        : m_thread([this] {
+            while (!m_stop) {
+                m_peak = std::max(m_peak.load(), Bench::residentMiB());
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            }
+        })
+    {}
+    ~PeakSampler() { stop(); }
+    double stop()
+    {
+        if (!m_stop.exchange(true))
+            m_thread.join();
+        return m_peak;
+    }
+
+private:
+    std::atomic<bool> m_stop{false};
+    std::atomic<double> m_peak{0};
+    std::thread m_thread;
+};
+
+struct Keystroke
+{
+    double firstDrawnMs = -1;
+    double completeMs = 0;
+    double longestBlockMs = 0;
+};
+
+// Types text into the field as one keystroke and waits for the complete result, timing the first
+// rows drawn, the end, and the longest time the main thread went without turning its loop.
+Keystroke type(ConversationSidebar &sidebar, const QString &text)
+{
+    Keystroke k;
+    QElapsedTimer clock;
+    QElapsedTimer sinceTurn;
+    clock.start();
+    sidebar.searchField()->setText(text);
+    sinceTurn.start();
+    k.longestBlockMs = double(clock.nsecsElapsed()) / 1e6; // the keystroke's own handling
+    QAbstractItemModel *model = sidebar.list()->model();
+    while (!sidebar.isSearchComplete()) {
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 1);
+        k.longestBlockMs = std::max(k.longestBlockMs, double(sinceTurn.nsecsElapsed()) / 1e6);
+        sinceTurn.restart();
+        if (k.firstDrawnMs < 0 && model->rowCount() > 0 &&
+            !sidebar.searchStatus().startsWith(QLatin1String("Searching"))) {
+            sidebar.list()->viewport()->repaint();
+            k.firstDrawnMs = double(clock.nsecsElapsed()) / 1e6;
+        }
+    }
+    sidebar.list()->viewport()->repaint();
+    k.completeMs = double(clock.nsecsElapsed()) / 1e6;
+    if (k.firstDrawnMs < 0)
+        k.firstDrawnMs = k.completeMs;
+    return k;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    QTemporaryDir dir;
+    if (!dir.isValid())
+        return 1;
+    qputenv("XDG_CONFIG_HOME", QFile::encodeName(dir.filePath(QStringLiteral("config"))));
+    qputenv("XDG_DATA_HOME", QFile::encodeName(dir.filePath(QStringLiteral("data"))));
+    QApplication app(argc, argv);
+
+    const QString history = dir.filePath(QStringLiteral("conversations.json"));
+    const QString generator = Bench::dataDir() + QStringLiteral("/gen_history.py");
+    if (!QFileInfo::exists(generator) || QProcess::execute(QStringLiteral("python3"), {generator, history}) != 0) {
+        std::fprintf(stderr, "bench_search: needs %s\n", qPrintable(generator));
+        return 1;
+    }
+    const double historyMB = double(QFileInfo(history).size()) / 1e6;
+    Bench::report("history size", historyMB, "MB");
+
+    ProviderStore providers;
+    ConversationStore chats(history);
+    Bench::report("conversations", double(chats.conversations().size()), "");
+    // The worker's own pass over the whole history, for a word it does not hold: no early end.
+    {
+        const TextSearch::Query missing(QStringLiteral("zqxjvw"));
+        const QList<Conversation> all = chats.conversations();
+        Bench::report("one pass over every conversation, one thread, median",
+                      Bench::medianMs(5,
+                                      [&] {
+                                          for (const Conversation &c : all)
+                                              (void)HistorySearch::searchConversation(c, missing);
+                                      }),
+                      "ms");
+    }
+    ConversationSidebar sidebar(&providers, &chats);
+    sidebar.resize(260, 700);
+    sidebar.show();
+    QCoreApplication::processEvents();
+    (void)type(sidebar, QStringLiteral("warm"));
+    sidebar.searchField()->clear();
+    malloc_trim(0);
+    const double idle = Bench::residentMiB();
+    Bench::report("resident, idle", idle, "MiB");
+
+    const QStringList queries = {QStringLiteral("cafe"), QStringLiteral("throughput latency"), QStringLiteral("日本語"),
+                                 QStringLiteral("zqxjv"), QStringLiteral("C:\\Users widget")};
+    std::vector<double> first;
+    std::vector<double> complete;
+    std::vector<double> blocked;
+    double peak = 0;
+    for (int run = 0; run < 5; ++run) {
+        for (const QString &query : queries) {
+            sidebar.searchField()->clear();
+            PeakSampler sampler;
+            const Keystroke k = type(sidebar, query);
+            peak = std::max(peak, sampler.stop());
+            first.push_back(k.firstDrawnMs);
+            complete.push_back(k.completeMs);
+            blocked.push_back(k.longestBlockMs);
+        }
+    }
+    Bench::report("keystroke to first results drawn, median", Bench::median(first), "ms");
+    Bench::report("keystroke to complete result, median", Bench::median(complete), "ms");
+    Bench::report("keystroke to complete result, worst", *std::max_element(complete.begin(), complete.end()), "ms");
+    Bench::report("main thread longest turn, median", Bench::median(blocked), "ms");
+    Bench::report("main thread longest turn, worst", *std::max_element(blocked.begin(), blocked.end()), "ms");
+    Bench::report("resident at the searches' peak above idle", peak - idle, "MiB");
+    Bench::report("  as a share of the history's size", (peak - idle) * 1.048576 / historyMB, "x");
+    sidebar.searchField()->clear();
+    QCoreApplication::processEvents();
+    malloc_trim(0);
+    Bench::report("resident after, above idle", Bench::residentMiB() - idle, "MiB");
+
+    // Typing a word letter by letter, 10 ms apart: each keystroke drops the search in flight.
+    std::vector<double> typed;
+    for (int run = 0; run < 5; ++run) {
+        sidebar.searchField()->clear();
+        const QString word = QStringLiteral("zqxjvw");
+        for (qsizetype i = 1; i < word.size(); ++i) {
+            sidebar.searchField()->setText(word.left(i));
+            QElapsedTimer pause;
+            pause.start();
+            while (pause.elapsed() < 10)
+                QCoreApplication::processEvents(QEventLoop::AllEvents, 1);
+        }
+        typed.push_back(type(sidebar, word).completeMs);
+    }
+    Bench::report("last of 6 quick keystrokes to complete, median", Bench::median(typed), "ms");
+    sidebar.searchField()->clear();
+
+    // Find in one conversation of 1,000 messages taken from the history.
+    Conversation big = chats.conversations().first();
+    QList<ChatMessage> messages;
+    for (const Conversation &c : chats.conversations()) {
+        for (const ChatMessage &m : c.messages.list()) {
+            if (messages.size() < 1000)
+                messages.append(m);
+        }
+        if (messages.size() >= 1000)
+            break;
+    }
+    chats.updateMessages(big.id, messages);
+    chats.setSelectedID(big.id);
+    providers.add(Provider{QUuid::createUuid(), QStringLiteral("P"), {}, {}, {}, {}, {}});
+    ContentView view(&providers, &chats);
+    view.resize(1000, 700);
+    view.show();
+    for (int i = 0; i < 5; ++i)
+        QCoreApplication::processEvents();
+    QElapsedTimer open;
+    open.start();
+    view.openFind();
+    view.transcriptFind()->setQuery(QStringLiteral("x"));
+    view.repaint();
+    Bench::report("find, first word in 1,000 messages (reads them once)", double(open.nsecsElapsed()) / 1e6, "ms");
+    std::vector<double> keys;
+    for (int run = 0; run < 5; ++run) {
+        const QString word = QStringLiteral("throughput");
+        for (qsizetype i = 1; i <= word.size(); ++i) {
+            QElapsedTimer key;
+            key.start();
+            view.transcriptFind()->setQuery(word.left(i));
+            view.findBar()->setStatus(view.transcriptFind()->statusText(), view.transcriptFind()->count() > 0);
+            view.repaint();
+            keys.push_back(double(key.nsecsElapsed()) / 1e6);
+        }
+    }
+    Bench::report("find, keystroke to counted and drawn, median", Bench::median(keys), "ms");
+    Bench::report("find, keystroke to counted and drawn, worst", *std::max_element(keys.begin(), keys.end()), "ms");
+    Bench::report("find, hits of the last word", double(view.transcriptFind()->count()), "");
+    return 0;
+}
