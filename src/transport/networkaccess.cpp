@@ -55,6 +55,34 @@ std::optional<QNetworkProxy> proxyOf(const QNetworkReply &reply)
     return std::nullopt;
 }
 
+// Our pattern for a proxy socket's failure, told by the text Qt gives it in either proxy
+// engine; nothing for any other text.
+const char *proxySocketFailure(const QString &text)
+{
+    struct Known
+    {
+        const char *context;
+        const char *text;
+        const char *pattern;
+    };
+    static constexpr Known known[] = {
+        {"QSocks5SocketEngine", "Connection to proxy refused", "The proxy at %1 refused the connection."},
+        {"QSocks5SocketEngine", "Connection to proxy closed prematurely", "The proxy at %1 closed the connection."},
+        {"QSocks5SocketEngine", "Proxy host not found", "The proxy at %1 could not be found."},
+        {"QSocks5SocketEngine", "Connection to proxy timed out", "The proxy at %1 did not answer in time."},
+        {"QHttpSocketEngine", "Proxy connection refused", "The proxy at %1 refused the connection."},
+        {"QHttpSocketEngine", "Proxy denied connection", "The proxy at %1 refused the connection."},
+        {"QHttpSocketEngine", "Proxy connection closed prematurely", "The proxy at %1 closed the connection."},
+        {"QHttpSocketEngine", "Proxy server not found", "The proxy at %1 could not be found."},
+        {"QHttpSocketEngine", "Proxy server connection timed out", "The proxy at %1 did not answer in time."},
+    };
+    for (const Known &k : known) {
+        if (text == QCoreApplication::translate(k.context, k.text))
+            return k.pattern;
+    }
+    return nullptr;
+}
+
 // Qt's proxy failures, in words that name the proxy by host and port alone: its user name and
 // password never reach a text the user sees.
 std::optional<QString> proxyFailure(const QNetworkReply &reply)
@@ -82,6 +110,14 @@ std::optional<QString> proxyFailure(const QNetworkReply &reply)
         break;
     case QNetworkReply::ProxyTimeoutError:
         pattern = "The proxy at %1 did not answer in time.";
+        break;
+    case QNetworkReply::UnknownNetworkError:
+    case QNetworkReply::UnknownProxyError:
+        // Qt passes some SOCKS5 and tunnel failures on only as their socket's text; known by it.
+        throughProxyOnly = true;
+        pattern = proxySocketFailure(reply.errorString());
+        if (!pattern)
+            return std::nullopt;
         break;
     default:
         return std::nullopt;

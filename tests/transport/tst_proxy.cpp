@@ -132,6 +132,19 @@ private slots:
                          .proxy = u"{user:wrong@proxy}"_s,
                          .credentials = "user:secret",
                          .error = u"The proxy at {proxy} needs a user name and password."_s};
+        QTest::newRow("SOCKS5, plain HTTP") << ProxyCase{.proxy = u"socks5://{proxy}"_s};
+        QTest::newRow("SOCKS5, HTTPS, signed in")
+            << ProxyCase{.tls = true, .proxy = u"socks5://user:secret@{proxy}"_s, .credentials = "user:secret"};
+        QTest::newRow("SOCKS5, a host only the proxy knows")
+            << ProxyCase{.host = u"provider.test"_s, .proxy = u"socks5://{proxy}"_s};
+        QTest::newRow("SOCKS5, wrong password")
+            << ProxyCase{.proxy = u"socks5://user:wrong@{proxy}"_s,
+                         .credentials = "user:secret",
+                         .viaProxy = false,
+                         .error = u"The proxy at {proxy} needs a user name and password."_s};
+        QTest::newRow("SOCKS5, refused") << ProxyCase{.proxy = u"socks5://{closed}"_s,
+                                                      .viaProxy = false,
+                                                      .error = u"The proxy at {closed} refused the connection."_s};
         QTest::newRow("not a proxy address")
             << ProxyCase{.proxy = u"proxy.example"_s, .viaProxy = false, .error = ProviderProxy::formatHint()};
     }
@@ -184,8 +197,10 @@ private slots:
         QCOMPARE(server.requests().size(), row.error.isEmpty() ? 1 : 0);
 
         const QByteArray target = row.host.toLatin1() + ':' + QByteArray::number(server.port());
-        const QByteArray expectedLine = row.tls ? QByteArray("CONNECT " + target + " HTTP/1.1")
-                                                : QByteArray("POST http://" + target + "/v1/chat/completions HTTP/1.1");
+        const QByteArray expectedLine = row.proxy.startsWith(u"socks5") ? QByteArray("SOCKS5 CONNECT " + target)
+                                        : row.tls
+                                            ? QByteArray("CONNECT " + target + " HTTP/1.1")
+                                            : QByteArray("POST http://" + target + "/v1/chat/completions HTTP/1.1");
         QCOMPARE(proxy.requestLines().contains(expectedLine), row.viaProxy);
         // Through a tunnel the proxy sees only ciphertext; in plain HTTP it is a party to the request.
         if (row.tls)
