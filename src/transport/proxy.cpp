@@ -34,6 +34,27 @@ QString hostPort(const QNetworkProxy &proxy)
     return host + u':' + QString::number(proxy.port());
 }
 
+SplitPassword splitPassword(const QString &text)
+{
+    QUrl url(text.trimmed(), QUrl::StrictMode);
+    if (!url.isValid() || url.password().isEmpty())
+        return {text, {}};
+    const QString password = url.password();
+    url.setPassword({});
+    return {url.toString(), password};
+}
+
+QString withPassword(const QString &text, const QString &password)
+{
+    if (password.isEmpty())
+        return text;
+    QUrl url(text.trimmed(), QUrl::StrictMode);
+    if (!url.isValid() || url.host().isEmpty())
+        return text;
+    url.setPassword(password);
+    return url.toString();
+}
+
 QString formatHint()
 {
     return QStringLiteral("Enter the proxy as http://host:port or socks5://host:port, or leave it empty to use the "

@@ -19,6 +19,20 @@ std::optional<QNetworkProxy> parse(const QString &text);
 // What the user sees of a proxy: "host:port", never its user name or password.
 QString hostPort(const QNetworkProxy &proxy);
 
+// The proxy text with its password taken out, and that password (empty when it has none). The
+// editor shows the first and keeps the second in a masked field, so that a password typed or
+// pasted into the address is never on screen.
+struct SplitPassword
+{
+    QString text;
+    QString password;
+};
+SplitPassword splitPassword(const QString &text);
+
+// The proxy text with this password put into its address; the text unchanged when the password
+// is empty or the text is not a proxy address.
+QString withPassword(const QString &text, const QString &password);
+
 // The text the provider editor shows under a proxy it cannot use.
 QString formatHint();
 

@@ -20,6 +20,8 @@
 #include <QToolButton>
 #include <QVBoxLayout>
 
+#include <algorithm>
+
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -52,6 +54,9 @@ ProviderEditor::ProviderEditor(ProviderStore *store, const QUuid &providerID, QW
     m_proxy = lineEdit(u"Proxy"_s, u"proxy"_s, details);
     m_proxy->setPlaceholderText(u"System settings"_s);
     m_proxy->setToolTip(u"http://host:port or socks5://host:port; empty uses the system's proxy settings"_s);
+    m_proxyPassword = lineEdit(u"Proxy password"_s, u"proxyPassword"_s, details);
+    m_proxyPassword->setEchoMode(QLineEdit::Password);
+    m_proxyPassword->setPlaceholderText(u"Only if the proxy asks for one"_s);
     m_proxyError = new QLabel(ProviderProxy::formatHint(), details);
     m_proxyError->setObjectName(u"proxyError"_s);
     m_proxyError->setFont(Theme::font(Theme::TextStyle::Caption));
@@ -66,6 +71,7 @@ ProviderEditor::ProviderEditor(ProviderStore *store, const QUuid &providerID, QW
     form->addRow(u"Base URL"_s, m_baseURL);
     form->addRow(u"Proxy"_s, m_proxy);
     form->addRow(m_proxyError);
+    form->addRow(u"Proxy password"_s, m_proxyPassword);
     form->addRow(u"Model"_s, m_model);
 
     auto *fetchRow = new QHBoxLayout;
@@ -143,7 +149,8 @@ ProviderEditor::ProviderEditor(ProviderStore *store, const QUuid &providerID, QW
     setTabOrder(m_name, m_wire);
     setTabOrder(m_wire, m_baseURL);
     setTabOrder(m_baseURL, m_proxy);
-    setTabOrder(m_proxy, m_model);
+    setTabOrder(m_proxy, m_proxyPassword);
+    setTabOrder(m_proxyPassword, m_model);
     setTabOrder(m_model, m_fetchButton);
     setTabOrder(m_fetchButton, m_chooseButton);
     setTabOrder(m_chooseButton, m_apiKey);
@@ -154,6 +161,7 @@ ProviderEditor::ProviderEditor(ProviderStore *store, const QUuid &providerID, QW
     // Said once the user leaves the field, not at every key while an address is half typed.
     connect(m_proxy, &QLineEdit::editingFinished, this, &ProviderEditor::checkProxy);
     connect(m_proxy, &QLineEdit::textEdited, this, [this] {
+        takeProxyPassword();
         if (ProviderProxy::isValid(m_proxy->text()))
             checkProxy();
     });
@@ -192,6 +200,8 @@ void ProviderEditor::load()
     m_wire->setCurrentIndex(m_wire->findData(rawValue(stored.wire)));
     m_baseURL->setText(stored.baseURL);
     m_proxy->setText(stored.proxy);
+    m_proxyPassword->clear();
+    takeProxyPassword();
     checkProxy();
     m_model->setText(stored.model);
     setFetchedModels(stored.cachedModels);
@@ -206,11 +216,22 @@ Provider ProviderEditor::formProvider() const
     p.name = m_name->text();
     p.wire = providerWireFromRaw(m_wire->currentData().toString()).value_or(ProviderWire::openAI);
     p.baseURL = m_baseURL->text();
-    p.proxy = m_proxy->text().trimmed();
+    p.proxy = ProviderProxy::withPassword(m_proxy->text().trimmed(), m_proxyPassword->text());
     p.model = m_model->text();
     p.cachedModels = m_fetchedModels;
     p.apiKey = m_apiKey->text();
     return p;
+}
+
+void ProviderEditor::takeProxyPassword()
+{
+    const ProviderProxy::SplitPassword split = ProviderProxy::splitPassword(m_proxy->text());
+    if (split.password.isEmpty())
+        return;
+    const int cursor = m_proxy->cursorPosition() - int(m_proxy->text().size() - split.text.size());
+    m_proxy->setText(split.text);
+    m_proxy->setCursorPosition(std::max(0, cursor));
+    m_proxyPassword->setText(split.password);
 }
 
 void ProviderEditor::save()

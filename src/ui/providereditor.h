@@ -18,11 +18,12 @@ class QPushButton;
 class QToolButton;
 
 // The form that edits one stored provider: name, wire dialect, base URL, proxy, model and API
-// key. A proxy that is neither empty nor http://host:port or socks5://host:port is not saved: the
-// form says what it expects instead.
-// Edits stay in the form until "Save" writes them through the store. The form also fetches the
-// provider's model list, offers it as a menu that fills the model field, and remembers the list
-// in the stored provider's cachedModels at once (nothing else is written before "Save").
+// key. A proxy's password is never shown: typed or pasted into the proxy's address, it moves at
+// once into the masked "Proxy password" field, and is put back into the address on save. A proxy that is neither empty
+// nor http://host:port or socks5://host:port is not saved: the form says what it expects instead. Edits stay in the
+// form until "Save" writes them through the store. The form also fetches the provider's model list, offers it as a menu
+// that fills the model field, and remembers the list in the stored provider's cachedModels at once (nothing else is
+// written before "Save").
 //
 // An editor belongs to one provider id for its whole life. It reads the stored provider each time
 // it is shown, never on later store changes, so a store change cannot overwrite what the user is
@@ -70,6 +71,8 @@ private:
     void setSavedNote(bool saved);
     // Shows or hides the note under the proxy field; true when the field holds a usable proxy.
     bool checkProxy();
+    // Moves a password out of the proxy's address into its masked field.
+    void takeProxyPassword();
     void applyColours();
     void showKeyStorage();
 
@@ -85,6 +88,7 @@ private:
     QComboBox *m_wire;
     QLineEdit *m_baseURL;
     QLineEdit *m_proxy;
+    QLineEdit *m_proxyPassword;
     QLabel *m_proxyError;
     QLineEdit *m_model;
     QLineEdit *m_apiKey;

@@ -202,17 +202,21 @@ private slots:
     {
         QTest::addColumn<QString>("typed");
         QTest::addColumn<QString>("saved"); // null: not saved
-        QTest::newRow("empty: the system's") << u""_s << u""_s;
-        QTest::newRow("http, blanks dropped") << u" http://10.0.0.2:3128 "_s << u"http://10.0.0.2:3128"_s;
-        QTest::newRow("socks5 with credentials") << u"socks5://me:pw@h:1080"_s << u"socks5://me:pw@h:1080"_s;
-        QTest::newRow("no scheme") << u"10.0.0.2:3128"_s << QString();
-        QTest::newRow("no port") << u"http://10.0.0.2"_s << QString();
+        QTest::addColumn<QString>("shown"); // in the field once typed
+        QTest::newRow("empty: the system's") << u""_s << u""_s << u""_s;
+        QTest::newRow("http, blanks dropped")
+            << u" http://10.0.0.2:3128 "_s << u"http://10.0.0.2:3128"_s << u" http://10.0.0.2:3128 "_s;
+        QTest::newRow("socks5, password never shown")
+            << u"socks5://me:pw@h:1080"_s << u"socks5://me:pw@h:1080"_s << u"socks5://me@h:1080"_s;
+        QTest::newRow("no scheme") << u"10.0.0.2:3128"_s << QString() << u"10.0.0.2:3128"_s;
+        QTest::newRow("no port") << u"http://10.0.0.2"_s << QString() << u"http://10.0.0.2"_s;
     }
 
     void proxy_savedOnlyWhenUsable()
     {
         QFETCH(QString, typed);
         QFETCH(QString, saved);
+        QFETCH(QString, shown);
         ProviderStore store;
         const QUuid id = QUuid::createUuid();
         store.add({id, u"P"_s, ProviderWire::openAI, u"http://127.0.0.1:1/v1"_s, {}, {}, u"sk"_s});
@@ -220,6 +224,8 @@ private slots:
         QLineEdit *field = form.edit(u"proxy"_s);
         QCOMPARE(field->accessibleName(), u"Proxy"_s);
         QTest::keyClicks(field, typed);
+        QCOMPARE(field->text(), shown);
+        QCOMPARE(form.edit(u"proxyPassword"_s)->echoMode(), QLineEdit::Password);
         form.click(u"save"_s);
         QLabel *note = form.child<QLabel>(u"proxyError"_s);
         QCOMPARE(note->isVisible(), saved.isNull());
@@ -230,7 +236,12 @@ private slots:
                                    "use the system's proxy settings."_s);
             form.type(u"proxy"_s, u"http://10.0.0.2:3128"_s);
             QVERIFY(!note->isVisible());
+            return;
         }
+        // Shown again from the store, the password stays in its masked field.
+        form.editor->hide();
+        form.editor->show();
+        QCOMPARE(field->text(), saved.contains(u'@') ? shown : saved);
     }
 
     // The form shows the stored provider as it was when the form appeared.

@@ -233,6 +233,7 @@ private slots:
                                       u"Type"_s,
                                       u"Base URL"_s,
                                       u"Proxy"_s,
+                                      u"Proxy password"_s,
                                       u"Model"_s,
                                       u"Fetch models"_s,
                                       u"Choose (2)"_s,
