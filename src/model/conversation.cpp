@@ -99,22 +99,34 @@ bool operator==(const MessageList &a, const MessageList &b)
 
 std::optional<QString> Conversation::derivedTitle(const QList<ChatMessage> &messages)
 {
+    constexpr int maxCharacters = 48;
     for (const ChatMessage &m : messages) {
         if (m.role != ChatRole::user)
             continue;
-        QString text = m.content.trimmed();
-        if (text.isEmpty())
+        const QString &content = m.content;
+        qsizetype start = 0;
+        while (start < content.size() && content.at(start).isSpace())
+            ++start;
+        if (start == content.size())
             return std::nullopt;
-        text.replace(u'\n', u' ');
-
-        constexpr int maxCharacters = 48;
-        QTextBoundaryFinder finder(QTextBoundaryFinder::Grapheme, text);
-        int count = 0;
-        while (finder.toNextBoundary() != -1) {
-            if (++count == maxCharacters)
-                return text.left(finder.position());
+        // The title needs the first graphemes only: a growing prefix is searched rather than the
+        // whole message, which may be megabytes. A boundary before the prefix's end is one in the
+        // whole text too, since a boundary depends on the characters up to the next one.
+        for (qsizetype length = 1024;; length *= 4) {
+            const bool whole = start + length >= content.size();
+            QString text = whole ? content.mid(start).trimmed() : content.mid(start, length);
+            text.replace(u'\n', u' ');
+            QTextBoundaryFinder finder(QTextBoundaryFinder::Grapheme, text);
+            int count = 0;
+            while (finder.toNextBoundary() != -1) {
+                if (!whole && finder.position() == text.size())
+                    break;
+                if (++count == maxCharacters)
+                    return text.left(finder.position());
+            }
+            if (whole)
+                return text;
         }
-        return text;
     }
     return std::nullopt;
 }

@@ -173,6 +173,9 @@ void tst_Records::derivedTitle_data()
     titled("exactly 48", QString(48, u'y'), QString(48, u'y'));
     titled("emoji is the 48th", QString(47, u'z') + family + QStringLiteral("tail"), QString(47, u'z') + family);
     titled("combining accents count once", accented + u'!', accented);
+    const QString longCluster = u'e' + QString(2000, QChar(0x0301));
+    titled("a cluster longer than the first look", longCluster + QString(60, u'x'), longCluster + QString(47, u'x'));
+    titled("a megabyte after blank lines", QString(3000, u'\n') + QString(1'000'000, u'w'), QString(48, u'w'));
 }
 
 void tst_Records::derivedTitle()
