@@ -54,7 +54,8 @@ QString ComposerField::text() const
 
 void ComposerField::setText(const QString &text)
 {
-    if (m_editor->toPlainText() != text)
+    // The length first: reading a long text out of the document costs more than a key may take.
+    if (m_editor->document()->characterCount() - 1 != text.size() || m_editor->toPlainText() != text)
         m_editor->setPlainText(text);
 }
 

@@ -5,9 +5,21 @@
 #include "ui/theme.h"
 
 #include <QHBoxLayout>
+#include <QPlainTextEdit>
+#include <QTextDocument>
+#include <QTimer>
 #include <QToolButton>
 
+#include <algorithm>
+
 using namespace Qt::StringLiterals;
+
+namespace {
+
+// Above this many characters the field's text is handed over when the typing pauses.
+constexpr int longText = 1'000'000;
+
+} // namespace
 
 ComposerRow::ComposerRow(ChatViewModel *chat, QWidget *parent)
     : QWidget(parent)
@@ -20,7 +32,10 @@ ComposerRow::ComposerRow(ChatViewModel *chat, QWidget *parent)
     m_sendButton = Theme::symbolButton(QLatin1StringView("arrow.up.circle.fill"), u"Send"_s, u"sendButton"_s, this);
     m_sendButton->setIcon(Theme::symbolIcon(QLatin1StringView("arrow.up.circle.fill"), Theme::Color::Accent));
     m_sendButton->setIconSize(QSize(sendSize, sendSize));
-    connect(m_sendButton, &QToolButton::clicked, this, &ComposerRow::sendRequested);
+    connect(m_sendButton, &QToolButton::clicked, this, [this] {
+        flushInput();
+        emit sendRequested();
+    });
 
     m_stopButton = Theme::symbolButton(QLatin1StringView("stop.fill"), u"Stop"_s, u"stopButton"_s, this);
     m_stopButton->setIcon(Theme::symbolIcon(QLatin1StringView("stop.fill"), Theme::Color::Primary));
@@ -34,16 +49,48 @@ ComposerRow::ComposerRow(ChatViewModel *chat, QWidget *parent)
     layout->addWidget(m_sendButton);
     layout->addWidget(m_stopButton);
 
+    m_pushLater = new QTimer(this);
+    m_pushLater->setSingleShot(true);
+    m_pushLater->setInterval(250);
+    connect(m_pushLater, &QTimer::timeout, this, &ComposerRow::pushInput);
+
     connect(m_chat, &ChatViewModel::inputChanged, this, [this] {
-        m_composer->setText(m_chat->input());
+        // The field already holds what it just handed over; comparing would read it all again.
+        if (!m_pushing) {
+            m_pushLater->stop();
+            m_composer->setText(m_chat->input());
+        }
         syncButtons();
     });
     connect(m_chat, &ChatViewModel::isStreamingChanged, this, &ComposerRow::syncButtons);
-    connect(m_composer, &ComposerField::textChanged, this, [this] { m_chat->setInput(m_composer->text()); });
-    connect(m_composer, &ComposerField::submitted, this, &ComposerRow::sendRequested);
+    connect(m_composer, &ComposerField::textChanged, this, [this] {
+        if (m_composer->editor()->document()->characterCount() > longText)
+            m_pushLater->start();
+        else
+            pushInput();
+    });
+    connect(m_composer, &ComposerField::submitted, this, [this] {
+        flushInput();
+        emit sendRequested();
+    });
 
     m_composer->setText(m_chat->input());
     syncButtons();
+}
+
+void ComposerRow::flushInput()
+{
+    if (m_pushLater->isActive()) {
+        m_pushLater->stop();
+        pushInput();
+    }
+}
+
+void ComposerRow::pushInput()
+{
+    m_pushing = true;
+    m_chat->setInput(m_composer->text());
+    m_pushing = false;
 }
 
 void ComposerRow::syncButtons()
@@ -51,5 +98,7 @@ void ComposerRow::syncButtons()
     const bool streaming = m_chat->isStreaming();
     m_sendButton->setVisible(!streaming);
     m_stopButton->setVisible(streaming);
-    m_sendButton->setEnabled(!m_chat->input().trimmed().isEmpty());
+    // Blank is "only white space": the first other character settles it, without a trimmed copy.
+    const QString &input = m_chat->input();
+    m_sendButton->setEnabled(std::any_of(input.cbegin(), input.cend(), [](QChar c) { return !c.isSpace(); }));
 }

@@ -22,6 +22,8 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QListView>
+#include <QLocale>
+#include <QMessageBox>
 #include <QPlainTextEdit>
 #include <QPointer>
 #include <QPushButton>
@@ -33,6 +35,42 @@
 #include <QVBoxLayout>
 
 using namespace Qt::StringLiterals;
+
+namespace {
+
+// The size the text takes as UTF-8, without making the copy.
+qint64 utf8Size(QStringView text)
+{
+    qint64 bytes = 0;
+    for (qsizetype i = 0; i < text.size(); ++i) {
+        const char16_t c = text.at(i).unicode();
+        if (c < 0x80)
+            bytes += 1;
+        else if (c < 0x800)
+            bytes += 2;
+        else if (QChar::isHighSurrogate(c) && i + 1 < text.size() && QChar::isLowSurrogate(text.at(i + 1).unicode())) {
+            bytes += 4;
+            ++i;
+        } else
+            bytes += 3;
+    }
+    return bytes;
+}
+
+bool askLargeSend(QWidget *parent, qint64 bytes)
+{
+    QMessageBox box(QMessageBox::Question, u"Send a long message?"_s,
+                    u"This message is %1 long. Send it anyway?"_s.arg(QLocale().formattedDataSize(bytes)),
+                    QMessageBox::NoButton, parent);
+    box.setInformativeText(u"A message this long takes a while to send, and the provider may refuse it."_s);
+    QPushButton *send = box.addButton(u"Send"_s, QMessageBox::AcceptRole);
+    box.addButton(u"Cancel"_s, QMessageBox::RejectRole);
+    box.setDefaultButton(send);
+    box.exec();
+    return box.clickedButton() == send;
+}
+
+} // namespace
 
 ContentView::ContentView(ProviderStore *store, ConversationStore *chats, QWidget *parent)
     : QWidget(parent)
@@ -259,6 +297,8 @@ void ContentView::changeEvent(QEvent *event)
 
 void ContentView::send()
 {
+    if (m_composerRow)
+        m_composerRow->flushInput();
     const std::optional<Provider> provider = m_store->selected();
     if (provider && m_store->isKeyPending(provider->id)) {
         // The key is still on its way from the keyring: the turn goes out as soon as it is here.
@@ -269,6 +309,12 @@ void ContentView::send()
             });
         }
         return;
+    }
+    const qint64 bytes = utf8Size(m_chat->input());
+    if (bytes > largeMessageBytes && !m_chat->isStreaming()) {
+        const bool send = m_largeSendQuestion ? m_largeSendQuestion(bytes) : askLargeSend(this, bytes);
+        if (!send)
+            return;
     }
     if (!m_chats->selectedID()) {
         // Selecting the new conversation has already shown it here (the direct reaction above);

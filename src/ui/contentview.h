@@ -7,6 +7,7 @@
 #include <QWidget>
 
 #include <chrono>
+#include <functional>
 #include <optional>
 
 class ChatHeader;
@@ -71,6 +72,11 @@ public:
     // otherwise in the store.
     void setSystemPrompt(const QUuid &conversationID, const QString &text);
 
+    // Asked before a message over 1 MB (UTF-8) is sent, with its size in bytes; true sends it.
+    // The shipped question is a dialog; tests answer it themselves.
+    void setLargeSendQuestion(std::function<bool(qint64 bytes)> question) { m_largeSendQuestion = std::move(question); }
+    static constexpr qint64 largeMessageBytes = 1'000'000;
+
     // How long after a conversation switch the composer takes the focus (0.1 s shipped).
     void setFocusDelay(std::chrono::milliseconds delay) { m_focusDelay = delay; }
 
@@ -98,6 +104,7 @@ private:
     ChatViewModel *m_chat;
     ScrollController *m_scroll;
     std::chrono::milliseconds m_focusDelay{100};
+    std::function<bool(qint64 bytes)> m_largeSendQuestion;
     bool m_appeared = false;
     // The selected conversation's messages as the store last held them: another window's save
     // shows as a change of these.

@@ -563,6 +563,50 @@ private slots:
         QVERIFY(!view->sidebar()->isSearching());
         QVERIFY(composer->hasFocus());
     }
+    void longMessage_asksBeforeSending()
+    {
+        addProvider(u"Mock"_s);
+        m_chats->newChat(std::nullopt);
+        ContentView *view = makeView();
+        QList<qint64> asked;
+        bool answer = false;
+        view->setLargeSendQuestion([&](qint64 bytes) {
+            asked.append(bytes);
+            return answer;
+        });
+        const QString small = u"é\n"_s.repeated(333'332); // 999,996 bytes: under the limit
+        const QString large = u"é\n"_s.repeated(333'334);
+        auto *editor = find<QPlainTextEdit>(view, "composer");
+
+        editor->setPlainText(large);
+        QTest::keyClick(editor, Qt::Key_Return);
+        QCOMPARE(asked, QList<qint64>{1'000'002});   // counted in UTF-8, not in characters
+        QVERIFY(view->chat()->messages().isEmpty()); // declined: nothing sent, the text kept
+        QCOMPARE(view->chat()->input(), large);
+
+        answer = true;
+        QTest::keyClick(editor, Qt::Key_Return);
+        QCOMPARE(asked.size(), 2);
+        QCOMPARE(view->chat()->messages().size(), 2);
+        QCOMPARE(view->chat()->messages().first().content, large.trimmed());
+        QTRY_VERIFY(!view->chat()->isStreaming());
+
+        editor->setPlainText(small);
+        QTest::keyClick(editor, Qt::Key_Return);
+        QCOMPARE(asked.size(), 2);
+        QCOMPARE(view->chat()->messages().size(), 4);
+        QTRY_VERIFY(!view->chat()->isStreaming());
+
+        // Past a million characters the field hands its text over when typing pauses; a send at
+        // once still takes the last key.
+        answer = false;
+        editor->setPlainText(u"a\n"_s.repeated(500'000));
+        editor->moveCursor(QTextCursor::End);
+        QTest::keyClick(editor, Qt::Key_B);
+        QTest::keyClick(editor, Qt::Key_Return);
+        QCOMPARE(asked.last(), 1'000'001);
+        QVERIFY(view->chat()->input().endsWith(u"\nb"_s));
+    }
     void twoWindows_shareSelectionAndSeeEachOthersTurns()
     {
         addProvider(u"Mock"_s);
