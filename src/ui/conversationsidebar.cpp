@@ -35,19 +35,54 @@ namespace {
 // current row often moves while the user types in the composer. Qt tells screen readers that the
 // new current row has the focus even then, and a reader would follow it away from the composer:
 // the row is only announced as focused when the list has the focus.
+//
+// When the user walks the list, choosing a row rebuilds the transcript before Qt announces the
+// row, and a reader works through that news first: the row is announced as soon as it is
+// current, ahead of the transcript's.
 class ConversationListView final : public QListView
 {
 public:
     using QListView::QListView;
 
 protected:
+    void focusInEvent(QFocusEvent *event) override
+    {
+        QListView::focusInEvent(event);
+        // Arriving in the list, a reader says the list; the row the arrows start from follows, on
+        // the next turn, since Qt tells of the list itself only after this returns.
+        QTimer::singleShot(0, this, [this] {
+            if (hasFocus() && QAccessible::isActive() && currentIndex().isValid())
+                announce(currentIndex());
+        });
+    }
+    void selectionChanged(const QItemSelection &selected, const QItemSelection &deselected) override
+    {
+        // The selection model makes the row current before it announces the selection.
+        const QModelIndex current = currentIndex();
+        if (hasFocus() && current.isValid() && current != m_announced && QAccessible::isActive()) {
+            announce(current);
+            m_announced = current;
+        }
+        QListView::selectionChanged(selected, deselected);
+    }
     void currentChanged(const QModelIndex &current, const QModelIndex &previous) override
     {
-        if (hasFocus())
+        if (hasFocus() && current != m_announced)
             QListView::currentChanged(current, previous);
         else
             QAbstractItemView::currentChanged(current, previous);
+        m_announced = QPersistentModelIndex();
     }
+
+private:
+    void announce(const QModelIndex &row)
+    {
+        QAccessibleEvent event(this, QAccessible::Focus);
+        event.setChild(row.row());
+        QAccessible::updateAccessibility(&event);
+    }
+
+    QPersistentModelIndex m_announced;
 };
 
 } // namespace

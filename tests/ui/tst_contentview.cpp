@@ -12,6 +12,7 @@
 #include "ui/systempromptdialog.h"
 
 #include <QAbstractItemView>
+#include <QAccessible>
 #include <QApplication>
 #include <QComboBox>
 #include <QContextMenuEvent>
@@ -20,6 +21,8 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QMenu>
+#include <qpa/qplatformaccessibility.h>
+#include <qpa/qplatformintegration.h>
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QSignalSpy>
@@ -29,10 +32,25 @@
 #include <QToolButton>
 
 #include <memory>
+#include <private/qguiapplication_p.h>
 
 using namespace Qt::StringLiterals;
 
 namespace {
+
+// What a screen reader is told has the focus: an object and, for an item of a list, its row.
+struct Told
+{
+    QObject *object;
+    int child;
+};
+QList<Told> toldFocus;
+
+void listenForFocus(QAccessibleEvent *event)
+{
+    if (event->type() == QAccessible::Focus)
+        toldFocus.append({event->object(), event->child()});
+}
 
 class FakeDialogs final : public FileDialogs
 {
@@ -498,6 +516,53 @@ private slots:
         list->setFocus();
         m_chats->setSelectedID(m_chats->conversations().at(0).id);
         QTRY_VERIFY(composer->hasFocus());
+    }
+    // A reader hears the row the keyboard is on, first, before the transcript of the conversation
+    // it opens; it never hears of the list while the user types in the composer.
+    void listRows_toldAsFocusedOnlyFromTheList()
+    {
+        QPlatformAccessibility *readers = QGuiApplicationPrivate::platformIntegration()->accessibility();
+        if (!readers)
+            QSKIP("this platform has no accessibility");
+        readers->setActive(true);
+        const QAccessible::UpdateHandler previous = QAccessible::installUpdateHandler(listenForFocus);
+        const auto restore = qScopeGuard([&] {
+            QAccessible::installUpdateHandler(previous);
+            readers->setActive(false);
+        });
+        addProvider(u"Mock"_s);
+        for (int i = 0; i < 3; ++i) {
+            const Conversation made = m_chats->newChat(std::nullopt);
+            m_chats->updateMessages(made.id, {ChatMessage(ChatRole::user, u"Hello %1"_s.arg(i)), reply(1, 2, 3)});
+        }
+        ContentView *view = makeView();
+        QApplication::setActiveWindow(view);
+        auto *list = find<QAbstractItemView>(view, "conversationList");
+        auto *composer = find<QPlainTextEdit>(view, "composer");
+        const auto toldList = [list] {
+            QList<int> rows;
+            for (const Told &told : std::as_const(toldFocus)) {
+                if (told.object == list)
+                    rows.append(told.child);
+            }
+            return rows;
+        };
+
+        composer->setFocus();
+        toldFocus.clear();
+        m_chats->setSelectedID(m_chats->conversations().at(1).id);
+        QTest::qWait(20); // the composer takes the focus again after the change
+        QVERIFY(composer->hasFocus());
+        QVERIFY2(toldList().isEmpty(), qPrintable(QString::number(toldList().size())));
+
+        list->setFocus(Qt::TabFocusReason);
+        QTRY_COMPARE(toldList(), (QList<int>{-1, 1}));
+        toldFocus.clear();
+        QTest::keyClick(list, Qt::Key_Down);
+        QVERIFY(!toldFocus.isEmpty());
+        QCOMPARE(toldFocus.first().object, list);
+        QCOMPARE(toldFocus.first().child, 2);
+        QCOMPARE(toldList(), QList<int>{2});
     }
     void search_narrowsTheListAndEscapeRestoresIt()
     {
