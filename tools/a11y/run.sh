@@ -51,6 +51,11 @@ export A11Y_WHAT=$what A11Y_HERE=$here A11Y_APP=$app A11Y_MOCK=$mock A11Y_BASE_U
 export A11Y_REPLY=$here/reply.md A11Y_SEED=$here/seed.md A11Y_SHOT=${A11Y_SHOT:-}
 xvfb-run -a -s "-screen 0 1400x900x24 -dpi 96" dbus-run-session -- bash -c '
   /usr/libexec/at-spi-bus-launcher --launch-immediately >/dev/null 2>&1 &
+  # API keys live in the desktop keyring: a scratch one, unlocked, in this session only.
+  if command -v gnome-keyring-daemon >/dev/null; then
+    eval "$(printf "scratch" | gnome-keyring-daemon --unlock --components=secrets 2>/dev/null)"
+    export GNOME_KEYRING_CONTROL
+  fi
   sleep 0.5
   # The script starts the program itself, once it listens as a screen reader would.
   /usr/bin/python3 "$A11Y_HERE/$A11Y_WHAT.py"' 2> >(grep -v -e dbus-daemon -e XDG_RUNTIME_DIR -e SpiRegistry >&2)
