@@ -342,6 +342,7 @@ void ContentView::openFind()
     m_findBar->show();
     m_findBar->field()->setFocus(Qt::ShortcutFocusReason);
     m_findBar->field()->selectAll();
+    m_find->prepare();
     if (!m_findBar->text().isEmpty() && m_find->count() == 0)
         m_find->setQuery(m_findBar->text());
 }

@@ -9,8 +9,10 @@
 #include "ui/tableblockview.h"
 #include "ui/transcriptview.h"
 
+#include <QElapsedTimer>
 #include <QHash>
 #include <QScrollBar>
+#include <QTimer>
 
 #include <tuple>
 
@@ -57,9 +59,14 @@ TranscriptFind::TranscriptFind(ChatViewModel *chat, TranscriptArea *area, QObjec
     : QObject(parent)
     , m_chat(chat)
     , m_area(area)
+    , m_prepare(new QTimer(this))
 {
+    m_prepare->setInterval(0);
+    connect(m_prepare, &QTimer::timeout, this, &TranscriptFind::prepareSlice);
     connect(m_chat, &ChatViewModel::messagesReset, this, [this] {
         m_cache.clear();
+        if (m_prepared >= 0)
+            prepare();
         m_place = -1;
         m_currentMessage = -1;
         m_currentK = -1;
@@ -199,8 +206,29 @@ void TranscriptFind::showFirstHitFrom(qsizetype message)
     setCurrent(-1, -1, false);
 }
 
+void TranscriptFind::prepare()
+{
+    m_prepared = 0;
+    m_prepare->start();
+}
+
+void TranscriptFind::prepareSlice()
+{
+    // A slice short enough that typing and scrolling never wait on it.
+    constexpr qint64 sliceNs = 4'000'000;
+    QElapsedTimer slice;
+    slice.start();
+    const qsizetype n = m_chat->messages().size();
+    while (m_prepared >= 0 && m_prepared < n && slice.nsecsElapsed() < sliceNs)
+        foldedSegments(m_prepared++);
+    if (m_prepared < 0 || m_prepared >= n)
+        m_prepare->stop();
+}
+
 void TranscriptFind::clear()
 {
+    m_prepare->stop();
+    m_prepared = -1;
     m_query = TextSearch::Query();
     m_place = -1;
     m_currentMessage = -1;

@@ -9,6 +9,7 @@
 
 class ChatViewModel;
 class MessageBubble;
+class QTimer;
 class TranscriptArea;
 
 // The find bar's work in one window's transcript: finds the typed words in the messages as they
@@ -49,6 +50,10 @@ public:
     // after it, or with fromMessage -1 from the current hit's message, else from the top of the
     // view, down; wrapping to the first hit.
     void setQuery(const QString &typed, qsizetype fromMessage = -1);
+    // Reads the messages' shown text in slices of a few milliseconds while the event loop is idle,
+    // so that the first word typed is found as quickly as the next; again for each conversation
+    // shown, until clear().
+    void prepare();
     // Drops the words, every mark and what was kept for finding.
     void clear();
     // Move to the next or previous hit, wrapping around, and bring it into view.
@@ -76,6 +81,7 @@ private:
     };
 
     const QList<Segment> &foldedSegments(qsizetype message);
+    void prepareSlice();
     QList<Hit> hitsIn(qsizetype message);
     void recountAll();
     void recountMessage(qsizetype message);
@@ -97,4 +103,6 @@ private:
     qsizetype m_place = -1;
     Hit m_placeHit;
     bool m_marked = false; // whether any bubble may carry marks
+    QTimer *m_prepare;
+    qsizetype m_prepared = -1; // messages read ahead so far; -1 when not reading ahead
 };
