@@ -17,6 +17,7 @@
 #include <QWheelEvent>
 
 #include <cmath>
+#include <utility>
 
 namespace {
 
@@ -113,7 +114,8 @@ bool TextBlockView::setBlock(const MarkdownText::Block &block)
     m_text.setFont(blockFont());
     m_text.setSource(block.text);
     measurePrefix();
-    if (restyled || width() <= 0) {
+    // A block not placed yet keeps no layout: its first width may not be its last.
+    if (restyled || width() <= 0 || !testAttribute(Qt::WA_Resized)) {
         update();
     } else {
         // Lines above the first changed character stay as they are on screen.
@@ -356,12 +358,12 @@ bool MarkdownTextView::setText(const QString &text)
             if (!m_views.at(k)->setBlock(blocks.at(k))) {
                 delete m_views.at(k);
                 m_views[k] = makeView(blocks.at(k), this);
-                m_views.at(k)->show();
+                showPlaced(m_views.at(k));
             }
         } else {
             firstChanged = std::min(firstChanged, k);
             m_views.append(makeView(blocks.at(k), this));
-            m_views.last()->show();
+            showPlaced(m_views.last());
         }
     }
     if (m_views.size() > blocks.size()) {
@@ -474,7 +476,7 @@ void MarkdownTextView::resizeEvent(QResizeEvent *event)
 {
     QWidget::resizeEvent(event);
     // A change of height alone comes from the blocks themselves, which placed what moved.
-    if (event->oldSize().width() != width())
+    if (event->oldSize().width() != width() || !m_blocksPlaced)
         layOutBlocks(0);
 }
 
@@ -485,8 +487,21 @@ void MarkdownTextView::changeEvent(QEvent *event)
     QWidget::changeEvent(event);
 }
 
+void MarkdownTextView::showPlaced(QWidget *view)
+{
+    // Blocks are placed by layOutBlocks; shown unsized, Qt would size one by its hint, laying
+    // a long paragraph out twice more (unwrapped and at that width) for nothing.
+    view->setAttribute(Qt::WA_Resized);
+    view->show();
+}
+
 void MarkdownTextView::layOutBlocks(qsizetype from)
 {
+    // Without a width of its own yet there is nothing to place; the first resize places all.
+    if (!testAttribute(Qt::WA_Resized))
+        return;
+    if (!std::exchange(m_blocksPlaced, true))
+        from = 0;
     const int w = width();
     heightForWidth(w);
     int y = 0;

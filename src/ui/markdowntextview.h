@@ -149,6 +149,7 @@ protected:
 
 private:
     void layOutBlocks(qsizetype from);
+    static void showPlaced(QWidget *view);
     void invalidateHeights();
     static MarkdownBlockView *makeView(const MarkdownText::Block &block, QWidget *parent);
     // What showing a block costs, in characters laid out; a table cell or a code block counts
@@ -163,4 +164,5 @@ private:
     mutable QList<int> m_heights;
     mutable int m_heightsWidth = -1;
     mutable qsizetype m_heightsValid = 0;
+    bool m_blocksPlaced = false; // whether layOutBlocks has placed them at a width of ours
 };

@@ -139,7 +139,10 @@ bool MessageBubble::setMessage(const ChatMessage &message)
     if (message == m_message)
         return false;
     const bool hadContent = hasContent();
-    const QRect before = contentRect();
+    // A bubble not given a width yet has nothing on screen: measuring it at Qt's default size
+    // would lay a long message out for nothing, and its first resize places everything.
+    const bool placed = testAttribute(Qt::WA_Resized);
+    const QRect before = placed ? contentRect() : QRect();
     m_message = message;
     m_role->setText(roleLabel(message.role));
     const QString usage = usagePart(message.usage);
@@ -161,6 +164,8 @@ bool MessageBubble::setMessage(const ChatMessage &message)
     // otherwise cross the accessibility bus whole on every update.
     setAccessibleDescription(content ? message.content.first(std::min(message.content.size(), InlineText::shownLimit))
                                      : QString(QChar(0x2026)));
+    if (!placed)
+        return true;
     placeChildren();
     // A growing reply moves only the lower edge of its background: repainting just that strip
     // keeps an update's paint to what changed.

@@ -116,6 +116,22 @@ private slots:
         QVERIFY(view.blockViews().at(1) != before.at(1));
         QCOMPARE(describe(view.blockViews().at(1)), QStringLiteral("item: • now a list"));
     }
+    // Text given before the view has a size is placed at its first size, even one equal to the
+    // size Qt gives a widget nobody sized.
+    void placedAtFirstSize()
+    {
+        QWidget parent;
+        parent.resize(300, 300);
+        auto *view = new MarkdownTextView(&parent);
+        parent.show();
+        view->setText(QStringLiteral("First\n\nSecond"));
+        const int w = view->width();
+        view->setGeometry(0, 0, w, view->heightForWidth(w));
+        const QList<MarkdownBlockView *> blocks = view->blockViews();
+        QCOMPARE(blocks.size(), 2);
+        QCOMPARE(blocks.at(0)->height(), blocks.at(0)->heightForWidth(w));
+        QVERIFY(blocks.at(1)->y() > blocks.at(0)->geometry().bottom());
+    }
     void copyCode()
     {
         CodeBlockView view(QStringLiteral("print(\"hi\")\nexit()"), QStringLiteral("python"));
