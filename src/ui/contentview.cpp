@@ -60,7 +60,8 @@ qint64 utf8Size(QStringView text)
 bool askLargeSend(QWidget *parent, qint64 bytes)
 {
     QMessageBox box(QMessageBox::Question, u"Send a long message?"_s,
-                    u"This message is %1 long. Send it anyway?"_s.arg(QLocale().formattedDataSize(bytes)),
+                    u"This message is %1 long. Send it anyway?"_s.arg(
+                        QLocale().formattedDataSize(bytes, 1, QLocale::DataSizeSIFormat)),
                     QMessageBox::NoButton, parent);
     box.setInformativeText(u"A message this long takes a while to send, and the provider may refuse it."_s);
     QPushButton *send = box.addButton(u"Send"_s, QMessageBox::AcceptRole);
