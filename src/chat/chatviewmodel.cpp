@@ -1,11 +1,13 @@
 #include "chat/chatviewmodel.h"
 
+#include "model/versions.h"
 #include "storage/conversationstore.h"
 #include "transport/chatstream.h"
 
 #include <QSet>
 
 #include <chrono>
+#include <limits>
 
 namespace {
 
@@ -130,26 +132,100 @@ void ChatViewModel::send(const std::optional<Provider> &provider)
     setInput(QString());
     persist();
 
-    const ChatMessage reply(ChatRole::assistant, QString());
-    m_messages.append(reply);
+    m_messages.append(ChatMessage(ChatRole::assistant, QString()));
     emit messageInserted(m_messages.size() - 1);
     emit messagesChanged();
+    beginReply(*provider);
+}
+
+bool ChatViewModel::canRegenerate() const
+{
+    return !m_isStreaming && m_conversationID && !m_messages.isEmpty() &&
+           m_messages.last().role == ChatRole::assistant && !m_othersLive.contains(m_messages.last().id);
+}
+
+void ChatViewModel::regenerate(const std::optional<Provider> &provider)
+{
+    if (!canRegenerate())
+        return;
+    if (!provider) {
+        setErrorText(noProviderText());
+        return;
+    }
+    finishStoppedTurn();
+    if (!canRegenerate())
+        return;
+    setErrorText(std::nullopt);
+    const qsizetype index = m_messages.size() - 1;
+    const int previous = MessageVersioning::versionIndex(m_messages.at(index));
+    // Not saved yet: the file holds the earlier reply as shown, and a new one that fails empty
+    // leaves nothing behind to take out again.
+    replaceMessages(MessageVersioning::addVersion(m_messages, index, ChatMessage(ChatRole::assistant, QString())),
+                    index);
+    beginReply(*provider, previous);
+}
+
+void ChatViewModel::editAndResend(qsizetype index, const QString &text, const std::optional<Provider> &provider)
+{
+    const QString trimmed = text.trimmed();
+    if (trimmed.isEmpty() || m_isStreaming || !m_conversationID || index < 0 || index >= m_messages.size() ||
+        m_messages.at(index).role != ChatRole::user)
+        return;
+    if (!provider) {
+        setErrorText(noProviderText());
+        return;
+    }
+    finishStoppedTurn();
+    if (index >= m_messages.size() || m_messages.at(index).role != ChatRole::user)
+        return;
+    setErrorText(std::nullopt);
+    replaceMessages(MessageVersioning::addVersion(m_messages, index, ChatMessage(ChatRole::user, trimmed)), index);
+    persist();
+    m_messages.append(ChatMessage(ChatRole::assistant, QString()));
+    emit messageInserted(m_messages.size() - 1);
+    emit messagesChanged();
+    beginReply(*provider);
+}
+
+void ChatViewModel::showVersion(qsizetype index, int target)
+{
+    if (index < 0 || index >= m_messages.size())
+        return;
+    const QUuid id = m_messages.at(index).id;
+    finishReply();
+    // Ending the reply may have brought in another window's turns: the message is found again.
+    index = indexOfMessage(id);
+    if (index < 0)
+        return;
+    QList<ChatMessage> shown = MessageVersioning::showVersion(m_messages, index, target);
+    if (shown.constData() == m_messages.constData())
+        return;
+    replaceMessages(std::move(shown), index);
+    persist();
+}
+
+void ChatViewModel::replaceMessages(QList<ChatMessage> messages, qsizetype from)
+{
+    m_messages = std::move(messages);
+    emit messagesReplaced(from);
+    emit messagesChanged();
+}
+
+void ChatViewModel::beginReply(const Provider &provider, std::optional<int> previousVersion)
+{
+    // The reply is the last message, empty; everything before it is sent.
+    const QUuid replyID = m_messages.last().id;
     setStreaming(true);
     m_pendingText.clear();
     m_lastFlush = m_clock();
-
-    QList<ChatMessage> toSend;
-    toSend.reserve(m_messages.size() - 1);
-    for (const ChatMessage &message : std::as_const(m_messages)) {
-        if (message.id != reply.id)
-            toSend.append(message);
-    }
+    const QList<ChatMessage> toSend = m_messages.first(m_messages.size() - 1);
 
     Turn turn;
     turn.serial = ++m_turnSerial;
-    turn.replyID = reply.id;
+    turn.replyID = replyID;
     turn.conversationID = m_conversationID;
-    turn.stream = m_service.stream(*provider, toSend, this);
+    turn.previousVersion = previousVersion;
+    turn.stream = m_service.stream(provider, toSend, this);
     connect(turn.stream, &ChatStream::eventReceived, this,
             [this, turn](const ChatEvent &event) { handleEvent(turn, event); });
     connect(turn.stream, &ChatStream::finished, this,
@@ -279,7 +355,12 @@ void ChatViewModel::handleFinished(const Turn &turn, const std::optional<Service
         // Shown even when the user has moved to another conversation: the failure is news.
         setErrorText(errorDescription(*error));
         const qsizetype index = indexOfMessage(turn.replyID);
-        if (index >= 0 && m_messages.at(index).content.isEmpty()) {
+        if (index >= 0 && m_messages.at(index).content.isEmpty() && m_messages.at(index).versions) {
+            // A failed regenerate leaves the earlier replies as they were.
+            replaceMessages(MessageVersioning::dropShownVersion(
+                                m_messages, index, turn.previousVersion.value_or(std::numeric_limits<int>::max())),
+                            index);
+        } else if (index >= 0 && m_messages.at(index).content.isEmpty()) {
             m_messages.removeAt(index);
             emit messageRemoved(index);
             emit messagesChanged();
@@ -400,10 +481,8 @@ namespace {
 // piece and neither window's turn is lost. Messages both have are saved as this transcript has them.
 QList<ChatMessage> withOthersTurns(const QList<ChatMessage> &mine, const QList<ChatMessage> &stored)
 {
-    QSet<QUuid> mineIDs;
-    mineIDs.reserve(mine.size());
-    for (const ChatMessage &m : mine)
-        mineIDs.insert(m.id);
+    // A message kept among this transcript's hidden versions is this transcript's too.
+    const QSet<QUuid> mineIDs = MessageVersioning::allIDs(mine);
     QSet<QUuid> storedIDs;
     bool othersAdded = false;
     for (const ChatMessage &m : stored) {

@@ -89,6 +89,22 @@ public:
     // system message (its id kept), else a new system message in front. A blank text removes it.
     static QList<ChatMessage> withSystemPrompt(QList<ChatMessage> messages, const QString &text);
 
+    // Whether regenerate() would start now: no reply streams, a conversation is shown and its last
+    // message is a reply of this window's (not one another window is streaming).
+    bool canRegenerate() const;
+    // Streams a new reply to the messages before the last reply, for provider, as a new version of
+    // that reply; the earlier replies stay reachable through the versions. Ignored unless
+    // canRegenerate(); without a provider only errorText is set.
+    void regenerate(const std::optional<Provider> &provider);
+    // Makes text (trimmed) a new version of the user message at index and of everything after it,
+    // and streams a reply to it. Ignored like send(), and when text is blank or the message at index
+    // is not the user's; without a provider only errorText is set.
+    void editAndResend(qsizetype index, const QString &text, const std::optional<Provider> &provider);
+    // Shows version target (0-based) of the message at index, with the turns that followed that
+    // version, and saves the choice. A running reply is ended first and saved, as a Stop is. An index
+    // or target out of range changes nothing.
+    void showVersion(qsizetype index, int target);
+
     // Ends a running reply the way stop() does, but saves what arrived (with its usage) to the
     // conversation it belongs to before returning. Switching conversations, closing the window and
     // quitting go through here, so no reply is ever thrown away. True when a reply was ended.
@@ -104,8 +120,11 @@ signals:
     void messageInserted(qsizetype index);
     // ... one message was removed from index ...
     void messageRemoved(qsizetype index);
-    // ... or the content or usage of the message at index changed.
+    // ... or the content or usage of the message at index changed ...
     void messageChanged(qsizetype index);
+    // ... or the messages from index on were replaced by others (another version was shown or made);
+    // the ones before index are the same.
+    void messagesReplaced(qsizetype index);
     // Emitted when the composer's text changes, also when a send clears it.
     void inputChanged();
     // Emitted when a reply starts or stops streaming.
@@ -121,8 +140,12 @@ private:
         QPointer<ChatStream> stream;
         QUuid replyID;
         std::optional<QUuid> conversationID;
+        // For a regenerate: the version shown before it, shown again when the new one fails empty.
+        std::optional<int> previousVersion;
     };
 
+    void beginReply(const Provider &provider, std::optional<int> previousVersion = std::nullopt);
+    void replaceMessages(QList<ChatMessage> messages, qsizetype from);
     void handleEvent(const Turn &turn, const ChatEvent &event);
     void handleFinished(const Turn &turn, const std::optional<ServiceError> &error);
     bool finishStoppedTurn();

@@ -31,6 +31,15 @@ std::optional<ChatRole> chatRoleFromRaw(QStringView raw)
     return std::nullopt;
 }
 
+bool operator==(const ChatMessage &a, const ChatMessage &b)
+{
+    if (a.id != b.id || a.role != b.role || a.content != b.content || a.usage != b.usage)
+        return false;
+    if (a.versions == b.versions)
+        return true;
+    return a.versions && b.versions && *a.versions == *b.versions;
+}
+
 qint64 saturatingAdd(qint64 a, qint64 b)
 {
     qint64 sum = 0;
@@ -82,6 +91,12 @@ void toJson(Json::Writer &w, const ChatMessage &message)
         w.key(QLatin1StringView("usage"));
         toJson(w, *message.usage);
     }
+    if (message.versions) {
+        w.key(QLatin1StringView("version"));
+        w.integer(message.versions->shown);
+        w.key(QLatin1StringView("versions"));
+        toJson(w, message.versions->others);
+    }
     w.endObject();
 }
 
@@ -114,6 +129,67 @@ static bool readUsage(const Json::Value &v, std::optional<TokenUsage> &out, QStr
     return true;
 }
 
+// Checks "versions" and "version" and returns how many other versions there are (0 when absent),
+// or -1 with error set. Each version is handed to eachVersion, which checks or decodes it.
+template<typename F>
+static int checkVersions(const Json::Value &v, QString &error, F eachVersion)
+{
+    const Json::Value others = v["versions"];
+    if (!others.isValid() || others.isNull())
+        return 0;
+    if (!others.isArray()) {
+        error = wrongType("versions", "an array");
+        return -1;
+    }
+    int count = 0;
+    const bool valid = others.forEachElement([&](const Json::Value &other) {
+        if (!other.isArray() || other.size() == 0) {
+            error = QStringLiteral("\"versions[%1]\": expected a version: an array that starts with its message")
+                        .arg(count);
+            return false;
+        }
+        if (!eachVersion(other, error)) {
+            error = prefixed(QStringLiteral("versions[%1]").arg(count), error);
+            return false;
+        }
+        ++count;
+        return true;
+    });
+    if (!valid)
+        return -1;
+    std::optional<qint64> shown;
+    if (!readOptionalInt64(v, "version", shown, error))
+        return -1;
+    if (shown && (*shown < 0 || *shown > count)) {
+        error = QStringLiteral("\"version\": %1 is not one of the message's versions").arg(*shown);
+        return -1;
+    }
+    return count;
+}
+
+static bool readVersions(const Json::Value &v, std::shared_ptr<const MessageVersions> &out, QString &error)
+{
+    // Most messages have no other versions, and cost no allocation for it.
+    if (const Json::Value others = v["versions"]; !others.isValid() || others.isNull())
+        return true;
+    auto versions = std::make_shared<MessageVersions>();
+    const int count = checkVersions(v, error, [&](const Json::Value &other, QString &failure) {
+        QList<ChatMessage> messages;
+        if (!fromJson(other, messages, failure))
+            return false;
+        versions->others.append(std::move(messages));
+        return true;
+    });
+    if (count < 0)
+        return false;
+    if (count == 0)
+        return true;
+    // Without "version" the newest is the one shown.
+    versions->shown = int(v["version"].toInt64().value_or(count));
+    out = std::move(versions);
+    return true;
+}
+
 bool fromJson(const Json::Value &v, ChatMessage &out, QString &error)
 {
     if (!v.isObject()) {
@@ -131,7 +207,7 @@ bool fromJson(const Json::Value &v, ChatMessage &out, QString &error)
         return false;
     }
     message.role = *parsedRole;
-    if (!readUsage(v, message.usage, error))
+    if (!readUsage(v, message.usage, error) || !readVersions(v, message.versions, error))
         return false;
     out = std::move(message);
     return true;
@@ -147,7 +223,20 @@ bool checkMessageJson(const Json::Value &v, QString &error)
     if (id.isString() && isUuidText(id.stringUtf8()) && role.isString() && knownRole(role.stringUtf8()) &&
         v["content"].isString()) {
         std::optional<TokenUsage> usage;
-        return readUsage(v, usage, error);
+        if (!readUsage(v, usage, error))
+            return false;
+        // Hidden versions are checked the same way, message by message, without being decoded.
+        return checkVersions(v, error, [](const Json::Value &other, QString &failure) {
+                   qsizetype index = 0;
+                   return other.forEachElement([&](const Json::Value &message) {
+                       if (!checkMessageJson(message, failure)) {
+                           failure = prefixed(QStringLiteral("[%1]").arg(index), failure);
+                           return false;
+                       }
+                       ++index;
+                       return true;
+                   });
+               }) >= 0;
     }
     ChatMessage ignored;
     return fromJson(v, ignored, error);

@@ -1,9 +1,11 @@
 #pragma once
 
 #include <QHashFunctions>
+#include <QList>
 #include <QString>
 #include <QUuid>
 
+#include <memory>
 #include <optional>
 
 namespace Json {
@@ -32,12 +34,17 @@ struct TokenUsage
     friend bool operator==(const TokenUsage &, const TokenUsage &) = default;
 };
 
+struct MessageVersions;
+
 struct ChatMessage
 {
     QUuid id = QUuid::createUuid();
     ChatRole role = ChatRole::user;
     QString content;
     std::optional<TokenUsage> usage;
+    // The other versions of this message, each with the turns that followed it (a regenerated reply,
+    // an edited prompt); absent on most messages. Never changed in place: copies share it.
+    std::shared_ptr<const MessageVersions> versions;
 
     ChatMessage() = default;
     ChatMessage(ChatRole role, QString content, std::optional<TokenUsage> usage = std::nullopt,
@@ -48,7 +55,19 @@ struct ChatMessage
         , usage(std::move(usage))
     {}
 
-    friend bool operator==(const ChatMessage &, const ChatMessage &) = default;
+    // Versions compare by what they hold, not by where they are kept.
+    friend bool operator==(const ChatMessage &a, const ChatMessage &b);
+};
+
+// The versions of one message: which one is shown (0-based, in the order they were made) and the
+// others, each a list that starts with that version of the message and goes on with its own later
+// turns (which may have versions of their own).
+struct MessageVersions
+{
+    int shown = 0;
+    QList<QList<ChatMessage>> others;
+
+    friend bool operator==(const MessageVersions &, const MessageVersions &) = default;
 };
 
 // Adds without overflow: sums past the 64-bit range stop at its limits. Counts that large come
@@ -72,12 +91,15 @@ struct JsonCoding::DecodeBlank<ChatMessage>
     static ChatMessage make() { return ChatMessage(ChatRole::user, QString(), std::nullopt, QUuid()); }
 };
 
-// Stored forms: "usage" and each count are written only when present.
+// Stored forms: "usage" and each count are written only when present; a message with other versions
+// also has "version" (the shown one's 0-based index) and "versions" (the others, each an array of
+// messages), keys that a reader knowing nothing of versions ignores, seeing the versions shown.
 void toJson(Json::Writer &w, const TokenUsage &usage);
 void toJson(Json::Writer &w, const ChatMessage &message);
 // Missing or null counts decode as absent; a count that is no whole 64-bit number fails.
 bool fromJson(const Json::Value &v, TokenUsage &out, QString &error);
-// Fails when "id", "role" or "content" is missing or mistyped, the id is no UUID or the role unknown.
+// Fails when "id", "role" or "content" is missing or mistyped, the id is no UUID or the role unknown,
+// or when "versions" is no array of non-empty arrays of messages or "version" is not one of them.
 bool fromJson(const Json::Value &v, ChatMessage &out, QString &error);
 // Succeeds exactly when fromJson would, without decoding the content.
 bool checkMessageJson(const Json::Value &v, QString &error);

@@ -1,6 +1,7 @@
 #include "chat/chatviewmodel.h"
 #include "loopbackserver.h"
 #include "model/json.h"
+#include "model/versions.h"
 #include "storage/conversationstore.h"
 
 #include <QTemporaryDir>
@@ -409,6 +410,126 @@ private slots:
         Json::Parser parser;
         const QList<Json::Value> sent = parser.parse(m_server->requests().first().body)["messages"].elements();
         QCOMPARE(sent.first()["role"].toString() == u"system"_s, result.first().startsWith(u"s:"));
+    }
+
+    // Regenerating and resending make versions: what is sent is the path before the new message,
+    // nothing earlier is lost in memory or in the file, and switching versions is saved too.
+    void versions_regenerateEditAndSwitch()
+    {
+        QStringList replies = {u"r1"_s, u"r2"_s, u"r2b"_s, u"r1b"_s};
+        m_server->setHandler([&replies](const LoopbackRequest &) {
+            return LoopbackResponse::eventStream({delta(replies.takeFirst().toUtf8())});
+        });
+        QVERIFY(runTurn(u"q1"_s, loopback()));
+        QVERIFY(runTurn(u"q2"_s, loopback()));
+        QVERIFY(m_vm->canRegenerate());
+
+        const int endsBefore = m_streamEnds;
+        m_vm->regenerate(loopback());
+        QVERIFY(m_vm->isStreaming() && !m_vm->canRegenerate());
+        QTRY_VERIFY(m_streamEnds > endsBefore && !m_vm->isStreaming());
+        QCOMPARE(contents(m_vm->messages()), (QStringList{u"q1"_s, u"r1"_s, u"q2"_s, u"r2b"_s}));
+        QCOMPARE(MessageVersioning::versionCount(m_vm->messages().last()), 2);
+        QCOMPARE(MessageVersioning::versionIndex(m_vm->messages().last()), 1);
+        QCOMPARE(stored(m_conversation.id), m_vm->messages());
+        Json::Parser parser;
+        QStringList sent;
+        for (const Json::Value &m : parser.parse(m_server->requests().at(2).body)["messages"].elements())
+            sent.append(m["content"].toString());
+        QCOMPARE(sent, (QStringList{u"q1"_s, u"r1"_s, u"q2"_s}));
+
+        m_vm->editAndResend(0, u"  q1b \n"_s, loopback());
+        QVERIFY(m_vm->isStreaming());
+        QTRY_VERIFY(!m_vm->isStreaming());
+        QCOMPARE(contents(m_vm->messages()), (QStringList{u"q1b"_s, u"r1b"_s}));
+        QCOMPARE(MessageVersioning::versionCount(m_vm->messages().first()), 2);
+
+        m_vm->showVersion(0, 0);
+        QCOMPARE(contents(m_vm->messages()), (QStringList{u"q1"_s, u"r1"_s, u"q2"_s, u"r2b"_s}));
+        m_vm->showVersion(3, 0);
+        QCOMPARE(contents(stored(m_conversation.id)), (QStringList{u"q1"_s, u"r1"_s, u"q2"_s, u"r2"_s}));
+        m_vm->showVersion(0, 1);
+        QCOMPARE(contents(m_vm->messages()), (QStringList{u"q1b"_s, u"r1b"_s}));
+        // The branch left keeps the version it showed.
+        m_vm->showVersion(0, 0);
+        QCOMPARE(contents(stored(m_conversation.id)), (QStringList{u"q1"_s, u"r1"_s, u"q2"_s, u"r2"_s}));
+        QCOMPARE(m_server->requests().size(), 4);
+    }
+
+    void versions_refused_data()
+    {
+        QTest::addColumn<QString>("action");
+        QTest::addColumn<bool>("withProvider");
+        QTest::addColumn<bool>("error");
+        QTest::newRow("regenerate without provider") << u"regenerate"_s << false << true;
+        QTest::newRow("edit without provider") << u"edit 0"_s << false << true;
+        QTest::newRow("edit a reply") << u"edit 1"_s << true << false;
+        QTest::newRow("edit to blank") << u"blank 0"_s << true << false;
+        QTest::newRow("edit out of range") << u"edit 7"_s << true << false;
+        QTest::newRow("regenerate after the question") << u"regenerate after question"_s << true << false;
+    }
+    // A refused regenerate or resend changes nothing but the error and asks no provider.
+    void versions_refused()
+    {
+        QFETCH(QString, action);
+        QFETCH(bool, withProvider);
+        QFETCH(bool, error);
+        m_server->setResponse(LoopbackResponse::eventStream({delta("r")}));
+        QVERIFY(runTurn(u"q"_s, loopback()));
+        if (action.endsWith(u"after question")) {
+            Conversation asked = m_conversation;
+            asked.messages = {ChatMessage(ChatRole::user, u"q"_s)};
+            m_vm->activate(asked);
+        }
+        const QList<ChatMessage> before = m_vm->messages();
+        const std::optional<Provider> p = withProvider ? std::optional(loopback()) : std::nullopt;
+        if (action.startsWith(u"regenerate"))
+            m_vm->regenerate(p);
+        else
+            m_vm->editAndResend(action.section(u' ', 1).toInt(), action.startsWith(u"blank") ? u" \n"_s : u"x"_s, p);
+        QVERIFY(!m_vm->isStreaming());
+        QCOMPARE(m_vm->messages(), before);
+        QCOMPARE(m_vm->errorText().has_value(), error);
+        QCOMPARE(m_server->requests().size(), 1);
+    }
+
+    void versions_cutOffRegenerate_data()
+    {
+        QTest::addColumn<bool>("fails");
+        QTest::addColumn<QStringList>("shown");
+        QTest::addColumn<int>("count");
+        QTest::newRow("stopped: what arrived is kept beside the others") << false << QStringList{u"q"_s, u"cut"_s} << 3;
+        QTest::newRow("failed empty: the version shown before comes back")
+            << true << QStringList{u"q"_s, u"one"_s} << 2;
+    }
+    // A regenerate cut off keeps what arrived as a send does; one that fails with nothing shows again
+    // the version the user was looking at, not merely the newest.
+    void versions_cutOffRegenerate()
+    {
+        QFETCH(bool, fails);
+        QFETCH(QStringList, shown);
+        QFETCH(int, count);
+        int request = 0;
+        m_server->setHandler([&request, fails](const LoopbackRequest &) {
+            ++request;
+            if (request <= 2)
+                return LoopbackResponse::eventStream({delta(request == 1 ? "one" : "two")});
+            return fails ? LoopbackResponse::text(500, "down") : stalling({delta("cut"), delta("never")});
+        });
+        QVERIFY(runTurn(u"q"_s, loopback()));
+        m_vm->regenerate(loopback());
+        QTRY_VERIFY(!m_vm->isStreaming());
+        m_vm->showVersion(1, 0);
+        m_vm->regenerate(loopback());
+        if (fails) {
+            QTRY_VERIFY(!m_vm->isStreaming());
+            QVERIFY(m_vm->errorText());
+        } else {
+            QTRY_COMPARE(m_vm->messages().last().content, u"cut"_s);
+            m_vm->stop();
+        }
+        QTRY_COMPARE(contents(stored(m_conversation.id)), shown);
+        QCOMPARE(MessageVersioning::versionCount(stored(m_conversation.id).last()), count);
     }
 
     void twoViewModelsStreamingIntoOneConversation_keepEachOthersTurns()
