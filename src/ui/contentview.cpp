@@ -16,6 +16,7 @@
 #include "ui/transcriptfind.h"
 #include "ui/transcriptview.h"
 
+#include <QApplication>
 #include <QEvent>
 #include <QFrame>
 #include <QHBoxLayout>
@@ -194,6 +195,11 @@ void ContentView::ensureChatArea()
     connect(m_findBar, &FindBar::closeRequested, this, &ContentView::closeFind);
     connect(m_find, &TranscriptFind::resultsChanged, this,
             [this] { m_findBar->setStatus(m_find->statusText(), m_find->count() > 0); });
+    connect(transcript->area(), &TranscriptArea::regenerateRequested, this, &ContentView::regenerate);
+    connect(transcript->area(), &TranscriptArea::resendRequested, this, &ContentView::resend);
+    auto *regenerate = new QShortcut(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_R), m_chatArea);
+    regenerate->setContext(Qt::WindowShortcut);
+    connect(regenerate, &QShortcut::activated, this, &ContentView::regenerate);
 
     m_composerRow = new ComposerRow(m_chat, m_chatArea);
     connect(m_composerRow, &ComposerRow::sendRequested, this, &ContentView::send);
@@ -324,6 +330,30 @@ void ContentView::send()
     }
     m_scroll->messageSent();
     m_chat->send(m_store->selected());
+}
+
+void ContentView::regenerate()
+{
+    if (!m_chat->canRegenerate())
+        return;
+    m_scroll->messageSent();
+    m_chat->regenerate(m_store->selected());
+    keepFocus();
+}
+
+void ContentView::resend(qsizetype index, const QString &text)
+{
+    m_scroll->messageSent();
+    m_chat->editAndResend(index, text, m_store->selected());
+    keepFocus();
+}
+
+void ContentView::keepFocus()
+{
+    // The button or editor that asked went with the version it belonged to; the keyboard goes on
+    // in the composer, as after a send, rather than nowhere.
+    if (!QApplication::focusWidget() && isActiveWindow())
+        focusComposer();
 }
 
 void ContentView::handleSelectionChanged()

@@ -66,6 +66,11 @@ public:
     void send();
     // Puts the focus in the composer, when the chat area is shown.
     void focusComposer();
+    // Streams a new version of the last reply with the provider and model selected now (the last
+    // reply's "Regenerate", Ctrl+Shift+R); nothing when there is no reply to regenerate.
+    void regenerate();
+    // Resends the user message at index as text, a new version of it and of everything after it.
+    void resend(qsizetype index, const QString &text);
     // Opens the editor of a conversation's standing instructions; Save stores them at once.
     void openSystemPromptDialog(const QUuid &conversationID);
     // Sets a conversation's system prompt: through this window's transcript when it shows it,
@@ -93,6 +98,7 @@ private:
     void ensureChatArea();
 
     void handleSelectionChanged();
+    void keepFocus();
     void handleConversationUpdated(const QUuid &id);
     void handleProvidersChanged();
     void showConversation(const std::optional<Conversation> &conversation);

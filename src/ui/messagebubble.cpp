@@ -1,18 +1,25 @@
 #include "ui/messagebubble.h"
 
+#include "model/versions.h"
 #include "ui/copyfeedback.h"
 #include "ui/inlinetext.h"
 #include "ui/markdowntextview.h"
 #include "ui/theme.h"
 
+#include <QAbstractTextDocumentLayout>
 #include <QApplication>
 #include <QEvent>
+#include <QHBoxLayout>
+#include <QKeyEvent>
 #include <QLabel>
 #include <QPainter>
 #include <QPainterPath>
 #include <QPaintEvent>
+#include <QPlainTextEdit>
 #include <QResizeEvent>
 #include <QToolButton>
+
+#include <algorithm>
 
 namespace {
 
@@ -26,6 +33,23 @@ QToolButton *makeCopyButton(QWidget *parent)
     button->setCursor(Qt::PointingHandCursor);
     return button;
 }
+
+QToolButton *makeFooterButton(const QString &name, const char *objectName, QWidget *parent)
+{
+    auto *button = new QToolButton(parent);
+    button->setObjectName(QLatin1StringView(objectName));
+    button->setAutoRaise(true);
+    button->setFocusPolicy(Qt::TabFocus);
+    button->setToolTip(name);
+    button->setAccessibleName(name);
+    button->setCursor(Qt::PointingHandCursor);
+    button->hide();
+    return button;
+}
+
+// The editor grows with its text between these, then scrolls.
+constexpr int editorMinimumLines = 2;
+constexpr int editorMaximumLines = 12;
 
 QLabel *makeLabel(QWidget *parent)
 {
@@ -75,6 +99,12 @@ MessageBubble::MessageBubble(const ChatMessage &message, QWidget *parent)
     , m_footerCopy(makeCopyButton(this))
     , m_footerLabel(makeLabel(this))
     , m_expand(new QToolButton(this))
+    , m_edit(makeFooterButton(tr("Edit"), "editButton", this))
+    , m_regenerate(makeFooterButton(tr("Regenerate"), "regenerateButton", this))
+    , m_switcher(new QWidget(this))
+    , m_previous(makeFooterButton(tr("Previous version"), "previousVersionButton", m_switcher))
+    , m_version(makeLabel(m_switcher))
+    , m_next(makeFooterButton(tr("Next version"), "nextVersionButton", m_switcher))
     , m_feedback(new CopyFeedback(this))
 {
     // A reply growing downwards repaints only what it uncovers and the strip setMessage() marks.
@@ -90,6 +120,34 @@ MessageBubble::MessageBubble(const ChatMessage &message, QWidget *parent)
     m_expand->setCursor(Qt::PointingHandCursor);
     m_expand->hide();
     connect(m_expand, &QToolButton::clicked, this, [this] { setExpanded(!m_expanded); });
+
+    m_edit->setIcon(Theme::symbolIcon(QLatin1StringView("pencil")));
+    m_regenerate->setIcon(Theme::symbolIcon(QLatin1StringView("arrow.clockwise")));
+    m_regenerate->setToolTip(tr("Regenerate (Ctrl+Shift+R)"));
+    m_edit->setText(tr("Edit"));
+    m_regenerate->setText(tr("Regenerate"));
+    for (QToolButton *button : {m_edit, m_regenerate})
+        button->setToolButtonStyle(Qt::ToolButtonTextBesideIcon);
+    connect(m_edit, &QToolButton::clicked, this, &MessageBubble::beginEditing);
+    connect(m_regenerate, &QToolButton::clicked, this, &MessageBubble::regenerateRequested);
+
+    m_switcher->setObjectName(QStringLiteral("versionSwitcher"));
+    m_previous->setText(QStringLiteral("‹"));
+    m_next->setText(QStringLiteral("›"));
+    m_previous->show();
+    m_next->show();
+    m_version->setObjectName(QStringLiteral("versionLabel"));
+    auto *switcher = new QHBoxLayout(m_switcher);
+    switcher->setContentsMargins(0, 0, 0, 0);
+    switcher->setSpacing(2);
+    switcher->addWidget(m_previous);
+    switcher->addWidget(m_version);
+    switcher->addWidget(m_next);
+    m_switcher->hide();
+    connect(m_previous, &QToolButton::clicked, this,
+            [this] { emit versionRequested(MessageVersioning::versionIndex(m_message) - 1); });
+    connect(m_next, &QToolButton::clicked, this,
+            [this] { emit versionRequested(MessageVersioning::versionIndex(m_message) + 1); });
     applyStyle();
     updateCopyState();
     // The blank message has an id of its own, so every part is set once here.
@@ -158,6 +216,7 @@ bool MessageBubble::setMessage(const ChatMessage &message)
     if (content || hadContent)
         m_markdown->setText(shownText());
     updateExpand();
+    updateSteering();
 
     setAccessibleName(roleLabel(message.role));
     // A screen reader gets the text as far as a block shows it: a reply of megabytes would
@@ -232,11 +291,131 @@ void MessageBubble::updateExpand()
     m_expand->setAccessibleName(m_expand->text());
 }
 
+void MessageBubble::setRegenerateAvailable(bool available)
+{
+    if (m_regenerateAvailable == available)
+        return;
+    m_regenerateAvailable = available;
+    updateSteering();
+    placeChildren();
+}
+
+void MessageBubble::setSteeringEnabled(bool enabled)
+{
+    if (m_steeringEnabled == enabled)
+        return;
+    m_steeringEnabled = enabled;
+    updateSteering();
+}
+
+void MessageBubble::updateSteering()
+{
+    const bool content = hasContent();
+    m_edit->setHidden(!content || m_message.role != ChatRole::user || m_editing);
+    m_regenerate->setHidden(!content || !m_regenerateAvailable || m_message.role != ChatRole::assistant);
+    const int count = MessageVersioning::versionCount(m_message);
+    const int shown = MessageVersioning::versionIndex(m_message) + 1;
+    m_switcher->setHidden(!content || count < 2);
+    m_version->setText(QStringLiteral("%1 / %2").arg(shown).arg(count));
+    // What a screen reader says of the switcher and of each of its buttons.
+    const QString where = tr("Version %1 of %2").arg(shown).arg(count);
+    m_switcher->setAccessibleName(where);
+    m_version->setAccessibleName(where);
+    m_previous->setAccessibleDescription(where);
+    m_next->setAccessibleDescription(where);
+    m_switcher->adjustSize();
+    for (QToolButton *button : {m_edit, m_regenerate})
+        button->setEnabled(m_steeringEnabled);
+    m_previous->setEnabled(m_steeringEnabled && shown > 1);
+    m_next->setEnabled(m_steeringEnabled && shown < count);
+}
+
+void MessageBubble::beginEditing()
+{
+    if (m_message.role != ChatRole::user || m_editing || !m_steeringEnabled)
+        return;
+    if (!m_editor) {
+        m_editor = new QPlainTextEdit(this);
+        m_editor->setObjectName(QStringLiteral("messageEditor"));
+        m_editor->setAccessibleName(tr("Edit message"));
+        m_editor->setAccessibleDescription(tr("Return resends, Escape cancels, Shift+Return starts a new line"));
+        m_editor->setFrameShape(QFrame::NoFrame);
+        m_editor->setTabChangesFocus(true);
+        m_editor->setVerticalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+        m_editor->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+        m_editor->viewport()->setAutoFillBackground(false);
+        m_editor->setAutoFillBackground(false);
+        m_editor->installEventFilter(this);
+        // A plain text layout measures its document in lines, wrapped lines counted.
+        connect(m_editor->document()->documentLayout(), &QAbstractTextDocumentLayout::documentSizeChanged, this,
+                [this](const QSizeF &size) {
+                    // The editor grows with its text; only past the last line it grows to does it scroll.
+                    m_editor->setVerticalScrollBarPolicy(
+                        int(size.height()) > editorMaximumLines ? Qt::ScrollBarAsNeeded : Qt::ScrollBarAlwaysOff);
+                    placeChildren();
+                    update();
+                    emit heightChanged();
+                });
+    }
+    m_editing = true;
+    m_editor->setPlainText(m_message.content);
+    m_editor->moveCursor(QTextCursor::End);
+    m_editor->show();
+    m_markdown->hide();
+    updateSteering();
+    placeChildren();
+    update();
+    emit heightChanged();
+    m_editor->setFocus(Qt::OtherFocusReason);
+}
+
+void MessageBubble::cancelEditing()
+{
+    if (m_editing)
+        endEditing();
+}
+
+void MessageBubble::endEditing()
+{
+    const bool hadFocus = m_editor->hasFocus();
+    m_editing = false;
+    m_editor->hide();
+    m_markdown->setHidden(!hasContent());
+    updateSteering();
+    placeChildren();
+    update();
+    emit heightChanged();
+    // The focus stays on the message, where the user was, rather than jumping out of the transcript.
+    if (hadFocus && m_edit->isVisible())
+        m_edit->setFocus(Qt::OtherFocusReason);
+}
+
+bool MessageBubble::eventFilter(QObject *watched, QEvent *event)
+{
+    if (watched == m_editor && event->type() == QEvent::KeyPress) {
+        const auto *key = static_cast<QKeyEvent *>(event);
+        if (key->key() == Qt::Key_Escape) {
+            endEditing();
+            return true;
+        }
+        if ((key->key() == Qt::Key_Return || key->key() == Qt::Key_Enter) && !(key->modifiers() & Qt::ShiftModifier)) {
+            const QString text = m_editor->toPlainText();
+            // A blank text would send nothing: the editor stays open.
+            if (text.trimmed().isEmpty())
+                return true;
+            endEditing();
+            emit resendRequested(text);
+            return true;
+        }
+    }
+    return QWidget::eventFilter(watched, event);
+}
+
 void MessageBubble::applyStyle()
 {
     const QFont caption = Theme::font(Theme::TextStyle::Caption2);
     const QColor secondary = Theme::color(Theme::Color::Secondary, palette());
-    for (QLabel *label : {m_role, m_usage, m_footerLabel}) {
+    for (QLabel *label : {m_role, m_usage, m_footerLabel, m_version}) {
         label->setFont(caption);
         QPalette pal = label->palette();
         pal.setColor(QPalette::WindowText, secondary);
@@ -248,13 +427,16 @@ void MessageBubble::applyStyle()
     const int iconSize = std::max(8, caption.pixelSize());
     m_headerCopy->setIconSize(QSize(iconSize, iconSize));
     m_footerCopy->setIconSize(QSize(iconSize, iconSize));
-    m_expand->setFont(caption);
+    for (QToolButton *button : {m_expand, m_edit, m_regenerate, m_previous, m_next}) {
+        button->setFont(caption);
+        button->setIconSize(QSize(iconSize, iconSize));
+    }
 }
 
 MessageBubble::Layout MessageBubble::layoutFor(int width) const
 {
     const QList<QWidget *> header{m_role, m_usage, m_headerCopy};
-    const QList<QWidget *> footer{m_footerCopy, m_footerLabel, m_expand};
+    const QList<QWidget *> footer{m_footerCopy, m_footerLabel, m_expand, m_edit, m_regenerate, m_switcher};
     const int stackMax = std::max(1, width - 2 * sidePadding - oppositeGap - rowSpacing);
 
     const int headerWidth = placeRow(header, {}, 0, partSpacing, false);
@@ -265,7 +447,9 @@ MessageBubble::Layout MessageBubble::layoutFor(int width) const
 
     int innerWidth = 0;
     bool fills = false;
-    if (content) {
+    if (m_editing) {
+        innerWidth = stackMax - 2 * contentPadding;
+    } else if (content) {
         const int ideal = m_markdown->idealWidth();
         fills = ideal < 0;
         innerWidth = fills ? stackMax - 2 * contentPadding : std::min(ideal, stackMax - 2 * contentPadding);
@@ -273,7 +457,14 @@ MessageBubble::Layout MessageBubble::layoutFor(int width) const
         innerWidth = m_ellipsis->sizeHint().width();
     }
     innerWidth = std::max(1, innerWidth);
-    const int innerHeight = content ? m_markdown->heightForWidth(innerWidth) : m_ellipsis->sizeHint().height();
+    int innerHeight = content ? m_markdown->heightForWidth(innerWidth) : m_ellipsis->sizeHint().height();
+    if (m_editing) {
+        const int lines =
+            std::clamp(int(m_editor->document()->size().height()), editorMinimumLines, editorMaximumLines);
+        // A pixel per line and two more of slack: a line's own height may round up from the font's.
+        innerHeight = lines * (m_editor->fontMetrics().lineSpacing() + 1) +
+                      2 * int(m_editor->document()->documentMargin()) + 2 * m_editor->frameWidth() + 2;
+    }
     const int contentWidth = innerWidth + 2 * contentPadding;
     const int stackWidth = std::min(stackMax, std::max({headerWidth, contentWidth, footerWidth}));
 
@@ -309,13 +500,15 @@ void MessageBubble::placeChildren()
     const Layout layout = layoutFor(width());
     placeRow({m_role, m_usage, m_headerCopy}, layout.header.topLeft(), layout.header.height(), partSpacing, true);
     const QRect inner = layout.content.adjusted(contentPadding, contentPadding, -contentPadding, -contentPadding);
-    if (hasContent())
+    if (m_editing)
+        m_editor->setGeometry(inner);
+    else if (hasContent())
         m_markdown->setGeometry(inner);
     else
         m_ellipsis->setGeometry(QRect(inner.topLeft(), m_ellipsis->sizeHint()));
     if (hasContent())
-        placeRow({m_footerCopy, m_footerLabel, m_expand}, layout.footer.topLeft(), layout.footer.height(), partSpacing,
-                 true);
+        placeRow({m_footerCopy, m_footerLabel, m_expand, m_edit, m_regenerate, m_switcher}, layout.footer.topLeft(),
+                 layout.footer.height(), partSpacing, true);
 }
 
 void MessageBubble::resizeEvent(QResizeEvent *event)

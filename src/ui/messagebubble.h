@@ -9,6 +9,7 @@
 class CopyFeedback;
 class MarkdownTextView;
 class QLabel;
+class QPlainTextEdit;
 class QToolButton;
 
 // One message of the transcript: a header with the speaker and the token usage, the body
@@ -19,6 +20,11 @@ class QToolButton;
 //
 // A bubble is kept while its message changes (streamed text, usage arriving): setMessage()
 // updates it in place, so its copied state and its blocks' views survive.
+//
+// The footer also carries what steers the conversation: "Edit" on the user's messages (the text
+// opens in place: Return resends, Escape cancels, Shift+Return breaks the line), "Regenerate" where
+// the transcript offers it, and "‹ 2 / 2 ›" on a message with several versions. The bubble only
+// asks; its owner decides (regenerateRequested, resendRequested, versionRequested).
 class MessageBubble final : public QWidget
 {
     Q_OBJECT
@@ -56,6 +62,24 @@ public:
     MarkdownTextView *markdownView() const { return m_markdown; }
     QLabel *ellipsisLabel() const { return m_ellipsis; }
     QToolButton *expandButton() const { return m_expand; }
+    QToolButton *editButton() const { return m_edit; }
+    QToolButton *regenerateButton() const { return m_regenerate; }
+    // The version switcher, named "Version 2 of 2"; hidden while the message has one version.
+    QWidget *versionSwitcher() const { return m_switcher; }
+    QToolButton *previousVersionButton() const { return m_previous; }
+    QToolButton *nextVersionButton() const { return m_next; }
+    QLabel *versionLabel() const { return m_version; }
+    // The in-place editor, made the first time editing begins.
+    QPlainTextEdit *editor() const { return m_editor; }
+
+    // Offers "Regenerate" on this bubble (a reply only); off by default.
+    void setRegenerateAvailable(bool available);
+    // Whether "Edit", "Regenerate" and the version buttons may be used now (not while a reply streams).
+    void setSteeringEnabled(bool enabled);
+    // Opens the text of a user message for editing in place; does nothing for other roles.
+    void beginEditing();
+    void cancelEditing();
+    bool isEditing() const { return m_editing; }
 
     // A system message shows its first line only until it is opened ("Show all").
     bool isExpanded() const { return m_expanded; }
@@ -70,10 +94,18 @@ public:
     static constexpr qreal cornerRadius = 10;
 
 signals:
-    // Emitted when the bubble's height for a width changed by itself (a system message opened or closed).
+    // Emitted when the bubble's height for a width changed by itself (a system message opened or
+    // closed, editing began, ended or grew).
     void heightChanged();
+    // Emitted when the user asks for another reply in place of this one.
+    void regenerateRequested();
+    // Emitted when the user presses Return in the editor with some text: text is the edited message.
+    void resendRequested(const QString &text);
+    // Emitted when the user asks for version target (0-based) of this message.
+    void versionRequested(int target);
 
 protected:
+    bool eventFilter(QObject *watched, QEvent *event) override;
     void paintEvent(QPaintEvent *event) override;
     void resizeEvent(QResizeEvent *event) override;
     void changeEvent(QEvent *event) override;
@@ -90,6 +122,8 @@ private:
     void placeChildren();
     void updateCopyState();
     void updateExpand();
+    void updateSteering();
+    void endEditing();
     QString shownText() const;
     void applyStyle();
     bool hasContent() const { return !m_message.content.isEmpty(); }
@@ -103,6 +137,16 @@ private:
     QToolButton *m_footerCopy;
     QLabel *m_footerLabel;
     QToolButton *m_expand;
+    QToolButton *m_edit;
+    QToolButton *m_regenerate;
+    QWidget *m_switcher;
+    QToolButton *m_previous;
+    QLabel *m_version;
+    QToolButton *m_next;
+    QPlainTextEdit *m_editor = nullptr;
     bool m_expanded = false;
+    bool m_editing = false;
+    bool m_regenerateAvailable = false;
+    bool m_steeringEnabled = true;
     CopyFeedback *m_feedback;
 };

@@ -92,6 +92,18 @@ TranscriptFind::TranscriptFind(ChatViewModel *chat, TranscriptArea *area, QObjec
             m_place = std::max<qsizetype>(0, m_place - 1);
         recountAll();
     });
+    connect(m_chat, &ChatViewModel::messagesReplaced, this, [this](qsizetype index) {
+        // Another version from index on: what was found there is looked for again.
+        if (index < m_cache.size())
+            m_cache.resize(index);
+        if (m_currentMessage >= index) {
+            m_currentMessage = -1;
+            m_currentK = -1;
+        }
+        if (m_place >= index)
+            m_place = -1;
+        recountAll();
+    });
     // Connected after the area's own reaction, so the marks go on the blocks it now shows.
     connect(m_chat, &ChatViewModel::messageChanged, this, &TranscriptFind::recountMessage);
     connect(m_area, &TranscriptArea::bubbleBuilt, this,

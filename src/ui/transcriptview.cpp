@@ -22,6 +22,7 @@
 #include <QStyle>
 #include <QStyleOptionSlider>
 #include <QTimer>
+#include <QToolButton>
 
 #include <algorithm>
 
@@ -265,8 +266,13 @@ TranscriptArea::TranscriptArea(ChatViewModel *chat, ScrollController *scroll, QW
     connect(m_chat, &ChatViewModel::messageInserted, this, &TranscriptArea::handleInserted);
     connect(m_chat, &ChatViewModel::messageRemoved, this, &TranscriptArea::handleRemoved);
     connect(m_chat, &ChatViewModel::messageChanged, this, &TranscriptArea::handleChanged);
+    connect(m_chat, &ChatViewModel::messagesReplaced, this, &TranscriptArea::handleReplaced);
     connect(m_chat, &ChatViewModel::errorTextChanged, this, &TranscriptArea::handleErrorText);
     connect(m_chat, &ChatViewModel::isStreamingChanged, this, [this] {
+        for (qsizetype i = 0; i < messageCount(); ++i) {
+            if (MessageBubble *bubble = m_rows[std::size_t(i)].bubble)
+                syncSteering(bubble, i);
+        }
 #ifdef __GLIBC__
         // A long reply passes through thousands of short-lived parses and layouts; the allocator
         // would keep their freed pages resident for the rest of the session. They are handed back
@@ -301,6 +307,8 @@ TranscriptArea::TranscriptArea(ChatViewModel *chat, ScrollController *scroll, QW
 
 TranscriptArea::~TranscriptArea()
 {
+    // A focused message going with the transcript moves the focus; the ring it would move is gone.
+    disconnect(qApp, nullptr, this, nullptr);
     if (m_scroll && m_scroll->proxy() == verticalScrollBar())
         m_scroll->setProxy(nullptr);
 }
@@ -454,6 +462,63 @@ void TranscriptArea::handleChanged(qsizetype index)
     relayout();
 }
 
+void TranscriptArea::handleReplaced(qsizetype index)
+{
+    // Another version in place of the messages from index on: the message the user switched keeps
+    // its place on screen, and no follow-the-end rule applies (nothing was sent).
+    const QList<ChatMessage> &messages = m_chat->messages();
+    QScrollBar *bar = verticalScrollBar();
+    const bool atEnd = bar->value() >= bar->maximum();
+    const int offset = index < messageCount() ? rowTop(index) - bar->value() : 0;
+    // The keyboard stays where it was: on the same control of the message now shown in its place.
+    QWidget *focus = QApplication::focusWidget();
+    MessageBubble *holder = bubbleHolding(focus);
+    const bool focusHere = holder && indexOfBubble(holder) >= index;
+    const QString control = focusHere && holder == bubbleAt(index) && focus != holder ? focus->objectName() : QString();
+    const bool currentHere = currentMessage() >= index;
+    for (std::size_t i = std::size_t(index); i < m_rows.size(); ++i)
+        delete m_rows[i].bubble;
+    m_rows.resize(std::size_t(messages.size()));
+    for (qsizetype i = index; i < messages.size(); ++i) {
+        Row &row = m_rows[std::size_t(i)];
+        row = Row();
+        row.id = messages.at(i).id;
+        row.height = estimateHeight(i);
+    }
+    invalidateFrom(index);
+    m_lastCount = messages.size();
+    m_lastLength = messages.isEmpty() ? 0 : messages.last().content.size();
+    updatePrefix();
+    updateRange();
+    if (atEnd)
+        bar->setValue(bar->maximum());
+    else if (index < messageCount())
+        bar->setValue(rowTop(index) - offset);
+    relayout();
+    if (index >= messageCount())
+        return;
+    if (currentHere)
+        m_current = m_rows[std::size_t(index)].id;
+    if (!focusHere)
+        return;
+    focusMessage(index);
+    MessageBubble *shown = bubbleAt(index);
+    QWidget *target = shown && !control.isEmpty() ? shown->findChild<QWidget *>(control) : nullptr;
+    // At either end the switcher's arrow that led there is disabled; its other arrow takes over.
+    if (target == shown->previousVersionButton() && !target->isEnabled())
+        target = shown->nextVersionButton();
+    else if (target == shown->nextVersionButton() && !target->isEnabled())
+        target = shown->previousVersionButton();
+    if (target && target->isVisibleTo(shown) && target->isEnabled())
+        target->setFocus(Qt::OtherFocusReason);
+}
+
+void TranscriptArea::syncSteering(MessageBubble *bubble, qsizetype index) const
+{
+    bubble->setSteeringEnabled(!m_chat->isStreaming());
+    bubble->setRegenerateAvailable(index == messageCount() - 1 && m_chat->canRegenerate());
+}
+
 void TranscriptArea::handleErrorText()
 {
     const std::optional<QString> text = m_chat->errorText();
@@ -523,9 +588,29 @@ void TranscriptArea::relayout()
             if (row.bubble)
                 continue;
             row.bubble = new MessageBubble(messages.at(i), viewport());
-            row.bubble->installEventFilter(this);
-            connect(row.bubble, &MessageBubble::heightChanged, this,
-                    [this, bubble = row.bubble.data()] { remeasure(bubble); });
+            MessageBubble *bubble = row.bubble;
+            bubble->installEventFilter(this);
+            connect(bubble, &MessageBubble::heightChanged, this, [this, bubble] { remeasure(bubble); });
+            // Queued: each of these replaces the message, and with it the bubble that asked, which
+            // must first return from the click or key press that asked.
+            connect(
+                bubble, &MessageBubble::regenerateRequested, bubble, [this] { emit regenerateRequested(); },
+                Qt::QueuedConnection);
+            connect(
+                bubble, &MessageBubble::resendRequested, bubble,
+                [this, bubble](const QString &text) {
+                    if (const qsizetype at = indexOfBubble(bubble); at >= 0)
+                        emit resendRequested(at, text);
+                },
+                Qt::QueuedConnection);
+            connect(
+                bubble, &MessageBubble::versionRequested, bubble,
+                [this, bubble](int target) {
+                    if (const qsizetype at = indexOfBubble(bubble); at >= 0)
+                        m_chat->showVersion(at, target);
+                },
+                Qt::QueuedConnection);
+            syncSteering(bubble, i);
             emit bubbleBuilt(i, row.bubble);
             const int height = row.bubble->heightForWidth(m_width);
             row.bubble->setGeometry(0, rowTop(i) - value, m_width, height);
@@ -556,8 +641,11 @@ void TranscriptArea::relayout()
         if (!row.bubble)
             continue;
         const int top = rowTop(i);
-        if (top + row.height < keepTop || top > keepBottom)
+        // A message being edited keeps its editor, and the text typed in it, while out of sight.
+        if ((top + row.height < keepTop || top > keepBottom) && !row.bubble->isEditing())
             delete row.bubble;
+        else
+            syncSteering(row.bubble, i);
     }
     placeRows(0);
     m_inRelayout = false;
@@ -735,11 +823,15 @@ bool TranscriptArea::focusNextPrevChild(bool next)
         if (w->isVisibleTo(bubble) && w->isEnabled() && (w->focusPolicy() & Qt::TabFocus))
             stops.append(w);
     }
-    const auto placeOf = [bubble](QWidget *w) { return w->mapTo(bubble, QPoint(0, 0)); };
+    const auto placeOf = [bubble](QWidget *w) { return QRect(w->mapTo(bubble, QPoint(0, 0)), w->size()); };
+    // Parts of one row are centred on it, so a taller one starts higher: rows are told apart by
+    // not overlapping, and within a row the order is left to right.
     std::stable_sort(stops.begin(), stops.end(), [&](QWidget *a, QWidget *b) {
-        const QPoint pa = placeOf(a);
-        const QPoint pb = placeOf(b);
-        return pa.y() != pb.y() ? pa.y() < pb.y() : pa.x() < pb.x();
+        const QRect ra = placeOf(a);
+        const QRect rb = placeOf(b);
+        if (ra.bottom() < rb.top() || rb.bottom() < ra.top())
+            return ra.top() < rb.top();
+        return ra.left() < rb.left();
     });
     stops.prepend(bubble);
     qsizetype at = stops.indexOf(focus);

@@ -95,6 +95,10 @@ signals:
     // Emitted when the bubble of message index is made, as it comes near the visible area, before
     // it is placed and shown.
     void bubbleBuilt(qsizetype index, MessageBubble *bubble);
+    // Emitted when the user asks for a new version of the last reply (its "Regenerate").
+    void regenerateRequested();
+    // Emitted when the user resends the message at index, edited in place to text.
+    void resendRequested(qsizetype index, const QString &text);
 
 protected:
     void resizeEvent(QResizeEvent *event) override;
@@ -117,6 +121,9 @@ private:
     void handleInserted(qsizetype index);
     void handleRemoved(qsizetype index);
     void handleChanged(qsizetype index);
+    void handleReplaced(qsizetype index);
+    // Offers Regenerate on the last reply only, and no steering while a reply streams.
+    void syncSteering(MessageBubble *bubble, qsizetype index) const;
     void handleErrorText();
     // The message-count and last-text-length triggers, run before the layout follows the change.
     void runTriggers();

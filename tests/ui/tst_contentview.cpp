@@ -1,5 +1,6 @@
 #include "chat/chatviewmodel.h"
 #include "mockprovider.h"
+#include "model/versions.h"
 #include "storage/conversationstore.h"
 #include "storage/filedialogs.h"
 #include "storage/providerstore.h"
@@ -8,8 +9,10 @@
 #include "ui/contentview.h"
 #include "ui/conversationlistmodel.h"
 #include "ui/conversationsidebar.h"
+#include "ui/messagebubble.h"
 #include "ui/scrollcontroller.h"
 #include "ui/systempromptdialog.h"
+#include "ui/transcriptview.h"
 
 #include <QAbstractItemView>
 #include <QAccessible>
@@ -770,6 +773,66 @@ private slots:
                                      [&](const Conversation &c) { return c.id == other.id; });
         QCOMPARE(it->messages.first().content, u"Other rules"_s);
         QCOMPARE(view->chat()->systemPrompt(), u"Be brief."_s);
+    }
+
+    // The last reply's Regenerate (and Ctrl+Shift+R) streams another version with the provider
+    // selected now; the switcher goes back, taking the header's total with it; Edit in place resends
+    // with the turns after it kept behind "‹ 1 / 2 ›". A second window on the conversation, not
+    // streaming, follows every new version.
+    void versions_regenerateSwitchAndResend()
+    {
+        addProvider(u"Mock"_s);
+        ContentView *view = makeView();
+        ContentView *other = makeView();
+        typeAndReturn(view, u"Hello"_s);
+        QTRY_VERIFY(!view->chat()->isStreaming());
+        auto *area = view->findChild<TranscriptArea *>();
+        QTRY_VERIFY(area->bubbleAt(1) && !area->bubbleAt(1)->regenerateButton()->isHidden());
+        QVERIFY(area->bubbleAt(0)->regenerateButton()->isHidden());
+        const QString firstTotal = find<QLabel>(view, "tokenTotal")->text();
+
+        MockProviderOptions options;
+        options.reply = u"A second, **longer** answer to the same question, with more words in it."_s;
+        m_mock->setOptions(options);
+        const Provider second = addProvider(u"Second"_s, {}, u"mock-large"_s);
+        m_store->setSelectedID(second.id);
+        area->bubbleAt(1)->regenerateButton()->click();
+        QTRY_COMPARE(m_mock->server().requests().size(), 2);
+        QTRY_VERIFY(!view->chat()->isStreaming());
+        QCOMPARE(view->chat()->messages().size(), 2);
+        QCOMPARE(view->chat()->messages().last().content, options.reply);
+        QVERIFY(m_mock->server().requests().at(1).body.contains("mock-large"));
+        QTRY_VERIFY(area->bubbleAt(1));
+        QCOMPARE(area->bubbleAt(1)->versionLabel()->text(), u"2 / 2"_s);
+        QTRY_COMPARE(other->chat()->messages(), view->chat()->messages());
+        QVERIFY(find<QLabel>(view, "tokenTotal")->text() != firstTotal);
+
+        area->bubbleAt(1)->previousVersionButton()->click();
+        QTRY_COMPARE(area->bubbleAt(1)->versionLabel()->text(), u"1 / 2"_s);
+        QCOMPARE(find<QLabel>(view, "tokenTotal")->text(), firstTotal);
+        QCOMPARE(m_chats->selected()->messages, view->chat()->messages());
+
+        QApplication::setActiveWindow(view);
+        auto *composer = find<QPlainTextEdit>(view, "composer");
+        composer->setFocus();
+        QTest::keyClick(composer, Qt::Key_R, Qt::ControlModifier | Qt::ShiftModifier);
+        QTRY_VERIFY(!view->chat()->isStreaming());
+        QCOMPARE(view->chat()->messages().last().content, options.reply);
+        QCOMPARE(MessageVersioning::versionCount(view->chat()->messages().last()), 3);
+
+        MessageBubble *question = area->bubbleAt(0);
+        question->editButton()->click();
+        question->editor()->setPlainText(u"Hello again"_s);
+        QTest::keyClick(question->editor(), Qt::Key_Return);
+        QTRY_COMPARE(m_mock->server().requests().size(), 4);
+        QTRY_VERIFY(!view->chat()->isStreaming());
+        QCOMPARE(view->chat()->messages().first().content, u"Hello again"_s);
+        QTRY_VERIFY(area->bubbleAt(0));
+        QCOMPARE(area->bubbleAt(0)->versionLabel()->text(), u"2 / 2"_s);
+        area->bubbleAt(0)->previousVersionButton()->click();
+        QTRY_COMPARE(view->chat()->messages().first().content, u"Hello"_s);
+        QCOMPARE(MessageVersioning::versionCount(view->chat()->messages().last()), 3);
+        QTRY_COMPARE(other->chat()->messages(), view->chat()->messages());
     }
 
 private:

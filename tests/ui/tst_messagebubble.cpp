@@ -1,3 +1,4 @@
+#include "model/versions.h"
 #include "ui/copyfeedback.h"
 #include "ui/markdowntextview.h"
 #include "ui/messagebubble.h"
@@ -5,9 +6,12 @@
 #include <QApplication>
 #include <QClipboard>
 #include <QLabel>
+#include <QPlainTextEdit>
 #include <QSignalSpy>
 #include <QTest>
 #include <QToolButton>
+
+using namespace Qt::StringLiterals;
 
 using Usage = std::optional<TokenUsage>;
 Q_DECLARE_METATYPE(Usage)
@@ -67,6 +71,88 @@ private slots:
         MessageBubble user(ChatMessage(ChatRole::user, QStringLiteral("two\nlines")));
         QVERIFY(user.expandButton()->isHidden());
         QCOMPARE(user.markdownView()->text(), QStringLiteral("two\nlines"));
+    }
+
+    void editInPlace_data()
+    {
+        QTest::addColumn<QString>("typed");  // "⏎" Return, "⇧" Shift+Return, "⎋" Escape
+        QTest::addColumn<QString>("resent"); // empty: nothing resent
+        QTest::addColumn<bool>("stillEditing");
+        QTest::newRow("Return resends") << u"more⏎"_s << u"ask more"_s << false;
+        QTest::newRow("Shift+Return breaks the line") << u"⇧two⏎"_s << u"ask \ntwo"_s << false;
+        QTest::newRow("Escape cancels") << u"more⎋"_s << QString() << false;
+        QTest::newRow("a blank text is not resent") << u"!⏎"_s << QString() << true;
+    }
+    // The user's message opens in place with its text; the keys do what the composer's do, and the
+    // bubble only asks its owner to resend.
+    void editInPlace()
+    {
+        QFETCH(QString, typed);
+        QFETCH(QString, resent);
+        QFETCH(bool, stillEditing);
+        MessageBubble bubble(ChatMessage(ChatRole::user, u"ask "_s));
+        bubble.resize(600, bubble.heightForWidth(600));
+        bubble.show();
+        QVERIFY(!bubble.editButton()->isHidden());
+        const int shown = bubble.heightForWidth(600);
+        QSignalSpy resends(&bubble, &MessageBubble::resendRequested);
+        bubble.editButton()->click();
+        QVERIFY(bubble.isEditing() && bubble.editor()->isVisible() && bubble.editButton()->isHidden());
+        QCOMPARE(bubble.editor()->toPlainText(), u"ask "_s);
+        for (const QChar c : typed) {
+            if (c == u'⏎')
+                QTest::keyClick(bubble.editor(), Qt::Key_Return);
+            else if (c == u'⇧')
+                QTest::keyClick(bubble.editor(), Qt::Key_Return, Qt::ShiftModifier);
+            else if (c == u'⎋')
+                QTest::keyClick(bubble.editor(), Qt::Key_Escape);
+            else if (c == u'!')
+                bubble.editor()->setPlainText(u" \n "_s);
+            else
+                QTest::keyClicks(bubble.editor(), QString(c));
+        }
+        QCOMPARE(bubble.isEditing(), stillEditing);
+        QCOMPARE(resends.size(), resent.isEmpty() ? 0 : 1);
+        if (!resent.isEmpty())
+            QCOMPARE(resends.first().first().toString(), resent);
+        if (!stillEditing) {
+            // The message itself is untouched: its owner makes the new version.
+            QCOMPARE(bubble.message().content, u"ask "_s);
+            QCOMPARE(bubble.heightForWidth(600), shown);
+        }
+    }
+
+    // "‹ 2 / 2 ›" reads "Version 2 of 2" to a screen reader, asks for the neighbouring version, and
+    // stops at either end; Edit is the user's, Regenerate only where offered, none while streaming.
+    void steeringControls()
+    {
+        QList<ChatMessage> path{ChatMessage(ChatRole::user, u"q"_s), ChatMessage(ChatRole::assistant, u"one"_s)};
+        path = MessageVersioning::addVersion(path, 1, ChatMessage(ChatRole::assistant, u"two"_s));
+        MessageBubble reply(path.at(1));
+        QVERIFY(!reply.versionSwitcher()->isHidden());
+        QCOMPARE(reply.versionLabel()->text(), u"2 / 2"_s);
+        QCOMPARE(reply.versionSwitcher()->accessibleName(), u"Version 2 of 2"_s);
+        QCOMPARE(reply.previousVersionButton()->accessibleName(), u"Previous version"_s);
+        QCOMPARE(reply.previousVersionButton()->accessibleDescription(), u"Version 2 of 2"_s);
+        QVERIFY(reply.previousVersionButton()->isEnabled() && !reply.nextVersionButton()->isEnabled());
+        QSignalSpy asked(&reply, &MessageBubble::versionRequested);
+        reply.previousVersionButton()->click();
+        QCOMPARE(asked.takeFirst().first().toInt(), 0);
+        reply.setMessage(MessageVersioning::showVersion(path, 1, 0).at(1));
+        QCOMPARE(reply.versionSwitcher()->accessibleName(), u"Version 1 of 2"_s);
+        QVERIFY(!reply.previousVersionButton()->isEnabled() && reply.nextVersionButton()->isEnabled());
+
+        QVERIFY(reply.editButton()->isHidden() && reply.regenerateButton()->isHidden());
+        reply.setRegenerateAvailable(true);
+        QVERIFY(!reply.regenerateButton()->isHidden());
+        QCOMPARE(reply.regenerateButton()->accessibleName(), u"Regenerate"_s);
+        reply.setSteeringEnabled(false);
+        QVERIFY(!reply.regenerateButton()->isEnabled() && !reply.nextVersionButton()->isEnabled());
+
+        MessageBubble question(path.at(0));
+        QVERIFY(question.versionSwitcher()->isHidden() && !question.editButton()->isHidden());
+        question.setRegenerateAvailable(true);
+        QVERIFY(question.regenerateButton()->isHidden());
     }
 
     void layoutByRole_data()

@@ -296,7 +296,7 @@ private slots:
         auto *code = reply->findChild<CodeBlockView *>();
         QVERIFY(code);
         const QList<QWidget *> expected{reply->headerCopyButton(), code->copyButton(), reply->footerCopyButton(),
-                                        m_composer};
+                                        reply->regenerateButton(), m_composer};
         for (QWidget *w : expected) {
             QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
             QCOMPARE(QApplication::focusWidget(), w);
