@@ -15,6 +15,7 @@
 #include <QGuiApplication>
 #include <QHash>
 #include <QLabel>
+#include <QPlainTextEdit>
 #include <QPointer>
 #include <QScrollBar>
 #include <QTextBoundaryFinder>
@@ -408,14 +409,22 @@ public:
     {
         QList<QWidget *> parts;
         MessageBubble *b = bubble();
-        if (!b->headerCopyButton()->isHidden())
-            parts.append(b->headerCopyButton());
+        const auto addShown = [&parts](QWidget *w) {
+            if (w && !w->isHidden())
+                parts.append(w);
+        };
+        addShown(b->headerCopyButton());
+        addShown(b->editor());
         if (!b->markdownView()->isHidden()) {
             for (MarkdownBlockView *view : b->markdownView()->blockViews())
                 parts.append(view);
         }
-        if (!b->footerCopyButton()->isHidden())
-            parts.append(b->footerCopyButton());
+        addShown(b->expandButton());
+        // The footer's controls, in the order they are drawn.
+        addShown(b->footerCopyButton());
+        addShown(b->editButton());
+        addShown(b->regenerateButton());
+        addShown(b->versionSwitcher());
         return parts;
     }
 

@@ -161,6 +161,7 @@ private slots:
             row(QAccessible::Cell, u"b"_s),
             row(QAccessible::Cell, QString()),
             row(QAccessible::Button, u"Copy Markdown"_s),
+            row(QAccessible::Button, u"Regenerate"_s),
         };
         QCOMPARE(outline, expected);
         // Nothing of the Markdown is left to be read, and the link's target only as its own.
@@ -301,6 +302,11 @@ private slots:
             QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
             QCOMPARE(QApplication::focusWidget(), w);
         }
+        // What Tab reaches, a screen reader finds in the message's tree too.
+        QAccessibleInterface *item = QAccessible::queryAccessibleInterface(reply);
+        for (QWidget *w : {reply->headerCopyButton(), reply->footerCopyButton(), reply->regenerateButton()})
+            QVERIFY2(item->indexOfChild(QAccessible::queryAccessibleInterface(w)) >= 0,
+                     qPrintable(w->accessibleName()));
         QTest::keyClick(m_composer, Qt::Key_Tab, Qt::ShiftModifier);
         QTRY_COMPARE(QApplication::focusWidget(), reply);
         QTest::keyClick(QApplication::focusWidget(), Qt::Key_Up);
