@@ -47,13 +47,9 @@ void writeFallbackHistory(const QString &path)
 
 int main(int argc, char **argv)
 {
-    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
-        qputenv("QT_QPA_PLATFORM", "offscreen");
-    QTemporaryDir dir;
+    Bench::ScratchProfile dir;
     if (!dir.isValid())
         return 1;
-    qputenv("XDG_CONFIG_HOME", QFile::encodeName(dir.filePath(QStringLiteral("config"))));
-    qputenv("XDG_DATA_HOME", QFile::encodeName(dir.filePath(QStringLiteral("data"))));
     QApplication app(argc, argv);
 
     const QString history = dir.filePath(QStringLiteral("conversations.json"));

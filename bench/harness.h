@@ -68,6 +68,25 @@ inline void report(const char *name, double value, const char *unit)
 
 // The shared inputs (../shared/bench-data beside the repository), or an override. The long
 // reply has a stand-in below when they are missing.
+// A profile of the benchmark's own, in a temporary folder, on the offscreen platform unless
+// another is named: made before the application, so that no store reads the user's files.
+class ScratchProfile
+{
+public:
+    ScratchProfile()
+    {
+        if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+            qputenv("QT_QPA_PLATFORM", "offscreen");
+        qputenv("XDG_CONFIG_HOME", QFile::encodeName(m_dir.filePath(QStringLiteral("config"))));
+        qputenv("XDG_DATA_HOME", QFile::encodeName(m_dir.filePath(QStringLiteral("data"))));
+    }
+    bool isValid() const { return m_dir.isValid(); }
+    QString filePath(const QString &name) const { return m_dir.filePath(name); }
+
+private:
+    QTemporaryDir m_dir;
+};
+
 inline QString dataDir()
 {
     const QByteArray env = qgetenv("VERBOLT_BENCH_DATA");

@@ -370,17 +370,9 @@ QString CodeTextView::selectedText() const
 
 void CodeBlockView::setFindHits(const QList<FindHit> &hits)
 {
-    QList<TextSearch::Range> ranges;
-    int current = -1;
-    m_currentHit.reset();
-    for (const FindHit &hit : hits) {
-        if (hit.current) {
-            current = int(ranges.size());
-            m_currentHit = hit.range;
-        }
-        ranges.append(hit.range);
-    }
-    m_codeView->setHighlights(ranges, current);
+    const FindMarks marks = findMarks(hits);
+    m_currentHit = marks.currentRange;
+    m_codeView->setHighlights(marks.ranges, marks.current);
     if (!m_currentHit)
         return;
     const QRect hit = m_codeView->rangeRect(*m_currentHit);

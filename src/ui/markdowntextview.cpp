@@ -290,19 +290,24 @@ void TextBlockView::mouseReleaseEvent(QMouseEvent *event)
     MarkdownBlockView::mouseReleaseEvent(event);
 }
 
-void TextBlockView::setFindHits(const QList<FindHit> &hits)
+FindMarks findMarks(const QList<FindHit> &hits)
 {
-    QList<TextSearch::Range> ranges;
-    int current = -1;
-    m_currentHit.reset();
+    FindMarks marks;
     for (const FindHit &hit : hits) {
         if (hit.current) {
-            current = int(ranges.size());
-            m_currentHit = hit.range;
+            marks.current = int(marks.ranges.size());
+            marks.currentRange = hit.range;
         }
-        ranges.append(hit.range);
+        marks.ranges.append(hit.range);
     }
-    if (m_text.setHighlights(ranges, current))
+    return marks;
+}
+
+void TextBlockView::setFindHits(const QList<FindHit> &hits)
+{
+    const FindMarks marks = findMarks(hits);
+    m_currentHit = marks.currentRange;
+    if (m_text.setHighlights(marks.ranges, marks.current))
         update();
 }
 

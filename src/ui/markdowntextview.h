@@ -8,6 +8,8 @@
 #include <QString>
 #include <QWidget>
 
+#include <optional>
+
 class QWheelEvent;
 
 class QScrollArea;
@@ -22,6 +24,15 @@ struct FindHit
 
     friend bool operator==(const FindHit &, const FindHit &) = default;
 };
+
+// A block's hits as the ranges to mark, in order, and the current one among them.
+struct FindMarks
+{
+    QList<TextSearch::Range> ranges;
+    int current = -1; // index into ranges; -1 when no hit is current
+    std::optional<TextSearch::Range> currentRange;
+};
+FindMarks findMarks(const QList<FindHit> &hits);
 
 // The view of one Markdown block. A view is kept while its block changes in place: setBlock()
 // takes the new payload and reports whether this view can show it at all.
