@@ -447,8 +447,16 @@ void ContentView::handleProvidersChanged()
     if (m_store->providers().isEmpty()) {
         m_detail->setCurrentWidget(m_emptyState);
     } else {
+        // The first provider replaces the empty state under the user's focus (its settings
+        // button); hidden, that focus would fall to the next control, the sidebar's New Chat.
+        // What the user came for is typing, so the composer takes it.
+        QWidget *focus = window()->focusWidget();
+        const bool focusWasOnEmptyState =
+            m_detail->currentWidget() == m_emptyState && (!focus || m_emptyState->isAncestorOf(focus));
         ensureChatArea();
         m_detail->setCurrentWidget(m_chatArea);
+        if (focusWasOnEmptyState)
+            focusComposer();
     }
 }
 

@@ -106,6 +106,7 @@ private slots:
 
         activate(window);
         auto *composer = window->findChild<ComposerField *>()->findChild<QPlainTextEdit *>();
+        QCOMPARE(QApplication::focusWidget(), composer); // not the sidebar's button next to the gone one
         QTest::keyClicks(composer, u"Hello"_s);
         QTest::keyClick(composer, Qt::Key_Return);
         ChatViewModel *chat = chatOf(window);
