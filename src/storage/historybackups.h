@@ -11,7 +11,9 @@
 // Dated copies of the conversation history, kept in a "backups" folder beside it as
 // "conversations-YYYY-MM-DD.json" (owner-only): each is the history as it stood when the day's first
 // save came, so a bad day can be undone. The last 7 days and one copy for each of the 4 weeks
-// before are kept, at most 11 copies; older ones are removed.
+// before are kept, at most 11 copies dated up to today; older ones are removed. Copies dated
+// after today (made while the clock was set ahead) are kept too, until their day has passed:
+// they are the user's data, and a clock is no reason to delete it.
 //
 // All of it is file work meant for the history's writer thread or another worker thread, never
 // the main one: a copy of a large history takes a while.
