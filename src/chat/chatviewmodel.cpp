@@ -4,8 +4,10 @@
 #include "storage/conversationstore.h"
 #include "transport/chatstream.h"
 
+#include <QHash>
 #include <QSet>
 
+#include <algorithm>
 #include <chrono>
 #include <limits>
 
@@ -413,22 +415,42 @@ void ChatViewModel::publishLiveReply(const Turn &turn)
 
 namespace {
 
+enum class Placed { changed, inserted, replaced, hidden };
+
 // Puts a reply another window streams into messages: over its earlier state, else after the message
-// it answers, else at the end. Returns its index and whether it was added.
-std::pair<qsizetype, bool> placeLiveReply(QList<ChatMessage> &messages, const ConversationStore::LiveReply &live)
+// it answers, else at the end. A new version of a reply shown here (a regenerate) takes that reply's
+// place, with whatever followed it, so that the conversation reads as the other window shows it. A
+// reply to a message in a version not shown here (edited away meanwhile) is not shown.
+// Returns where it went and how.
+std::pair<qsizetype, Placed> placeLiveReply(QList<ChatMessage> &messages, const ConversationStore::LiveReply &live)
 {
     qsizetype after = -1;
     for (qsizetype i = messages.size() - 1; i >= 0; --i) {
         if (messages.at(i).id == live.message.id) {
             messages[i] = live.message;
-            return {i, false};
+            return {i, Placed::changed};
         }
         if (after < 0 && messages.at(i).id == live.afterID)
             after = i;
     }
+    if (after < 0 && !live.afterID.isNull()) {
+        const QSet<QUuid> all = MessageVersioning::allIDs(messages);
+        if (all.contains(live.afterID) || all.contains(live.message.id))
+            return {-1, Placed::hidden};
+    }
     const qsizetype at = after >= 0 ? after + 1 : messages.size();
+    if (live.message.versions && at < messages.size()) {
+        const QSet<QUuid> hidden = MessageVersioning::hiddenIDs(live.message);
+        if (hidden.contains(messages.at(at).id)) {
+            messages.erase(std::remove_if(messages.begin() + at, messages.end(),
+                                          [&](const ChatMessage &m) { return hidden.contains(m.id); }),
+                           messages.end());
+            messages.insert(at, live.message);
+            return {at, Placed::replaced};
+        }
+    }
     messages.insert(at, live.message);
-    return {at, true};
+    return {at, Placed::inserted};
 }
 
 } // namespace
@@ -453,11 +475,20 @@ void ChatViewModel::handleLiveReply(const QUuid &conversationID, const QUuid &re
         if (live.message.id != replyID)
             continue;
         m_othersLive.insert(replyID);
-        const auto [index, added] = placeLiveReply(m_messages, live);
-        if (added)
-            emit messageInserted(index);
-        else
+        const auto [index, placed] = placeLiveReply(m_messages, live);
+        switch (placed) {
+        case Placed::changed:
             emit messageChanged(index);
+            break;
+        case Placed::inserted:
+            emit messageInserted(index);
+            break;
+        case Placed::replaced:
+            emit messagesReplaced(index);
+            break;
+        case Placed::hidden:
+            return;
+        }
         emit messagesChanged();
         return;
     }
@@ -479,10 +510,14 @@ namespace {
 // are kept: every stored message this transcript lacks goes in after the message that preceded
 // it in the store, past this transcript's own newer messages there, so each turn stays in one
 // piece and neither window's turn is lost. Messages both have are saved as this transcript has them.
+//
+// A stored message may be a new version another window made of messages this transcript shows (an
+// edit and resend there while a reply streamed here): it takes their place, and they live on among
+// its hidden versions with the text they have here. Every message is saved once.
 QList<ChatMessage> withOthersTurns(const QList<ChatMessage> &mine, const QList<ChatMessage> &stored)
 {
     // A message kept among this transcript's hidden versions is this transcript's too.
-    const QSet<QUuid> mineIDs = MessageVersioning::allIDs(mine);
+    QSet<QUuid> mineIDs = MessageVersioning::allIDs(mine);
     QSet<QUuid> storedIDs;
     bool othersAdded = false;
     for (const ChatMessage &m : stored) {
@@ -504,6 +539,25 @@ QList<ChatMessage> withOthersTurns(const QList<ChatMessage> &mine, const QList<C
             }
             continue;
         }
+        if (m.versions) {
+            const QSet<QUuid> hidden = MessageVersioning::hiddenIDs(m);
+            const auto first = std::find_if(merged.cbegin(), merged.cend(),
+                                            [&](const ChatMessage &shown) { return hidden.contains(shown.id); });
+            if (first != merged.cend()) {
+                const qsizetype at = first - merged.cbegin();
+                QHash<QUuid, ChatMessage> copies;
+                for (const ChatMessage &shown : std::as_const(merged)) {
+                    if (hidden.contains(shown.id))
+                        copies.insert(shown.id, shown);
+                }
+                merged.removeIf([&](const ChatMessage &shown) { return hidden.contains(shown.id); });
+                const ChatMessage version = MessageVersioning::withCopies({m}, copies).first();
+                merged.insert(at, version);
+                mineIDs.unite(MessageVersioning::allIDs({version}));
+                insertAt = at + 1;
+                continue;
+            }
+        }
         while (insertAt < merged.size() && !storedIDs.contains(merged.at(insertAt).id))
             ++insertAt;
         merged.insert(insertAt++, m);
@@ -517,11 +571,17 @@ void ChatViewModel::persist()
 {
     if (!m_conversationID || !m_store)
         return;
+    const Conversation *stored = m_store->find(*m_conversationID);
+    if (!stored)
+        return;
     QList<ChatMessage> mine = m_messages;
-    if (!m_othersLive.isEmpty())
+    if (!m_othersLive.isEmpty()) {
         mine.removeIf([this](const ChatMessage &m) { return m_othersLive.contains(m.id); });
-    if (const Conversation *stored = m_store->find(*m_conversationID))
-        m_store->updateMessages(stored->id, withOthersTurns(mine, stored->messages.list()));
+        // A reply another window streamed may have been caught here inside a version made meanwhile;
+        // its own window saved it whole, and that text is the one kept.
+        mine = MessageVersioning::withCopies(mine, MessageVersioning::findAll(stored->messages.list(), m_othersLive));
+    }
+    m_store->updateMessages(stored->id, withOthersTurns(mine, stored->messages.list()));
 }
 
 void ChatViewModel::setStreaming(bool streaming)

@@ -76,6 +76,9 @@ public:
     // Stops the current reply. The text received so far stays, and is saved once the transfer
     // has wound down (which calls onStreamEnd a second time).
     void stop();
+    // Whether the transcript holds replies another window streams (or streamed until lately): the
+    // store's record then differs from what is shown here, even when it did not change.
+    bool showsOthersReplies() const { return !m_othersLive.isEmpty(); }
     // Whether the conversation with that id is the one shown.
     bool isShowing(const QUuid &conversationID) const { return m_conversationID == conversationID; }
     // The conversation's standing instructions: the content of its first message when that is a

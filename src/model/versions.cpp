@@ -55,6 +55,34 @@ void collect(const QList<ChatMessage> &messages, QSet<QUuid> &ids)
     }
 }
 
+void collect(const QList<ChatMessage> &messages, const QSet<QUuid> &ids, QHash<QUuid, ChatMessage> &found)
+{
+    for (const ChatMessage &m : messages) {
+        if (ids.contains(m.id))
+            found.insert(m.id, m);
+        if (m.versions) {
+            for (const QList<ChatMessage> &other : m.versions->others)
+                collect(other, ids, found);
+        }
+    }
+}
+
+// Whether anything in messages, at any depth, has a copy; so that untouched branches stay shared.
+bool touches(const QList<ChatMessage> &messages, const QHash<QUuid, ChatMessage> &copies)
+{
+    for (const ChatMessage &m : messages) {
+        if (copies.contains(m.id))
+            return true;
+        if (m.versions) {
+            for (const QList<ChatMessage> &other : m.versions->others) {
+                if (touches(other, copies))
+                    return true;
+            }
+        }
+    }
+    return false;
+}
+
 } // namespace
 
 QList<ChatMessage> addVersion(const QList<ChatMessage> &messages, qsizetype index, ChatMessage replacement)
@@ -94,6 +122,45 @@ QSet<QUuid> allIDs(const QList<ChatMessage> &messages)
     ids.reserve(messages.size());
     collect(messages, ids);
     return ids;
+}
+
+QSet<QUuid> hiddenIDs(const ChatMessage &message)
+{
+    QSet<QUuid> ids;
+    if (message.versions) {
+        for (const QList<ChatMessage> &other : message.versions->others)
+            collect(other, ids);
+    }
+    return ids;
+}
+
+QHash<QUuid, ChatMessage> findAll(const QList<ChatMessage> &messages, const QSet<QUuid> &ids)
+{
+    QHash<QUuid, ChatMessage> found;
+    if (!ids.isEmpty())
+        collect(messages, ids, found);
+    return found;
+}
+
+QList<ChatMessage> withCopies(const QList<ChatMessage> &messages, const QHash<QUuid, ChatMessage> &copies)
+{
+    if (copies.isEmpty() || !touches(messages, copies))
+        return messages;
+    QList<ChatMessage> result = messages;
+    for (ChatMessage &m : result) {
+        if (const auto copy = copies.constFind(m.id); copy != copies.cend()) {
+            m.content = copy->content;
+            m.usage = copy->usage;
+        }
+        if (m.versions && std::any_of(m.versions->others.cbegin(), m.versions->others.cend(),
+                                      [&](const QList<ChatMessage> &other) { return touches(other, copies); })) {
+            auto versions = std::make_shared<MessageVersions>(*m.versions);
+            for (QList<ChatMessage> &other : versions->others)
+                other = withCopies(other, copies);
+            m.versions = std::move(versions);
+        }
+    }
+    return result;
 }
 
 } // namespace MessageVersioning

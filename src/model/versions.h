@@ -2,6 +2,7 @@
 
 #include "model/chatmessage.h"
 
+#include <QHash>
 #include <QList>
 #include <QSet>
 #include <QUuid>
@@ -35,5 +36,13 @@ QList<ChatMessage> dropShownVersion(const QList<ChatMessage> &messages, qsizetyp
 
 // The ids of every message: the path shown and all hidden versions, at any depth.
 QSet<QUuid> allIDs(const QList<ChatMessage> &messages);
+// The ids of the versions message keeps hidden, with their later turns, at any depth.
+QSet<QUuid> hiddenIDs(const ChatMessage &message);
+
+// The messages (shown or hidden, at any depth) whose id is one of ids, by id.
+QHash<QUuid, ChatMessage> findAll(const QList<ChatMessage> &messages, const QSet<QUuid> &ids);
+// The messages with the text and usage of every message (shown or hidden, at any depth) whose id is
+// in copies taken from its copy there; each keeps its own versions.
+QList<ChatMessage> withCopies(const QList<ChatMessage> &messages, const QHash<QUuid, ChatMessage> &copies);
 
 } // namespace MessageVersioning

@@ -423,7 +423,11 @@ void ContentView::handleConversationUpdated(const QUuid &id)
     if (id != m_seenID)
         return;
     const Conversation *selected = m_chats->find(id);
-    if (!selected || m_chats->selectedID() != id || selected->messages == m_seenMessages)
+    if (!selected || m_chats->selectedID() != id)
+        return;
+    // A reply another window streamed and then dropped (it failed with nothing) leaves the record
+    // as it was: the transcript still reloads, or it would keep showing that reply.
+    if (selected->messages == m_seenMessages && !m_chat->showsOthersReplies())
         return;
     m_seenMessages = selected->messages;
     // Our own saves leave the store holding what we show; anything else is another window's turn,

@@ -34,6 +34,20 @@ QStringList contents(const QList<ChatMessage> &messages)
     return all;
 }
 
+// How many messages the list holds, hidden versions included, counting each copy.
+qsizetype countAll(const QList<ChatMessage> &messages)
+{
+    qsizetype n = 0;
+    for (const ChatMessage &m : messages) {
+        ++n;
+        if (m.versions) {
+            for (const QList<ChatMessage> &other : m.versions->others)
+                n += countAll(other);
+        }
+    }
+    return n;
+}
+
 struct TurnCase
 {
     LoopbackResponse response = {};
@@ -291,6 +305,7 @@ private slots:
     void interruptedMidReply_data()
     {
         QTest::addColumn<Interruption>("interruption");
+        QTest::addColumn<bool>("regenerating");
         QTest::addColumn<int>("streamEnds");
         QTest::addColumn<QStringList>("shown"); // by the view model, if it is still there
         QTest::addColumn<QStringList>("saved"); // in the store, if it is still there
@@ -298,23 +313,39 @@ private slots:
         const QString question = u"first question"_s;
         // Switching ends the reply as a Stop does, and what arrived is saved where it belongs.
         QTest::newRow("other conversation shown")
-            << Interruption::otherConversation << 2 << QStringList() << QStringList{question, u"a"_s};
+            << Interruption::otherConversation << false << 2 << QStringList() << QStringList{question, u"a"_s};
         // A window closed mid-reply keeps what arrived, and the transfer never calls back into it.
         QTest::newRow("view model destroyed")
-            << Interruption::viewModelGone << 0 << QStringList() << QStringList{question, u"a"_s};
+            << Interruption::viewModelGone << false << 0 << QStringList() << QStringList{question, u"a"_s};
         QTest::newRow("store destroyed: the transcript in memory goes on")
-            << Interruption::storeGone << 1 << QStringList{question, u"ab"_s} << QStringList();
+            << Interruption::storeGone << false << 1 << QStringList{question, u"ab"_s} << QStringList();
+        // A regenerate cut off the same ways keeps what arrived as a version beside the first reply.
+        QTest::newRow("regenerating, other conversation shown")
+            << Interruption::otherConversation << true << 2 << QStringList() << QStringList{question, u"a"_s};
+        QTest::newRow("regenerating, view model destroyed")
+            << Interruption::viewModelGone << true << 0 << QStringList() << QStringList{question, u"a"_s};
     }
     void interruptedMidReply()
     {
         QFETCH(Interruption, interruption);
+        QFETCH(bool, regenerating);
         QFETCH(int, streamEnds);
         QFETCH(QStringList, shown);
         QFETCH(QStringList, saved);
 
         const Conversation other = m_store->newChat(std::nullopt);
-        m_server->setResponse(stalling({delta("a"), "data: {\"usage\":{\"prompt_tokens\":7}}\n\n", delta("b")}, 100));
-        start(u"first question"_s, loopback());
+        const LoopbackResponse cut =
+            stalling({delta("a"), "data: {\"usage\":{\"prompt_tokens\":7}}\n\n", delta("b")}, 100);
+        if (regenerating) {
+            m_server->setResponse(LoopbackResponse::eventStream({delta("whole")}));
+            QVERIFY(runTurn(u"first question"_s, loopback()));
+            m_server->setResponse(cut);
+            m_streamEnds = 0;
+            m_vm->regenerate(loopback());
+        } else {
+            m_server->setResponse(cut);
+            start(u"first question"_s, loopback());
+        }
         QTRY_COMPARE(m_vm->messages().last().content, u"a"_s);
         m_vm->setInput(u"draft"_s);
         if (interruption == Interruption::otherConversation) {
@@ -337,6 +368,11 @@ private slots:
             QCOMPARE(contents(stored(m_conversation.id)), saved);
             if (saved.size() == 2)
                 QCOMPARE(stored(m_conversation.id).last().usage, std::optional(TokenUsage{7, {}, {}}));
+            if (regenerating) {
+                const QList<ChatMessage> versions = stored(m_conversation.id);
+                QCOMPARE(MessageVersioning::versionCount(versions.last()), 2);
+                QCOMPARE(MessageVersioning::showVersion(versions, 1, 0).last().content, u"whole"_s);
+            }
             QVERIFY(stored(other.id).isEmpty());
         }
     }
@@ -551,6 +587,80 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(!m_vm->isStreaming() && !other.isStreaming(), 10000);
         QCOMPARE(contents(stored(m_conversation.id)),
                  (QStringList{u"first"_s, u"first reply"_s, u"second"_s, u"second reply"_s}));
+    }
+
+    // A regenerate in one window shows in another in the old reply's place, never beside it; a turn
+    // sent there meanwhile is kept, and the old reply is saved once, as a hidden version.
+    void twoViewModels_regenerateWhileTheOtherSends_savesEachMessageOnce()
+    {
+        int request = 0;
+        m_server->setHandler([&request](const LoopbackRequest &) {
+            ++request;
+            if (request == 1)
+                return LoopbackResponse::eventStream({delta("one")});
+            return request == 2 ? stalling({delta("two"), "data: [DONE]\n\n"}, 300)
+                                : stalling({delta("other reply"), "data: [DONE]\n\n"}, 600);
+        });
+        QVERIFY(runTurn(u"q"_s, loopback()));
+        ChatViewModel other;
+        other.setStore(m_store.get());
+        other.activate(m_store->selected());
+        m_vm->regenerate(loopback());
+        QTRY_COMPARE(contents(other.messages()), (QStringList{u"q"_s, u"two"_s}));
+        QCOMPARE(other.messages().last().id, m_vm->messages().last().id);
+        QVERIFY(!other.canRegenerate());
+
+        other.setInput(u"meanwhile"_s);
+        other.send(loopback());
+        QVERIFY(other.isStreaming());
+        QTRY_VERIFY_WITH_TIMEOUT(!m_vm->isStreaming() && !other.isStreaming(), 10000);
+        const QList<ChatMessage> saved = stored(m_conversation.id);
+        QCOMPARE(contents(saved), (QStringList{u"q"_s, u"two"_s, u"meanwhile"_s, u"other reply"_s}));
+        QCOMPARE(contents(MessageVersioning::showVersion(saved, 1, 0)), (QStringList{u"q"_s, u"one"_s}));
+        QCOMPARE(countAll(saved), MessageVersioning::allIDs(saved).size());
+    }
+
+    void twoViewModels_editWhileTheOtherStreams_data()
+    {
+        QTest::addColumn<bool>("otherEndsFirst");
+        QTest::newRow("the other reply ends first") << true;
+        QTest::newRow("the resent reply ends first") << false;
+    }
+    // A prompt edited and resent in one window while another streams a reply after it: the other
+    // window's turn goes with the old version, whole and once, whichever reply ends first.
+    void twoViewModels_editWhileTheOtherStreams()
+    {
+        QFETCH(bool, otherEndsFirst);
+        const int otherDelay = otherEndsFirst ? 200 : 700;
+        const int editDelay = otherEndsFirst ? 700 : 200;
+        int request = 0;
+        m_server->setHandler([&](const LoopbackRequest &) {
+            ++request;
+            if (request == 1)
+                return LoopbackResponse::eventStream({delta("one")});
+            return request == 2 ? stalling({delta("second "), delta("reply")}, otherDelay)
+                                : stalling({delta("edited reply"), "data: [DONE]\n\n"}, editDelay);
+        });
+        QVERIFY(runTurn(u"q"_s, loopback()));
+        ChatViewModel other;
+        other.setClock([this] { return std::exchange(m_now, m_now + m_step); });
+        other.setStore(m_store.get());
+        other.activate(m_store->selected());
+        other.setInput(u"second"_s);
+        other.send(loopback());
+        // This window takes in the other's saved prompt (its window reloads on a save) and its reply.
+        m_vm->activate(m_store->selected());
+        QTRY_COMPARE(contents(m_vm->messages()), (QStringList{u"q"_s, u"one"_s, u"second"_s, u"second "_s}));
+
+        m_vm->editAndResend(0, u"q edited"_s, loopback());
+        QVERIFY(m_vm->isStreaming());
+        QTRY_VERIFY_WITH_TIMEOUT(!m_vm->isStreaming() && !other.isStreaming(), 10000);
+        QCOMPARE(contents(m_vm->messages()), (QStringList{u"q edited"_s, u"edited reply"_s}));
+        const QList<ChatMessage> saved = stored(m_conversation.id);
+        QCOMPARE(contents(saved), (QStringList{u"q edited"_s, u"edited reply"_s}));
+        QCOMPARE(contents(MessageVersioning::showVersion(saved, 0, 0)),
+                 (QStringList{u"q"_s, u"one"_s, u"second"_s, u"second reply"_s}));
+        QCOMPARE(countAll(saved), MessageVersioning::allIDs(saved).size());
     }
 };
 
