@@ -124,10 +124,6 @@ private slots:
         QVERIFY(failure && failure->startsWith(prefix) && failure->size() > prefix.size());
         QCOMPARE(readAll(path), "old transcript"_ba);
         QCOMPARE(QDir(folder).entryList(QDir::Files), QStringList{u"Trip.md"_s});
-
-        dialogs.answer = m_profile.root() + u"/no/such/folder/Trip.md"_s;
-        failure = ConversationExporter::exportTranscript(trip({}), {}, {}, dialogs);
-        QVERIFY(failure && failure->startsWith(prefix));
     }
 };
 

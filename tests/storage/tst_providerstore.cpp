@@ -58,7 +58,6 @@ private slots:
         QTest::newRow("stored second") << 3 << u"$1"_s << 1;
         QTest::newRow("lower case is accepted and rewritten") << 3 << u"$L2"_s << 2;
         QTest::newRow("stale id falls to the first") << 3 << u"8C3B0E0E-1A1A-4B4B-9C9C-0D0D0D0D0D0D"_s << 0;
-        QTest::newRow("garbage falls to the first") << 3 << u"not-a-uuid"_s << 0;
         QTest::newRow("nothing stored") << 3 << QString() << 0;
     }
     void load_picksSelection()

@@ -1,6 +1,7 @@
 #include "loopbackserver.h"
 
 #include <QFile>
+#include <QHash>
 #include <QHostAddress>
 #include <QPointer>
 #include <QSslCertificate>
@@ -16,36 +17,13 @@
 
 namespace {
 
+// Only a reader of the traffic sees these: Qt tells the status by its number.
 const char *reasonPhrase(int status)
 {
-    switch (status) {
-    case 200:
-        return "OK";
-    case 301:
-        return "Moved Permanently";
-    case 302:
-        return "Found";
-    case 307:
-        return "Temporary Redirect";
-    case 308:
-        return "Permanent Redirect";
-    case 400:
-        return "Bad Request";
-    case 401:
-        return "Unauthorized";
-    case 403:
-        return "Forbidden";
-    case 404:
-        return "Not Found";
-    case 429:
-        return "Too Many Requests";
-    case 500:
-        return "Internal Server Error";
-    case 503:
-        return "Service Unavailable";
-    default:
-        return "Status";
-    }
+    static const QHash<int, const char *> phrases = {
+        {200, "OK"},        {307, "Temporary Redirect"}, {308, "Permanent Redirect"},    {401, "Unauthorized"},
+        {404, "Not Found"}, {429, "Too Many Requests"},  {500, "Internal Server Error"}, {503, "Service Unavailable"}};
+    return phrases.value(status, "Status");
 }
 
 const char *requestBufferProperty = "loopbackRequestBuffer";

@@ -1,27 +1,9 @@
 #include "model/json.h"
+#include "toolrun.h"
 
-#include <QProcess>
-#include <QTemporaryDir>
 #include <QTest>
 
 namespace {
-
-struct Run
-{
-    int exitCode = -1;
-    QByteArray out;
-    QByteArray err;
-};
-
-Run inspect(const QStringList &args, const QByteArray &input)
-{
-    QProcess process;
-    process.start(QStringLiteral(VERBOLT_INSPECT), args);
-    process.write(input);
-    process.closeWriteChannel();
-    process.waitForFinished(30000);
-    return {process.exitCode(), process.readAllStandardOutput(), process.readAllStandardError()};
-}
 
 const QByteArray userMessage = R"({"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF","role":"user","content":" Hi\nthere "})";
 
@@ -80,7 +62,7 @@ void tst_Inspect::contract()
     QFETCH(QByteArray, input);
     QFETCH(int, exitCode);
     QFETCH(QByteArray, output);
-    const Run run = inspect(args, input);
+    const ToolRun run = runTool(QStringLiteral(VERBOLT_INSPECT), args, input);
     QCOMPARE(run.exitCode, exitCode);
     if (!output.isEmpty())
         QCOMPARE(run.out, output);

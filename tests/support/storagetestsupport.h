@@ -1,7 +1,7 @@
 #pragma once
 
-// Helpers shared by the storage tests: a private profile in temporary XDG folders, scripted
-// dialogs, and a way to meet a read-only folder even when the tests run as root.
+// Helpers for every test that touches the user's files: a private profile in temporary XDG
+// folders, scripted dialogs, and a way to meet a read-only folder even when the tests run as root.
 
 #include "model/conversation.h"
 #include "model/jsoncoding.h"
