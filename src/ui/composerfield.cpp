@@ -1,5 +1,6 @@
 #include "ui/composerfield.h"
 
+#include "ui/composereditor.h"
 #include "ui/theme.h"
 
 #include <QAbstractTextDocumentLayout>
@@ -7,7 +8,6 @@
 #include <QKeyEvent>
 #include <QPainter>
 #include <QPainterPath>
-#include <QPlainTextEdit>
 #include <QScrollBar>
 #include <QVBoxLayout>
 
@@ -15,7 +15,7 @@
 
 ComposerField::ComposerField(QWidget *parent)
     : QWidget(parent)
-    , m_editor(new QPlainTextEdit(this))
+    , m_editor(new ComposerEditor(this))
 {
     m_editor->setObjectName(QStringLiteral("composer"));
     m_editor->setPlaceholderText(QStringLiteral("Message…"));
@@ -39,7 +39,9 @@ ComposerField::ComposerField(QWidget *parent)
 
     connect(m_editor, &QPlainTextEdit::textChanged, this, [this] {
         updateHeight();
-        emit textChanged();
+        // Replacing the text changes the document in steps; the text is whole only after the last.
+        if (!m_settingText)
+            emit textChanged();
     });
     // Wrapping changes with the width, and so does the number of lines shown.
     connect(m_editor->document()->documentLayout(), &QAbstractTextDocumentLayout::documentSizeChanged, this,
@@ -49,14 +51,18 @@ ComposerField::ComposerField(QWidget *parent)
 
 QString ComposerField::text() const
 {
-    return m_editor->toPlainText();
+    return m_editor->text();
 }
 
 void ComposerField::setText(const QString &text)
 {
     // The length first: reading a long text out of the document costs more than a key may take.
-    if (m_editor->document()->characterCount() - 1 != text.size() || m_editor->toPlainText() != text)
-        m_editor->setPlainText(text);
+    if (m_editor->textLength() == text.size() && m_editor->text() == text)
+        return;
+    m_settingText = true;
+    m_editor->setText(text);
+    m_settingText = false;
+    emit textChanged();
 }
 
 bool ComposerField::eventFilter(QObject *watched, QEvent *event)
@@ -65,7 +71,7 @@ bool ComposerField::eventFilter(QObject *watched, QEvent *event)
         auto *key = static_cast<QKeyEvent *>(event);
         if (key->key() == Qt::Key_Return || key->key() == Qt::Key_Enter) {
             if (key->modifiers() & Qt::ShiftModifier) {
-                m_editor->textCursor().insertText(QStringLiteral("\n"));
+                m_editor->insertText(QStringLiteral("\n"));
             } else {
                 emit submitted();
             }

@@ -2,7 +2,7 @@
 
 #include <QWidget>
 
-class QPlainTextEdit;
+class ComposerEditor;
 
 // The composer's text field: a borderless multi-line editor on a rounded, outlined background,
 // 1 line high when empty and growing with its text up to 6 lines, after which it scrolls.
@@ -20,7 +20,7 @@ public:
 
     explicit ComposerField(QWidget *parent = nullptr);
 
-    QPlainTextEdit *editor() const { return m_editor; }
+    ComposerEditor *editor() const { return m_editor; }
     QString text() const;
     // Replaces the text only when it differs, so the cursor stays where the user left it.
     void setText(const QString &text);
@@ -41,6 +41,7 @@ protected:
 private:
     void updateHeight();
 
-    QPlainTextEdit *m_editor;
+    ComposerEditor *m_editor;
     int m_lines = minimumLines;
+    bool m_settingText = false;
 };

@@ -1,6 +1,7 @@
 #include "ui/composerrow.h"
 
 #include "chat/chatviewmodel.h"
+#include "ui/composereditor.h"
 #include "ui/composerfield.h"
 #include "ui/theme.h"
 

@@ -4,6 +4,7 @@
 #include "storage/conversationstore.h"
 #include "storage/providerstore.h"
 #include "ui/chatheader.h"
+#include "ui/composereditor.h"
 #include "ui/composerfield.h"
 #include "ui/composerrow.h"
 #include "ui/conversationsidebar.h"

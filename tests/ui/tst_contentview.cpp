@@ -5,6 +5,7 @@
 #include "storage/filedialogs.h"
 #include "storage/providerstore.h"
 #include "ui/chatheader.h"
+#include "ui/composereditor.h"
 #include "ui/composerfield.h"
 #include "ui/contentview.h"
 #include "ui/conversationlistmodel.h"

@@ -6,6 +6,7 @@
 #include "storage/providerstore.h"
 #include "storagetestsupport.h"
 #include "ui/aboutdialog.h"
+#include "ui/composereditor.h"
 #include "ui/composerfield.h"
 #include "ui/contentview.h"
 #include "ui/mainwindow.h"

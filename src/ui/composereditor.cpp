@@ -1,0 +1,338 @@
+#include "ui/composereditor.h"
+
+#include <QKeyEvent>
+#include <QMimeData>
+#include <QTextBlock>
+#include <QTextBoundaryFinder>
+#include <QTextCursor>
+#include <QTextDocument>
+
+#include <algorithm>
+#include <utility>
+
+namespace {
+
+constexpr int continuesProperty = QTextFormat::UserProperty + 1;
+
+// Where a line of more than longestPiece characters is cut: after the last space in the second half
+// of each span, else at a grapheme boundary, so a cut never splits a character.
+QList<int> cutPoints(const QString &line)
+{
+    QList<int> cuts;
+    int start = 0;
+    while (line.size() - start > ComposerEditor::longestPiece) {
+        const int limit = start + ComposerEditor::cutSpacing;
+        int at = limit;
+        while (at > start + ComposerEditor::cutSpacing / 2 && !line.at(at - 1).isSpace())
+            --at;
+        if (!line.at(at - 1).isSpace()) {
+            constexpr int context = 32;
+            QTextBoundaryFinder graphemes(QTextBoundaryFinder::Grapheme,
+                                          QStringView(line).sliced(limit - context, 2 * context).toString());
+            graphemes.setPosition(context);
+            at = limit;
+            if (!graphemes.isAtBoundary() && graphemes.toPreviousBoundary() > 0)
+                at = limit - context + int(graphemes.position());
+        }
+        cuts.append(at);
+        start = at;
+    }
+    return cuts;
+}
+
+// The next line break at or after from, as a text cursor reads them when text is inserted (CR LF
+// counts as one): its position and length, or the text's end and 0.
+std::pair<qsizetype, qsizetype> nextBreak(const QString &text, qsizetype from)
+{
+    for (qsizetype i = from; i < text.size(); ++i) {
+        switch (text.at(i).unicode()) {
+        case u'\r':
+            return {i, i + 1 < text.size() && text.at(i + 1) == u'\n' ? 2 : 1};
+        case u'\n':
+        case QChar::ParagraphSeparator:
+        case 0xfdd0: // a frame's start and end, which insertion also takes for a break
+        case 0xfdd1:
+            return {i, 1};
+        default:
+            break;
+        }
+    }
+    return {text.size(), 0};
+}
+
+QTextBlockFormat withoutContinuation(QTextBlockFormat format)
+{
+    format.clearProperty(continuesProperty);
+    return format;
+}
+
+QTextBlockFormat withContinuation(QTextBlockFormat format)
+{
+    format.setProperty(continuesProperty, true);
+    return format;
+}
+
+bool matchesAny(QKeyEvent *event, std::initializer_list<QKeySequence::StandardKey> keys)
+{
+    return std::any_of(keys.begin(), keys.end(),
+                       [event](QKeySequence::StandardKey key) { return event->matches(key); });
+}
+
+} // namespace
+
+ComposerEditor::ComposerEditor(QWidget *parent)
+    : QPlainTextEdit(parent)
+{}
+
+bool ComposerEditor::continuesPrevious(const QTextBlock &block)
+{
+    return block.isValid() && block.blockFormat().boolProperty(continuesProperty);
+}
+
+QString ComposerEditor::text() const
+{
+    return textBetween(0, document()->characterCount() - 1);
+}
+
+qsizetype ComposerEditor::textLength() const
+{
+    qsizetype cuts = 0;
+    for (QTextBlock block = document()->begin().next(); block.isValid(); block = block.next())
+        cuts += continuesPrevious(block);
+    return document()->characterCount() - 1 - cuts;
+}
+
+QString ComposerEditor::textBetween(int from, int to) const
+{
+    QTextCursor range(document());
+    range.setPosition(from);
+    range.setPosition(to, QTextCursor::KeepAnchor);
+    const QString raw = range.selectedText();
+    // Each block after the first in the range is preceded by its separator: a line break, or
+    // nothing at all where a piece continues.
+    QString joined;
+    joined.reserve(raw.size());
+    qsizetype copied = 0;
+    for (QTextBlock block = document()->findBlock(from).next(); block.isValid() && block.position() <= to;
+         block = block.next()) {
+        const qsizetype separator = block.position() - 1 - from;
+        joined.append(QStringView(raw).sliced(copied, separator - copied));
+        if (!continuesPrevious(block))
+            joined.append(u'\n');
+        copied = separator + 1;
+    }
+    joined.append(QStringView(raw).sliced(copied));
+    return joined;
+}
+
+void ComposerEditor::setText(const QString &text)
+{
+    // The cuts go in as line breaks, and the blocks after them are marked once the document is
+    // built: one pass over the text, and no undo step for any of it.
+    QString pieces;
+    QList<int> continuing;
+    int block = 0;
+    qsizetype lineStart = 0;
+    pieces.reserve(text.size() + text.size() / cutSpacing + 1);
+    for (;;) {
+        const auto [lineEnd, breakLength] = nextBreak(text, lineStart);
+        const QStringView line = QStringView(text).sliced(lineStart, lineEnd - lineStart);
+        if (line.size() > longestPiece) {
+            const QString owned = line.toString();
+            qsizetype copied = 0;
+            for (int at : cutPoints(owned)) {
+                pieces.append(line.sliced(copied, at - copied));
+                pieces.append(u'\n');
+                continuing.append(++block);
+                copied = at;
+            }
+            pieces.append(line.sliced(copied));
+        } else {
+            pieces.append(line);
+        }
+        if (breakLength == 0)
+            break;
+        pieces.append(QStringView(text).sliced(lineEnd, breakLength));
+        ++block;
+        lineStart = lineEnd + breakLength;
+    }
+    setPlainText(pieces);
+    if (continuing.isEmpty())
+        return;
+    QTextDocument *doc = document();
+    doc->setUndoRedoEnabled(false);
+    QTextCursor marker(doc);
+    marker.beginEditBlock();
+    for (int number : continuing) {
+        marker.setPosition(doc->findBlockByNumber(number).position());
+        marker.setBlockFormat(withContinuation(marker.blockFormat()));
+    }
+    marker.endEditBlock();
+    doc->setUndoRedoEnabled(true);
+}
+
+void ComposerEditor::insertText(const QString &text)
+{
+    QTextCursor cursor = textCursor();
+    cursor.beginEditBlock();
+    cursor.removeSelectedText();
+    const int start = cursor.position();
+    cursor.insertText(text);
+    const int end = cursor.position();
+    // A line break typed or pasted into a continuing piece starts a line of its own, yet the new
+    // block takes the piece's format.
+    for (QTextBlock block = document()->findBlock(start).next(); block.isValid() && block.position() <= end;
+         block = block.next()) {
+        if (continuesPrevious(block)) {
+            QTextCursor(block).setBlockFormat(withoutContinuation(block.blockFormat()));
+        }
+    }
+    balance(start, end);
+    cursor.endEditBlock();
+    setTextCursor(cursor);
+}
+
+void ComposerEditor::keyPressEvent(QKeyEvent *event)
+{
+    stepOverCut(event);
+    if (isReadOnly() || event->matches(QKeySequence::Undo) || event->matches(QKeySequence::Redo) ||
+        !editNeedsBalance(int(event->text().size()))) {
+        QPlainTextEdit::keyPressEvent(event);
+        return;
+    }
+    editAndBalance([this, event] { QPlainTextEdit::keyPressEvent(event); });
+}
+
+void ComposerEditor::inputMethodEvent(QInputMethodEvent *event)
+{
+    if (isReadOnly() || !editNeedsBalance(int(event->commitString().size()))) {
+        QPlainTextEdit::inputMethodEvent(event);
+        return;
+    }
+    editAndBalance([this, event] { QPlainTextEdit::inputMethodEvent(event); });
+}
+
+QMimeData *ComposerEditor::createMimeDataFromSelection() const
+{
+    const QTextCursor cursor = textCursor();
+    auto *data = new QMimeData;
+    data->setText(textBetween(cursor.selectionStart(), cursor.selectionEnd()));
+    return data;
+}
+
+void ComposerEditor::insertFromMimeData(const QMimeData *source)
+{
+    if (!isReadOnly() && source && source->hasText())
+        insertText(source->text());
+}
+
+void ComposerEditor::stepOverCut(QKeyEvent *event)
+{
+    // A cut is one position of the text but two of the document (the end of one piece and the start
+    // of the next): a key that moves or deletes across it first steps over, so that it acts on the
+    // character beyond, as it would in an uncut line.
+    QTextCursor cursor = textCursor();
+    const bool select = matchesAny(event, {QKeySequence::SelectPreviousChar, QKeySequence::SelectPreviousWord,
+                                           QKeySequence::SelectNextChar, QKeySequence::SelectNextWord});
+    const bool backward = matchesAny(event, {QKeySequence::SelectPreviousChar, QKeySequence::SelectPreviousWord}) ||
+                          (!cursor.hasSelection() &&
+                           (matchesAny(event, {QKeySequence::MoveToPreviousChar, QKeySequence::MoveToPreviousWord,
+                                               QKeySequence::DeleteStartOfWord}) ||
+                            (event->key() == Qt::Key_Backspace && !(event->modifiers() & ~Qt::ShiftModifier))));
+    const bool forward =
+        matchesAny(event, {QKeySequence::SelectNextChar, QKeySequence::SelectNextWord}) ||
+        (!cursor.hasSelection() && matchesAny(event, {QKeySequence::MoveToNextChar, QKeySequence::MoveToNextWord,
+                                                      QKeySequence::Delete, QKeySequence::DeleteEndOfWord}));
+    const QTextBlock block = cursor.block();
+    const int position = cursor.position();
+    const auto mode = select ? QTextCursor::KeepAnchor : QTextCursor::MoveAnchor;
+    if (backward && position == block.position() && continuesPrevious(block)) {
+        cursor.setPosition(position - 1, mode);
+        setTextCursor(cursor);
+    } else if (forward && position == block.position() + block.length() - 1 && continuesPrevious(block.next())) {
+        cursor.setPosition(position + 1, mode);
+        setTextCursor(cursor);
+    }
+}
+
+bool ComposerEditor::editNeedsBalance(int incoming) const
+{
+    // Most keys change one piece well inside its limits and leave the undo history as Qt keeps it
+    // (typing merged into one step); only an edit that may cut or join pieces is wrapped.
+    const QTextCursor cursor = textCursor();
+    const QTextBlock block = cursor.block();
+    if (cursor.hasSelection() &&
+        document()->findBlock(cursor.selectionStart()) != document()->findBlock(cursor.selectionEnd()))
+        return true;
+    if (block.length() - 1 + incoming > longestPiece)
+        return true;
+    return block.length() - 1 <= shortPiece && (continuesPrevious(block) || continuesPrevious(block.next()));
+}
+
+template<typename Edit>
+void ComposerEditor::editAndBalance(Edit edit)
+{
+    const QTextCursor cursor = textCursor();
+    QTextDocument *doc = document();
+    QTextCursor from(doc);
+    from.setPosition(doc->findBlock(cursor.selectionStart()).position());
+    from.setKeepPositionOnInsert(true);
+    const QTextBlock last = doc->findBlock(cursor.selectionEnd());
+    QTextCursor to(doc);
+    to.setPosition(last.position() + last.length() - 1);
+    QTextCursor step(doc);
+    step.beginEditBlock();
+    edit();
+    balance(from.position(), to.position());
+    step.endEditBlock();
+}
+
+void ComposerEditor::balance(int from, int to)
+{
+    QTextDocument *doc = document();
+    QTextCursor end(doc);
+    end.setPosition(std::min(to, doc->characterCount() - 1));
+    QTextBlock block = doc->findBlock(from);
+    if (block.previous().isValid())
+        block = block.previous();
+    int position = block.position();
+    for (;;) {
+        block = doc->findBlock(position);
+        if (!block.isValid())
+            break;
+        if (block.length() - 1 > longestPiece) {
+            cut(block);
+            block = doc->findBlock(position);
+        }
+        const QTextBlock next = block.next();
+        if (continuesPrevious(next)) {
+            const int length = block.length() - 1;
+            const int nextLength = next.length() - 1;
+            if (length == 0 || nextLength == 0 ||
+                (std::min(length, nextLength) < shortPiece && length + nextLength <= cutSpacing)) {
+                // The joined block keeps the first one's format, which says how it follows its own
+                // predecessor.
+                QTextCursor join(doc);
+                join.setPosition(next.position() - 1);
+                join.deleteChar();
+                continue;
+            }
+        }
+        if (!next.isValid() || block.position() > end.position())
+            break;
+        position = next.position();
+    }
+}
+
+void ComposerEditor::cut(const QTextBlock &block)
+{
+    const QList<int> cuts = cutPoints(block.text());
+    const QTextBlockFormat continuing = withContinuation(block.blockFormat());
+    const int start = block.position();
+    QTextCursor cursor(document());
+    // From the last cut back, so that the earlier positions still hold.
+    for (auto at = cuts.crbegin(); at != cuts.crend(); ++at) {
+        cursor.setPosition(start + *at);
+        cursor.insertBlock(continuing);
+    }
+}
