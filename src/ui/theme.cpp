@@ -103,6 +103,17 @@ private:
     QImage render(const QSize &size, qreal scale, QIcon::Mode mode) const
     {
         const QSize pixels(std::max(1, qRound(size.width() * scale)), std::max(1, qRound(size.height() * scale)));
+        const QColor tint = tintColor(mode);
+        // Every message carries a row of these buttons, and each paint of one would parse its
+        // drawing again: a transcript switching versions repaints dozens at once. The same symbol
+        // at the same size and colour is drawn once per run. Widgets paint on the main thread only.
+        static QHash<QString, QImage> drawn;
+        const QString key =
+            QStringLiteral("%1/%2x%3/%4").arg(m_symbol).arg(pixels.width()).arg(pixels.height()).arg(tint.rgba());
+        if (const auto it = drawn.constFind(key); it != drawn.cend())
+            return *it;
+        if (drawn.size() >= 512)
+            drawn.clear(); // sizes and palettes come and go; the drawings in use come back at once
         QImage image(pixels, QImage::Format_ARGB32_Premultiplied);
         image.fill(Qt::transparent);
         const int side = std::min(pixels.width(), pixels.height());
@@ -121,9 +132,10 @@ private:
             painter.drawEllipse(square.adjusted(side * 0.25, side * 0.25, -side * 0.25, -side * 0.25));
         }
         painter.setCompositionMode(QPainter::CompositionMode_SourceIn);
-        painter.fillRect(image.rect(), tintColor(mode));
+        painter.fillRect(image.rect(), tint);
         painter.end();
         image.setDevicePixelRatio(1.0);
+        drawn.insert(key, image);
         return image;
     }
 

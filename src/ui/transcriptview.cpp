@@ -163,6 +163,10 @@ constexpr double buildMargin = 0.5;
 constexpr double keepMargin = 2.0;
 // After a reply ends, before freed memory is handed back.
 constexpr int trimDelayMs = 1000;
+// Bubbles put aside for reuse: about two screens of them, and none of a long message (its layouts
+// are the memory that dropping far bubbles gives back).
+constexpr std::size_t maxSpares = 40;
+constexpr qsizetype maxSpareLength = 20'000;
 
 } // namespace
 
@@ -401,11 +405,48 @@ int TranscriptArea::estimateHeight(qsizetype index) const
     return chrome + int(std::min<qsizetype>(lines * (metrics.lineSpacing() + 1), 1'000'000));
 }
 
+void TranscriptArea::putAside(MessageBubble *bubble)
+{
+    if (!bubble)
+        return;
+    if (bubble->isEditing() || bubble->message().content.size() > maxSpareLength) {
+        delete bubble;
+        return;
+    }
+    bubble->hide();
+    m_spares.push_back(bubble);
+    if (m_spares.size() > maxSpares) {
+        delete m_spares.front();
+        m_spares.erase(m_spares.begin());
+    }
+}
+
+MessageBubble *TranscriptArea::takeSpare(const ChatMessage &message)
+{
+    for (auto it = m_spares.begin(); it != m_spares.end(); ++it) {
+        MessageBubble *bubble = *it;
+        if (!bubble || bubble->message().id != message.id)
+            continue;
+        m_spares.erase(it);
+        bubble->setMessage(message);
+        return bubble;
+    }
+    return nullptr;
+}
+
+void TranscriptArea::dropSpares()
+{
+    for (const QPointer<MessageBubble> &bubble : m_spares)
+        delete bubble;
+    m_spares.clear();
+}
+
 void TranscriptArea::handleReset()
 {
     for (Row &row : m_rows)
         delete row.bubble;
     m_rows.clear();
+    dropSpares();
     const QList<ChatMessage> &messages = m_chat->messages();
     m_rows.resize(std::size_t(messages.size()));
     for (qsizetype i = 0; i < messages.size(); ++i) {
@@ -476,8 +517,10 @@ void TranscriptArea::handleReplaced(qsizetype index)
     const bool focusHere = holder && indexOfBubble(holder) >= index;
     const QString control = focusHere && holder == bubbleAt(index) && focus != holder ? focus->objectName() : QString();
     const bool currentHere = currentMessage() >= index;
+    // Flipping back and forth between versions shows the same messages again: their bubbles are
+    // kept aside rather than built anew each time.
     for (std::size_t i = std::size_t(index); i < m_rows.size(); ++i)
-        delete m_rows[i].bubble;
+        putAside(m_rows[i].bubble);
     m_rows.resize(std::size_t(messages.size()));
     for (qsizetype i = index; i < messages.size(); ++i) {
         Row &row = m_rows[std::size_t(i)];
@@ -587,30 +630,10 @@ void TranscriptArea::relayout()
             Row &row = m_rows[std::size_t(i)];
             if (row.bubble)
                 continue;
-            row.bubble = new MessageBubble(messages.at(i), viewport());
-            MessageBubble *bubble = row.bubble;
-            bubble->installEventFilter(this);
-            connect(bubble, &MessageBubble::heightChanged, this, [this, bubble] { remeasure(bubble); });
-            // Queued: each of these replaces the message, and with it the bubble that asked, which
-            // must first return from the click or key press that asked.
-            connect(
-                bubble, &MessageBubble::regenerateRequested, bubble, [this] { emit regenerateRequested(); },
-                Qt::QueuedConnection);
-            connect(
-                bubble, &MessageBubble::resendRequested, bubble,
-                [this, bubble](const QString &text) {
-                    if (const qsizetype at = indexOfBubble(bubble); at >= 0)
-                        emit resendRequested(at, text);
-                },
-                Qt::QueuedConnection);
-            connect(
-                bubble, &MessageBubble::versionRequested, bubble,
-                [this, bubble](int target) {
-                    if (const qsizetype at = indexOfBubble(bubble); at >= 0)
-                        m_chat->showVersion(at, target);
-                },
-                Qt::QueuedConnection);
-            syncSteering(bubble, i);
+            row.bubble = takeSpare(messages.at(i));
+            if (!row.bubble)
+                row.bubble = makeBubble(messages.at(i));
+            syncSteering(row.bubble, i);
             emit bubbleBuilt(i, row.bubble);
             const int height = row.bubble->heightForWidth(m_width);
             row.bubble->setGeometry(0, rowTop(i) - value, m_width, height);
@@ -632,7 +655,8 @@ void TranscriptArea::relayout()
             bar->setValue(rowTop(anchorRow) + anchorOffset);
     }
 
-    // Far bubbles go, and with them their layouts and highlighted code.
+    // Far bubbles go, and with them their layouts and highlighted code; the last few short ones wait
+    // aside for a scroll back.
     const int value = bar->value();
     const int keepTop = int(value - visible * keepMargin);
     const int keepBottom = int(value + visible * (1 + keepMargin));
@@ -643,13 +667,40 @@ void TranscriptArea::relayout()
         const int top = rowTop(i);
         // A message being edited keeps its editor, and the text typed in it, while out of sight.
         if ((top + row.height < keepTop || top > keepBottom) && !row.bubble->isEditing())
-            delete row.bubble;
+            putAside(std::exchange(row.bubble, nullptr));
         else
             syncSteering(row.bubble, i);
     }
     placeRows(0);
     m_inRelayout = false;
     reportGeometry();
+}
+
+MessageBubble *TranscriptArea::makeBubble(const ChatMessage &message)
+{
+    auto *bubble = new MessageBubble(message, viewport());
+    bubble->installEventFilter(this);
+    connect(bubble, &MessageBubble::heightChanged, this, [this, bubble] { remeasure(bubble); });
+    // Queued: each of these replaces the message, and with it the bubble that asked, which
+    // must first return from the click or key press that asked.
+    connect(
+        bubble, &MessageBubble::regenerateRequested, bubble, [this] { emit regenerateRequested(); },
+        Qt::QueuedConnection);
+    connect(
+        bubble, &MessageBubble::resendRequested, bubble,
+        [this, bubble](const QString &text) {
+            if (const qsizetype at = indexOfBubble(bubble); at >= 0)
+                emit resendRequested(at, text);
+        },
+        Qt::QueuedConnection);
+    connect(
+        bubble, &MessageBubble::versionRequested, bubble,
+        [this, bubble](int target) {
+            if (const qsizetype at = indexOfBubble(bubble); at >= 0)
+                m_chat->showVersion(at, target);
+        },
+        Qt::QueuedConnection);
+    return bubble;
 }
 
 void TranscriptArea::placeFocusRing()

@@ -10,6 +10,7 @@
 #include <vector>
 
 class ChatViewModel;
+struct ChatMessage;
 class QAbstractButton;
 class FocusRing;
 class JumpButton;
@@ -53,7 +54,8 @@ private:
 };
 
 // The scrolling list of a conversation's messages, built lazily: only the bubbles near the
-// visible area exist; the others are rows with a known or estimated height. So opening a long
+// visible area exist (and, hidden, a few short ones that recently left it, for when they come
+// back); the others are rows with a known or estimated height. So opening a long
 // conversation and resizing the window cost what is on screen, and a streamed update costs the
 // one bubble that changed. Below the messages sit the red error line and a one-point bottom
 // anchor whose lower edge, with the visible height, is reported to the scroll controller after
@@ -146,10 +148,17 @@ private:
     // Leaves the transcript for the next (or previous) control of the window.
     bool leave(bool next);
     void remeasure(MessageBubble *bubble);
+    MessageBubble *makeBubble(const ChatMessage &message);
+    // Bubbles of rows that left (dropped far from view, or another version shown) wait hidden for
+    // their message to come back; the oldest go first.
+    void putAside(MessageBubble *bubble);
+    MessageBubble *takeSpare(const ChatMessage &message);
+    void dropSpares();
 
     ChatViewModel *m_chat;
     ScrollController *m_scroll;
     std::vector<Row> m_rows;
+    std::vector<QPointer<MessageBubble>> m_spares;
     mutable std::vector<int> m_tops; // content y of each row, valid below m_validTops
     mutable qsizetype m_validTops = 0;
     QLabel *m_error;

@@ -1,5 +1,6 @@
 #include "chat/chatviewmodel.h"
 #include "loopbackserver.h"
+#include "model/versions.h"
 #include "ui/codeblockview.h"
 #include "ui/messagebubble.h"
 #include "ui/scrollcontroller.h"
@@ -122,6 +123,48 @@ private slots:
         QVERIFY(area->bubbleAt(0));
         QVERIFY(!area->bubbleAt(999));
         QVERIFY(area->builtBubbleCount() < 40);
+    }
+    // Flipping a prompt's versions back and forth shows each branch with the bubbles it had, kept
+    // aside meanwhile, each showing its own message and version.
+    void versionsFlippedBackAndForth_showTheirOwnBubbles()
+    {
+        Conversation conversation;
+        conversation.id = QUuid::createUuid();
+        QList<ChatMessage> messages;
+        for (int i = 0; i < 8; ++i)
+            messages.append(
+                ChatMessage(i % 2 ? ChatRole::assistant : ChatRole::user, QStringLiteral("Message %1").arg(i)));
+        messages = MessageVersioning::addVersion(messages, 4, ChatMessage(ChatRole::user, QStringLiteral("Edited")));
+        messages.append(ChatMessage(ChatRole::assistant, QStringLiteral("Reply to the edit")));
+        conversation.messages = messages;
+        m_chat->activate(conversation);
+        TranscriptArea *area = m_view->area();
+        MessageBubble *edited = area->bubbleAt(5);
+        QVERIFY(edited);
+
+        m_chat->showVersion(4, 0);
+        QCOMPARE(area->messageCount(), 8);
+        MessageBubble *original = area->bubbleAt(7);
+        QVERIFY(original && original != edited);
+        QCOMPARE(original->message().content, QStringLiteral("Message 7"));
+        QCOMPARE(area->bubbleAt(4)->versionLabel()->text(), QStringLiteral("1 / 2"));
+
+        m_chat->showVersion(4, 1);
+        QCOMPARE(area->messageCount(), 6);
+        QCOMPARE(area->bubbleAt(5), edited);
+        QVERIFY(edited->isVisible());
+        QCOMPARE(edited->message(), m_chat->messages().at(5));
+        QCOMPARE(area->bubbleAt(4)->versionLabel()->text(), QStringLiteral("2 / 2"));
+
+        m_chat->showVersion(4, 0);
+        QCOMPARE(area->bubbleAt(7), original);
+        QCOMPARE(original->message(), m_chat->messages().at(7));
+        QCOMPARE(area->bubbleAt(4)->versionLabel()->text(), QStringLiteral("1 / 2"));
+        // What waits aside is out of sight: only the rows' bubbles show.
+        int shown = 0;
+        for (const MessageBubble *bubble : area->viewport()->findChildren<MessageBubble *>(Qt::FindDirectChildrenOnly))
+            shown += bubble->isVisible() ? 1 : 0;
+        QCOMPARE(shown, area->builtBubbleCount());
     }
     void followsUntilTheUserScrollsAway()
     {
