@@ -28,7 +28,7 @@ private slots:
         QVERIFY(QFile::copy(QString::fromUtf8(historyFile), path));
         QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner);
         m_store = std::make_unique<ConversationStore>(path);
-        QCOMPARE(m_store->conversations().size(), 3);
+        QCOMPARE(m_store->conversations().size(), 4);
         QVERIFY(m_store->conversations().first().messages.stored().has_value());
     }
 
@@ -90,6 +90,14 @@ private slots:
              {u"a"_s, u"a"_s},
              0},
             {"one word missing", u"paris rust"_s, {}, QString(), {}, -1},
+            // What a conversation shows is what it is found by: a reply regenerated away is not.
+            {"only in a hidden version", u"zebra"_s, {}, QString(), {}, -1},
+            {"in the version shown",
+             u"quoll"_s,
+             {u"Versions"_s},
+             u"…try, the quoll"_s,
+             {u"quoll"_s},
+             1},
         };
         for (const Row &row : rows)
             QTest::newRow(row.name) << row.typed << row.titles << row.context << row.bold << row.messageIndex;
@@ -114,6 +122,14 @@ private slots:
         for (const SearchResult &r : results)
             gotTitles.append(r.title);
         QCOMPARE(gotTitles, titles);
+        // Messages decoded (as after an edit) are found by the same words.
+        QStringList decodedTitles;
+        for (Conversation c : m_store->conversations()) {
+            c.messages = c.messages.list();
+            if (HistorySearch::searchConversation(c, TextSearch::Query(typed)))
+                decodedTitles.append(c.title);
+        }
+        QCOMPARE(decodedTitles, titles);
         if (results.isEmpty())
             return;
         QCOMPARE(results.first().context, context);
