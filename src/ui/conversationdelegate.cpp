@@ -14,6 +14,74 @@ ConversationDelegate::ConversationDelegate(QObject *parent)
     : QStyledItemDelegate(parent)
 {}
 
+struct ConversationDelegate::Lines
+{
+    QTextLayout title;
+    QTextLayout date;
+    QTextLayout context;
+};
+
+namespace {
+
+void layOutLine(QTextLayout &layout, const QString &text, const QFont &font,
+                const QList<QTextLayout::FormatRange> &formats = {})
+{
+    layout.setText(text);
+    layout.setFont(font);
+    // Without it the layout forgets its shaping after laying out, and shapes again at each draw.
+    layout.setCacheEnabled(true);
+    layout.setFormats(formats);
+    QTextOption option;
+    option.setWrapMode(QTextOption::NoWrap);
+    layout.setTextOption(option);
+    layout.beginLayout();
+    QTextLine line = layout.createLine();
+    line.setPosition(QPointF(0, 0));
+    layout.endLayout();
+}
+
+} // namespace
+
+const ConversationDelegate::Lines &ConversationDelegate::linesFor(const QModelIndex &index, int width,
+                                                                  const Fonts &fonts) const
+{
+    if (!(fonts == m_fonts)) {
+        m_lines.clear();
+        m_fonts = fonts;
+    }
+    const QString title = index.data(Qt::DisplayRole).toString();
+    const QString date = index.data(ConversationListModel::DateTextRole).toString();
+    const QString context = index.data(ConversationListModel::ContextRole).toString();
+    const auto hits = index.data(ConversationListModel::ContextHitsRole).value<QList<TextSearch::Range>>();
+    QString key = QString::number(width);
+    key.reserve(key.size() + title.size() + date.size() + context.size() + 8 * hits.size() + 3);
+    key += QChar(u'\x1f') + title + QChar(u'\x1f') + date + QChar(u'\x1f') + context;
+    for (const TextSearch::Range &hit : hits)
+        key += QChar(u'\x1f') + QString::number(hit.start) + QChar(u'+') + QString::number(hit.length);
+    if (const auto found = m_lines.constFind(key); found != m_lines.constEnd())
+        return **found;
+
+    auto lines = std::make_shared<Lines>();
+    layOutLine(lines->title, QFontMetrics(fonts.title).elidedText(title, Qt::ElideRight, width), fonts.title);
+    layOutLine(lines->date, QFontMetrics(fonts.date).elidedText(date, Qt::ElideRight, width), fonts.date);
+    if (!context.isEmpty()) {
+        QFont bold = fonts.context;
+        bold.setWeight(QFont::Bold);
+        QList<QTextLayout::FormatRange> formats;
+        for (const TextSearch::Range &hit : hits) {
+            QTextCharFormat format;
+            format.setFont(bold);
+            formats.append({int(hit.start), int(hit.length), format});
+        }
+        layOutLine(lines->context, context, fonts.context, formats);
+    }
+    // A few screenfuls of rows: enough that scrolling back and forth and every batch of search
+    // results repaint without shaping again.
+    if (m_lines.size() >= 400)
+        m_lines.clear();
+    return **m_lines.insert(key, std::move(lines));
+}
+
 void ConversationDelegate::paint(QPainter *painter, const QStyleOptionViewItem &option, const QModelIndex &index) const
 {
     QStyleOptionViewItem opt = option;
@@ -34,30 +102,24 @@ void ConversationDelegate::paint(QPainter *painter, const QStyleOptionViewItem &
         selected ? Theme::withOpacity(titleColor, 0.75) : Theme::color(Theme::Color::Secondary, opt.palette);
 
     const QRect content = opt.rect.adjusted(horizontalPadding, verticalPadding, -horizontalPadding, -verticalPadding);
-    const QFont titleFont = Theme::font(Theme::TextStyle::Body);
-    const QFont dateFont = Theme::font(Theme::TextStyle::Caption2);
-    const QFontMetrics titleMetrics(titleFont);
-    const QFontMetrics dateMetrics(dateFont);
+    const Fonts fonts{Theme::font(Theme::TextStyle::Body), Theme::font(Theme::TextStyle::Caption2),
+                      Theme::font(Theme::TextStyle::Caption)};
+    const Lines &lines = linesFor(index, content.width(), fonts);
+    const int titleHeight = QFontMetrics(fonts.title).height();
+    const int dateTop = content.top() + titleHeight + lineSpacing;
+    const int contextTop = dateTop + QFontMetrics(fonts.date).height() + lineSpacing;
 
     painter->save();
-    painter->setFont(titleFont);
+    painter->setClipRect(content);
     painter->setPen(titleColor);
-    const QRect titleRect(content.left(), content.top(), content.width(), titleMetrics.height());
-    painter->drawText(
-        titleRect, Qt::AlignLeft | Qt::AlignVCenter,
-        titleMetrics.elidedText(index.data(Qt::DisplayRole).toString(), Qt::ElideRight, titleRect.width()));
-    painter->setFont(dateFont);
+    lines.title.draw(painter, content.topLeft());
     painter->setPen(dateColor);
-    const QRect dateRect(content.left(), titleRect.bottom() + 1 + lineSpacing, content.width(), dateMetrics.height());
-    painter->drawText(dateRect, Qt::AlignLeft | Qt::AlignVCenter,
-                      dateMetrics.elidedText(index.data(ConversationListModel::DateTextRole).toString(), Qt::ElideRight,
-                                             dateRect.width()));
-    if (hasContext(index)) {
-        const QFont contextFont = Theme::font(Theme::TextStyle::Caption);
-        const QRect contextRect(content.left(), dateRect.bottom() + 1 + lineSpacing, content.width(),
-                                QFontMetrics(contextFont).height());
-        drawContext(painter, contextRect, contextFont, index, titleColor);
+    lines.date.draw(painter, QPoint(content.left(), dateTop));
+    if (!lines.context.text().isEmpty()) {
+        painter->setPen(titleColor);
+        lines.context.draw(painter, QPoint(content.left(), contextTop));
     }
+    painter->setClipping(false);
     // The row the keyboard is on, while the list has the focus: without it, a selected row looks
     // the same whether the arrows move it or the composer has the keys. A ring in the text's
     // colour stands out on the selection as on the plain background, light or dark.
@@ -83,35 +145,4 @@ bool ConversationDelegate::hasContext(const QModelIndex &index)
 {
     // Search results always carry the role, even with an empty line: their rows keep one height.
     return index.data(ConversationListModel::ContextRole).isValid();
-}
-
-void ConversationDelegate::drawContext(QPainter *painter, const QRect &rect, const QFont &font,
-                                       const QModelIndex &index, const QColor &color)
-{
-    const QString context = index.data(ConversationListModel::ContextRole).toString();
-    if (context.isEmpty())
-        return;
-    const auto hits = index.data(ConversationListModel::ContextHitsRole).value<QList<TextSearch::Range>>();
-    QFont bold = font;
-    bold.setWeight(QFont::Bold);
-    QList<QTextLayout::FormatRange> formats;
-    for (const TextSearch::Range &hit : hits) {
-        QTextCharFormat format;
-        format.setFont(bold);
-        formats.append({int(hit.start), int(hit.length), format});
-    }
-    QTextLayout layout(context, font);
-    layout.setFormats(formats);
-    QTextOption option;
-    option.setWrapMode(QTextOption::NoWrap);
-    layout.setTextOption(option);
-    layout.beginLayout();
-    QTextLine line = layout.createLine();
-    line.setPosition(QPointF(0, 0));
-    layout.endLayout();
-    painter->save();
-    painter->setClipRect(rect);
-    painter->setPen(color);
-    layout.draw(painter, rect.topLeft());
-    painter->restore();
 }

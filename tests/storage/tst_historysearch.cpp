@@ -92,12 +92,7 @@ private slots:
             {"one word missing", u"paris rust"_s, {}, QString(), {}, -1},
             // What a conversation shows is what it is found by: a reply regenerated away is not.
             {"only in a hidden version", u"zebra"_s, {}, QString(), {}, -1},
-            {"in the version shown",
-             u"quoll"_s,
-             {u"Versions"_s},
-             u"…try, the quoll"_s,
-             {u"quoll"_s},
-             1},
+            {"in the version shown", u"quoll"_s, {u"Versions"_s}, u"…try, the quoll"_s, {u"quoll"_s}, 1},
         };
         for (const Row &row : rows)
             QTest::newRow(row.name) << row.typed << row.titles << row.context << row.bold << row.messageIndex;
