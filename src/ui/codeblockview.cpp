@@ -408,6 +408,8 @@ CodeBlockView::CodeBlockView(const QString &code, const std::optional<QString> &
             [this] { m_codeView->resize(std::max(m_codeView->contentWidth(), width()), m_codeView->contentHeight()); });
 
     setUpSidewaysScroll(m_scroll, m_codeView, this);
+    // The strip grows with every streamed line: only the new lines are painted, not all the code.
+    m_scroll->setAttribute(Qt::WA_StaticContents);
     m_scroll->viewport()->setAttribute(Qt::WA_StaticContents);
     setAttribute(Qt::WA_StaticContents);
     m_codeView->setAutoFillBackground(false);

@@ -176,17 +176,32 @@ TranscriptScrollBar::TranscriptScrollBar(QWidget *parent)
 
 void TranscriptScrollBar::sliderChange(SliderChange change)
 {
-    if ((change == SliderRangeChange || change == SliderValueChange) && m_painted == currentLook() &&
-        !style()->styleHint(QStyle::SH_ScrollBar_Transient, nullptr, this))
+    // The transcript sets its page step again on every range update, and a followed reply first
+    // grows the range and then eases the value after it: each would repaint the whole bar.
+    const bool moves = change == SliderRangeChange || change == SliderValueChange || change == SliderStepsChange;
+    if (!moves || !m_shown || style()->styleHint(QStyle::SH_ScrollBar_Transient, nullptr, this)) {
+        QScrollBar::sliderChange(change);
         return;
-    QScrollBar::sliderChange(change);
+    }
+    const Look now = currentLook();
+    if (now == *m_shown)
+        return;
+    if (now.atMinimum != m_shown->atMinimum || now.atMaximum != m_shown->atMaximum) {
+        QScrollBar::sliderChange(change);
+        return;
+    }
+    // The groove looks the same all along, so only the handle's old and new places change, with
+    // the shade some styles draw a pixel beyond the handle.
+    update(m_shown->handle.united(now.handle).adjusted(0, -2, 0, 2));
+    m_shown = now;
 }
 
 void TranscriptScrollBar::paintEvent(QPaintEvent *event)
 {
-    // After a partial paint the rest of the bar may still show an older look.
-    m_painted =
-        QRegion(rect()).subtracted(event->region()).isEmpty() ? std::optional<Look>(currentLook()) : std::nullopt;
+    // A whole paint shows the bar as it is now; a partial one the look sliderChange() asked for,
+    // or, outside the handle, what was there.
+    if (QRegion(rect()).subtracted(event->region()).isEmpty())
+        m_shown = currentLook();
     QScrollBar::paintEvent(event);
 }
 

@@ -22,7 +22,8 @@ class ScrollController;
 // The transcript's vertical scroll bar. A growing reply changes its range on every update, and a
 // plain scroll bar repaints whole for each, gradients and all; once the content is many screens
 // tall the handle no longer moves by a whole pixel per update, so range and value changes here
-// repaint only when the bar would look different from what it last painted.
+// repaint only when the bar would look different from what it shows, and then only the handle's
+// old and new places unless an end of the bar changes its look.
 class TranscriptScrollBar final : public QScrollBar
 {
     Q_OBJECT
@@ -49,7 +50,7 @@ private:
     Look currentLook() const;
     bool endsShow() const;
 
-    std::optional<Look> m_painted;          // the look of the last whole paint
+    std::optional<Look> m_shown;            // the look on screen once pending repaints are done
     mutable std::optional<bool> m_endsShow; // whether this style marks the ends, once drawn to see
 };
 

@@ -257,22 +257,26 @@ private slots:
         QVERIFY(bar()->value() < before);
         QVERIFY(!m_scroll->autoScroll());
     }
-    // The bar repaints when it would look different, and only then.
+    // The bar repaints when it would look different, and only then; what it shows afterwards is
+    // what a whole paint of it shows.
     void scrollBarRepaintsOnlyWhenItsLookChanges_data()
     {
         QTest::addColumn<int>("maximum"); // the value starts there, at the end
         QTest::addColumn<int>("newMaximum");
-        QTest::addColumn<int>("newValue");
+        QTest::addColumn<QList<int>>("values"); // set one after another, as an easing follow does
         QTest::addColumn<bool>("repaints");
-        QTest::addRow("long, grows, end followed") << 400000 << 400040 << 400040 << false;
-        QTest::addRow("long, handle moves") << 400000 << 400000 << 200000 << true;
-        QTest::addRow("short, grows, end followed") << 100 << 300 << 300 << true;
+        QTest::addRow("long, grows, end followed") << 400000 << 400040 << QList<int>{400040} << false;
+        QTest::addRow("long, same page step set again") << 400000 << 400000 << QList<int>{400000} << false;
+        QTest::addRow("long, handle moves") << 400000 << 400000 << QList<int>{200000} << true;
+        QTest::addRow("short, grows, end followed") << 100 << 300 << QList<int>{300} << true;
+        QTest::addRow("short, grows, end eased after") << 100 << 300 << QList<int>{150, 220, 300} << true;
+        QTest::addRow("leaves the end") << 100 << 100 << QList<int>{50} << true;
     }
     void scrollBarRepaintsOnlyWhenItsLookChanges()
     {
         QFETCH(int, maximum);
         QFETCH(int, newMaximum);
-        QFETCH(int, newValue);
+        QFETCH(QList<int>, values);
         QFETCH(bool, repaints);
         TranscriptScrollBar bar;
         bar.resize(bar.sizeHint().width(), 400);
@@ -287,9 +291,15 @@ private slots:
         QTRY_COMPARE(paints, 1);
 
         bar.setRange(0, newMaximum);
-        bar.setValue(newValue);
+        bar.setPageStep(400);
+        for (int value : values) {
+            bar.setValue(value);
+            QTest::qWait(20);
+        }
         QTest::qWait(50);
         QCOMPARE(paints > 1, repaints);
+        const QImage shown = bar.screen()->grabWindow(bar.winId()).toImage().convertToFormat(QImage::Format_RGB32);
+        QCOMPARE(shown, bar.grab().toImage().convertToFormat(QImage::Format_RGB32));
     }
     // What the window shows after many in-place updates is what a fresh paint of the same state
     // shows: partial repaints leave nothing stale behind.
