@@ -6,6 +6,7 @@
 #include <QTextBoundaryFinder>
 #include <QTextCursor>
 #include <QTextDocument>
+#include <QVarLengthArray>
 
 #include <algorithm>
 #include <utility>
@@ -78,6 +79,52 @@ bool matchesAny(QKeyEvent *event, std::initializer_list<QKeySequence::StandardKe
                        [event](QKeySequence::StandardKey key) { return event->matches(key); });
 }
 
+// Whether blocks continue the one before, by their format's index: a long text has a hundred
+// thousand blocks and a handful of formats, and reading a block's format is a lookup and a copy.
+class ContinuationCache
+{
+public:
+    bool operator()(const QTextBlock &block)
+    {
+        const int index = block.blockFormatIndex();
+        for (const auto &[known, continues] : m_known) {
+            if (known == index)
+                return continues;
+        }
+        const bool continues = ComposerEditor::continuesPrevious(block);
+        m_known.append({index, continues});
+        return continues;
+    }
+
+private:
+    QVarLengthArray<std::pair<int, bool>, 4> m_known;
+};
+
+// The raw text of a stretch of the document, starting inside first, with each block separator
+// made a line break, or dropped where the next block continues a line.
+QString joined(QString raw, QTextBlock first)
+{
+    ContinuationCache continues;
+    QChar *out = raw.data();
+    const QChar *in = out;
+    const QChar *end = in + raw.size();
+    QTextBlock block = first;
+    while (in != end) {
+        const QChar *separator = std::find(in, end, QChar(QChar::ParagraphSeparator));
+        if (out != in)
+            std::copy(in, separator, out);
+        out += separator - in;
+        if (separator == end)
+            break;
+        block = block.next();
+        if (!continues(block))
+            *out++ = u'\n';
+        in = separator + 1;
+    }
+    raw.truncate(out - raw.constData());
+    return raw;
+}
+
 } // namespace
 
 ComposerEditor::ComposerEditor(QWidget *parent)
@@ -91,14 +138,15 @@ bool ComposerEditor::continuesPrevious(const QTextBlock &block)
 
 QString ComposerEditor::text() const
 {
-    return textBetween(0, document()->characterCount() - 1);
+    return joined(document()->toRawText(), document()->begin());
 }
 
 qsizetype ComposerEditor::textLength() const
 {
+    ContinuationCache continues;
     qsizetype cuts = 0;
     for (QTextBlock block = document()->begin().next(); block.isValid(); block = block.next())
-        cuts += continuesPrevious(block);
+        cuts += continues(block);
     return document()->characterCount() - 1 - cuts;
 }
 
@@ -107,22 +155,7 @@ QString ComposerEditor::textBetween(int from, int to) const
     QTextCursor range(document());
     range.setPosition(from);
     range.setPosition(to, QTextCursor::KeepAnchor);
-    const QString raw = range.selectedText();
-    // Each block after the first in the range is preceded by its separator: a line break, or
-    // nothing at all where a piece continues.
-    QString joined;
-    joined.reserve(raw.size());
-    qsizetype copied = 0;
-    for (QTextBlock block = document()->findBlock(from).next(); block.isValid() && block.position() <= to;
-         block = block.next()) {
-        const qsizetype separator = block.position() - 1 - from;
-        joined.append(QStringView(raw).sliced(copied, separator - copied));
-        if (!continuesPrevious(block))
-            joined.append(u'\n');
-        copied = separator + 1;
-    }
-    joined.append(QStringView(raw).sliced(copied));
-    return joined;
+    return joined(range.selectedText(), document()->findBlock(from));
 }
 
 void ComposerEditor::setText(const QString &text)

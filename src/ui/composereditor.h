@@ -25,10 +25,10 @@ class ComposerEditor final : public QPlainTextEdit
 
 public:
     // A piece longer than this is cut, into pieces of at most cutSpacing characters.
-    static constexpr int longestPiece = 4096;
-    static constexpr int cutSpacing = 3072;
+    static constexpr int longestPiece = 2048;
+    static constexpr int cutSpacing = 1536;
     // A piece shorter than this joins its neighbour when both fit in cutSpacing.
-    static constexpr int shortPiece = 512;
+    static constexpr int shortPiece = 256;
 
     explicit ComposerEditor(QWidget *parent = nullptr);
 

@@ -57,7 +57,9 @@ QString ComposerField::text() const
 void ComposerField::setText(const QString &text)
 {
     // The length first: reading a long text out of the document costs more than a key may take.
-    if (m_editor->textLength() == text.size() && m_editor->text() == text)
+    const bool same = text.isEmpty() ? m_editor->document()->isEmpty()
+                                     : m_editor->textLength() == text.size() && m_editor->text() == text;
+    if (same)
         return;
     m_settingText = true;
     m_editor->setText(text);

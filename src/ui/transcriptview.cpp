@@ -168,6 +168,19 @@ constexpr int trimDelayMs = 1000;
 constexpr std::size_t maxSpares = 40;
 constexpr qsizetype maxSpareLength = 20'000;
 
+// The width messages are laid out at: the viewport's, less the scroll bar's even while the bar is
+// hidden. The bar appears a moment after the messages outgrow the view (Qt shows it from a queued
+// call), and a long message laid out without it would be laid out again when it comes.
+int layoutWidth(const QAbstractScrollArea *area)
+{
+    const QScrollBar *bar = area->verticalScrollBar();
+    int width = area->viewport()->width();
+    if (!bar->isVisible() && area->verticalScrollBarPolicy() == Qt::ScrollBarAsNeeded &&
+        !area->style()->styleHint(QStyle::SH_ScrollBar_Transient, nullptr, bar))
+        width -= bar->sizeHint().width();
+    return width;
+}
+
 } // namespace
 
 TranscriptScrollBar::TranscriptScrollBar(QWidget *parent)
@@ -414,10 +427,18 @@ int TranscriptArea::estimateHeight(qsizetype index) const
     const int textWidth = std::max(40, m_width - 2 * MessageBubble::sidePadding - MessageBubble::oppositeGap -
                                            MessageBubble::rowSpacing - 2 * MessageBubble::contentPadding);
     const qsizetype chars = message.content.size();
-    const qsizetype breaks = message.content.count(QLatin1Char('\n'));
-    const qsizetype lines = std::max<qsizetype>(1, breaks + chars * metrics.averageCharWidth() / textWidth);
+    const int lineHeight = metrics.lineSpacing() + 1;
+    constexpr qsizetype tallest = 1'000'000;
+    // Line breaks are counted only as far as they can still matter: past the tallest estimate a
+    // message of megabytes would be read whole for nothing.
+    const qsizetype mostLines = tallest / lineHeight + 1;
+    qsizetype lines = chars * metrics.averageCharWidth() / textWidth;
+    for (qsizetype at = message.content.indexOf(QLatin1Char('\n')); at >= 0 && lines < mostLines;
+         at = message.content.indexOf(QLatin1Char('\n'), at + 1))
+        ++lines;
+    lines = std::max<qsizetype>(1, lines);
     const int chrome = 2 * MessageBubble::contentPadding + 2 * (metrics.height() + MessageBubble::stackSpacing);
-    return chrome + int(std::min<qsizetype>(lines * (metrics.lineSpacing() + 1), 1'000'000));
+    return chrome + int(std::min<qsizetype>(lines * lineHeight, tallest));
 }
 
 void TranscriptArea::putAside(MessageBubble *bubble)
@@ -928,7 +949,7 @@ bool TranscriptArea::leave(bool next)
 void TranscriptArea::resizeEvent(QResizeEvent *event)
 {
     QAbstractScrollArea::resizeEvent(event);
-    const int width = viewport()->width();
+    const int width = layoutWidth(this);
     if (width != m_width) {
         // Keep the same message at the top of the view across the new wrapping.
         QScrollBar *bar = verticalScrollBar();
