@@ -3,7 +3,9 @@
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QMetaObject>
+#include <QMutex>
 #include <QPointer>
+#include <QThread>
 #include <QThreadPool>
 
 #include <algorithm>
@@ -514,16 +516,98 @@ std::optional<SearchResult> HistorySearch::searchConversation(const Conversation
     return result;
 }
 
+// One search, shared by its workers: each takes the next chunk of the snapshot, and the results
+// are handed over in the snapshot's order, whichever worker finishes a chunk first.
+struct HistorySearch::Job
+{
+    // Small enough that the first rows come from the newest conversations at once, large enough
+    // that taking a chunk costs nothing next to searching it.
+    static constexpr qsizetype chunkSize = 16;
+    // The first rows as soon as there are enough to fill the list's top, then in steps the window
+    // can take without a stutter.
+    static constexpr qsizetype firstBatch = 20;
+    static constexpr qint64 batchIntervalMs = 30;
+
+    QPointer<HistorySearch> owner;
+    std::shared_ptr<std::atomic<quint64>> current;
+    quint64 generation = 0;
+    QList<Conversation> conversations;
+    Query query;
+    qsizetype chunkCount = 0;
+    std::atomic<qsizetype> nextChunk{0};
+
+    QMutex mutex;
+    std::vector<std::optional<QList<SearchResult>>> done; // by chunk, until handed over
+    qsizetype handedOver = 0;                             // chunks whose results left done
+    QList<SearchResult> pending;                          // handed over, not yet posted
+    bool posted = false;
+    QElapsedTimer sincePost;
+
+    bool cancelled() const { return current->load(std::memory_order_relaxed) != generation; }
+
+    void run()
+    {
+        while (!cancelled()) {
+            const qsizetype chunk = nextChunk.fetch_add(1);
+            if (chunk >= chunkCount)
+                return;
+            QList<SearchResult> found;
+            const qsizetype end = std::min(conversations.size(), (chunk + 1) * chunkSize);
+            for (qsizetype i = chunk * chunkSize; i < end; ++i) {
+                if (cancelled())
+                    return;
+                if (std::optional<SearchResult> result = searchConversation(conversations.at(i), query))
+                    found.append(std::move(*result));
+            }
+            const QMutexLocker lock(&mutex);
+            done[std::size_t(chunk)] = std::move(found);
+            while (handedOver < chunkCount && done[std::size_t(handedOver)]) {
+                pending.append(std::move(*done[std::size_t(handedOver)]));
+                done[std::size_t(handedOver)].reset();
+                ++handedOver;
+            }
+            // Only the worker that hands over the last chunk sees them all handed over.
+            const bool last = handedOver == chunkCount;
+            if (last || (!posted && pending.size() >= firstBatch) ||
+                (!pending.isEmpty() && sincePost.elapsed() >= batchIntervalMs))
+                post(last);
+        }
+    }
+
+    // Called with the mutex held.
+    void post(bool last)
+    {
+        if (cancelled())
+            return;
+        // Posted to the application, not to the search, which the main thread may be deleting.
+        QMetaObject::invokeMethod(
+            QCoreApplication::instance(),
+            [owner = owner, generation = generation, batch = std::move(pending), last] {
+                if (owner)
+                    owner->deliver(generation, batch, last);
+            },
+            Qt::QueuedConnection);
+        pending = {};
+        posted = true;
+        sincePost.restart();
+    }
+};
+
 HistorySearch::HistorySearch(QObject *parent)
     : QObject(parent)
     , m_generation(std::make_shared<std::atomic<quint64>>(0))
-{}
+    , m_pool(new QThreadPool(this))
+{
+    // The history is searched on every core; a pool of its own, so that a search never queues
+    // behind other background work (code highlighting) nor holds it up.
+    m_pool->setMaxThreadCount(std::max(1, QThread::idealThreadCount()));
+}
 
 HistorySearch::~HistorySearch()
 {
     cancel();
-    // The worker holds the snapshot and the generation counter by shared pointers, and delivers
-    // through a guarded pointer; it ends on its own after seeing the cancellation.
+    // Each worker sees the cancellation after the conversation it is reading.
+    m_pool->waitForDone();
 }
 
 void HistorySearch::cancel()
@@ -536,47 +620,25 @@ void HistorySearch::start(const QList<Conversation> &conversations, const QStrin
 {
     const quint64 generation = ++*m_generation;
     const Query query(typed);
-    if (query.isEmpty()) {
+    if (query.isEmpty() || conversations.isEmpty()) {
         m_running = false;
         emit resultsFound({});
         emit finished();
         return;
     }
     m_running = true;
-    QPointer<HistorySearch> self(this);
-    std::shared_ptr<std::atomic<quint64>> current = m_generation;
-    QThreadPool::globalInstance()->start([self, current, generation, conversations, query] {
-        QList<SearchResult> batch;
-        QElapsedTimer sinceDelivery;
-        sinceDelivery.start();
-        bool delivered = false;
-        const auto send = [&](bool last) {
-            if (current->load() != generation)
-                return;
-            // Posted to the application, not to the search, which the main thread may be deleting.
-            QMetaObject::invokeMethod(
-                QCoreApplication::instance(),
-                [self, generation, batch, last] {
-                    if (self)
-                        self->deliver(generation, batch, last);
-                },
-                Qt::QueuedConnection);
-            batch.clear();
-            delivered = true;
-            sinceDelivery.restart();
-        };
-        for (const Conversation &conversation : conversations) {
-            if (current->load() != generation)
-                return;
-            if (std::optional<SearchResult> result = searchConversation(conversation, query))
-                batch.append(std::move(*result));
-            // The first rows as soon as there are enough to fill the list's top, then in steps the
-            // window can take without a stutter.
-            if ((!delivered && batch.size() >= 20) || (!batch.isEmpty() && sinceDelivery.elapsed() >= 30))
-                send(false);
-        }
-        send(true);
-    });
+    auto job = std::make_shared<Job>();
+    job->owner = this;
+    job->current = m_generation;
+    job->generation = generation;
+    job->conversations = conversations;
+    job->query = query;
+    job->chunkCount = (conversations.size() + Job::chunkSize - 1) / Job::chunkSize;
+    job->done.resize(std::size_t(job->chunkCount));
+    job->sincePost.start();
+    const qsizetype workers = std::min<qsizetype>(m_pool->maxThreadCount(), job->chunkCount);
+    for (qsizetype i = 0; i < workers; ++i)
+        m_pool->start([job] { job->run(); });
 }
 
 void HistorySearch::deliver(quint64 generation, const QList<SearchResult> &results, bool last)

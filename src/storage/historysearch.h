@@ -31,7 +31,10 @@ struct SearchResult
 // the decoded text for good).
 //
 // One search runs at a time: start() cancels the one in flight, whose results are never delivered.
-// Results arrive in the order of the list given, in batches, the first as soon as there is one.
+// The conversations are searched on every core, and the results arrive in the order of the list
+// given, in batches, the first as soon as there are enough to fill the top of a list.
+class QThreadPool;
+
 class HistorySearch final : public QObject
 {
     Q_OBJECT
@@ -39,11 +42,11 @@ class HistorySearch final : public QObject
 
 public:
     explicit HistorySearch(QObject *parent = nullptr);
-    // Cancels the search in flight and waits for its thread to let go of the snapshot.
+    // Cancels the search in flight and waits for its workers to let go of the snapshot.
     ~HistorySearch() override;
 
-    // Starts searching a snapshot of the list (copies share the stored bytes). An empty query
-    // finishes at once with nothing found.
+    // Starts searching a snapshot of the list (copies share the stored bytes). An empty query or
+    // list finishes at once with nothing found.
     void start(const QList<Conversation> &conversations, const QString &typed);
     // Drops the search in flight; nothing more is delivered for it.
     void cancel();
@@ -64,5 +67,6 @@ private:
     void deliver(quint64 generation, const QList<SearchResult> &results, bool last);
 
     std::shared_ptr<std::atomic<quint64>> m_generation;
+    QThreadPool *m_pool;
     bool m_running = false;
 };

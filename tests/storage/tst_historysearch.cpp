@@ -199,6 +199,37 @@ private slots:
         QCOMPARE(result->context.mid(result->contextHits.first().start, 6), u"needle"_s);
     }
 
+    void manyConversations_arriveInListOrder()
+    {
+        // Several chunks for every worker, of uneven weight so that they finish out of order.
+        QList<Conversation> many;
+        QStringList expected;
+        for (int i = 0; i < 1000; ++i) {
+            Conversation c;
+            c.id = QUuid::createUuid();
+            c.title = u"Chat %1"_s.arg(i);
+            const bool hit = i % 3 == 0;
+            c.messages = {ChatMessage(ChatRole::user,
+                                      u"filler "_s.repeated(i % 7 == 0 ? 2000 : 10) + (hit ? u"needle"_s : u"hay"_s))};
+            if (hit)
+                expected.append(c.title);
+            many.append(c);
+        }
+        HistorySearch search;
+        QSignalSpy found(&search, &HistorySearch::resultsFound);
+        QSignalSpy finished(&search, &HistorySearch::finished);
+        search.start(many, u"needle"_s);
+        QVERIFY(finished.wait(20000));
+        QTest::qWait(20);
+        QCOMPARE(finished.size(), 1);
+        QStringList got;
+        for (const QList<QVariant> &batch : found) {
+            for (const SearchResult &r : batch.first().value<QList<SearchResult>>())
+                got.append(r.title);
+        }
+        QCOMPARE(got, expected);
+    }
+
     void laterStart_cancelsTheSearchInFlight()
     {
         // Enough text that the first search is still running when the second one starts.
