@@ -9,10 +9,12 @@
 #include "ui/tableblockview.h"
 #include "ui/transcriptview.h"
 
+#include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QHash>
+#include <QPointer>
 #include <QScrollBar>
-#include <QTimer>
+#include <QThreadPool>
 
 #include <tuple>
 
@@ -59,14 +61,14 @@ TranscriptFind::TranscriptFind(ChatViewModel *chat, TranscriptArea *area, QObjec
     : QObject(parent)
     , m_chat(chat)
     , m_area(area)
-    , m_prepare(new QTimer(this))
+    , m_reading(std::make_shared<std::atomic<quint64>>(0))
 {
-    m_prepare->setInterval(0);
-    connect(m_prepare, &QTimer::timeout, this, &TranscriptFind::prepareSlice);
     connect(m_chat, &ChatViewModel::messagesReset, this, [this] {
         m_cache.clear();
-        if (m_prepared >= 0)
-            prepare();
+        // Another conversation: what is read for the one before is of no use.
+        ++*m_reading;
+        m_readInFlight = false;
+        prepare();
         m_place = -1;
         m_currentMessage = -1;
         m_currentK = -1;
@@ -108,6 +110,12 @@ TranscriptFind::TranscriptFind(ChatViewModel *chat, TranscriptArea *area, QObjec
     connect(m_chat, &ChatViewModel::messageChanged, this, &TranscriptFind::recountMessage);
     connect(m_area, &TranscriptArea::bubbleBuilt, this,
             [this](qsizetype index, MessageBubble *bubble) { applyTo(index, bubble); });
+    prepare();
+}
+
+TranscriptFind::~TranscriptFind()
+{
+    ++*m_reading;
 }
 
 QList<TranscriptFind::Segment> TranscriptFind::shownSegments(const QList<MarkdownText::Block> &blocks)
@@ -140,17 +148,24 @@ QList<TranscriptFind::Segment> TranscriptFind::shownSegments(const QList<Markdow
     return segments;
 }
 
+bool TranscriptFind::isCurrent(qsizetype message) const
+{
+    if (message >= m_cache.size())
+        return false;
+    const QString &content = m_chat->messages().at(message).content;
+    const QString &read = m_cache.at(message).content;
+    // Shared text is the same text: the usual case, checked without reading it.
+    return !read.isNull() &&
+           ((read.constData() == content.constData() && read.size() == content.size()) || read == content);
+}
+
 const QList<TranscriptFind::Segment> &TranscriptFind::foldedSegments(qsizetype message)
 {
     if (m_cache.size() != m_chat->messages().size())
         m_cache.resize(m_chat->messages().size());
     const QString &content = m_chat->messages().at(message).content;
     Cached &cached = m_cache[message];
-    // Shared text is the same text: the usual case, checked without reading it.
-    const bool same = (!cached.content.isNull() && cached.content.constData() == content.constData() &&
-                       cached.content.size() == content.size()) ||
-                      (!cached.content.isNull() && cached.content == content);
-    if (!same) {
+    if (!isCurrent(message)) {
         cached.content = content.isNull() ? u""_s : content;
         // A bubble on screen has parsed the text already; the others are parsed as they would be.
         const MessageBubble *bubble = m_area->bubbleAt(message);
@@ -218,35 +233,101 @@ void TranscriptFind::showFirstHitFrom(qsizetype message)
     setCurrent(-1, -1, false);
 }
 
-void TranscriptFind::prepare()
+QList<TranscriptFind::Segment> TranscriptFind::readFolded(const QString &content)
 {
-    m_prepared = 0;
-    m_prepare->start();
+    // As a streamed reply is parsed: without the block cache, which is the main thread's.
+    QList<Segment> segments = shownSegments(MarkdownTextView::shownBlocks(content, true));
+    for (Segment &segment : segments)
+        TextSearch::foldInto(segment.text, segment.text);
+    return segments;
 }
 
-void TranscriptFind::prepareSlice()
+void TranscriptFind::prepare()
 {
-    // A slice short enough that typing and scrolling never wait on it.
-    constexpr qint64 sliceNs = 4'000'000;
-    QElapsedTimer slice;
-    slice.start();
+    if (m_readInFlight)
+        return;
+    const QList<ChatMessage> &messages = m_chat->messages();
+    QList<qsizetype> indices;
+    QList<QString> contents;
+    for (qsizetype i = 0; i < messages.size(); ++i) {
+        if (!isCurrent(i)) {
+            indices.append(i);
+            contents.append(messages.at(i).content.isNull() ? u""_s : messages.at(i).content);
+        }
+    }
+    if (indices.isEmpty())
+        return;
+    m_readInFlight = true;
+    const quint64 generation = ++*m_reading;
+    QThreadPool::globalInstance()->start(
+        [self = QPointer<TranscriptFind>(this), reading = m_reading, generation, indices, contents] {
+            // Handed over in steps, so that what is read is of use before the whole is.
+            constexpr qint64 stepMs = 20;
+            QList<qsizetype> done;
+            QList<Cached> read;
+            QElapsedTimer sinceStep;
+            sinceStep.start();
+            for (qsizetype k = 0; k < contents.size(); ++k) {
+                if (reading->load() != generation)
+                    return;
+                done.append(indices.at(k));
+                read.append(Cached{contents.at(k), readFolded(contents.at(k))});
+                const bool last = k + 1 == contents.size();
+                if (last || sinceStep.elapsed() >= stepMs) {
+                    // Posted to the application, not to the finder, which the main thread may be deleting.
+                    QMetaObject::invokeMethod(
+                        QCoreApplication::instance(),
+                        [self, generation, done, read, last] {
+                            if (self)
+                                self->takePrepared(generation, done, read, last);
+                        },
+                        Qt::QueuedConnection);
+                    done.clear();
+                    read.clear();
+                    sinceStep.restart();
+                }
+            }
+        });
+}
+
+void TranscriptFind::takePrepared(quint64 generation, const QList<qsizetype> &messages, const QList<Cached> &read,
+                                  bool last)
+{
+    if (generation != m_reading->load())
+        return;
+    if (last)
+        m_readInFlight = false;
     const qsizetype n = m_chat->messages().size();
-    while (m_prepared >= 0 && m_prepared < n && slice.nsecsElapsed() < sliceNs)
-        foldedSegments(m_prepared++);
-    if (m_prepared < 0 || m_prepared >= n)
-        m_prepare->stop();
+    if (m_cache.size() != n)
+        m_cache.resize(n);
+    for (qsizetype k = 0; k < messages.size(); ++k) {
+        const qsizetype i = messages.at(k);
+        // A message changed or moved since it was read is read again when it is needed.
+        if (i >= n || isCurrent(i))
+            continue;
+        const QString &content = m_chat->messages().at(i).content;
+        const QString &readContent = read.at(k).content;
+        if (readContent.constData() == content.constData() || readContent == content)
+            m_cache[i] = read.at(k);
+    }
+}
+
+bool TranscriptFind::isPrepared() const
+{
+    for (qsizetype i = 0; i < m_chat->messages().size(); ++i) {
+        if (!isCurrent(i))
+            return false;
+    }
+    return true;
 }
 
 void TranscriptFind::clear()
 {
-    m_prepare->stop();
-    m_prepared = -1;
     m_query = TextSearch::Query();
     m_place = -1;
     m_currentMessage = -1;
     m_currentK = -1;
     recountAll();
-    m_cache = {};
 }
 
 void TranscriptFind::next()

@@ -7,9 +7,11 @@
 #include <QObject>
 #include <QString>
 
+#include <atomic>
+#include <memory>
+
 class ChatViewModel;
 class MessageBubble;
-class QTimer;
 class TranscriptArea;
 
 // The find bar's work in one window's transcript: finds the typed words in the messages as they
@@ -18,8 +20,9 @@ class TranscriptArea;
 // those built later, and brings the current one into view. A message that changes (a streamed
 // reply) is counted again without moving the view.
 //
-// Each message's shown text is folded once and kept until the message changes or the words are
-// cleared, so a keystroke costs one pass over the text and no Markdown parsing.
+// Each message's shown text is folded once and kept until the message changes, so a keystroke
+// costs one pass over the text and no Markdown parsing. A conversation shown is read ahead off the
+// main thread, so that a word typed as soon as the bar opens is found as quickly as the next.
 //
 // Reads the view model and drives the transcript area; both must outlive it.
 class TranscriptFind final : public QObject
@@ -45,16 +48,19 @@ public:
     };
 
     TranscriptFind(ChatViewModel *chat, TranscriptArea *area, QObject *parent = nullptr);
+    // Drops the reading in flight; its worker stops after the message it is reading.
+    ~TranscriptFind() override;
 
     // Finds what was typed and brings the current hit into view: the first one in fromMessage or
     // after it, or with fromMessage -1 from the current hit's message, else from the top of the
     // view, down; wrapping to the first hit.
     void setQuery(const QString &typed, qsizetype fromMessage = -1);
-    // Reads the messages' shown text in slices of a few milliseconds while the event loop is idle,
-    // so that the first word typed is found as quickly as the next; again for each conversation
-    // shown, until clear().
+    // Reads the shown text of the messages not read yet, off the main thread. Done on its own for
+    // each conversation shown.
     void prepare();
-    // Drops the words, every mark and what was kept for finding.
+    // Whether every message's shown text is read.
+    bool isPrepared() const;
+    // Drops the words and every mark.
     void clear();
     // Move to the next or previous hit, wrapping around, and bring it into view.
     void next();
@@ -80,8 +86,11 @@ private:
         QList<Segment> folded;
     };
 
+    // A message's shown text, folded: what was read ahead, else read now.
     const QList<Segment> &foldedSegments(qsizetype message);
-    void prepareSlice();
+    bool isCurrent(qsizetype message) const;
+    static QList<Segment> readFolded(const QString &content);
+    void takePrepared(quint64 generation, const QList<qsizetype> &messages, const QList<Cached> &read, bool last);
     QList<Hit> hitsIn(qsizetype message);
     void recountAll();
     void recountMessage(qsizetype message);
@@ -103,6 +112,8 @@ private:
     qsizetype m_place = -1;
     Hit m_placeHit;
     bool m_marked = false; // whether any bubble may carry marks
-    QTimer *m_prepare;
-    qsizetype m_prepared = -1; // messages read ahead so far; -1 when not reading ahead
+    // Reading ahead: the generation of the read in flight, counted up to drop what an earlier one
+    // still delivers; shared with its worker, which stops once it changes.
+    std::shared_ptr<std::atomic<quint64>> m_reading;
+    bool m_readInFlight = false;
 };

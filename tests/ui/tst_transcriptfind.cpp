@@ -207,6 +207,30 @@ private slots:
         QVERIFY(!m_view->scroll()->autoScroll());
     }
 
+    void openedConversation_isReadAheadForItsFirstWord()
+    {
+        QList<ChatMessage> messages;
+        for (int i = 0; i < 300; ++i)
+            messages.append(
+                ChatMessage(ChatRole::assistant, u"Filler %1 with a [link](https://heron.example)."_s.arg(i)));
+        messages[7].content = u"| A | B |\n|---|---|\n| **Heron** | x |"_s;
+        messages[250].content = u"# A heron\n\n```\nheron()\n```"_s;
+        makeView(messages);
+        const Conversation first = m_chats->selected().value();
+        // Another conversation opened while the first is being read, then the first again.
+        const Conversation other = m_chats->newChat(std::nullopt);
+        m_chats->updateMessages(other.id, {ChatMessage(ChatRole::user, u"elsewhere"_s)});
+        m_chats->setSelectedID(other.id);
+        QTRY_VERIFY(m_view->transcriptFind()->isPrepared());
+        m_chats->setSelectedID(first.id);
+        QVERIFY(!m_view->transcriptFind()->isPrepared());
+        QTRY_VERIFY(m_view->transcriptFind()->isPrepared());
+        m_view->openFind();
+        QTest::keyClicks(m_view->findBar()->field(), u"heron"_s);
+        // As shown: a table cell, a heading and a code line, and no link address.
+        QCOMPARE(m_view->findBar()->status(), u"1 of 3"_s);
+    }
+
 private:
     void makeView(const QList<ChatMessage> &messages)
     {
