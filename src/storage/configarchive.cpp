@@ -69,10 +69,11 @@ std::optional<QString> importConfig(ProviderStore &providers, ConversationStore 
         return QStringLiteral("Import failed: ") + error;
 
     providers.merge(payload->providers);
+    // An archive of providers alone leaves the history as it is, and does not wait on its save.
+    if (payload->conversations.isEmpty())
+        return std::nullopt;
     conversations.merge(payload->conversations);
-    // An import is the one save the user waits for and can repeat: a failure is told, not dropped.
-    if (const auto error = providers.lastSaveError())
-        return QStringLiteral("Import failed: ") + *error;
+    // An import is a save the user can repeat: a failure is told, not dropped.
     conversations.waitForSaved();
     if (const auto error = conversations.lastSaveError())
         return QStringLiteral("Import failed: ") + *error;

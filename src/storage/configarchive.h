@@ -40,7 +40,9 @@ std::optional<QString> exportConfig(const ProviderStore &providers, const Conver
                                     FileDialogs &dialogs);
 
 // Asks for a file with an open dialog and merges it into both stores by id. A file that cannot be
-// read or whose any part fails to decode changes nothing and returns "Import failed: …".
+// read or whose any part fails to decode changes nothing and returns "Import failed: …", and so
+// does a history that could not be saved. The providers are saved in the background, however many
+// there are: a failure to save them comes later, through the provider store's lastSaveErrorChanged().
 std::optional<QString> importConfig(ProviderStore &providers, ConversationStore &conversations, FileDialogs &dialogs);
 
 } // namespace ConfigArchive

@@ -2,26 +2,49 @@
 
 #include "model/jsoncoding.h"
 #include "storage/atomicfile.h"
+#include "storage/providerwriter.h"
 
-#include <QDir>
+#include <QCoreApplication>
 #include <QEventLoop>
-#include <QFile>
-#include <QFileInfo>
 #include <QPointer>
+#include <QSettings>
 
 ProviderStore::ProviderStore(QObject *parent)
     : QObject(parent)
-    , m_settings(QStringLiteral("Verbolt"), QStringLiteral("Verbolt"))
+    , m_writer(std::make_unique<ProviderWriter>(
+          [this] { QMetaObject::invokeMethod(this, &ProviderStore::takeSaveOutcomes, Qt::QueuedConnection); }))
 {
     m_keysArrived.setSingleShot(true);
     m_keysArrived.setInterval(50);
     connect(&m_keysArrived, &QTimer::timeout, this, &ProviderStore::announceKeys);
     load();
+    // Closing the last window quits at once: whatever was handed to the writer is on disk first.
+    if (QCoreApplication *app = QCoreApplication::instance())
+        connect(app, &QCoreApplication::aboutToQuit, this, &ProviderStore::waitForSaved);
 }
 
 ProviderStore::~ProviderStore()
 {
     finishKeyringWrites(3000);
+    m_writer.reset();
+}
+
+void ProviderStore::waitForSaved()
+{
+    m_writer->waitForIdle();
+    takeSaveOutcomes();
+}
+
+void ProviderStore::takeSaveOutcomes()
+{
+    const QList<ProviderWriter::Outcome> outcomes = m_writer->takeOutcomes();
+    if (outcomes.isEmpty())
+        return;
+    const std::optional<QString> error = outcomes.last().error;
+    if (error == m_lastSaveError)
+        return;
+    m_lastSaveError = error;
+    emit lastSaveErrorChanged();
 }
 
 void ProviderStore::finishKeyringWrites(int timeoutMs)
@@ -43,7 +66,11 @@ void ProviderStore::finishKeyringWrites(int timeoutMs)
 
 void ProviderStore::load()
 {
-    const QByteArray stored = m_settings.value(providersKey).toByteArray();
+    // Read here, once, on the thread that makes the store; from now on only the writer touches the
+    // file, each time through a QSettings of its own.
+    QSettings settings(QStringLiteral("Verbolt"), QStringLiteral("Verbolt"));
+    m_fileName = settings.fileName();
+    const QByteArray stored = settings.value(providersKey).toByteArray();
     if (!stored.isEmpty()) {
         if (auto decoded = decodeJson<QList<Provider>>(stored)) {
             m_providers = std::move(*decoded);
@@ -55,16 +82,18 @@ void ProviderStore::load()
             // The stored bytes stay where they are, but the first save would replace them with a
             // shorter list: a copy under another key keeps the user's providers and keys.
             QString key = unreadableKey;
-            const QVariant existing = m_settings.value(key);
+            const QVariant existing = settings.value(key);
             if (existing.isValid() && existing.toByteArray() != stored)
                 key += u'.' + AtomicFile::asideStamp();
-            m_settings.setValue(key, stored);
+            settings.setValue(key, stored);
+            // On disk before the writer can save the shorter list over the original.
+            settings.sync();
             m_keptAsideKey = key;
         }
     }
 
     std::optional<QUuid> selection;
-    const QString storedID = m_settings.value(selectedKey).toString();
+    const QString storedID = settings.value(selectedKey).toString();
     if (const auto parsed = JsonCoding::parseUuid(storedID); parsed && find(*parsed))
         selection = *parsed;
     if (!selection && !m_providers.isEmpty())
@@ -91,11 +120,11 @@ void ProviderStore::assignSelectedID(const std::optional<QUuid> &id)
 {
     const bool changed = id != m_selectedID;
     m_selectedID = id;
-    if (id)
-        m_settings.setValue(selectedKey, JsonCoding::uuidText(*id));
-    else
-        m_settings.remove(selectedKey);
-    sync();
+    ProviderWriter::Job job;
+    job.generation = ++m_saveGeneration;
+    job.selectionChanged = true;
+    job.selection = id;
+    m_writer->submit(std::move(job));
     if (changed)
         emit selectedIDChanged();
 }
@@ -195,32 +224,17 @@ void ProviderStore::persist()
             p.apiKey = held != m_keyringHolds.cend() && *held == p.apiKey ? QString() : m_fileKeys.value(p.id);
         }
     }
-    m_settings.setValue(providersKey, encodeJson(stored));
-    sync();
-    if (m_settings.status() == QSettings::NoError) {
-        m_lastSaveError.reset();
-        m_fileKeys.clear();
-        for (const Provider &p : std::as_const(stored)) {
-            if (!p.apiKey.isEmpty())
-                m_fileKeys.insert(p.id, p.apiKey);
-        }
-    } else
-        m_lastSaveError = tr("The providers could not be saved to %1.").arg(m_settings.fileName());
-}
-
-void ProviderStore::sync()
-{
-    // QSettings keeps the permissions of a file it replaces; made owner-only before the first
-    // write, the keys are never readable by others, not even for a moment.
-    const QString fileName = m_settings.fileName();
-    if (!QFileInfo::exists(fileName) && QDir().mkpath(QFileInfo(fileName).absolutePath())) {
-        QFile file(fileName);
-        if (file.open(QIODevice::WriteOnly))
-            file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
+    // Counted as the file's from now on. A save that fails leaves the file with its older keys; a
+    // key is only ever left out once the keyring has confirmed it, so none is lost either way.
+    m_fileKeys.clear();
+    for (const Provider &p : std::as_const(stored)) {
+        if (!p.apiKey.isEmpty())
+            m_fileKeys.insert(p.id, p.apiKey);
     }
-    m_settings.sync();
-    // The preferences file holds every API key in plain text.
-    AtomicFile::restrictToOwner(m_settings.fileName());
+    ProviderWriter::Job job;
+    job.generation = ++m_saveGeneration;
+    job.providers = std::move(stored);
+    m_writer->submit(std::move(job));
 }
 
 ProviderStore::KeyStorage ProviderStore::keyStorage() const

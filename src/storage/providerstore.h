@@ -7,17 +7,24 @@
 #include <QList>
 #include <QObject>
 #include <QSet>
-#include <QSettings>
 #include <QTimer>
 #include <QUuid>
 
 #include <functional>
+#include <memory>
 #include <optional>
+
+class ProviderWriter;
 
 // The user's providers and which one is selected, kept in the preferences store
 // (QSettings "Verbolt"/"Verbolt": "providers.v1" holds the compact JSON array, and
-// "selectedProviderID.v1" the selected id in upper case). Every change is written at once;
-// there is nothing to flush at quit. Failures to write are silent: memory keeps the change.
+// "selectedProviderID.v1" the selected id in upper case).
+//
+// Saving happens on a writer thread (see ProviderWriter): every change hands the list over and
+// returns at once, however long the list, and the file ends with the newest state. waitForSaved()
+// (also run by the destructor and when the application is about to quit) blocks until everything
+// handed over is on disk. A failed write leaves the old file whole and memory keeps the change;
+// lastSaveError() says why, and lastSaveErrorChanged() tells a window so it can tell the user.
 //
 // A stored list that cannot be decoded loads as empty, and its bytes are first copied to
 // "providers.v1.unreadable" (or, if that key already holds other bytes, a key with a
@@ -44,7 +51,8 @@ public:
 
     // Loads both keys; always writes the selection key back (see the selection rules).
     explicit ProviderStore(QObject *parent = nullptr);
-    // Waits briefly for keys still on their way to the keyring (see finishKeyringWrites).
+    // Waits briefly for keys still on their way to the keyring (see finishKeyringWrites), then for
+    // the last save.
     ~ProviderStore() override;
 
     const QList<Provider> &providers() const { return m_providers; }
@@ -91,10 +99,13 @@ public:
 
     // The preferences key holding undecodable bytes found at start, if any.
     std::optional<QString> keptAsideKey() const { return m_keptAsideKey; }
-    // Why the last write of the list could not be saved, or nothing when it was.
+    // Why the last save that finished could not be written, or nothing when it was.
     std::optional<QString> lastSaveError() const { return m_lastSaveError; }
+    // Blocks until every save handed to the writer is on disk (or has failed), and takes in how
+    // they went before it returns.
+    void waitForSaved();
     // The preferences file, for telling the user where their providers live.
-    QString settingsFileName() const { return m_settings.fileName(); }
+    QString settingsFileName() const { return m_fileName; }
 
 signals:
     // Emitted after every change of the list.
@@ -105,13 +116,15 @@ signals:
     void keyStorageChanged();
     // Emitted when the wait for provider id's key is over, with or without a key.
     void keyReady(const QUuid &id);
+    // Emitted when a save failed where the one before had not, or succeeded after one that failed.
+    void lastSaveErrorChanged();
 
 private:
     void load();
     void persist();
     void assignSelectedID(const std::optional<QUuid> &id);
     qsizetype indexOf(const QUuid &id) const;
-    void sync();
+    void takeSaveOutcomes();
     void handleKeyRead(const QUuid &id, Keyring::Outcome outcome, const std::optional<QString> &key);
     void handleKeyWritten(const QUuid &id, Keyring::Outcome outcome, const QString &key);
     void keyringUnavailable();
@@ -120,7 +133,7 @@ private:
 
     enum class KeyringState { NotUsed, Probing, Available, Unavailable };
 
-    QSettings m_settings;
+    QString m_fileName;
     QList<Provider> m_providers;
     std::optional<QUuid> m_selectedID;
     std::optional<QString> m_keptAsideKey;
@@ -136,4 +149,6 @@ private:
     QTimer m_keysArrived;
     bool m_keysDue = false;       // the file holds keys the keyring has confirmed since
     bool m_keysAnnounced = false; // keys arrived that the list does not show yet
+    quint64 m_saveGeneration = 0;
+    std::unique_ptr<ProviderWriter> m_writer;
 };

@@ -224,6 +224,12 @@ SettingsView::SettingsView(ProviderStore *store, ConversationStore *chats, QWidg
         rebuildList();
         updateDetail();
     });
+    // Providers are saved in the background, an import's thousands too: a save that fails is told
+    // here when it does, whatever the user did last.
+    connect(m_store, &ProviderStore::lastSaveErrorChanged, this, [this] {
+        if (const std::optional<QString> error = m_store->lastSaveError())
+            setBackupNote(*error);
+    });
 
     applyColours();
     rebuildList();
@@ -342,10 +348,11 @@ void SettingsView::runImport(FileDialogs &dialogs)
 {
     const std::optional<QString> failure = ConfigArchive::importConfig(*m_store, *m_chats, dialogs);
     setBackupNote(failure.value_or(u"Config imported."_s));
-    // Imported providers may have replaced or joined the list; start again from the store's pick.
+    // Imported providers may have replaced or joined the list, which the store's notice has rebuilt
+    // already; start again from the store's pick.
     m_selection.reset();
     seedSelection();
-    rebuildList();
+    showSelection();
     updateDetail();
     emit selectionChanged();
 }

@@ -157,6 +157,7 @@ void VerboltApp::quit()
             content->chat()->finishReply();
     }
     m_chats->waitForSaved();
+    m_store->waitForSaved();
     if (m_about)
         m_about->close();
     if (m_settingsWindow)

@@ -124,13 +124,16 @@ private slots:
 
         Provider added = provider(u"Gamma"_s);
         store->add(added);
-        QVERIFY(!preferencesFile().contains("sk-Gamma"));
+        store->waitForSaved();
+        QVERIFY(preferencesFile().contains("Gamma") && !preferencesFile().contains("sk-Gamma"));
         added.apiKey = u"sk-changed"_s;
         store->update(added);
+        store->waitForSaved();
         QVERIFY(!preferencesFile().contains("sk-changed"));
         const Provider imported = provider(u"Delta"_s);
         store->merge({imported});
-        QVERIFY(!preferencesFile().contains("sk-Delta"));
+        store->waitForSaved();
+        QVERIFY(preferencesFile().contains("Delta") && !preferencesFile().contains("sk-Delta"));
         QTRY_COMPARE_WITH_TIMEOUT(keyringEntry(imported.id), u"sk-Delta"_s, 10000);
         QTRY_COMPARE_WITH_TIMEOUT(keyringEntry(added.id), u"sk-changed"_s, 10000);
         QVERIFY(!preferencesFile().contains("sk-"));

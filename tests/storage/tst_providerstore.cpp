@@ -8,8 +8,10 @@
 #include <QSignalSpy>
 #include <QTest>
 
+#include <csignal>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 using namespace StorageTest;
 
@@ -20,13 +22,16 @@ QSettings settings()
     return QSettings(u"Verbolt"_s, u"Verbolt"_s);
 }
 
-QString storedSelection()
+// What the file holds once the store's saves have landed.
+QString storedSelection(ProviderStore &store)
 {
+    store.waitForSaved();
     return settings().value(ProviderStore::selectedKey, u"none"_s).toString();
 }
 
-QList<Provider> storedProviders()
+QList<Provider> storedProviders(ProviderStore &store)
 {
+    store.waitForSaved();
     return decodeJson<QList<Provider>>(settings().value(ProviderStore::providersKey).toByteArray())
         .value_or(QList<Provider>());
 }
@@ -81,7 +86,7 @@ private slots:
         QCOMPARE(providers.providers(), list);
         QVERIFY(!providers.keptAsideKey());
         QCOMPARE(providers.selected(), expected < 0 ? std::nullopt : std::optional<Provider>(list.at(expected)));
-        QCOMPARE(storedSelection(), expected < 0 ? u"none"_s : JsonCoding::uuidText(list.at(expected).id));
+        QCOMPARE(storedSelection(providers), expected < 0 ? u"none"_s : JsonCoding::uuidText(list.at(expected).id));
     }
 
     void undecodableList_isKeptAside_data()
@@ -101,13 +106,13 @@ private slots:
         ProviderStore providers;
         QVERIFY(providers.providers().isEmpty());
         QVERIFY(!providers.selectedID());
-        QCOMPARE(storedSelection(), u"none"_s);
+        QCOMPARE(storedSelection(providers), u"none"_s);
         QCOMPARE(providers.keptAsideKey(), std::optional<QString>(ProviderStore::unreadableKey));
         QCOMPARE(stored(ProviderStore::providersKey), bytes); // untouched at start
 
         // The first save replaces the list, but the user's old bytes stay findable.
         providers.add(provider(u"new"_s));
-        QCOMPARE(storedProviders().size(), 1);
+        QCOMPARE(storedProviders(providers).size(), 1);
         QCOMPARE(stored(ProviderStore::unreadableKey), bytes);
 
         // The same bytes found again are already safe; other bytes never replace the first copy.
@@ -130,8 +135,8 @@ private slots:
 
         providers.add(first);
         providers.add(second);
-        QCOMPARE(storedSelection(), JsonCoding::uuidText(first.id));
-        QCOMPARE(storedProviders(), (QList<Provider>{first, second}));
+        QCOMPARE(storedSelection(providers), JsonCoding::uuidText(first.id));
+        QCOMPARE(storedProviders(providers), (QList<Provider>{first, second}));
         QCOMPARE(listSpy.count(), 2);
         QCOMPARE(selectionSpy.count(), 1);
         QVERIFY(providers.settingsFileName().startsWith(m_profile.configHome()));
@@ -141,7 +146,7 @@ private slots:
         const QUuid stranger = QUuid::createUuid();
         providers.setSelectedID(stranger);
         QVERIFY(!providers.selected());
-        QCOMPARE(storedSelection(), JsonCoding::uuidText(stranger));
+        QCOMPARE(storedSelection(providers), JsonCoding::uuidText(stranger));
     }
 
     void updateAndRemove_actOnEveryEqualIdAndMoveSelection()
@@ -169,30 +174,67 @@ private slots:
         providers.remove(provider(u"stranger"_s));
         QCOMPARE(providers.selectedID(), idOf(b));
         providers.remove(b);
-        QCOMPARE(storedSelection(), JsonCoding::uuidText(a.id));
+        QCOMPARE(storedSelection(providers), JsonCoding::uuidText(a.id));
         providers.remove(a); // and its twin
         QVERIFY(!providers.selectedID());
-        QCOMPARE(storedSelection(), u"none"_s);
+        QCOMPARE(storedSelection(providers), u"none"_s);
         QCOMPARE(settings().value(ProviderStore::providersKey).toByteArray(), "[]"_ba);
     }
 
-    void readOnlyFolder_keepsMemoryAndOldFile()
+    // A save that cannot be written (here: no file can be opened) leaves the old file whole and
+    // memory as the user left it, and the user hears of it once, then of the next save that works.
+    void failedSave_keepsOldFileAndTellsTheUser()
     {
-        const Provider a = provider(u"a"_s);
-        const Provider b = provider(u"b"_s);
         ProviderStore providers;
-        providers.add(a);
+        providers.add(provider(u"a"_s));
+        providers.waitForSaved();
         const QString file = providers.settingsFileName();
         const QByteArray before = readAll(file);
-        if (!whileReadOnly(QFileInfo(file).absolutePath(), m_profile.root(), [&] {
-                providers.add(b);
-                providers.remove(a);
-            }))
-            QSKIP("cannot make a folder read-only for this user");
-        QCOMPARE(providers.providers(), QList<Provider>{b});
-        QCOMPARE(providers.selectedID(), idOf(b));
         QVERIFY(!before.isEmpty());
+        QSignalSpy errors(&providers, &ProviderStore::lastSaveErrorChanged);
+        QList<Provider> many;
+        for (int i = 0; i < 200; ++i)
+            many.append(provider(QString::number(i)));
+        {
+            // Unlike a read-only folder, this stops the owner of the folder too.
+            rlimit limit = {};
+            QCOMPARE(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+            const int lowestFree = ::dup(0);
+            QVERIFY(lowestFree > 0);
+            ::close(lowestFree);
+            const rlimit none = {rlim_t(lowestFree), limit.rlim_max};
+            QCOMPARE(::setrlimit(RLIMIT_NOFILE, &none), 0);
+            providers.merge(many);
+            providers.waitForSaved();
+            ::setrlimit(RLIMIT_NOFILE, &limit);
+        }
         QCOMPARE(readAll(file), before);
+        QCOMPARE(providers.providers().size(), 201);
+        QCOMPARE(errors.size(), 1);
+        QVERIFY(providers.lastSaveError() && providers.lastSaveError()->contains(file));
+
+        providers.add(provider(u"b"_s));
+        QCOMPARE(storedProviders(providers).size(), 202);
+        QCOMPARE(errors.size(), 2);
+        QCOMPARE(providers.lastSaveError(), std::nullopt);
+    }
+
+    // Changes made in a quick run are folded into fewer saves; the file ends with the last of them
+    // even when the store goes right after (a quit).
+    void quickChanges_fileEndsWithTheLastOnes()
+    {
+        QList<Provider> list;
+        {
+            ProviderStore providers;
+            for (int i = 0; i < 30; ++i) {
+                list.append(provider(QString::number(i)));
+                providers.add(list.last());
+                providers.setSelectedID(list.last().id);
+            }
+        }
+        ProviderStore reopened;
+        QCOMPARE(reopened.providers(), list);
+        QCOMPARE(reopened.selectedID(), idOf(list.last()));
     }
 
     void noKeyring_keysStayInFile()
@@ -211,8 +253,8 @@ private slots:
 
         const Provider added = provider(u"B"_s);
         store.add(added);
-        QCOMPARE(storedProviders().at(0).apiKey, u"sk-A"_s);
-        QCOMPARE(storedProviders().at(1).apiKey, u"sk-B"_s);
+        QCOMPARE(storedProviders(store).at(0).apiKey, u"sk-A"_s);
+        QCOMPARE(storedProviders(store).at(1).apiKey, u"sk-B"_s);
     }
 
     void merge_manyProviders_savesOnce()
@@ -227,8 +269,8 @@ private slots:
         QCOMPARE(changed.size(), 1);
         QCOMPARE(store.providers().size(), 3000); // the one already there is replaced in place
         QCOMPARE(store.providers().at(0).id, incoming.at(10).id);
-        QCOMPARE(storedProviders().size(), 3000);
-        QCOMPARE(storedProviders().at(1).id, incoming.at(0).id);
+        QCOMPARE(storedProviders(store).size(), 3000);
+        QCOMPARE(storedProviders(store).at(1).id, incoming.at(0).id);
     }
 
     // Last: the process cannot be dumped afterwards. The keys it holds never reach a core file.
