@@ -7,8 +7,6 @@
 #include <QSet>
 #include <QTest>
 
-#include <functional>
-
 using namespace Qt::StringLiterals;
 using namespace MessageVersioning;
 
@@ -120,18 +118,7 @@ private slots:
                 QCOMPARE(versionIndex(messages.at(index)) + 1, step.switcher.first);
                 QCOMPARE(versionCount(messages.at(index)), step.switcher.second);
             }
-
-            QSet<QUuid> kept;
-            const std::function<void(const QList<ChatMessage> &)> collect = [&](const QList<ChatMessage> &list) {
-                for (const ChatMessage &m : list) {
-                    kept.insert(m.id);
-                    if (m.versions)
-                        for (const QList<ChatMessage> &other : m.versions->others)
-                            collect(other);
-                }
-            };
-            collect(messages);
-            QCOMPARE(kept, made);
+            QCOMPARE(allIDs(messages), made);
 
             const QByteArray json = encodeJson(messages);
             QCOMPARE(decodeJson<QList<ChatMessage>>(json), std::optional(messages));
