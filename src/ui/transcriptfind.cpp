@@ -16,7 +16,9 @@
 #include <QScrollBar>
 #include <QThreadPool>
 
+#include <algorithm>
 #include <tuple>
+#include <utility>
 
 using namespace Qt::StringLiterals;
 
@@ -190,13 +192,19 @@ QList<TranscriptFind::Hit> TranscriptFind::hitsIn(qsizetype message)
 
 void TranscriptFind::setQuery(const QString &typed, qsizetype fromMessage)
 {
-    m_query = TextSearch::Query(typed);
+    const TextSearch::Query before = std::exchange(m_query, TextSearch::Query(typed));
+    // Typing on at the end of a word narrows what it finds: each new word holds one from before.
+    const bool narrowing = !before.isEmpty() && !m_query.isEmpty() && m_hits.size() == m_chat->messages().size() &&
+                           std::all_of(m_query.words().cbegin(), m_query.words().cend(), [&](const QString &word) {
+                               return std::any_of(before.words().cbegin(), before.words().cend(),
+                                                  [&](const QString &old) { return word.contains(old); });
+                           });
     // Refining the words keeps the place: from the current hit's message, else from the top of
     // what is shown, down.
     qsizetype from = fromMessage >= 0 ? fromMessage : m_place;
     m_currentMessage = -1;
     m_currentK = -1;
-    recountAll();
+    recountAll(narrowing);
     if (m_query.isEmpty())
         return;
     if (from < 0) {
@@ -381,13 +389,16 @@ QString TranscriptFind::statusText() const
     return tr("%L1 of %L2").arg(currentIndex() + 1).arg(m_count);
 }
 
-void TranscriptFind::recountAll()
+void TranscriptFind::recountAll(bool narrowing)
 {
     const qsizetype n = m_chat->messages().size();
-    m_hits = QList<QList<Hit>>(n);
+    if (!narrowing || m_hits.size() != n)
+        m_hits = QList<QList<Hit>>(n);
     m_count = 0;
     if (!m_query.isEmpty()) {
         for (qsizetype i = 0; i < n; ++i) {
+            if (narrowing && m_hits.at(i).isEmpty())
+                continue;
             m_hits[i] = hitsIn(i);
             m_count += m_hits.at(i).size();
         }

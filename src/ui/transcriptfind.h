@@ -92,7 +92,9 @@ private:
     static QList<Segment> readFolded(const QString &content);
     void takePrepared(quint64 generation, const QList<qsizetype> &messages, const QList<Cached> &read, bool last);
     QList<Hit> hitsIn(qsizetype message);
-    void recountAll();
+    // Counts every message again; with narrowing, only those that held a hit of the words before,
+    // which every new word holds one of: the others cannot hold any now.
+    void recountAll(bool narrowing = false);
     void recountMessage(qsizetype message);
     void showFirstHitFrom(qsizetype message);
     void setCurrent(qsizetype message, qsizetype k, bool reveal);

@@ -215,6 +215,7 @@ private slots:
                 ChatMessage(ChatRole::assistant, u"Filler %1 with a [link](https://heron.example)."_s.arg(i)));
         messages[7].content = u"| A | B |\n|---|---|\n| **Heron** | x |"_s;
         messages[250].content = u"# A heron\n\n```\nheron()\n```"_s;
+        messages[100].content = u"An egret."_s;
         makeView(messages);
         const Conversation first = m_chats->selected().value();
         // Another conversation opened while the first is being read, then the first again.
@@ -229,6 +230,11 @@ private slots:
         QTest::keyClicks(m_view->findBar()->field(), u"heron"_s);
         // As shown: a table cell, a heading and a code line, and no link address.
         QCOMPARE(m_view->findBar()->status(), u"1 of 3"_s);
+        // A word added is looked for everywhere, not only where the words before were found.
+        QTest::keyClicks(m_view->findBar()->field(), u" egret"_s);
+        QCOMPARE(m_view->transcriptFind()->count(), 4);
+        QTest::keyClick(m_view->findBar()->field(), Qt::Key_Backspace);
+        QCOMPARE(m_view->transcriptFind()->count(), 4);
     }
 
 private:
