@@ -149,6 +149,11 @@ MarkdownText::Block MarkdownText::Block::table(QStringList headers, QList<QStrin
 
 QList<MarkdownText::Block> MarkdownText::parse(QStringView text)
 {
+    return parse(text, nullptr);
+}
+
+QList<MarkdownText::Block> MarkdownText::parse(QStringView text, ResumePoint *resume)
+{
     QList<QStringView> lines;
     for (qsizetype start = 0;;) {
         const qsizetype end = text.indexOf(u'\n', start);
@@ -159,6 +164,8 @@ QList<MarkdownText::Block> MarkdownText::parse(QStringView text)
         lines.append(text.sliced(start, end - start));
         start = end + 1;
     }
+    if (resume)
+        *resume = {};
 
     QList<Block> blocks;
     QList<QStringView> pending;
@@ -182,6 +189,11 @@ QList<MarkdownText::Block> MarkdownText::parse(QStringView text)
     const qsizetype count = lines.size();
     qsizetype i = 0;
     while (i < count) {
+        // A line is read together with the one after it (a table's delimiter row) and a table ends
+        // at the first line without a pipe, so only a complete line, before the last one, can be
+        // where nothing appended reaches back.
+        if (resume && pending.isEmpty() && i + 1 < count)
+            *resume = {lines[i].data() - text.data(), blocks.size()};
         const QStringView trimmed = trimHorizontal(lines[i]);
 
         if (startsWithFence(trimmed)) {

@@ -49,8 +49,21 @@ public:
 
     MarkdownText() = delete;
 
+    // Where the parse of a text that only grows at its end can start again: the start of a line
+    // at which the parse stands between blocks, with that line and every one before it complete
+    // (ended by a line feed), so nothing appended can change the blocks before it; and how many
+    // blocks come before it. Parsing the text from offset gives the blocks after those.
+    struct ResumePoint
+    {
+        qsizetype offset = 0;
+        qsizetype blocks = 0;
+    };
+
     // Pure; safe on any thread.
     static QList<Block> parse(QStringView text);
+    // The same, also setting resume to the last place a longer text starting with this one can be
+    // parsed again from.
+    static QList<Block> parse(QStringView text, ResumePoint *resume);
     // The same result as parse(), through the process-wide cache keyed by the whole text.
     // Main thread only.
     static QList<Block> cachedParse(const QString &text);

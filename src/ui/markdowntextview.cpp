@@ -353,9 +353,11 @@ bool MarkdownTextView::setText(const QString &text)
     // process-wide cache would fill it with texts nobody asks for again.
     const bool grew = !m_text.isEmpty() && text.startsWith(m_text);
     m_text = text.isNull() ? QLatin1String("") : text;
-    const QList<MarkdownText::Block> blocks = shownBlocks(m_text, grew);
+    qsizetype reused = 0;
+    const QList<MarkdownText::Block> blocks = blocksFor(m_text, grew, &reused);
     qsizetype firstChanged = blocks.size();
-    for (qsizetype k = 0; k < blocks.size(); ++k) {
+    // Blocks that came whole from the last parse are the ones their views show already.
+    for (qsizetype k = std::min({reused, m_views.size(), m_blocks.size()}); k < blocks.size(); ++k) {
         if (k < m_views.size()) {
             if (m_blocks.at(k) == blocks.at(k))
                 continue;
@@ -406,16 +408,31 @@ qsizetype MarkdownTextView::layoutCost(const MarkdownText::Block &block)
     }
 }
 
-QList<MarkdownText::Block> MarkdownTextView::shownBlocks(const QString &text, bool grew)
+QList<MarkdownText::Block> MarkdownTextView::blocksFor(const QString &text, bool grew, qsizetype *reused)
 {
-    bool cut = text.size() > parseLimit;
-    QList<MarkdownText::Block> blocks;
-    if (cut) {
-        const qsizetype end = parseLimit - (text.at(parseLimit - 1).isHighSurrogate() ? 1 : 0);
-        blocks = MarkdownText::parse(QStringView(text).first(end));
-    } else {
-        blocks = grew ? MarkdownText::parse(text) : MarkdownText::cachedParse(text);
+    *reused = 0;
+    if (text.size() > parseLimit || !grew) {
+        m_parsed.clear();
+        m_resume = {};
+        return shownBlocks(text, grew);
     }
+    // A streamed reply parses again only from the last place where what follows cannot change
+    // what came before: a long reply would otherwise be parsed whole on every update.
+    const bool resumes = grew && m_resume.offset > 0 && m_resume.blocks <= m_parsed.size();
+    MarkdownText::ResumePoint tail;
+    if (resumes) {
+        m_parsed.resize(m_resume.blocks);
+        m_parsed += MarkdownText::parse(QStringView(text).sliced(m_resume.offset), &tail);
+        *reused = m_resume.blocks;
+        m_resume = {m_resume.offset + tail.offset, m_resume.blocks + tail.blocks};
+    } else {
+        m_parsed = MarkdownText::parse(text, &m_resume);
+    }
+    return withinBudget(m_parsed, false);
+}
+
+QList<MarkdownText::Block> MarkdownTextView::withinBudget(QList<MarkdownText::Block> blocks, bool cut)
+{
     // Past the budget the message is not laid out at all: what is shown then stays quick to open,
     // to resize and to scroll, however long the message.
     qsizetype spent = 0;
@@ -434,6 +451,19 @@ QList<MarkdownText::Block> MarkdownTextView::shownBlocks(const QString &text, bo
             QLatin1Char('*')));
     }
     return blocks;
+}
+
+QList<MarkdownText::Block> MarkdownTextView::shownBlocks(const QString &text, bool grew)
+{
+    bool cut = text.size() > parseLimit;
+    QList<MarkdownText::Block> blocks;
+    if (cut) {
+        const qsizetype end = parseLimit - (text.at(parseLimit - 1).isHighSurrogate() ? 1 : 0);
+        blocks = MarkdownText::parse(QStringView(text).first(end));
+    } else {
+        blocks = grew ? MarkdownText::parse(text) : MarkdownText::cachedParse(text);
+    }
+    return withinBudget(std::move(blocks), cut);
 }
 
 int MarkdownTextView::heightForWidth(int width) const

@@ -166,10 +166,19 @@ private:
     // What showing a block costs, in characters laid out; a table cell or a code block counts
     // some for itself.
     static qsizetype layoutCost(const MarkdownText::Block &block);
+    // blocks cut where the layout budget runs out, with the note when anything was left out.
+    static QList<MarkdownText::Block> withinBudget(QList<MarkdownText::Block> blocks, bool cut);
     static constexpr qsizetype cellCost = 16;
+
+    // The blocks shown for a text within the parse limit, parsing a text that grew from where the
+    // last parse left a resume point; sets reused to how many blocks came from that parse.
+    QList<MarkdownText::Block> blocksFor(const QString &text, bool grew, qsizetype *reused);
 
     QString m_text;
     QList<MarkdownText::Block> m_blocks;
+    // The whole parse of m_text while it grows, and where a longer text can be parsed again from.
+    QList<MarkdownText::Block> m_parsed;
+    MarkdownText::ResumePoint m_resume;
     QList<MarkdownBlockView *> m_views;
     // Each block's height at m_heightsWidth; those before m_heightsValid are current.
     mutable QList<int> m_heights;

@@ -93,6 +93,26 @@ private slots:
         QCOMPARE(golden ? describe(blocks) : lines.join(u'\n'), expected);
     }
 
+    // A text streamed in a few characters at a time, parsed again from each resume point only,
+    // reads as the whole text parsed at once, at every step.
+    void resumedParse_matchesWholeParse_data() { parse_data(); }
+    void resumedParse_matchesWholeParse()
+    {
+        QFETCH(QString, text);
+        for (const qsizetype step : {1, 3}) {
+            QList<Block> blocks;
+            MarkdownText::ResumePoint resume;
+            for (qsizetype end = step; end < text.size() + step; end += step) {
+                const QStringView prefix = QStringView(text).first(std::min(end, text.size()));
+                MarkdownText::ResumePoint tail;
+                blocks.resize(resume.blocks);
+                blocks += MarkdownText::parse(prefix.sliced(resume.offset), &tail);
+                resume = {resume.offset + tail.offset, resume.blocks + tail.blocks};
+                QVERIFY2(blocks == MarkdownText::parse(prefix), qPrintable(prefix.toString()));
+            }
+        }
+    }
+
     // Each line both as a table row and as a candidate delimiter row.
     void tableLine_data()
     {
