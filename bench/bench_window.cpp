@@ -7,7 +7,8 @@
 //   bench_window [--rate TOKENS_PER_S] [--runs N] [--a11y on|off|both] [--reply FILE]
 //
 // Defaults: 400 tokens per second (about a minute a run), three runs, both accessibility modes.
-// Needs Xvfb, xdotool, dbus-daemon and at-spi2-core; without them it says so and measures nothing.
+// Needs Xvfb, xdotool, dbus-daemon, gnome-keyring and at-spi2-core; without them it says so and
+// measures nothing.
 #include "harness.h"
 #include "providerthread.h"
 
@@ -126,20 +127,34 @@ std::optional<Run> streamOnce(const QString &baseURL, const QString &reply, bool
     }
     env.insert(u"DISPLAY"_s, u":"_s + QString::fromLatin1(display));
 
+    // A session of its own in both modes: API keys live in the desktop keyring, which would
+    // otherwise ask for a password on the private display and never answer.
     Child bus;
     Child atSpi;
-    if (accessibility) {
-        bus.process->setProgram(u"dbus-daemon"_s);
-        bus.process->setArguments({u"--session"_s, u"--nofork"_s, u"--print-address=1"_s});
-        bus.process->setProcessEnvironment(env);
-        bus.process->setStandardErrorFile(QProcess::nullDevice());
-        bus.process->start();
-        const QByteArray address = firstLine(*bus.process, 10000);
-        if (address.isEmpty()) {
-            std::fprintf(stderr, "bench_window: no session bus\n");
+    bus.process->setProgram(u"dbus-daemon"_s);
+    bus.process->setArguments({u"--session"_s, u"--nofork"_s, u"--print-address=1"_s});
+    bus.process->setProcessEnvironment(env);
+    bus.process->setStandardErrorFile(QProcess::nullDevice());
+    bus.process->start();
+    const QByteArray address = firstLine(*bus.process, 10000);
+    if (address.isEmpty()) {
+        std::fprintf(stderr, "bench_window: no session bus\n");
+        return std::nullopt;
+    }
+    env.insert(u"DBUS_SESSION_BUS_ADDRESS"_s, QString::fromLatin1(address));
+    {
+        // A scratch keyring, unlocked; it ends with the session bus.
+        QProcess keyring;
+        keyring.setProcessEnvironment(env);
+        keyring.start(u"gnome-keyring-daemon"_s, {u"--unlock"_s, u"--components=secrets"_s});
+        keyring.write("scratch");
+        keyring.closeWriteChannel();
+        if (!keyring.waitForFinished(10000) || keyring.exitCode() != 0) {
+            std::fprintf(stderr, "bench_window: no keyring\n");
             return std::nullopt;
         }
-        env.insert(u"DBUS_SESSION_BUS_ADDRESS"_s, QString::fromLatin1(address));
+    }
+    if (accessibility) {
         atSpi.process->setProgram(atSpiLauncher);
         atSpi.process->setArguments({u"--launch-immediately"_s});
         atSpi.process->setProcessEnvironment(env);
@@ -243,15 +258,16 @@ int main(int argc, char *argv[])
         return 2;
     }
     QStringList missing;
-    for (const QString &tool : {u"Xvfb"_s, u"xdotool"_s, u"dbus-daemon"_s}) {
+    for (const QString &tool : {u"Xvfb"_s, u"xdotool"_s, u"dbus-daemon"_s, u"gnome-keyring-daemon"_s}) {
         if (QStandardPaths::findExecutable(tool).isEmpty())
             missing << tool;
     }
     if (!QFile::exists(atSpiLauncher))
         missing << atSpiLauncher;
     if (!missing.isEmpty()) {
-        std::printf("bench_window: skipped, missing %s (apt-get install xvfb xdotool dbus at-spi2-core)\n",
-                    qPrintable(missing.join(u", "_s)));
+        std::printf(
+            "bench_window: skipped, missing %s (apt-get install xvfb xdotool dbus gnome-keyring at-spi2-core)\n",
+            qPrintable(missing.join(u", "_s)));
         return 0;
     }
 
