@@ -1,14 +1,19 @@
 #include "ui/composereditor.h"
 
+#include <QAccessible>
+#include <QAccessibleWidget>
 #include <QKeyEvent>
 #include <QMimeData>
+#include <QScrollBar>
 #include <QTextBlock>
 #include <QTextBoundaryFinder>
 #include <QTextCursor>
 #include <QTextDocument>
+#include <QTextLayout>
 #include <QVarLengthArray>
 
 #include <algorithm>
+#include <tuple>
 #include <utility>
 
 namespace {
@@ -125,11 +130,266 @@ QString joined(QString raw, QTextBlock first)
     return raw;
 }
 
+// The composer as a screen reader sees it: an editable text whose characters, selection and caret
+// are counted in the text as typed. Words and sentences are found within the line around an
+// offset, and lines are the lines drawn, so a reader never has the whole text read out for one
+// caret move.
+class ComposerAccessible final : public QAccessibleWidget,
+                                 public QAccessibleTextInterface,
+                                 public QAccessibleEditableTextInterface
+{
+public:
+    explicit ComposerAccessible(ComposerEditor *editor)
+        : QAccessibleWidget(editor, QAccessible::EditableText)
+    {}
+
+    void *interface_cast(QAccessible::InterfaceType type) override
+    {
+        if (type == QAccessible::TextInterface)
+            return static_cast<QAccessibleTextInterface *>(this);
+        if (type == QAccessible::EditableTextInterface)
+            return static_cast<QAccessibleEditableTextInterface *>(this);
+        return QAccessibleWidget::interface_cast(type);
+    }
+
+    QAccessible::State state() const override
+    {
+        QAccessible::State state = QAccessibleWidget::state();
+        state.multiLine = true;
+        state.editable = !editor()->isReadOnly();
+        state.readOnly = editor()->isReadOnly();
+        state.selectableText = true;
+        return state;
+    }
+
+    QString text(QAccessible::Text type) const override
+    {
+        if (type == QAccessible::Value)
+            return editor()->text();
+        return QAccessibleWidget::text(type);
+    }
+
+    void setText(QAccessible::Text type, const QString &text) override
+    {
+        if (type == QAccessible::Value && !editor()->isReadOnly())
+            editor()->setText(text);
+        else
+            QAccessibleWidget::setText(type, text);
+    }
+
+    void selection(int index, int *start, int *end) const override
+    {
+        const QTextCursor cursor = editor()->textCursor();
+        *start = *end = 0;
+        if (index == 0 && cursor.hasSelection()) {
+            *start = editor()->textPosition(cursor.selectionStart());
+            *end = editor()->textPosition(cursor.selectionEnd());
+        }
+    }
+    int selectionCount() const override { return editor()->textCursor().hasSelection() ? 1 : 0; }
+    void addSelection(int start, int end) override { setSelection(0, start, end); }
+    void removeSelection(int index) override
+    {
+        if (index != 0)
+            return;
+        QTextCursor cursor = editor()->textCursor();
+        cursor.clearSelection();
+        editor()->setTextCursor(cursor);
+    }
+    void setSelection(int index, int start, int end) override
+    {
+        if (index != 0)
+            return;
+        QTextCursor cursor = editor()->textCursor();
+        cursor.setPosition(editor()->documentPosition(start));
+        cursor.setPosition(editor()->documentPosition(end), QTextCursor::KeepAnchor);
+        editor()->setTextCursor(cursor);
+    }
+    int cursorPosition() const override { return editor()->textPosition(editor()->textCursor().position()); }
+    void setCursorPosition(int position) override
+    {
+        QTextCursor cursor = editor()->textCursor();
+        cursor.setPosition(editor()->documentPosition(position));
+        editor()->setTextCursor(cursor);
+    }
+    QString text(int start, int end) const override
+    {
+        if (end < 0)
+            end = characterCount();
+        if (end <= start)
+            return {};
+        return editor()->textBetween(editor()->documentPosition(start), editor()->documentPosition(end));
+    }
+    QString textBeforeOffset(int offset, QAccessible::TextBoundaryType type, int *start, int *end) const override
+    {
+        const int before = segmentAt(offset, type).first;
+        if (before <= 0) {
+            *start = *end = 0;
+            return {};
+        }
+        std::tie(*start, *end) = segmentAt(before - 1, type);
+        return text(*start, *end);
+    }
+    QString textAfterOffset(int offset, QAccessible::TextBoundaryType type, int *start, int *end) const override
+    {
+        const int count = characterCount();
+        const int after = segmentAt(offset, type).second;
+        if (after >= count) {
+            *start = *end = count;
+            return {};
+        }
+        std::tie(*start, *end) = segmentAt(after, type);
+        return text(*start, *end);
+    }
+    QString textAtOffset(int offset, QAccessible::TextBoundaryType type, int *start, int *end) const override
+    {
+        std::tie(*start, *end) = segmentAt(offset, type);
+        return text(*start, *end);
+    }
+    int characterCount() const override { return int(editor()->textLength()); }
+    QRect characterRect(int offset) const override
+    {
+        QTextCursor cursor(editor()->document());
+        cursor.setPosition(editor()->documentPosition(offset));
+        QRect rect = editor()->cursorRect(cursor);
+        rect.setWidth(editor()->fontMetrics().horizontalAdvance(text(offset, offset + 1)));
+        return QRect(editor()->viewport()->mapToGlobal(rect.topLeft()), rect.size());
+    }
+    int offsetAtPoint(const QPoint &point) const override
+    {
+        const QPoint local = editor()->viewport()->mapFromGlobal(point);
+        if (!editor()->viewport()->rect().contains(local))
+            return -1;
+        return editor()->textPosition(editor()->cursorForPosition(local).position());
+    }
+    void scrollToSubstring(int start, int) override
+    {
+        const QTextBlock block = editor()->document()->findBlock(editor()->documentPosition(start));
+        editor()->verticalScrollBar()->setValue(block.firstLineNumber());
+    }
+    QString attributes(int, int *start, int *end) const override
+    {
+        *start = 0;
+        *end = characterCount();
+        return {};
+    }
+
+    void deleteText(int start, int end) override { replaceText(start, end, QString()); }
+    void insertText(int offset, const QString &text) override { replaceText(offset, offset, text); }
+    void replaceText(int start, int end, const QString &text) override
+    {
+        if (editor()->isReadOnly())
+            return;
+        setSelection(0, start, end);
+        editor()->insertText(text);
+    }
+
+private:
+    ComposerEditor *editor() const { return static_cast<ComposerEditor *>(widget()); }
+
+    // The segment around offset that a boundary type makes, as [start, end) in the text.
+    std::pair<int, int> segmentAt(int offset, QAccessible::TextBoundaryType type) const
+    {
+        const int count = characterCount();
+        offset = std::clamp(offset, 0, count);
+        if (type == QAccessible::CharBoundary)
+            return {offset, std::min(count, offset + 1)};
+        if (type == QAccessible::NoBoundary)
+            return {0, count};
+        const QTextDocument *doc = editor()->document();
+        const int position = editor()->documentPosition(offset);
+        if (type == QAccessible::LineBoundary) {
+            // The line drawn, as Home and End see it.
+            const QTextBlock block = doc->findBlock(position);
+            const QTextLayout *layout = block.layout();
+            const QTextLine line = layout && layout->lineCount() > 0
+                                       ? layout->lineForTextPosition(position - block.position())
+                                       : QTextLine();
+            if (line.isValid()) {
+                const int first = block.position() + line.textStart();
+                const int last = first + line.textLength();
+                const bool lastLine = line.lineNumber() == layout->lineCount() - 1;
+                // The line that ends a real line takes its line break with it.
+                const bool breaks =
+                    lastLine && block.next().isValid() && !ComposerEditor::continuesPrevious(block.next());
+                return {editor()->textPosition(first),
+                        std::min(count, editor()->textPosition(last) + (breaks ? 1 : 0))};
+            }
+        }
+        // Words, sentences and paragraphs are looked for within the real line around the offset.
+        QTextBlock first = doc->findBlock(position);
+        while (ComposerEditor::continuesPrevious(first))
+            first = first.previous();
+        QTextBlock last = doc->findBlock(position);
+        while (ComposerEditor::continuesPrevious(last.next()))
+            last = last.next();
+        const int lineStart = editor()->textPosition(first.position());
+        const int lineEnd =
+            editor()->textPosition(last.position() + last.length() - 1) + (last.next().isValid() ? 1 : 0);
+        if (type == QAccessible::LineBoundary || type == QAccessible::ParagraphBoundary)
+            return {lineStart, lineEnd};
+        const QString line = editor()->textBetween(first.position(), last.position() + last.length() - 1);
+        QTextBoundaryFinder finder(
+            type == QAccessible::WordBoundary ? QTextBoundaryFinder::Word : QTextBoundaryFinder::Sentence, line);
+        const int inLine = std::min(offset - lineStart, int(line.size()));
+        finder.setPosition(inLine);
+        const int start = finder.isAtBoundary() ? inLine : int(finder.toPreviousBoundary());
+        finder.setPosition(inLine);
+        const int end = int(finder.toNextBoundary());
+        return {lineStart + std::max(0, start), end < 0 ? lineEnd : lineStart + end};
+    }
+};
+
+QAccessibleInterface *composerAccessible(const QString &className, QObject *object)
+{
+    if (className == QLatin1String("ComposerEditor"))
+        return new ComposerAccessible(static_cast<ComposerEditor *>(object));
+    return nullptr;
+}
+
 } // namespace
 
 ComposerEditor::ComposerEditor(QWidget *parent)
     : QPlainTextEdit(parent)
-{}
+{
+    static const bool installed = [] {
+        QAccessible::installFactory(composerAccessible);
+        return true;
+    }();
+    Q_UNUSED(installed);
+    // The plain-text editor's own interface may already be made, by events sent while this object
+    // was still only a QPlainTextEdit; it would count the cuts as line breaks.
+    QAccessibleInterface *made = QAccessible::queryAccessibleInterface(this);
+    if (made && !dynamic_cast<ComposerAccessible *>(made))
+        QAccessible::deleteAccessibleInterface(QAccessible::uniqueId(made));
+}
+
+int ComposerEditor::textPosition(int documentPosition) const
+{
+    ContinuationCache continues;
+    int cuts = 0;
+    const QTextBlock last = document()->findBlock(documentPosition);
+    for (QTextBlock block = document()->begin(); block.isValid() && block != last;) {
+        block = block.next();
+        cuts += continues(block);
+    }
+    return documentPosition - cuts;
+}
+
+int ComposerEditor::documentPosition(int textPosition) const
+{
+    ContinuationCache continues;
+    int cuts = 0;
+    for (QTextBlock block = document()->begin(); block.isValid(); block = block.next()) {
+        const QTextBlock next = block.next();
+        const int end = block.position() + block.length() - 1 - cuts;
+        // At a cut the text position is the start of the later piece.
+        if (textPosition < end || !next.isValid() || (textPosition == end && !continues(next)))
+            return std::clamp(textPosition + cuts, block.position(), block.position() + block.length() - 1);
+        cuts += continues(next);
+    }
+    return 0;
+}
 
 bool ComposerEditor::continuesPrevious(const QTextBlock &block)
 {

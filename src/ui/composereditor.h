@@ -16,6 +16,8 @@ class QTextBlock;
 // any other position in the text; the clipboard, a drag and text() get the line whole. A cut shows as
 // an early wrap of the line, nothing more.
 //
+// Screen readers get the same text as one: its offsets are the text's, not the document's.
+//
 // Text must go in through setText() or insertText() (or the user's own keys and pastes):
 // QPlainTextEdit's setPlainText() and a QTextCursor's insertText() know nothing of pieces.
 class ComposerEditor final : public QPlainTextEdit
@@ -44,6 +46,10 @@ public:
 
     // Whether the block is a piece continuing the one before it rather than a line of its own.
     static bool continuesPrevious(const QTextBlock &block);
+    // Positions in the text as typed and in the document, which counts a separator at every cut.
+    // A text position at a cut maps to the start of the later piece.
+    int textPosition(int documentPosition) const;
+    int documentPosition(int textPosition) const;
 
 protected:
     void keyPressEvent(QKeyEvent *event) override;

@@ -1,6 +1,7 @@
 #include "ui/composereditor.h"
 #include "ui/composerfield.h"
 
+#include <QAccessible>
 #include <QApplication>
 #include <QClipboard>
 #include <QTest>
@@ -195,6 +196,45 @@ private slots:
             editor.redo();
         QCOMPARE(editor.text(), expected);
         checkPieces(editor);
+    }
+
+    // A screen reader reads, moves through and edits the text as one, whatever the cuts.
+    void screenReader_readsTheTextAsOne()
+    {
+        ComposerField field;
+        field.resize(600, 200);
+        field.show();
+        const QString text = words + u"\nlast line"_s;
+        field.setText(text);
+        ComposerEditor &editor = *field.editor();
+        const int cut = cutPositions(editor).at(1);
+        QAccessibleInterface *reader = QAccessible::queryAccessibleInterface(&editor);
+        QVERIFY(reader && reader->textInterface() && reader->editableTextInterface());
+        QAccessibleTextInterface *readable = reader->textInterface();
+        QCOMPARE(reader->text(QAccessible::Value), text);
+        QCOMPARE(readable->characterCount(), text.size());
+        QCOMPARE(readable->text(cut - 3, cut + 3), text.mid(cut - 3, 6));
+
+        readable->setCursorPosition(cut + 1);
+        QCOMPARE(readable->cursorPosition(), cut + 1);
+        QTest::keyClick(&editor, Qt::Key_Left);
+        QTest::keyClick(&editor, Qt::Key_Left);
+        QCOMPARE(readable->cursorPosition(), cut - 1);
+
+        int start = 0;
+        int end = 0;
+        // Cuts fall after a space, so a word starts at this one.
+        QCOMPARE(readable->textAtOffset(cut + 1, QAccessible::WordBoundary, &start, &end),
+                 text.mid(cut, text.indexOf(u' ', cut) - cut));
+        QCOMPARE(start, cut);
+        QCOMPARE(readable->textAtOffset(cut, QAccessible::ParagraphBoundary, &start, &end), words + u'\n');
+        QCOMPARE(readable->textAfterOffset(cut, QAccessible::ParagraphBoundary, &start, &end), u"last line"_s);
+
+        readable->setSelection(0, cut - 2, cut + 2);
+        readable->selection(0, &start, &end);
+        QCOMPARE(std::pair(start, end), std::pair(cut - 2, cut + 2));
+        reader->editableTextInterface()->replaceText(cut - 2, cut + 2, u"<>"_s);
+        QCOMPARE(editor.text(), QString(text).replace(cut - 2, 4, u"<>"_s));
     }
 
     // Typing one character is one piece's worth of change: no other piece is touched, and typed
