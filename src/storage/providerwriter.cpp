@@ -10,6 +10,9 @@
 #include <QFileInfo>
 #include <QSettings>
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 ProviderWriter::ProviderWriter(std::function<void()> notify)
     : m_notify(std::move(notify))
     , m_thread([this] { run(); })
@@ -56,6 +59,9 @@ QList<ProviderWriter::Outcome> ProviderWriter::takeOutcomes()
 
 void ProviderWriter::run()
 {
+    // The window comes first: on a busy machine the save waits for spare time rather than taking it
+    // from the main thread (on Linux, a thread's niceness is its own).
+    ::setpriority(PRIO_PROCESS, id_t(::gettid()), 10);
     std::unique_lock lock(m_mutex);
     for (;;) {
         m_wake.wait(lock, [this] { return m_pending || m_stopping; });
