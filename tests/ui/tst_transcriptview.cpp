@@ -124,6 +124,20 @@ private slots:
         QVERIFY(!area->bubbleAt(999));
         QVERIFY(area->builtBubbleCount() < 40);
     }
+    // A message that outgrows the view is laid out at the width the scroll bar leaves from the
+    // start: the bar comes a moment later, and a long message must not be laid out again for it.
+    void tallMessage_laidOutForTheScrollBarAtOnce()
+    {
+        Conversation conversation;
+        conversation.id = QUuid::createUuid();
+        conversation.messages.append(ChatMessage(ChatRole::user, QStringLiteral("A line to read. ").repeated(2000)));
+        m_chat->activate(conversation);
+        MessageBubble *bubble = m_view->area()->bubbleAt(0);
+        QVERIFY(bubble);
+        const int width = bubble->width();
+        QTRY_VERIFY(bar()->isVisible());
+        QCOMPARE(bubble->width(), width);
+    }
     // Flipping a prompt's versions back and forth shows each branch with the bubbles it had, kept
     // aside meanwhile, each showing its own message and version.
     void versionsFlippedBackAndForth_showTheirOwnBubbles()
