@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QList>
 #include <QObject>
 #include <QString>
 #include <QUuid>
@@ -11,8 +12,11 @@
 // nothing here ever waits for the keyring, which may be slow to start or ask the user to unlock it.
 //
 // A request that fails because there is no keyring, or because the user would not unlock it,
-// reports unavailable: the caller keeps the key elsewhere. Jobs run one after another in the order
-// they were asked for.
+// reports unavailable: the caller keeps the key elsewhere. A Secret Service without a default
+// keyring counts as no keyring for writes: storing there would open the desktop's own window
+// asking the user to invent a password for a new keyring, in front of ours, for a key that can
+// as well stay in the owner-only settings file. Jobs run one after another in the order they
+// were asked for.
 class Keyring final : public QObject
 {
     Q_OBJECT
@@ -33,6 +37,24 @@ public:
     void write(const QUuid &id, const QString &key);
     // Reports removed; an entry that was not there counts as removed.
     void remove(const QUuid &id);
+
+private:
+    struct Pending
+    {
+        enum class Kind { Read, Write, Remove } kind;
+        QUuid id;
+        QString key;
+    };
+    void run(const Pending &job);
+    void startRead(const QUuid &id);
+    void startWrite(const QUuid &id, const QString &key);
+    void startRemove(const QUuid &id);
+    void askForDefaultKeyring();
+
+    // Unknown until the Secret Service said whether it has a default keyring; jobs asked for
+    // meanwhile wait in order.
+    std::optional<bool> m_hasDefault;
+    QList<Pending> m_waiting;
 
 signals:
     // Emitted when a read finished; key is set only when outcome is Done.

@@ -5,6 +5,12 @@
 #include "storagetestsupport.h"
 #include "toolrun.h"
 
+#include <QDBusArgument>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusObjectPath>
+#include <QDBusVariant>
+#include <QScopeGuard>
 #include <QSettings>
 #include <QSignalSpy>
 #include <QTemporaryDir>
@@ -52,6 +58,34 @@ std::optional<QString> keyringEntry(const QUuid &id)
     if (!read.wait(10000))
         return std::nullopt;
     return read.at(0).at(2).value<std::optional<QString>>();
+}
+
+// Asks the test's Secret Service; the answer's first value.
+QVariant askSecrets(const QString &interface, const QString &method, const QVariantList &arguments)
+{
+    QDBusMessage call =
+        QDBusMessage::createMethodCall(u"org.freedesktop.secrets"_s, u"/org/freedesktop/secrets"_s, interface, method);
+    call.setArguments(arguments);
+    const QDBusMessage answer = QDBusConnection::sessionBus().call(call, QDBus::Block, 10000);
+    return answer.type() == QDBusMessage::ReplyMessage ? answer.arguments().value(0) : QVariant();
+}
+
+QDBusObjectPath defaultKeyring()
+{
+    return askSecrets(u"org.freedesktop.Secret.Service"_s, u"ReadAlias"_s, {u"default"_s}).value<QDBusObjectPath>();
+}
+
+void setDefaultKeyring(const QDBusObjectPath &keyring)
+{
+    askSecrets(u"org.freedesktop.Secret.Service"_s, u"SetAlias"_s, {u"default"_s, QVariant::fromValue(keyring)});
+}
+
+// How many keyrings the Secret Service holds.
+qsizetype keyringCount()
+{
+    const QVariant collections = askSecrets(u"org.freedesktop.DBus.Properties"_s, u"Get"_s,
+                                            {u"org.freedesktop.Secret.Service"_s, u"Collections"_s});
+    return qdbus_cast<QList<QDBusObjectPath>>(collections.value<QDBusVariant>().variant()).size();
 }
 
 // Runs the inspection tool in this test's profile and keyring; its standard output.
@@ -169,6 +203,28 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(store->providers().at(0).apiKey, u"sk-Epsilon"_s, 10000);
         QCOMPARE(store->providers().at(0).model, u"other-model"_s);
         QCOMPARE(keyringEntry(stored.id), u"sk-Epsilon"_s);
+    }
+
+    // With no default keyring, storing a key would have the desktop ask the user, in a window of
+    // its own in front of ours, to make one: the key stays in the owner-only file instead, and
+    // no keyring is made.
+    void noDefaultKeyring_keyStaysInFile()
+    {
+        const QDBusObjectPath login = defaultKeyring();
+        QVERIFY(login.path().startsWith(u"/org/freedesktop/secrets/collection/"_s));
+        const qsizetype keyrings = keyringCount();
+        setDefaultKeyring(QDBusObjectPath(u"/"_s));
+        const auto restore = qScopeGuard([&] { setDefaultKeyring(login); });
+        QCOMPARE(defaultKeyring().path(), u"/"_s);
+
+        storeInFile({provider(u"Zeta"_s)});
+        auto store = keyringStore();
+        QTRY_COMPARE_WITH_TIMEOUT(store->keyStorage(), ProviderStore::KeyStorage::SettingsFile, 10000);
+        QCOMPARE(store->providers().at(0).apiKey, u"sk-Zeta"_s);
+        store->add(provider(u"Eta"_s));
+        store->waitForSaved();
+        QVERIFY(preferencesFile().contains("sk-Zeta") && preferencesFile().contains("sk-Eta"));
+        QCOMPARE(keyringCount(), keyrings);
     }
 
     void inspectTool_readsAndStoresKeysInKeyring()
