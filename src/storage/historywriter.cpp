@@ -12,72 +12,16 @@
 HistoryWriter::HistoryWriter(QString path, HistoryFile::Stamp known, QList<Conversation> onDisk, bool unreadableInPlace,
                              std::function<void()> notify)
     : m_path(std::move(path))
-    , m_notify(std::move(notify))
     , m_known(known)
     , m_lastWritten(std::move(onDisk))
     , m_unreadableInPlace(unreadableInPlace)
-    , m_thread([this] { run(); })
+    , m_thread([this](Job &&job) { return write(std::move(job)); },
+               [](Job &newer, Job &&older) {
+                   newer.changed.unite(older.changed);
+                   newer.deleted.unite(older.deleted);
+               },
+               std::move(notify))
 {}
-
-HistoryWriter::~HistoryWriter()
-{
-    {
-        std::lock_guard lock(m_mutex);
-        m_stopping = true;
-    }
-    m_wake.notify_one();
-    m_thread.join();
-}
-
-void HistoryWriter::submit(Job job)
-{
-    {
-        std::lock_guard lock(m_mutex);
-        if (m_pending) {
-            job.changed.unite(m_pending->changed);
-            job.deleted.unite(m_pending->deleted);
-        }
-        m_pending = std::move(job);
-    }
-    m_wake.notify_one();
-}
-
-void HistoryWriter::waitForIdle()
-{
-    std::unique_lock lock(m_mutex);
-    m_idle.wait(lock, [this] { return !m_pending && !m_busy; });
-}
-
-QList<HistoryWriter::Outcome> HistoryWriter::takeOutcomes()
-{
-    std::lock_guard lock(m_mutex);
-    return std::exchange(m_outcomes, {});
-}
-
-void HistoryWriter::run()
-{
-    std::unique_lock lock(m_mutex);
-    for (;;) {
-        m_wake.wait(lock, [this] { return m_pending || m_stopping; });
-        if (!m_pending)
-            return; // stopping, and nothing is left to write
-        Job job = std::move(*m_pending);
-        m_pending.reset();
-        m_busy = true;
-        lock.unlock();
-        Outcome outcome = write(std::move(job));
-        lock.lock();
-        m_outcomes.append(std::move(outcome));
-        m_busy = false;
-        if (!m_pending)
-            m_idle.notify_all();
-        if (m_notify) {
-            lock.unlock();
-            m_notify();
-            lock.lock();
-        }
-    }
-}
 
 namespace {
 
@@ -175,7 +119,7 @@ static QList<Conversation> mergeOnto(const QList<Conversation> &base, const Hist
     return merged;
 }
 
-HistoryWriter::Outcome HistoryWriter::write(Job job)
+HistoryWriter::Outcome HistoryWriter::write(Job &&job)
 {
     Outcome outcome;
     outcome.generation = job.generation;

@@ -2,6 +2,7 @@
 
 #include "model/conversation.h"
 #include "storage/historyfile.h"
+#include "storage/writerthread.h"
 
 #include <QDate>
 #include <QList>
@@ -9,11 +10,8 @@
 #include <QString>
 #include <QUuid>
 
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <optional>
-#include <thread>
 
 // Writes the conversation history on a thread of its own, so that a save never stalls the window.
 // Saves are taken in order and only the newest waiting one is written: the file always ends with
@@ -50,24 +48,20 @@ public:
     // kept aside before it is replaced. notify is called on the writer thread after each write.
     HistoryWriter(QString path, HistoryFile::Stamp known, QList<Conversation> onDisk, bool unreadableInPlace,
                   std::function<void()> notify);
-    // Writes what is still waiting, then stops the thread.
-    ~HistoryWriter();
     HistoryWriter(const HistoryWriter &) = delete;
     HistoryWriter &operator=(const HistoryWriter &) = delete;
 
     // Hands a state over and returns at once. A job still waiting is folded into this one.
-    void submit(Job job);
+    void submit(Job job) { m_thread.submit(std::move(job)); }
     // Blocks until every job handed over has been written or has failed.
-    void waitForIdle();
+    void waitForIdle() { m_thread.waitForIdle(); }
     // The outcomes not taken yet, oldest first.
-    QList<Outcome> takeOutcomes();
+    QList<Outcome> takeOutcomes() { return m_thread.takeOutcomes(); }
 
 private:
-    void run();
-    Outcome write(Job job);
+    Outcome write(Job &&job);
 
     const QString m_path;
-    const std::function<void()> m_notify;
     // Touched by the writer thread only.
     HistoryFile::Stamp m_known;
     // The list as last written (or read at start): its records are shared with the snapshots.
@@ -77,12 +71,6 @@ private:
     QSet<QUuid> m_unsavedChanged;
     QSet<QUuid> m_unsavedDeleted;
 
-    std::mutex m_mutex;
-    std::condition_variable m_wake;
-    std::condition_variable m_idle;
-    std::optional<Job> m_pending;
-    bool m_busy = false;
-    bool m_stopping = false;
-    QList<Outcome> m_outcomes;
-    std::thread m_thread;
+    // Last, so that it writes what is still waiting and stops before the members above go.
+    WriterThread<Job, Outcome> m_thread;
 };

@@ -14,78 +14,23 @@
 #include <unistd.h>
 
 ProviderWriter::ProviderWriter(std::function<void()> notify)
-    : m_notify(std::move(notify))
-    , m_thread([this] { run(); })
+    : m_thread(
+          &ProviderWriter::write,
+          [](Job &newer, Job &&older) {
+              if (!newer.providers)
+                  newer.providers = std::move(older.providers);
+              if (!newer.selectionChanged) {
+                  newer.selectionChanged = older.selectionChanged;
+                  newer.selection = older.selection;
+              }
+          },
+          std::move(notify),
+          // The window comes first: on a busy machine the save waits for spare time rather than
+          // taking it from the main thread (on Linux, a thread's niceness is its own).
+          [] { ::setpriority(PRIO_PROCESS, id_t(::gettid()), 10); })
 {}
 
-ProviderWriter::~ProviderWriter()
-{
-    {
-        std::lock_guard lock(m_mutex);
-        m_stopping = true;
-    }
-    m_wake.notify_one();
-    m_thread.join();
-}
-
-void ProviderWriter::submit(Job job)
-{
-    {
-        std::lock_guard lock(m_mutex);
-        if (m_pending) {
-            if (!job.providers)
-                job.providers = std::move(m_pending->providers);
-            if (!job.selectionChanged) {
-                job.selectionChanged = m_pending->selectionChanged;
-                job.selection = m_pending->selection;
-            }
-        }
-        m_pending = std::move(job);
-    }
-    m_wake.notify_one();
-}
-
-void ProviderWriter::waitForIdle()
-{
-    std::unique_lock lock(m_mutex);
-    m_idle.wait(lock, [this] { return !m_pending && !m_busy; });
-}
-
-QList<ProviderWriter::Outcome> ProviderWriter::takeOutcomes()
-{
-    std::lock_guard lock(m_mutex);
-    return std::exchange(m_outcomes, {});
-}
-
-void ProviderWriter::run()
-{
-    // The window comes first: on a busy machine the save waits for spare time rather than taking it
-    // from the main thread (on Linux, a thread's niceness is its own).
-    ::setpriority(PRIO_PROCESS, id_t(::gettid()), 10);
-    std::unique_lock lock(m_mutex);
-    for (;;) {
-        m_wake.wait(lock, [this] { return m_pending || m_stopping; });
-        if (!m_pending)
-            return; // stopping, and nothing is left to write
-        Job job = std::move(*m_pending);
-        m_pending.reset();
-        m_busy = true;
-        lock.unlock();
-        Outcome outcome = write(job);
-        lock.lock();
-        m_outcomes.append(std::move(outcome));
-        m_busy = false;
-        if (!m_pending)
-            m_idle.notify_all();
-        if (m_notify) {
-            lock.unlock();
-            m_notify();
-            lock.lock();
-        }
-    }
-}
-
-ProviderWriter::Outcome ProviderWriter::write(const Job &job)
+ProviderWriter::Outcome ProviderWriter::write(Job &&job)
 {
     Outcome outcome;
     outcome.generation = job.generation;

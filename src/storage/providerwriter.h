@@ -1,16 +1,14 @@
 #pragma once
 
 #include "model/provider.h"
+#include "storage/writerthread.h"
 
 #include <QList>
 #include <QString>
 #include <QUuid>
 
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <optional>
-#include <thread>
 
 // Writes the providers and the selected provider's id to the preferences on a thread of its own,
 // so that neither encoding a long list nor the file's write and flush ever stalls the window.
@@ -42,29 +40,17 @@ public:
 
     // notify is called on the writer thread after each write.
     explicit ProviderWriter(std::function<void()> notify);
-    // Writes what is still waiting, then stops the thread.
-    ~ProviderWriter();
-    ProviderWriter(const ProviderWriter &) = delete;
-    ProviderWriter &operator=(const ProviderWriter &) = delete;
 
     // Hands a state over and returns at once. A job still waiting is folded into this one.
-    void submit(Job job);
+    void submit(Job job) { m_thread.submit(std::move(job)); }
     // Blocks until every job handed over has been written or has failed.
-    void waitForIdle();
+    void waitForIdle() { m_thread.waitForIdle(); }
     // The outcomes not taken yet, oldest first.
-    QList<Outcome> takeOutcomes();
+    QList<Outcome> takeOutcomes() { return m_thread.takeOutcomes(); }
 
 private:
-    void run();
-    static Outcome write(const Job &job);
+    static Outcome write(Job &&job);
 
-    const std::function<void()> m_notify;
-    std::mutex m_mutex;
-    std::condition_variable m_wake;
-    std::condition_variable m_idle;
-    std::optional<Job> m_pending;
-    bool m_busy = false;
-    bool m_stopping = false;
-    QList<Outcome> m_outcomes;
-    std::thread m_thread;
+    // Writes what is still waiting when it goes.
+    WriterThread<Job, Outcome> m_thread;
 };
