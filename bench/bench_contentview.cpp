@@ -53,8 +53,7 @@ int main(int argc, char **argv)
     QApplication app(argc, argv);
 
     const QString history = dir.filePath(QStringLiteral("conversations.json"));
-    const QString generator = Bench::dataDir() + QStringLiteral("/gen_history.py");
-    if (!QFileInfo::exists(generator) || QProcess::execute(QStringLiteral("python3"), {generator, history}) != 0)
+    if (!Bench::generateHistory(history))
         writeFallbackHistory(history);
     Bench::report("history size", double(QFileInfo(history).size()) / 1e6, "MB");
 

@@ -195,11 +195,10 @@ private:
 // The shared generator when it is there; otherwise the same shape made here.
 bool makeHistory(const QString &path)
 {
-    const QString generator = Bench::dataDir() + QStringLiteral("/gen_history.py");
-    if (QFileInfo::exists(generator))
-        return QProcess::execute(QStringLiteral("python3"), {generator, path}) == 0 && QFileInfo::exists(path);
+    if (QFileInfo::exists(Bench::historyGenerator()))
+        return Bench::generateHistory(path);
     std::fprintf(stderr, "bench_history: %s is missing; generating a history of the same shape\n",
-                 qPrintable(generator));
+                 qPrintable(Bench::historyGenerator()));
     QSaveFile file(path);
     return file.open(QIODevice::WriteOnly) && file.write(encodeJson(HistoryMaker().make(50'000'000, 2000, 20))) > 0 &&
            file.commit();

@@ -110,9 +110,8 @@ int main(int argc, char **argv)
     QApplication app(argc, argv);
 
     const QString history = dir.filePath(QStringLiteral("conversations.json"));
-    const QString generator = Bench::dataDir() + QStringLiteral("/gen_history.py");
-    if (!QFileInfo::exists(generator) || QProcess::execute(QStringLiteral("python3"), {generator, history}) != 0) {
-        std::fprintf(stderr, "bench_search: needs %s\n", qPrintable(generator));
+    if (!Bench::generateHistory(history)) {
+        std::fprintf(stderr, "bench_search: needs %s\n", qPrintable(Bench::historyGenerator()));
         return 1;
     }
     const double historyMB = double(QFileInfo(history).size()) / 1e6;

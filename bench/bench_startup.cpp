@@ -257,9 +257,9 @@ int parent()
     const QProcessEnvironment heavy = profileEnvironment(env, dir.filePath(u"history"_s));
     const QString history = dir.filePath(u"history/data/Verbolt/conversations.json"_s);
     QDir().mkpath(QFileInfo(history).absolutePath());
-    const QString generator = Bench::dataDir() + u"/gen_history.py"_s;
-    if (QProcess::execute(u"python3"_s, {generator, history}) != 0 || !QFileInfo::exists(history)) {
-        std::fprintf(stderr, "bench_startup: could not generate the history with %s\n", qPrintable(generator));
+    if (!Bench::generateHistory(history)) {
+        std::fprintf(stderr, "bench_startup: could not generate the history with %s\n",
+                     qPrintable(Bench::historyGenerator()));
         return 1;
     }
     const double historyMB = double(QFileInfo(history).size()) / (1024.0 * 1024.0);

@@ -49,14 +49,6 @@ QList<ChatMessage> longConversation(int messages, int versions)
     return list;
 }
 
-bool generateHistory(const QString &path)
-{
-    const QString generator = Bench::dataDir() + QStringLiteral("/gen_history.py");
-    if (!QFile::exists(generator))
-        return false;
-    return QProcess::execute(QStringLiteral("python3"), {generator, path}) == 0;
-}
-
 // Every tenth conversation gets three more versions of its last reply and one of its first prompt.
 QList<Conversation> withVersions(QList<Conversation> list)
 {
@@ -138,7 +130,7 @@ int main(int argc, char *argv[])
 
     // Loading the history, without and with versions.
     const QString plain = dir.filePath(QStringLiteral("plain.json"));
-    if (!generateHistory(plain)) {
+    if (!Bench::generateHistory(plain)) {
         std::fprintf(stderr, "bench_versions: no history generator in %s\n", qPrintable(Bench::dataDir()));
         return 1;
     }

@@ -6,6 +6,8 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QFileInfo>
+#include <QProcess>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
@@ -91,6 +93,19 @@ inline QString dataDir()
 {
     const QByteArray env = qgetenv("VERBOLT_BENCH_DATA");
     return env.isEmpty() ? QStringLiteral(VERBOLT_BENCH_DATA) : QString::fromLocal8Bit(env);
+}
+
+inline QString historyGenerator()
+{
+    return dataDir() + QStringLiteral("/gen_history.py");
+}
+
+// Writes the shared generator's history (about 50 MB, 2,000 conversations) to path. False when
+// the generator is not there or did not make the file: the caller makes its own or gives up.
+inline bool generateHistory(const QString &path)
+{
+    return QFileInfo::exists(historyGenerator()) &&
+           QProcess::execute(QStringLiteral("python3"), {historyGenerator(), path}) == 0 && QFileInfo::exists(path);
 }
 
 // A Markdown reply of the shape of the shared 20,000-token one, made here for a clone of the
