@@ -87,11 +87,33 @@ class tst_ChatViewModel final : public QObject
     }
     QList<ChatMessage> stored(const QUuid &id) const
     {
-        for (const Conversation &c : m_store->conversations()) {
-            if (c.id == id)
-                return c.messages;
-        }
-        return {};
+        const Conversation *c = m_store->find(id);
+        return c ? c->messages.list() : QList<ChatMessage>();
+    }
+    // The contents of the messages the nth request sent.
+    QStringList sent(qsizetype request) const
+    {
+        Json::Parser parser;
+        QStringList all;
+        for (const Json::Value &m : parser.parse(m_server->requests().at(request).body)["messages"].elements())
+            all.append(m["content"].toString());
+        return all;
+    }
+    // Answers the requests with these responses in turn, and any later ones with the last.
+    void serveInTurn(const QList<LoopbackResponse> &responses)
+    {
+        m_server->setHandler([responses, next = qsizetype(0)](const LoopbackRequest &) mutable {
+            return responses.at(std::min(next++, responses.size() - 1));
+        });
+    }
+    // Another window on the same store, showing the selected conversation.
+    std::unique_ptr<ChatViewModel> otherWindow()
+    {
+        auto other = std::make_unique<ChatViewModel>();
+        other->setClock([this] { return std::exchange(m_now, m_now + m_step); });
+        other->setStore(m_store.get());
+        other->activate(m_store->selected());
+        return other;
     }
 
     StorageTest::Profile m_profile;
@@ -153,9 +175,7 @@ private slots:
         QFETCH(std::optional<QString>, errorText);
 
         if (streaming) {
-            LoopbackResponse silent;
-            silent.neverAnswer = true;
-            m_server->setResponse(silent);
+            m_server->setResponse(LoopbackResponse::silent());
             start(u"first"_s, loopback());
             QTRY_COMPARE(m_server->requests().size(), 1);
         }
@@ -260,21 +280,12 @@ private slots:
         QCOMPARE(stored(m_conversation.id), messages);
         QCOMPARE(storedAtRequest, messages.first(4));
         QCOMPARE(m_vm->input(), QString());
-
-        Json::Parser parser;
-        QStringList sent;
-        for (const Json::Value &m : parser.parse(m_server->requests().first().body)["messages"].elements())
-            sent.append(m["content"].toString());
-        QCOMPARE(sent, contents(messages.first(4)));
+        QCOMPARE(sent(0), contents(messages.first(4)));
     }
 
     void stopThenSendAtOnce_keepsAndSavesStoppedReplyFirst()
     {
-        int request = 0;
-        m_server->setHandler([&request](const LoopbackRequest &) {
-            return ++request == 1 ? stalling({delta("cut"), delta("never")})
-                                  : LoopbackResponse::eventStream({delta("whole")});
-        });
+        serveInTurn({stalling({delta("cut"), delta("never")}), LoopbackResponse::eventStream({delta("whole")})});
         start(u"one"_s, loopback());
         QTRY_COMPARE(m_vm->messages().last().content, u"cut"_s);
 
@@ -378,20 +389,16 @@ private slots:
         slow.pieces[1].delayMs = 300;
         slow.pieces[2].delayMs = 300;
         m_server->setResponse(slow);
-        ChatViewModel before;
-        before.setStore(m_store.get());
-        before.activate(m_conversation);
+        const auto before = otherWindow();
         start(u"q"_s, loopback());
         QTRY_COMPARE(m_vm->messages().last().content, u"a"_s);
-        QCOMPARE(contents(before.messages()), (QStringList{u"a"_s}));
+        QCOMPARE(contents(before->messages()), (QStringList{u"a"_s}));
 
-        ChatViewModel opened;
-        opened.setStore(m_store.get());
-        opened.activate(m_store->selected());
-        QCOMPARE(contents(opened.messages()), (QStringList{u"q"_s, u"a"_s}));
-        QTRY_COMPARE(contents(opened.messages()), (QStringList{u"q"_s, u"ab"_s}));
-        QCOMPARE(opened.messages().last().id, m_vm->messages().last().id);
-        QVERIFY(opened.messages().last().id != m_vm->messages().first().id);
+        const auto opened = otherWindow();
+        QCOMPARE(contents(opened->messages()), (QStringList{u"q"_s, u"a"_s}));
+        QTRY_COMPARE(contents(opened->messages()), (QStringList{u"q"_s, u"ab"_s}));
+        QCOMPARE(opened->messages().last().id, m_vm->messages().last().id);
+        QVERIFY(opened->messages().last().id != m_vm->messages().first().id);
 
         QTRY_VERIFY(!m_vm->isStreaming());
         QCOMPARE(contents(stored(m_conversation.id)), (QStringList{u"q"_s, u"ab"_s}));
@@ -436,19 +443,17 @@ private slots:
 
         m_server->setResponse(LoopbackResponse::eventStream({delta("r")}));
         QVERIFY(runTurn(u"next"_s, loopback()));
-        Json::Parser parser;
-        const QList<Json::Value> sent = parser.parse(m_server->requests().first().body)["messages"].elements();
-        QCOMPARE(sent.first()["role"].toString() == u"system"_s, result.first().startsWith(u"s:"));
+        QCOMPARE(sent(0).first(), result.first().startsWith(u"s:") ? result.first().mid(2) : result.first());
     }
 
     // Regenerating and resending make versions: what is sent is the path before the new message,
     // nothing earlier is lost in memory or in the file, and switching versions is saved too.
     void versions_regenerateEditAndSwitch()
     {
-        QStringList replies = {u"r1"_s, u"r2"_s, u"r2b"_s, u"r1b"_s};
-        m_server->setHandler([&replies](const LoopbackRequest &) {
-            return LoopbackResponse::eventStream({delta(replies.takeFirst().toUtf8())});
-        });
+        QList<LoopbackResponse> replies;
+        for (const QByteArray reply : {"r1", "r2", "r2b", "r1b"})
+            replies.append(LoopbackResponse::eventStream({delta(reply)}));
+        serveInTurn(replies);
         QVERIFY(runTurn(u"q1"_s, loopback()));
         QVERIFY(runTurn(u"q2"_s, loopback()));
         QVERIFY(m_vm->canRegenerate());
@@ -460,11 +465,7 @@ private slots:
         QCOMPARE(contents(m_vm->messages()), (QStringList{u"q1"_s, u"r1"_s, u"q2"_s, u"r2b"_s}));
         QCOMPARE(MessageVersioning::versionCount(m_vm->messages().last()), 2);
         QCOMPARE(stored(m_conversation.id), m_vm->messages());
-        Json::Parser parser;
-        QStringList sent;
-        for (const Json::Value &m : parser.parse(m_server->requests().at(2).body)["messages"].elements())
-            sent.append(m["content"].toString());
-        QCOMPARE(sent, (QStringList{u"q1"_s, u"r1"_s, u"q2"_s}));
+        QCOMPARE(sent(2), (QStringList{u"q1"_s, u"r1"_s, u"q2"_s}));
 
         m_vm->editAndResend(0, u"  q1b \n"_s, loopback());
         QVERIFY(m_vm->isStreaming());
@@ -532,13 +533,8 @@ private slots:
         QFETCH(bool, fails);
         QFETCH(QStringList, shown);
         QFETCH(int, count);
-        int request = 0;
-        m_server->setHandler([&request, fails](const LoopbackRequest &) {
-            ++request;
-            if (request <= 2)
-                return LoopbackResponse::eventStream({delta(request == 1 ? "one" : "two")});
-            return fails ? LoopbackResponse::text(500, "down") : stalling({delta("cut"), delta("never")});
-        });
+        serveInTurn({LoopbackResponse::eventStream({delta("one")}), LoopbackResponse::eventStream({delta("two")}),
+                     fails ? LoopbackResponse::text(500, "down") : stalling({delta("cut"), delta("never")})});
         QVERIFY(runTurn(u"q"_s, loopback()));
         m_vm->regenerate(loopback());
         QTRY_VERIFY(!m_vm->isStreaming());
@@ -557,21 +553,16 @@ private slots:
 
     void twoViewModelsStreamingIntoOneConversation_keepEachOthersTurns()
     {
-        int request = 0;
-        m_server->setHandler([&request](const LoopbackRequest &) {
-            return ++request == 1 ? stalling({delta("first reply"), "data: [DONE]\n\n"}, 300)
-                                  : stalling({delta("second reply"), "data: [DONE]\n\n"}, 600);
-        });
-        ChatViewModel other;
-        other.setStore(m_store.get());
+        serveInTurn({stalling({delta("first reply"), "data: [DONE]\n\n"}, 300),
+                     stalling({delta("second reply"), "data: [DONE]\n\n"}, 600)});
         start(u"first"_s, loopback());
         // The other window shows what the first one saved, then sends while the first still streams.
-        other.activate(m_store->selected());
-        other.setInput(u"second"_s);
-        other.send(loopback());
-        QVERIFY(m_vm->isStreaming() && other.isStreaming());
+        const auto other = otherWindow();
+        other->setInput(u"second"_s);
+        other->send(loopback());
+        QVERIFY(m_vm->isStreaming() && other->isStreaming());
 
-        QTRY_VERIFY_WITH_TIMEOUT(!m_vm->isStreaming() && !other.isStreaming(), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(!m_vm->isStreaming() && !other->isStreaming(), 10000);
         QCOMPARE(contents(stored(m_conversation.id)),
                  (QStringList{u"first"_s, u"first reply"_s, u"second"_s, u"second reply"_s}));
     }
@@ -580,27 +571,19 @@ private slots:
     // sent there meanwhile is kept, and the old reply is saved once, as a hidden version.
     void twoViewModels_regenerateWhileTheOtherSends_savesEachMessageOnce()
     {
-        int request = 0;
-        m_server->setHandler([&request](const LoopbackRequest &) {
-            ++request;
-            if (request == 1)
-                return LoopbackResponse::eventStream({delta("one")});
-            return request == 2 ? stalling({delta("two"), "data: [DONE]\n\n"}, 300)
-                                : stalling({delta("other reply"), "data: [DONE]\n\n"}, 600);
-        });
+        serveInTurn({LoopbackResponse::eventStream({delta("one")}), stalling({delta("two"), "data: [DONE]\n\n"}, 300),
+                     stalling({delta("other reply"), "data: [DONE]\n\n"}, 600)});
         QVERIFY(runTurn(u"q"_s, loopback()));
-        ChatViewModel other;
-        other.setStore(m_store.get());
-        other.activate(m_store->selected());
+        const auto other = otherWindow();
         m_vm->regenerate(loopback());
-        QTRY_COMPARE(contents(other.messages()), (QStringList{u"q"_s, u"two"_s}));
-        QCOMPARE(other.messages().last().id, m_vm->messages().last().id);
-        QVERIFY(!other.canRegenerate());
+        QTRY_COMPARE(contents(other->messages()), (QStringList{u"q"_s, u"two"_s}));
+        QCOMPARE(other->messages().last().id, m_vm->messages().last().id);
+        QVERIFY(!other->canRegenerate());
 
-        other.setInput(u"meanwhile"_s);
-        other.send(loopback());
-        QVERIFY(other.isStreaming());
-        QTRY_VERIFY_WITH_TIMEOUT(!m_vm->isStreaming() && !other.isStreaming(), 10000);
+        other->setInput(u"meanwhile"_s);
+        other->send(loopback());
+        QVERIFY(other->isStreaming());
+        QTRY_VERIFY_WITH_TIMEOUT(!m_vm->isStreaming() && !other->isStreaming(), 10000);
         const QList<ChatMessage> saved = stored(m_conversation.id);
         QCOMPARE(contents(saved), (QStringList{u"q"_s, u"two"_s, u"meanwhile"_s, u"other reply"_s}));
         QCOMPARE(contents(MessageVersioning::showVersion(saved, 1, 0)), (QStringList{u"q"_s, u"one"_s}));
@@ -620,28 +603,20 @@ private slots:
         QFETCH(bool, otherEndsFirst);
         const int otherDelay = otherEndsFirst ? 200 : 700;
         const int editDelay = otherEndsFirst ? 700 : 200;
-        int request = 0;
-        m_server->setHandler([&](const LoopbackRequest &) {
-            ++request;
-            if (request == 1)
-                return LoopbackResponse::eventStream({delta("one")});
-            return request == 2 ? stalling({delta("second "), delta("reply")}, otherDelay)
-                                : stalling({delta("edited reply"), "data: [DONE]\n\n"}, editDelay);
-        });
+        serveInTurn({LoopbackResponse::eventStream({delta("one")}),
+                     stalling({delta("second "), delta("reply")}, otherDelay),
+                     stalling({delta("edited reply"), "data: [DONE]\n\n"}, editDelay)});
         QVERIFY(runTurn(u"q"_s, loopback()));
-        ChatViewModel other;
-        other.setClock([this] { return std::exchange(m_now, m_now + m_step); });
-        other.setStore(m_store.get());
-        other.activate(m_store->selected());
-        other.setInput(u"second"_s);
-        other.send(loopback());
+        const auto other = otherWindow();
+        other->setInput(u"second"_s);
+        other->send(loopback());
         // This window takes in the other's saved prompt (its window reloads on a save) and its reply.
         m_vm->activate(m_store->selected());
         QTRY_COMPARE(contents(m_vm->messages()), (QStringList{u"q"_s, u"one"_s, u"second"_s, u"second "_s}));
 
         m_vm->editAndResend(0, u"q edited"_s, loopback());
         QVERIFY(m_vm->isStreaming());
-        QTRY_VERIFY_WITH_TIMEOUT(!m_vm->isStreaming() && !other.isStreaming(), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(!m_vm->isStreaming() && !other->isStreaming(), 10000);
         QCOMPARE(contents(m_vm->messages()), (QStringList{u"q edited"_s, u"edited reply"_s}));
         const QList<ChatMessage> saved = stored(m_conversation.id);
         QCOMPARE(contents(saved), (QStringList{u"q edited"_s, u"edited reply"_s}));

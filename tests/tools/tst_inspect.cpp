@@ -1,4 +1,8 @@
+#include "mockprovider.h"
+#include "model/conversation.h"
 #include "model/json.h"
+#include "model/jsoncoding.h"
+#include "storagetestsupport.h"
 #include "toolrun.h"
 
 #include <QTest>
@@ -6,6 +10,11 @@
 namespace {
 
 const QByteArray userMessage = R"({"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF","role":"user","content":" Hi\nthere "})";
+
+ToolRun inspect(const QStringList &args, const QByteArray &input = {})
+{
+    return runTool(QStringLiteral(VERBOLT_INSPECT), args, input);
+}
 
 } // namespace
 
@@ -16,6 +25,7 @@ class tst_Inspect : public QObject
 private slots:
     void contract_data();
     void contract();
+    void turn_storesUserMessageAndStreamedReply();
 };
 
 void tst_Inspect::contract_data()
@@ -62,7 +72,7 @@ void tst_Inspect::contract()
     QFETCH(QByteArray, input);
     QFETCH(int, exitCode);
     QFETCH(QByteArray, output);
-    const ToolRun run = runTool(QStringLiteral(VERBOLT_INSPECT), args, input);
+    const ToolRun run = inspect(args, input);
     QCOMPARE(run.exitCode, exitCode);
     if (!output.isEmpty())
         QCOMPARE(run.out, output);
@@ -75,6 +85,44 @@ void tst_Inspect::contract()
         QVERIFY(run.out.isEmpty());
         QVERIFY(!run.err.isEmpty());
     }
+}
+
+// A whole turn against the mock provider, in a private profile: what a window's turn leaves in the
+// real stores.
+void tst_Inspect::turn_storesUserMessageAndStreamedReply()
+{
+    const StorageTest::Profile profile;
+    MockProvider mock;
+    QVERIFY(mock.listen());
+    const QString archive = profile.root() + QStringLiteral("/archive.json");
+    QVERIFY(StorageTest::writeAll(
+        archive,
+        QStringLiteral(R"({"version":1,"conversations":[],"providers":[{"id":"%1","name":"Mock","wire":"openAI",)"
+                       R"("baseURL":"%2","model":"mock-small","cachedModels":[],"apiKey":"sk-mock"}]})")
+            .arg(JsonCoding::uuidText(QUuid::createUuid()), mock.baseURL())
+            .toUtf8()));
+    QCOMPARE(inspect({QStringLiteral("archive-import"), QStringLiteral("--file"), archive}).exitCode, 0);
+
+    const ToolRun turn = inspect({QStringLiteral("turn"), QStringLiteral("--text"), QStringLiteral(" Tell me\nmore ")});
+    QCOMPARE(turn.exitCode, 0);
+    Json::Parser parser;
+    const Json::Value root = parser.parse(turn.out);
+    QVERIFY2(root.isObject() && root["errorText"].isNull(), turn.out.constData());
+
+    Conversation stored;
+    QString error;
+    QVERIFY2(fromJson(root["conversation"], stored, error), qPrintable(error));
+    QCOMPARE(stored.messages.size(), 2);
+    const ChatMessage question = stored.messages.first(), reply = stored.messages.last();
+    QCOMPARE(question.role, ChatRole::user);
+    QCOMPARE(question.content, QStringLiteral("Tell me\nmore"));
+    QCOMPARE(reply.role, ChatRole::assistant);
+    QCOMPARE(reply.content, mock.options().reply);
+    QVERIFY(reply.usage && reply.usage->promptTokens && reply.usage->completionTokens && reply.usage->totalTokens);
+
+    QList<ChatMessage> shown;
+    QVERIFY(fromJson(root["messages"], shown, error));
+    QCOMPARE(shown, stored.messages);
 }
 
 QTEST_GUILESS_MAIN(tst_Inspect)
