@@ -109,8 +109,6 @@ private slots:
         QTest::newRow("help") << QStringList{u"-h"_s} << 0 << u"Usage: verbolt [OPTION]... [FILE]\n"_s << QString();
         QTest::newRow("unknown option") << QStringList{u"--frobnicate"_s} << 2 << QString()
                                         << u"verbolt: unknown option '--frobnicate'"_s;
-        QTest::newRow("missing file") << QStringList{u"gone.json"_s} << 2 << QString()
-                                      << u"verbolt: no such file: 'gone.json'"_s;
     }
 
     void program()

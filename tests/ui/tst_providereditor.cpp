@@ -209,7 +209,6 @@ private slots:
         QTest::newRow("socks5, password never shown")
             << u"socks5://me:pw@h:1080"_s << u"socks5://me:pw@h:1080"_s << u"socks5://me@h:1080"_s;
         QTest::newRow("no scheme") << u"10.0.0.2:3128"_s << QString() << u"10.0.0.2:3128"_s;
-        QTest::newRow("no port") << u"http://10.0.0.2"_s << QString() << u"http://10.0.0.2"_s;
     }
 
     void proxy_savedOnlyWhenUsable()

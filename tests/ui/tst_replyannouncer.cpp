@@ -1,5 +1,6 @@
 #include "chat/chatviewmodel.h"
 #include "loopbackserver.h"
+#include "storagetestsupport.h"
 #include "ui/replyannouncer.h"
 #include "ui/scrollcontroller.h"
 #include "ui/transcriptview.h"
@@ -9,7 +10,6 @@
 #include <QElapsedTimer>
 #include <qpa/qplatformaccessibility.h>
 #include <qpa/qplatformintegration.h>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <private/qguiapplication_p.h>
@@ -61,8 +61,6 @@ class tst_ReplyAnnouncer final : public QObject
 private slots:
     void initTestCase()
     {
-        QVERIFY(m_config.isValid());
-        qputenv("XDG_CONFIG_HOME", m_config.path().toLocal8Bit());
         sinceStart.start();
         // No platform turns accessibility on by itself without a reader on the bus; the test is
         // the reader, as Qt's own accessibility tests are.
@@ -217,18 +215,14 @@ private:
         QList<QByteArray> all = pieces;
         all.append("data: [DONE]\n\n");
         m_server->setResponse(response.value_or(LoopbackResponse::eventStream(all, delayMs)));
-        Provider provider;
-        provider.id = QUuid::createUuid();
-        provider.name = u"Loopback"_s;
+        Provider provider = StorageTest::provider(u"Loopback"_s);
         provider.baseURL = m_server->url(u"/v1"_s).toString();
-        provider.model = u"m"_s;
-        provider.apiKey = u"sk-test"_s;
         m_chat->setInput(u"Tell me a story."_s);
         m_chat->send(provider);
         QVERIFY(m_chat->isStreaming());
     }
 
-    QTemporaryDir m_config;
+    StorageTest::Profile m_profile;
     std::unique_ptr<LoopbackServer> m_server;
     std::unique_ptr<ChatViewModel> m_chat;
     std::unique_ptr<ScrollController> m_scroll;

@@ -130,17 +130,13 @@ private slots:
         collect(item, nodes);
         if (QTest::currentTestFailed())
             return;
-        QStringList outline;
-        for (const Node &node : nodes) {
-            // A button's description is its tooltip.
-            const bool described = !node.description.isEmpty() && node.role != QAccessible::Button;
-            outline.append(u"%1 %2"_s.arg(int(node.role), 0, 16).arg(node.name) +
-                           (described ? u" (" + node.description + u')' : QString()));
-        }
         const auto row = [](QAccessible::Role role, const QString &name, const QString &description = {}) -> QString {
             return u"%1 %2"_s.arg(int(role), 0, 16).arg(name) +
                    (description.isEmpty() ? QString() : u" (" + description + u')');
         };
+        QStringList outline;
+        for (const Node &node : nodes) // a button's description is its tooltip
+            outline.append(row(node.role, node.name, node.role == QAccessible::Button ? QString() : node.description));
         const QStringList expected{
             row(QAccessible::Button, u"Copy Markdown"_s),
             row(QAccessible::Heading, u"Plan"_s),
@@ -209,18 +205,25 @@ private slots:
         }
     }
 
-    // "Copy Markdown" is one action away on every message, built or not, and copies the source.
-    void copyMarkdownAction()
+    // Every message is an item, built or not, reading as shown; "Copy Markdown" is one action away on
+    // each and copies the source.
+    void everyMessageIsAnItem_withCopyMarkdown()
     {
         QList<ChatMessage> messages;
         for (int i = 0; i < 300; ++i)
-            messages.append(ChatMessage(ChatRole::assistant, u"Reply **%1**\n\n- item"_s.arg(i)));
+            messages.append(
+                ChatMessage(i % 2 ? ChatRole::assistant : ChatRole::user, u"Reply **%1**\n\n- item"_s.arg(i)));
         show(messages);
         QAccessibleInterface *list = QAccessible::queryAccessibleInterface(m_view->area());
+        QCOMPARE(list->role(), QAccessible::List);
+        QCOMPARE(list->childCount(), 300);
         QVERIFY(!m_view->area()->bubbleAt(0));
         QVERIFY(m_view->area()->bubbleAt(299));
         for (int i : {0, 299}) {
             QAccessibleInterface *item = list->child(i);
+            QCOMPARE(item->role(), QAccessible::ListItem);
+            QCOMPARE(list->indexOfChild(item), i);
+            QCOMPARE(item->text(QAccessible::Name), i % 2 ? u"Assistant"_s : u"You"_s);
             QCOMPARE(item->text(QAccessible::Description), u"Reply %1\n\u2022 item"_s.arg(i));
             QAccessibleActionInterface *a = actions(item, u"Copy Markdown"_s);
             QVERIFY(a);

@@ -2,6 +2,7 @@
 #include "mockprovider.h"
 #include "storage/conversationstore.h"
 #include "storage/providerstore.h"
+#include "storagetestsupport.h"
 #include "ui/codeblockview.h"
 #include "ui/contentview.h"
 #include "ui/conversationsidebar.h"
@@ -18,7 +19,6 @@
 #include <QPlainTextEdit>
 #include <QScrollArea>
 #include <QScrollBar>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <memory>
@@ -30,26 +30,17 @@ class tst_TranscriptFind final : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase()
-    {
-        QVERIFY(m_home.isValid());
-        qputenv("XDG_CONFIG_HOME", QFile::encodeName(m_home.filePath(u"config"_s)));
-        qputenv("XDG_DATA_HOME", QFile::encodeName(m_home.filePath(u"data"_s)));
-    }
+    void initTestCase() { m_profile = std::make_unique<StorageTest::Profile>(); }
     void init()
     {
         static int run = 0;
         m_store = std::make_unique<ProviderStore>();
         m_store->setProviders({});
-        m_chats = std::make_unique<ConversationStore>(m_home.filePath(u"c%1.json"_s.arg(++run)));
+        m_chats = std::make_unique<ConversationStore>(m_profile->root() + u"/c%1.json"_s.arg(++run));
         m_mock = std::make_unique<MockProvider>();
         QVERIFY(m_mock->listen());
-        Provider p;
-        p.id = QUuid::createUuid();
-        p.name = u"Mock"_s;
+        Provider p = StorageTest::provider(u"Mock"_s);
         p.baseURL = m_mock->baseURL();
-        p.model = u"mock-small"_s;
-        p.apiKey = u"sk-test"_s;
         m_store->add(p);
         m_store->setSelectedID(p.id);
     }
@@ -250,7 +241,7 @@ private:
         QVERIFY(QTest::qWaitForWindowExposed(m_view));
     }
 
-    QTemporaryDir m_home;
+    std::unique_ptr<StorageTest::Profile> m_profile;
     std::unique_ptr<ProviderStore> m_store;
     std::unique_ptr<ConversationStore> m_chats;
     std::unique_ptr<MockProvider> m_mock;

@@ -1,6 +1,7 @@
 #include "chat/chatviewmodel.h"
 #include "loopbackserver.h"
 #include "model/versions.h"
+#include "storagetestsupport.h"
 #include "ui/codeblockview.h"
 #include "ui/messagebubble.h"
 #include "ui/scrollcontroller.h"
@@ -8,7 +9,6 @@
 #include "ui/transcriptview.h"
 
 #include <QAbstractButton>
-#include <QAccessible>
 #include <QApplication>
 #include <QLabel>
 #include <QScreen>
@@ -87,8 +87,7 @@ private slots:
         m_scroll.reset();
         m_server.reset();
     }
-    // A long conversation opens at its end with only the bubbles near it built, and a screen
-    // reader still finds every message with its role and text.
+    // A long conversation opens at its end with only the bubbles near it built.
     void opensLazilyAndListsEveryMessage()
     {
         Conversation conversation;
@@ -104,19 +103,6 @@ private slots:
         QVERIFY(area->bubbleAt(999));
         QVERIFY(!area->bubbleAt(0));
         QVERIFY(area->builtBubbleCount() < 40);
-
-        QAccessibleInterface *list = QAccessible::queryAccessibleInterface(area);
-        QVERIFY(list);
-        QCOMPARE(list->role(), QAccessible::List);
-        QCOMPARE(list->childCount(), 1000);
-        for (int i : {0, 500, 999}) {
-            QAccessibleInterface *item = list->child(i);
-            QVERIFY(item);
-            QCOMPARE(item->role(), QAccessible::ListItem);
-            QCOMPARE(item->text(QAccessible::Name), i % 2 ? QStringLiteral("Assistant") : QStringLiteral("You"));
-            QCOMPARE(item->text(QAccessible::Description), QStringLiteral("Message %1").arg(i));
-            QCOMPARE(list->indexOfChild(item), i);
-        }
 
         // Scrolling to the top builds the first bubbles and lets the far ones go.
         bar()->setValue(0);
@@ -361,12 +347,8 @@ private:
         QList<QByteArray> all = pieces;
         all.append("data: [DONE]\n\n");
         m_server->setResponse(LoopbackResponse::eventStream(all, delayMs));
-        Provider provider;
-        provider.id = QUuid::createUuid();
-        provider.name = QStringLiteral("Loopback");
+        Provider provider = StorageTest::provider(QStringLiteral("Loopback"));
         provider.baseURL = m_server->url(QStringLiteral("/v1")).toString();
-        provider.model = QStringLiteral("m");
-        provider.apiKey = QStringLiteral("sk-test");
         m_chat->setInput(QStringLiteral("Tell me a long story."));
         m_scroll->messageSent();
         m_chat->send(provider);
