@@ -5,12 +5,14 @@
 #include <QNetworkReply>
 #include <QTimer>
 
+#include <algorithm>
+
 ChatStream::ChatStream(QObject *parent)
     : QObject(parent)
     , m_readTimer(new QTimer(this))
 {
     m_readTimer->setSingleShot(true);
-    connect(m_readTimer, &QTimer::timeout, this, &ChatStream::readAvailable);
+    connect(m_readTimer, &QTimer::timeout, this, &ChatStream::release);
 }
 
 ChatStream::~ChatStream()
@@ -98,23 +100,44 @@ void ChatStream::handleReadyRead()
     handleHead();
     if (m_state != State::readingEvents && m_state != State::collectingError)
         return;
+    if (!m_held) {
+        readAvailable();
+        return;
+    }
     if (m_readTimer->isActive())
         return;
     const qint64 since = m_sinceRead.isValid() ? m_sinceRead.elapsed() : qint64(readIntervalMs);
-    if (since < readIntervalMs) {
-        m_readTimer->start(int(readIntervalMs - since));
+    m_readTimer->start(int(std::max<qint64>(0, readIntervalMs - since)));
+}
+
+void ChatStream::release()
+{
+    if (m_finished || !m_reply)
         return;
-    }
-    readAvailable();
+    // Qt's HTTP thread hands over what it kept back once the limit is lifted and the byte it
+    // did hand over is read; that arrives as the next readyRead, which reads it at once.
+    m_held = false;
+    m_reply->setReadBufferSize(TransferLimits::megabyte);
+    take(m_reply->readAll());
+    processLines(false);
 }
 
 void ChatStream::readAvailable()
 {
     if (m_finished || !m_reply)
         return;
-    m_sinceRead.start();
-    take(m_reply->readAll());
+    const QByteArray bytes = m_reply->readAll();
+    take(bytes);
     processLines(false);
+    if (m_finished || bytes.size() >= heldReadBytes)
+        return;
+    // A slow stream sends each token as a packet of its own. With the reply's limit at one
+    // byte, Qt's HTTP thread hands over one byte and keeps the rest, and stops reading the
+    // socket until asked, so neither it nor this thread wakes for every packet; the rest is
+    // read readIntervalMs later. A fast stream's large reads are taken as they come.
+    m_held = true;
+    m_sinceRead.start();
+    m_reply->setReadBufferSize(1);
 }
 
 void ChatStream::handleReplyFinished()

@@ -34,9 +34,10 @@ class ChatStream final : public QObject
 
 public:
     // A provider sends each token as a network packet of its own, and the reply's text reaches a
-    // transcript at most every 50 ms. The bytes are read at most this often, so that a fast stream
-    // costs a few reads and parses a second instead of one per packet. The first bytes after a
-    // pause are read at once.
+    // transcript at most every 50 ms. While packets come small, Qt's HTTP thread is asked to keep
+    // them back and they are read at most this often, so that a stream costs a few wake-ups, reads
+    // and parses a second instead of some per packet. The first bytes after a pause are read at
+    // once; large reads (a fast stream) are not held back.
     static constexpr int readIntervalMs = 50;
 
     ~ChatStream() override;
@@ -64,6 +65,7 @@ private:
     void handleHead();
     void handleReadyRead();
     void readAvailable();
+    void release();
     void handleReplyFinished();
     void take(const QByteArray &bytes);
     void processLines(bool atEnd);
@@ -85,6 +87,8 @@ private:
     qsizetype m_replyBytes = 0; // UTF-8 bytes of the text delivered so far
     TransferLimits m_limits;
     bool m_finished = false;
-    QElapsedTimer m_sinceRead;     // since the last read of the reply's bytes
-    QTimer *m_readTimer = nullptr; // the read deferred by handleReadyRead()
+    static constexpr qsizetype heldReadBytes = 16 * 1024; // a read smaller than this holds the reply
+    bool m_held = false;                                  // Qt keeps the reply's bytes back until release()
+    QElapsedTimer m_sinceRead;                            // since the reply was last held
+    QTimer *m_readTimer = nullptr;                        // the read deferred by handleReadyRead()
 };
