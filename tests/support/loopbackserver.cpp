@@ -65,14 +65,6 @@ LoopbackResponse LoopbackResponse::silent()
     return response;
 }
 
-LoopbackResponse LoopbackResponse::stalling(int status, const QByteArray &bytes, const QByteArray &contentType)
-{
-    LoopbackResponse response = text(status, bytes, contentType);
-    response.pieces.append({"never sent", 600000});
-    response.framing = Framing::closeDelimited;
-    return response;
-}
-
 LoopbackResponse LoopbackResponse::endless(int status, const QByteArray &first, const QByteArray &repeated,
                                            const QByteArray &contentType)
 {

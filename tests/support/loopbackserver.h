@@ -21,7 +21,6 @@ struct LoopbackRequest
 
     // The first header of that name (case-insensitive), or a null array.
     QByteArray header(QByteArrayView name) const;
-    bool hasHeader(QByteArrayView name) const { return !header(name).isNull(); }
 };
 
 // What the server answers, scripted by the test: the status line and headers, then the body
@@ -55,9 +54,6 @@ struct LoopbackResponse
     static LoopbackResponse eventStream(const QList<QByteArray> &pieces, int delayMs = 0);
     // Reads the request and never answers.
     static LoopbackResponse silent();
-    // Sends the status, headers and bytes at once, then nothing more for ten minutes, without a
-    // length: only a client that stops reading on its own ends the transfer.
-    static LoopbackResponse stalling(int status, const QByteArray &bytes, const QByteArray &contentType = "text/plain");
     // A chunked body of first, then repeated as one chunk after another without end.
     static LoopbackResponse endless(int status, const QByteArray &first, const QByteArray &repeated,
                                     const QByteArray &contentType = "text/event-stream");

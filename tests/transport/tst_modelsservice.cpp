@@ -101,21 +101,8 @@ void tst_ModelsService::fetch_data()
     QTest::newRow("silent server times out") << FetchCase{
         .response = LoopbackResponse::silent(), .timeout = 300ms, .error = QStringLiteral("The request timed out.")};
 
-    // The limits, shrunk: the texts name the shipped size.
-    QByteArray longList = R"({"data":[)";
-    for (int i = 0; i < 200; ++i)
-        longList += R"({"id":"model-)" + QByteArray::number(i) + R"("},)";
-    // Past a limit the fetch stops reading at once, whether or not the body would ever end.
-    const auto stalling = [&longList](int status) { return LoopbackResponse::stalling(status, longList); };
-    QTest::newRow("model list over the limit")
-        << FetchCase{.response = stalling(200),
-                     .limits = {.modelListBytes = 1024},
-                     .error = QStringLiteral("The model list is larger than 16 MB.")};
-    QTest::newRow("error body over the limit")
-        << FetchCase{.response = stalling(503),
-                     .limits = {.errorBodyBytes = 1024},
-                     .error = QStringLiteral("Provider returned HTTP 503 with a body over 16 MB.")};
-    // Chunked without end, as fast as the client takes it.
+    // The limits, shrunk: the texts name the shipped size. Past a limit the fetch stops reading at
+    // once: the bodies never end, chunked, as fast as the client takes them.
     QByteArray models;
     for (int i = 0; i < 20000; ++i)
         models += R"({"id":"model-)" + QByteArray::number(i) + R"("},)";
@@ -165,7 +152,7 @@ void tst_ModelsService::fetch()
     const bool anthropic = row.wire == ProviderWire::anthropic;
     QCOMPARE(request.method, QByteArray("GET"));
     QCOMPARE(request.path, QByteArray("/v1/models"));
-    QVERIFY(request.body.isEmpty() && !request.hasHeader("Content-Type"));
+    QVERIFY(request.body.isEmpty() && request.header("Content-Type").isNull());
     QCOMPARE(request.header("Authorization"), anthropic ? QByteArray() : QByteArray("Bearer sk-test"));
     QCOMPARE(request.header("x-api-key"), anthropic ? QByteArray("sk-test") : QByteArray());
     QCOMPARE(request.header("anthropic-version"), anthropic ? QByteArray("2023-06-01") : QByteArray());
