@@ -657,11 +657,13 @@ private slots:
 
     // The last reply's Regenerate (and Ctrl+Shift+R) streams another version with the provider
     // selected now; the switcher goes back, taking the header's total with it; Edit in place resends
-    // with the turns after it kept behind "‹ 1 / 2 ›".
+    // with the turns after it kept behind "‹ 1 / 2 ›". A second window on the conversation, not
+    // streaming, reloads it from the store with every new version.
     void versions_regenerateSwitchAndResend()
     {
         addProvider(u"Mock"_s);
         ContentView *view = makeView();
+        ContentView *other = makeView();
         typeAndReturn(view, u"Hello"_s);
         QTRY_VERIFY(!view->chat()->isStreaming());
         auto *area = view->findChild<TranscriptArea *>();
@@ -682,6 +684,7 @@ private slots:
         QVERIFY(m_mock->server().requests().at(1).body.contains("mock-large"));
         QTRY_VERIFY(area->bubbleAt(1));
         QCOMPARE(area->bubbleAt(1)->versionLabel()->text(), u"2 / 2"_s);
+        QTRY_COMPARE(other->chat()->messages(), view->chat()->messages());
         QVERIFY(find<QLabel>(view, "tokenTotal")->text() != firstTotal);
 
         area->bubbleAt(1)->previousVersionButton()->click();
@@ -707,6 +710,7 @@ private slots:
         QCOMPARE(area->bubbleAt(0)->versionLabel()->text(), u"2 / 2"_s);
         area->bubbleAt(0)->previousVersionButton()->click();
         QTRY_COMPARE(view->chat()->messages().first().content, u"Hello"_s);
+        QTRY_COMPARE(other->chat()->messages(), view->chat()->messages());
     }
 
 private:
