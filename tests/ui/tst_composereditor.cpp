@@ -14,40 +14,25 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-// The document position of a text position; at a cut, the start of the later piece unless asked
-// for the end of the earlier one.
-int documentPosition(const ComposerEditor &editor, int textPosition, bool earlier = false)
-{
-    int cuts = 0;
-    int found = -1;
-    for (QTextBlock block = editor.document()->begin(); block.isValid(); block = block.next()) {
-        cuts += ComposerEditor::continuesPrevious(block);
-        const int start = block.position() - cuts;
-        if (textPosition >= start && textPosition <= start + block.length() - 1) {
-            found = textPosition + cuts;
-            if (earlier)
-                break;
-        }
-    }
-    return found;
-}
-
+// The text positions where the text is cut into pieces.
 QList<int> cutPositions(const ComposerEditor &editor)
 {
     QList<int> cuts;
     for (QTextBlock block = editor.document()->begin(); block.isValid(); block = block.next()) {
         if (ComposerEditor::continuesPrevious(block))
-            cuts.append(block.position() - int(cuts.size()) - 1);
+            cuts.append(editor.textPosition(block.position()));
     }
     return cuts;
 }
 
+// Places the cursor, or selects, by text positions; at a cut, at the start of the later piece
+// unless asked for the end of the earlier one.
 void place(ComposerEditor &editor, int from, int to = -1, bool earlier = false)
 {
     QTextCursor cursor = editor.textCursor();
-    cursor.setPosition(documentPosition(editor, from, earlier));
+    cursor.setPosition(editor.documentPosition(from) - (earlier ? 1 : 0));
     if (to >= 0)
-        cursor.setPosition(documentPosition(editor, to), QTextCursor::KeepAnchor);
+        cursor.setPosition(editor.documentPosition(to), QTextCursor::KeepAnchor);
     editor.setTextCursor(cursor);
 }
 
