@@ -175,15 +175,19 @@ private slots:
         }
     }
 
-    // Main windows keep a usable size; the settings window is one fixed-size window, however often asked for.
-    void windowSizes_andOneSettingsWindow()
+    // Main windows keep a usable size and do not hide each other; the settings window is one
+    // fixed-size window, however often asked for, and does not keep the program running.
+    void windows_sizesAndLifetimes()
     {
         VerboltApp app;
-        MainWindow *main = app.newWindow();
-        QCOMPARE(main->minimumSize(), QSize(760, 480));
-        main->resize(200, 100);
-        QVERIFY(main->width() >= 760 && main->height() >= 480);
-        QVERIFY(!main->findChild<QWidget *>(u"keptAsideBar"_s)->isVisible());
+        QSignalSpy ended(&app, &VerboltApp::lastMainWindowClosed);
+        MainWindow *first = app.newWindow();
+        QCOMPARE(first->minimumSize(), QSize(760, 480));
+        first->resize(200, 100);
+        QVERIFY(first->width() >= 760 && first->height() >= 480);
+        QVERIFY(!first->findChild<QWidget *>(u"keptAsideBar"_s)->isVisible());
+        MainWindow *second = app.newWindow();
+        QVERIFY(second->pos() != first->pos());
 
         app.showSettings();
         SettingsView *settings = app.settingsView();
@@ -198,6 +202,14 @@ private slots:
         QCOMPARE(app.settingsView(), settings);
         QVERIFY(settings->isVisible());
         QCOMPARE(window->size(), QSize(580, 520));
+
+        first->close();
+        QTRY_COMPARE(app.mainWindows().size(), 1);
+        QCOMPARE(ended.size(), 0);
+        QVERIFY(settings->isVisible());
+        second->close();
+        QTRY_COMPARE(ended.size(), 1);
+        QVERIFY(!settings->isVisible());
     }
 
     void settingsWindow_returnSavesTheFormOnly()
@@ -221,23 +233,6 @@ private slots:
         QTest::keyClick(name, Qt::Key_Return);
         QCOMPARE(app.store()->providers().first().name, u"After"_s);
         QVERIFY(dialogs.saves.isEmpty() && dialogs.opens.isEmpty());
-    }
-
-    void lastMainWindowClosing_endsProgramEvenWithSettingsOpen()
-    {
-        VerboltApp app;
-        QSignalSpy ended(&app, &VerboltApp::lastMainWindowClosed);
-        MainWindow *first = app.newWindow();
-        MainWindow *second = app.newWindow();
-        QVERIFY(second->pos() != first->pos());
-        app.showSettings();
-        first->close();
-        QTRY_COMPARE(app.mainWindows().size(), 1);
-        QCOMPARE(ended.size(), 0);
-        QVERIFY(app.settingsView()->isVisible());
-        second->close();
-        QTRY_COMPARE(ended.size(), 1);
-        QVERIFY(!app.settingsView()->isVisible());
     }
 
     void endingMidReply_savesWhatArrived_data()
