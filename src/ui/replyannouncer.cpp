@@ -1,7 +1,6 @@
 #include "ui/replyannouncer.h"
 
 #include "chat/chatviewmodel.h"
-#include "render/markdowntext.h"
 #include "render/readingtext.h"
 
 #include <QAccessible>
@@ -77,6 +76,7 @@ ReplyAnnouncer::ReplyAnnouncer(ChatViewModel *chat, QWidget *parent)
         m_reply = QUuid();
         m_endDue = false;
         m_timer.stop();
+        forgetParse();
     });
 }
 
@@ -147,6 +147,7 @@ void ReplyAnnouncer::handleStreaming()
         m_endDue = false;
         m_error.clear();
         m_timer.stop();
+        forgetParse();
         return;
     }
     if (m_reply.isNull() && m_error.isEmpty())
@@ -167,6 +168,7 @@ void ReplyAnnouncer::handleChanged(qsizetype index)
         // A reply written again in place is the one that streams now.
         m_reply = message.id;
         m_toldBlocks = 0;
+        forgetParse();
     }
     // Short replies are told whole when they end; only a long one is worth telling as it grows.
     if (message.content.size() > longReply && !m_timer.isActive())
@@ -205,6 +207,7 @@ void ReplyAnnouncer::announceDue()
         const QString *content = replyContent();
         const QString error = std::exchange(m_error, QString());
         m_reply = QUuid();
+        forgetParse();
         if (!error.isEmpty())
             announce(error);
         else if (content && !content->isEmpty())
@@ -215,7 +218,7 @@ void ReplyAnnouncer::announceDue()
     if (!content || !m_chat->isStreaming())
         return;
     // Every block but the last is finished; the last may still be growing.
-    const QList<MarkdownText::Block> blocks = MarkdownText::parse(*content);
+    const QList<MarkdownText::Block> &blocks = replyBlocks(*content);
     const qsizetype finished = blocks.size() - 1;
     if (finished <= m_toldBlocks)
         return;
@@ -227,6 +230,28 @@ void ReplyAnnouncer::announceDue()
     m_toldBlocks = finished;
     if (!text.isEmpty())
         announce(text);
+}
+
+const QList<MarkdownText::Block> &ReplyAnnouncer::replyBlocks(const QString &content)
+{
+    const QStringView settled = QStringView(m_parsedText).first(m_resume.offset);
+    if (m_resume.offset == 0 || !QStringView(content).startsWith(settled)) {
+        m_blocks = MarkdownText::parse(content, &m_resume);
+    } else {
+        MarkdownText::ResumePoint tail;
+        m_blocks.resize(m_resume.blocks);
+        m_blocks += MarkdownText::parse(QStringView(content).sliced(m_resume.offset), &tail);
+        m_resume = {m_resume.offset + tail.offset, m_resume.blocks + tail.blocks};
+    }
+    m_parsedText = content;
+    return m_blocks;
+}
+
+void ReplyAnnouncer::forgetParse()
+{
+    m_parsedText.clear();
+    m_blocks.clear();
+    m_resume = {};
 }
 
 void ReplyAnnouncer::announce(const QString &text)

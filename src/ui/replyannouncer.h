@@ -1,6 +1,9 @@
 #pragma once
 
+#include "render/markdowntext.h"
+
 #include <QElapsedTimer>
+#include <QList>
 #include <QString>
 #include <QTimer>
 #include <QUuid>
@@ -53,6 +56,10 @@ private:
     void announceDue();
     void announce(const QString &text);
     const QString *replyContent() const;
+    // The blocks of the followed reply's content, parsed again only from where its last parse
+    // left a resume point, so a long reply costs each announcement its newest blocks only.
+    const QList<MarkdownText::Block> &replyBlocks(const QString &content);
+    void forgetParse();
 
     ChatViewModel *m_chat;
     QString m_text;
@@ -66,4 +73,8 @@ private:
     qsizetype m_toldBlocks = 0;
     bool m_endDue = false;
     QString m_error;
+    // The last parse of the followed reply: its text, its blocks and where a longer text resumes.
+    QString m_parsedText;
+    QList<MarkdownText::Block> m_blocks;
+    MarkdownText::ResumePoint m_resume;
 };
