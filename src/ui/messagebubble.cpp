@@ -201,24 +201,36 @@ bool MessageBubble::setMessage(const ChatMessage &message)
     // would lay a long message out for nothing, and its first resize places everything.
     const bool placed = testAttribute(Qt::WA_Resized);
     const QRect before = placed ? contentRect() : QRect();
+    // A streamed reply changes only its text from one update to the next: the header, the footer's
+    // controls and what they tell a screen reader are set again only when what they show changed,
+    // so that an update costs no name-change notices on the accessibility bus.
+    const bool partsChanged = !m_partsSet || message.role != m_message.role ||
+                              (message.role == ChatRole::system && message.content != m_message.content) ||
+                              message.content.isEmpty() != m_message.content.isEmpty() ||
+                              MessageVersioning::versionCount(message) != MessageVersioning::versionCount(m_message) ||
+                              MessageVersioning::versionIndex(message) != MessageVersioning::versionIndex(m_message);
+    const bool usageChanged = !m_partsSet || message.usage != m_message.usage;
+    m_partsSet = true;
     m_message = message;
-    m_role->setText(roleLabel(message.role));
-    const QString usage = usagePart(message.usage);
-    m_usage->setText(usage);
-    m_usage->setHidden(usage.isEmpty());
-
     const bool content = hasContent();
-    m_headerCopy->setHidden(!content);
-    m_footerCopy->setHidden(!content);
-    m_footerLabel->setHidden(!content);
-    m_markdown->setHidden(!content);
-    m_ellipsis->setHidden(content);
+    if (usageChanged) {
+        const QString usage = usagePart(message.usage);
+        m_usage->setText(usage);
+        m_usage->setHidden(usage.isEmpty());
+    }
+    if (partsChanged) {
+        m_role->setText(roleLabel(message.role));
+        m_headerCopy->setHidden(!content);
+        m_footerCopy->setHidden(!content);
+        m_footerLabel->setHidden(!content);
+        m_markdown->setHidden(!content);
+        m_ellipsis->setHidden(content);
+        updateExpand();
+        updateSteering();
+        setAccessibleName(roleLabel(message.role));
+    }
     if (content || hadContent)
         m_markdown->setText(shownText());
-    updateExpand();
-    updateSteering();
-
-    setAccessibleName(roleLabel(message.role));
     // A screen reader gets the text as far as a block shows it: a reply of megabytes would
     // otherwise cross the accessibility bus whole on every update.
     setAccessibleDescription(content ? message.content.first(std::min(message.content.size(), InlineText::shownLimit))

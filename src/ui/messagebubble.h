@@ -148,5 +148,6 @@ private:
     bool m_editing = false;
     bool m_regenerateAvailable = false;
     bool m_steeringEnabled = true;
+    bool m_partsSet = false; // whether setMessage() has set the header and footer once
     CopyFeedback *m_feedback;
 };
