@@ -89,15 +89,38 @@ Query::Query(QStringView typed)
     }
 }
 
+qsizetype Query::find(QStringView text, QStringView word, qsizetype from)
+{
+    // The first unit is looked for with the library's vectorised scan, the rest compared in place:
+    // a general substring search sets itself up again on every call, and a find calls this once
+    // per hit.
+    const qsizetype last = text.size() - word.size();
+    const QChar first = word.front();
+    const QStringView rest = word.sliced(1);
+    while (from <= last) {
+        from = text.indexOf(first, from);
+        if (from < 0 || from > last)
+            return -1;
+        if (text.sliced(from + 1, rest.size()) == rest)
+            return from;
+        ++from;
+    }
+    return -1;
+}
+
 QList<Range> Query::hits(QStringView foldedText) const
 {
+    QList<Range> merged;
+    if (m_words.size() == 1) {
+        forEachHit(foldedText, [&](const Range &range) { merged.append(range); });
+        return merged;
+    }
     QList<Range> found;
     for (const QString &word : m_words) {
-        for (qsizetype at = foldedText.indexOf(word); at >= 0; at = foldedText.indexOf(word, at + word.size()))
+        for (qsizetype at = find(foldedText, word, 0); at >= 0; at = find(foldedText, word, at + word.size()))
             found.append({at, word.size()});
     }
     std::sort(found.begin(), found.end(), [](const Range &a, const Range &b) { return a.start < b.start; });
-    QList<Range> merged;
     for (const Range &r : std::as_const(found)) {
         if (!merged.isEmpty() && r.start <= merged.last().start + merged.last().length) {
             Range &last = merged.last();

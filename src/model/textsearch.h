@@ -5,6 +5,8 @@
 #include <QStringList>
 #include <QStringView>
 
+#include <utility>
+
 // The one rule by which Verbolt finds typed words in text, shared by the search across
 // conversations and the find bar of a conversation.
 //
@@ -42,13 +44,45 @@ public:
     // The folded words, longest first.
     const QStringList &words() const { return m_words; }
 
-    // Where any word occurs in the folded text, in order, overlapping hits merged.
+    // Where any word occurs in the folded text, in order, overlapping and touching hits merged.
     QList<Range> hits(QStringView foldedText) const;
+    // The same hits handed to found(const Range &) one by one, without gathering them first: a
+    // find over a long conversation meets tens of thousands of them.
+    template<typename Found>
+    void forEachHit(QStringView foldedText, Found &&found) const;
     // Whether every word occurs somewhere in the folded text.
     bool matchesAll(QStringView foldedText) const;
 
 private:
+    // Where word next occurs in text at from or after, or -1.
+    static qsizetype find(QStringView text, QStringView word, qsizetype from);
+
     QStringList m_words;
 };
+
+template<typename Found>
+void Query::forEachHit(QStringView foldedText, Found &&found) const
+{
+    if (m_words.size() != 1) {
+        // Several words' hits interleave and overlap: they are sorted and merged first.
+        for (const Range &range : hits(foldedText))
+            found(range);
+        return;
+    }
+    // One word's hits come in order and never overlap; only touching ones merge.
+    const QStringView word = m_words.first();
+    Range pending{-1, 0};
+    for (qsizetype at = find(foldedText, word, 0); at >= 0; at = find(foldedText, word, at + word.size())) {
+        if (pending.start >= 0 && at == pending.start + pending.length) {
+            pending.length += word.size();
+            continue;
+        }
+        if (pending.start >= 0)
+            found(std::as_const(pending));
+        pending = {at, word.size()};
+    }
+    if (pending.start >= 0)
+        found(std::as_const(pending));
+}
 
 } // namespace TextSearch

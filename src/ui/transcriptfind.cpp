@@ -184,8 +184,9 @@ QList<TranscriptFind::Hit> TranscriptFind::hitsIn(qsizetype message)
 {
     QList<Hit> hits;
     for (const Segment &segment : foldedSegments(message)) {
-        for (const TextSearch::Range &range : m_query.hits(segment.text))
+        m_query.forEachHit(segment.text, [&](const TextSearch::Range &range) {
             hits.append({segment.block, segment.cell, range});
+        });
     }
     return hits;
 }

@@ -68,6 +68,10 @@ private slots:
         QTest::newRow("word inside another counts once") << u"memo memory"_s << u"memory"_s << QList<Range>{{0, 6}};
         QTest::newRow("accented hit keeps its place") << u"naive"_s << u"a naïve one"_s << QList<Range>{{2, 5}};
         QTest::newRow("no hit") << u"zzz"_s << u"abc"_s << QList<Range>{};
+        QTest::newRow("touching hits of one word merge") << u"t"_s << u"ttx t"_s << QList<Range>{{0, 2}, {4, 1}};
+        QTest::newRow("first unit found, the rest not") << u"abc"_s << u"ab abd abc"_s << QList<Range>{{7, 3}};
+        QTest::newRow("word at the very end") << u"xyz"_s << u"axyz"_s << QList<Range>{{1, 3}};
+        QTest::newRow("text shorter than the word") << u"abcd"_s << u"abc"_s << QList<Range>{};
     }
     void hits()
     {
