@@ -1,6 +1,7 @@
 #include "ui/codeblockview.h"
 
 #include "ui/copyfeedback.h"
+#include "ui/markedtext.h"
 #include "ui/theme.h"
 
 #include <QApplication>
@@ -213,6 +214,7 @@ void CodeTextView::paintEvent(QPaintEvent *event)
 
     painter.setPen(colorFor(CodeColor::Base));
     const QList<ColorRun> &runs = m_styled.runs;
+    QList<MarkedText::Mark> marks;
     for (int i = first; i <= last; ++i) {
         const QTextLayout &layout = layoutOf(i);
         const qsizetype start = m_starts.at(std::size_t(i));
@@ -231,21 +233,27 @@ void CodeTextView::paintEvent(QPaintEvent *event)
             format.setForeground(colorFor(run->color));
             formats.append({int(a - start), int(b - a), format});
         }
+        marks.clear();
         auto hit = std::lower_bound(m_highlights.cbegin(), m_highlights.cend(), start,
                                     [](const TextSearch::Range &r, qsizetype at) { return r.start + r.length <= at; });
         for (; hit != m_highlights.cend() && hit->start < end; ++hit) {
             const qsizetype a = std::max(hit->start, start);
             const qsizetype b = std::min(hit->start + hit->length, end);
             if (b > a)
-                formats.append(
-                    Theme::findHighlight(a - start, b - a, hit - m_highlights.cbegin() == m_currentHighlight));
+                marks.append({int(a - start), int(b - a), hit - m_highlights.cbegin() == m_currentHighlight});
         }
+        const QPointF at(padding, padding + i * m_lineHeight);
         if (from != to && i >= from.line && i <= to.line) {
+            // The selection is drawn over the hits, as the layout draws its selections in turn.
+            for (const MarkedText::Mark &mark : std::as_const(marks))
+                formats.append(Theme::findHighlight(mark.start, mark.length, mark.current));
             const int a = i == from.line ? from.column : 0;
             const int b = i == to.line ? to.column : int(layout.text().size()) + 1;
             formats.append({a, b - a, selected});
+            layout.draw(&painter, at, formats);
+        } else {
+            MarkedText::draw(&painter, layout, at, formats, marks);
         }
-        layout.draw(&painter, QPointF(padding, padding + i * m_lineHeight), formats);
     }
     if (lineCount() > maxShownLines) {
         painter.setPen(colorFor(CodeColor::Comment));

@@ -1,5 +1,6 @@
 #include "ui/inlinetext.h"
 
+#include "ui/markedtext.h"
 #include "ui/theme.h"
 
 #include <QCoreApplication>
@@ -316,13 +317,18 @@ void InlineText::draw(QPainter *painter, QPointF pos, const QColor &color, const
                       const QRectF &clip) const
 {
     painter->setPen(color);
+    auto hit = m_highlights.cbegin();
+    QList<MarkedText::Mark> marks;
     for (const auto &piece : m_pieces) {
+        const qsizetype pieceEnd = piece->start + piece->length;
+        while (hit != m_highlights.cend() && hit->start + hit->length <= piece->start)
+            ++hit;
         if (clip.isValid() && (piece->y > clip.bottom() || piece->y + piece->height < clip.top()))
             continue;
         QList<QTextLayout::FormatRange> colours;
         const auto addColour = [&](qsizetype start, qsizetype length, const QColor &c) {
             const qsizetype from = std::max(start, piece->start);
-            const qsizetype to = std::min(start + length, piece->start + piece->length);
+            const qsizetype to = std::min(start + length, pieceEnd);
             if (to <= from)
                 return;
             QTextCharFormat format;
@@ -333,15 +339,17 @@ void InlineText::draw(QPainter *painter, QPointF pos, const QColor &color, const
             addColour(link.start, link.length, linkColor);
         if (m_noteStart >= 0)
             addColour(m_noteStart, m_text.size() - m_noteStart, Theme::withOpacity(color, 0.6));
-        for (qsizetype i = 0; i < m_highlights.size(); ++i) {
-            const TextSearch::Range &hit = m_highlights.at(i);
-            const qsizetype from = std::max(hit.start, piece->start);
-            const qsizetype to = std::min(hit.start + hit.length, piece->start + piece->length);
+        marks.clear();
+        for (auto h = hit; h != m_highlights.cend() && h->start < pieceEnd; ++h) {
+            const qsizetype from = std::max(h->start, piece->start);
+            const qsizetype to = std::min(h->start + h->length, pieceEnd);
             if (to > from)
-                colours.append(Theme::findHighlight(from - piece->start, to - from, i == m_currentHighlight));
+                marks.append(
+                    {int(from - piece->start), int(to - from), h - m_highlights.cbegin() == m_currentHighlight});
         }
         // The layout takes its clip in the painter's coordinates.
-        piece->layout.draw(painter, pos + QPointF(0, piece->y), colours, clip.isValid() ? clip.translated(pos) : clip);
+        MarkedText::draw(painter, piece->layout, pos + QPointF(0, piece->y), colours, marks,
+                         clip.isValid() ? clip.translated(pos) : clip);
     }
 }
 
