@@ -150,53 +150,76 @@ private slots:
         m_store.reset();
     }
 
-    void guards_data()
+    void refused_data()
     {
-        QTest::addColumn<QString>("input");
-        QTest::addColumn<bool>("withProvider");
-        QTest::addColumn<bool>("withConversation");
-        QTest::addColumn<bool>("streaming");
-        QTest::addColumn<std::optional<QString>>("errorText");
+        QTest::addColumn<QString>("action"); // send, regenerate or edit
+        QTest::addColumn<int>("index");      // of the message edited
+        QTest::addColumn<QString>("text");   // sent, or the edited text
+        QTest::addColumn<QString>("state");  // besides the first turn: no provider, no conversation, streaming
+        QTest::addColumn<bool>("error");
 
-        const std::optional<QString> none;
-        QTest::newRow("blank input") << u" \n\t  \n"_s << true << true << false << none;
-        QTest::newRow("no provider") << u"hi"_s << false << true << false
-                                     << std::optional(u"Pick a provider first (Settings Ctrl+,)."_s);
-        QTest::newRow("no conversation") << u"hi"_s << true << false << false << none;
-        QTest::newRow("a reply already streaming") << u"second"_s << true << true << true << none;
+        const QString send = u"send"_s, regenerate = u"regenerate"_s, edit = u"edit"_s, none;
+        QTest::newRow("send blank input") << send << 0 << u" \n\t  \n"_s << none << false;
+        QTest::newRow("send without provider") << send << 0 << u"hi"_s << u"no provider"_s << true;
+        QTest::newRow("send without conversation") << send << 0 << u"hi"_s << u"no conversation"_s << false;
+        QTest::newRow("send while a reply streams") << send << 0 << u"second"_s << u"streaming"_s << false;
+        QTest::newRow("regenerate without provider") << regenerate << 0 << none << u"no provider"_s << true;
+        QTest::newRow("regenerate while a reply streams") << regenerate << 0 << none << u"streaming"_s << false;
+        QTest::newRow("regenerate after the question") << regenerate << 0 << none << u"question only"_s << false;
+        QTest::newRow("edit without provider") << edit << 0 << u"x"_s << u"no provider"_s << true;
+        QTest::newRow("edit while a reply streams") << edit << 0 << u"x"_s << u"streaming"_s << false;
+        QTest::newRow("edit a reply") << edit << 1 << u"x"_s << none << false;
+        QTest::newRow("edit to blank") << edit << 0 << u" \n"_s << none << false;
+        QTest::newRow("edit out of range") << edit << 7 << u"x"_s << none << false;
     }
-    // A refused send changes nothing but the error, keeps the composer's text and reaches no provider.
-    void guards()
+    // A refused send, regenerate or edit changes nothing but the error, keeps the composer's text and
+    // reaches no provider; the next turn that gets through clears the error.
+    void refused()
     {
-        QFETCH(QString, input);
-        QFETCH(bool, withProvider);
-        QFETCH(bool, withConversation);
-        QFETCH(bool, streaming);
-        QFETCH(std::optional<QString>, errorText);
+        QFETCH(QString, action);
+        QFETCH(int, index);
+        QFETCH(QString, text);
+        QFETCH(QString, state);
+        QFETCH(bool, error);
 
-        if (streaming) {
+        m_server->setResponse(LoopbackResponse::eventStream({delta("r")}));
+        QVERIFY(runTurn(u"q"_s, loopback()));
+        if (state == u"streaming") {
             m_server->setResponse(LoopbackResponse::silent());
             start(u"first"_s, loopback());
-            QTRY_COMPARE(m_server->requests().size(), 1);
-        }
-        if (!withConversation)
+            QTRY_COMPARE(m_server->requests().size(), 2);
+        } else if (state == u"no conversation") {
             m_vm->activate(std::nullopt);
+        } else if (state == u"question only") {
+            Conversation asked = m_conversation;
+            asked.messages = {ChatMessage(ChatRole::user, u"q"_s)};
+            m_vm->activate(asked);
+        }
         const QList<ChatMessage> before = m_vm->messages();
         const QList<ChatMessage> storedBefore = stored(m_conversation.id);
-        start(input, withProvider ? std::optional(loopback()) : std::nullopt);
+        const int connections = m_server->connectionCount();
+        const std::optional<Provider> p = state == u"no provider" ? std::nullopt : std::optional(loopback());
+        const QString input = action == u"send" ? text : u"draft"_s;
+        m_vm->setInput(input);
+        if (action == u"send")
+            m_vm->send(p);
+        else if (action == u"regenerate")
+            m_vm->regenerate(p);
+        else
+            m_vm->editAndResend(index, text, p);
 
-        QCOMPARE(m_vm->errorText(), errorText);
+        QCOMPARE(m_vm->errorText(),
+                 error ? std::optional(u"Pick a provider first (Settings Ctrl+,)."_s) : std::nullopt);
         QCOMPARE(m_vm->input(), input);
         QCOMPARE(m_vm->messages(), before);
-        QCOMPARE(m_vm->isStreaming(), streaming);
+        QCOMPARE(m_vm->isStreaming(), state == u"streaming");
         QTest::qWait(50);
-        QCOMPARE(m_server->connectionCount(), streaming ? 1 : 0);
+        QCOMPARE(m_server->connectionCount(), connections);
         QCOMPARE(stored(m_conversation.id), storedBefore);
 
-        if (errorText) {
-            // The next send that gets through clears the error.
+        if (error) {
             m_server->setResponse(LoopbackResponse::eventStream({delta("ok")}));
-            QVERIFY(runTurn(input, loopback()));
+            QVERIFY(runTurn(u"next"_s, loopback()));
             QCOMPARE(m_vm->errorText(), std::nullopt);
         }
     }
@@ -478,43 +501,6 @@ private slots:
         m_vm->showVersion(3, 0);
         QCOMPARE(contents(stored(m_conversation.id)), (QStringList{u"q1"_s, u"r1"_s, u"q2"_s, u"r2"_s}));
         QCOMPARE(m_server->requests().size(), 4);
-    }
-
-    void versions_refused_data()
-    {
-        QTest::addColumn<QString>("action");
-        QTest::addColumn<bool>("withProvider");
-        QTest::addColumn<bool>("error");
-        QTest::newRow("regenerate without provider") << u"regenerate"_s << false << true;
-        QTest::newRow("edit without provider") << u"edit 0"_s << false << true;
-        QTest::newRow("edit a reply") << u"edit 1"_s << true << false;
-        QTest::newRow("edit to blank") << u"blank 0"_s << true << false;
-        QTest::newRow("edit out of range") << u"edit 7"_s << true << false;
-        QTest::newRow("regenerate after the question") << u"regenerate after question"_s << true << false;
-    }
-    // A refused regenerate or resend changes nothing but the error and asks no provider.
-    void versions_refused()
-    {
-        QFETCH(QString, action);
-        QFETCH(bool, withProvider);
-        QFETCH(bool, error);
-        m_server->setResponse(LoopbackResponse::eventStream({delta("r")}));
-        QVERIFY(runTurn(u"q"_s, loopback()));
-        if (action.endsWith(u"after question")) {
-            Conversation asked = m_conversation;
-            asked.messages = {ChatMessage(ChatRole::user, u"q"_s)};
-            m_vm->activate(asked);
-        }
-        const QList<ChatMessage> before = m_vm->messages();
-        const std::optional<Provider> p = withProvider ? std::optional(loopback()) : std::nullopt;
-        if (action.startsWith(u"regenerate"))
-            m_vm->regenerate(p);
-        else
-            m_vm->editAndResend(action.section(u' ', 1).toInt(), action.startsWith(u"blank") ? u" \n"_s : u"x"_s, p);
-        QVERIFY(!m_vm->isStreaming());
-        QCOMPARE(m_vm->messages(), before);
-        QCOMPARE(m_vm->errorText().has_value(), error);
-        QCOMPARE(m_server->requests().size(), 1);
     }
 
     void versions_cutOffRegenerate_data()
