@@ -177,14 +177,14 @@ private slots:
         QVERIFY(!created.providerID && created.messages.isEmpty());
         QCOMPARE(created.createdAt, created.updatedAt);
         QCOMPARE(store.conversations().first(), created);
-        QCOMPARE(store.selectedID(), idOf(created));
+        QCOMPARE(store.selectedID(), std::optional(created.id));
         QCOMPARE(savedBy(store), store.conversations());
         QCOMPARE(listSpy.count(), 2);
         QCOMPARE(selectionSpy.count(), 2);
 
         // The selection is not stored: a restart selects the newest.
         store.setSelectedID(store.conversations().last().id);
-        QCOMPARE(ConversationStore().selectedID(), idOf(created));
+        QCOMPARE(ConversationStore().selectedID(), std::optional(created.id));
     }
 
     // The default system prompt, kept in the preferences, opens every new conversation; a blank one
@@ -251,7 +251,7 @@ private slots:
         QCOMPARE(ids(store.conversations()), (QList<QUuid>{c.id, a.id, b.id}));
         QCOMPARE(store.conversations().first().updatedAt, now);
         QCOMPARE(store.conversations().first().createdAt, c.createdAt);
-        QCOMPARE(store.selectedID(), idOf(a)); // the selection does not follow
+        QCOMPARE(store.selectedID(), std::optional(a.id)); // the selection does not follow
         QVERIFY(fileMatches());
         QVERIFY(isOwnerOnly(m_file));
 
@@ -302,9 +302,9 @@ private slots:
         ConversationStore store;
         store.setSelectedID(b.id);
         store.deleteConversation(c);
-        QCOMPARE(store.selectedID(), idOf(b));
+        QCOMPARE(store.selectedID(), std::optional(b.id));
         store.deleteConversation(b);
-        QCOMPARE(store.selectedID(), idOf(a));
+        QCOMPARE(store.selectedID(), std::optional(a.id));
         store.deleteConversation(conversation(u"stranger"_s, 1));
         QCOMPARE(ids(store.conversations()), QList<QUuid>{a.id});
         store.deleteConversation(a);
@@ -338,7 +338,7 @@ private slots:
         QCOMPARE(saved.at(2).title, u"mine wins"_s);
         QCOMPARE(saved.at(3).title, u"renamed elsewhere"_s);
         QCOMPARE(mine.conversations(), saved);
-        QCOMPARE(mine.selectedID(), idOf(ours));
+        QCOMPARE(mine.selectedID(), std::optional(ours.id));
         QVERIFY(updated.contains(QVariantList{QVariant::fromValue(theirs.id)}));
         QVERIFY(updated.contains(QVariantList{QVariant::fromValue(b.id)}));
 

@@ -172,7 +172,7 @@ private slots:
         providers.setSelectedID(b.id);
         providers.remove(c);
         providers.remove(provider(u"stranger"_s));
-        QCOMPARE(providers.selectedID(), idOf(b));
+        QCOMPARE(providers.selectedID(), std::optional(b.id));
         providers.remove(b);
         QCOMPARE(storedSelection(providers), JsonCoding::uuidText(a.id));
         providers.remove(a); // and its twin
@@ -234,7 +234,7 @@ private slots:
         }
         ProviderStore reopened;
         QCOMPARE(reopened.providers(), list);
-        QCOMPARE(reopened.selectedID(), idOf(list.last()));
+        QCOMPARE(reopened.selectedID(), std::optional(list.last().id));
     }
 
     void noKeyring_keysStayInFile()

@@ -117,12 +117,6 @@ inline bool isOwnerOnly(const QString &path)
 }
 
 template<class T>
-std::optional<QUuid> idOf(const T &item)
-{
-    return item.id;
-}
-
-template<class T>
 QList<QUuid> ids(const QList<T> &items)
 {
     QList<QUuid> out;

@@ -44,7 +44,6 @@ void tst_Inspect::contract_data()
         0, "{\"delta\":\"a\"}\n{\"usage\":{\"completionTokens\":5}}\n{\"done\":true}\n");
     add("sse final line feed", "sse --wire anthropic", "event: x\n", 0, "{\"skip\":true}\n{\"skip\":true}\n");
     add("sse without wire", "sse", {}, 2);
-    add("sse unknown wire", "sse --wire OpenAI", {}, 2);
     add("title", "title", "[" + userMessage + "]", 0, "\"Hi there\"\n");
     add("no title", "title", "[]", 0, "null\n");
     add("decode message", "decode message", userMessage, 0, userMessage + "\n");
