@@ -6,7 +6,9 @@
 #include <QElapsedTimer>
 #include <QPointer>
 #include <QProcess>
+#include <QScopeGuard>
 #include <QSignalSpy>
+#include <QSslConfiguration>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -126,6 +128,7 @@ private slots:
     void endlessChunkedBody_stopsTheTransfer();
     void twoStreams_data();
     void twoStreams();
+    void readsAFastStreamInFewPieces_data();
     void readsAFastStreamInFewPieces();
     void mockProviderProcess_streamsItsReply();
 
@@ -470,10 +473,19 @@ void tst_ChatStream::twoStreams()
     delete consumerB;
 }
 
+void tst_ChatStream::readsAFastStreamInFewPieces_data()
+{
+    QTest::addColumn<bool>("tls");
+    QTest::newRow("plain") << false;
+    // A TLS socket keeps a buffer of its own in front of the one Qt holds back.
+    QTest::newRow("TLS") << true;
+}
+
 // Events that come faster than the read interval are taken a batch at a time, none lost and in
 // order.
 void tst_ChatStream::readsAFastStreamInFewPieces()
 {
+    QFETCH(bool, tls);
     constexpr int count = 40;
     QList<QByteArray> chunks;
     QString expected;
@@ -483,7 +495,17 @@ void tst_ChatStream::readsAFastStreamInFewPieces()
     }
     chunks.append(sse("[DONE]"));
     LoopbackServer server;
-    QVERIFY(server.listen());
+    const QSslConfiguration shipped = QSslConfiguration::defaultConfiguration();
+    const auto restore = qScopeGuard([&] { QSslConfiguration::setDefaultConfiguration(shipped); });
+    if (tls) {
+        if (!server.listenTls(LoopbackServer::testCertificateFile(), LoopbackServer::testKeyFile()))
+            QSKIP(qPrintable(QStringLiteral("TLS server unavailable: ") + server.errorString()));
+        QSslConfiguration trusting = shipped;
+        trusting.addCaCertificates(LoopbackServer::testCertificateFile());
+        QSslConfiguration::setDefaultConfiguration(trusting);
+    } else {
+        QVERIFY(server.listen());
+    }
     server.setResponse(LoopbackResponse::eventStream(chunks, 5));
 
     QObject consumer;
