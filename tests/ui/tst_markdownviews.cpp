@@ -59,7 +59,6 @@ private slots:
         QTest::addColumn<QStringList>("views");
 
         QTest::newRow("empty") << QString() << QStringList();
-        QTest::newRow("blank") << QStringLiteral("  \n\n ") << QStringList();
         QTest::newRow("heading sizes by level")
             << QStringLiteral("# One\n## Two\n### Three\n##### Five")
             << QStringList{QStringLiteral("heading 22 bold: One"), QStringLiteral("heading 19 bold: Two"),
