@@ -467,6 +467,9 @@ private slots:
         m_server->setResponse(LoopbackResponse::eventStream({delta("r")}));
         QVERIFY(runTurn(u"next"_s, loopback()));
         QCOMPARE(sent(0).first(), result.first().startsWith(u"s:") ? result.first().mid(2) : result.first());
+        Json::Parser parser;
+        const Json::Value first = parser.parse(m_server->requests().first().body)["messages"].elements().first();
+        QCOMPARE(first["role"].toString() == u"system"_s, result.first().startsWith(u"s:"));
     }
 
     // Regenerating and resending make versions: what is sent is the path before the new message,
