@@ -2,7 +2,12 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <memory>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace TextSearch {
 namespace {
@@ -91,19 +96,42 @@ Query::Query(QStringView typed)
 
 qsizetype Query::find(QStringView text, QStringView word, qsizetype from)
 {
-    // The first unit is looked for with the library's vectorised scan, the rest compared in place:
-    // a general substring search sets itself up again on every call, and a find calls this once
-    // per hit.
-    const qsizetype last = text.size() - word.size();
-    const QChar first = word.front();
-    const QStringView rest = word.sliced(1);
-    while (from <= last) {
-        from = text.indexOf(first, from);
-        if (from < 0 || from > last)
-            return -1;
-        if (text.sliced(from + 1, rest.size()) == rest)
-            return from;
-        ++from;
+    // A find calls this once per hit, tens of thousands of times for a first letter, so it sets
+    // nothing up: eight places at a time are tested for the word's first and last units at once,
+    // and only where both match is the rest compared. Even a common pair ("t…t") leaves few
+    // places to compare.
+    const qsizetype m = word.size();
+    const qsizetype n = text.size();
+    if (m == 0 || from < 0 || n - from < m)
+        return -1;
+    const char16_t *p = text.utf16();
+    const char16_t *w = word.utf16();
+    const char16_t first = w[0];
+    const char16_t last = w[m - 1];
+    const auto restMatches = [&](qsizetype at) {
+        return m <= 2 || std::memcmp(p + at + 1, w + 1, std::size_t(m - 2) * sizeof(char16_t)) == 0;
+    };
+    qsizetype i = from;
+#if defined(__SSE2__)
+    const __m128i firsts = _mm_set1_epi16(short(first));
+    const __m128i lasts = _mm_set1_epi16(short(last));
+    for (; i + m - 1 + 8 <= n; i += 8) {
+        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + i));
+        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + i + m - 1));
+        // Two mask bits for each unit.
+        unsigned mask =
+            unsigned(_mm_movemask_epi8(_mm_and_si128(_mm_cmpeq_epi16(a, firsts), _mm_cmpeq_epi16(b, lasts))));
+        while (mask) {
+            const int bit = __builtin_ctz(mask);
+            if (restMatches(i + bit / 2))
+                return i + bit / 2;
+            mask &= ~(3u << bit);
+        }
+    }
+#endif
+    for (; i + m <= n; ++i) {
+        if (p[i] == first && p[i + m - 1] == last && restMatches(i))
+            return i;
     }
     return -1;
 }

@@ -180,15 +180,14 @@ const QList<TranscriptFind::Segment> &TranscriptFind::foldedSegments(qsizetype m
     return cached.folded;
 }
 
-QList<TranscriptFind::Hit> TranscriptFind::hitsIn(qsizetype message)
+void TranscriptFind::hitsIn(qsizetype message, QList<Hit> &hits)
 {
-    QList<Hit> hits;
+    hits.clear();
     for (const Segment &segment : foldedSegments(message)) {
         m_query.forEachHit(segment.text, [&](const TextSearch::Range &range) {
             hits.append({segment.block, segment.cell, range});
         });
     }
-    return hits;
 }
 
 void TranscriptFind::setQuery(const QString &typed, qsizetype fromMessage)
@@ -393,14 +392,19 @@ QString TranscriptFind::statusText() const
 void TranscriptFind::recountAll(bool narrowing)
 {
     const qsizetype n = m_chat->messages().size();
-    if (!narrowing || m_hits.size() != n)
+    // Without words the room goes; otherwise each message's list keeps it for the next words.
+    if (m_hits.size() != n || m_query.isEmpty()) {
         m_hits = QList<QList<Hit>>(n);
+    } else if (!narrowing) {
+        for (QList<Hit> &hits : m_hits)
+            hits.clear();
+    }
     m_count = 0;
     if (!m_query.isEmpty()) {
         for (qsizetype i = 0; i < n; ++i) {
             if (narrowing && m_hits.at(i).isEmpty())
                 continue;
-            m_hits[i] = hitsIn(i);
+            hitsIn(i, m_hits[i]);
             m_count += m_hits.at(i).size();
         }
     }
@@ -418,7 +422,8 @@ void TranscriptFind::recountMessage(qsizetype message)
         return;
     if (m_hits.size() != m_chat->messages().size())
         return recountAll();
-    QList<Hit> hits = hitsIn(message);
+    QList<Hit> hits;
+    hitsIn(message, hits);
     m_count += hits.size() - m_hits.at(message).size();
     m_hits[message] = std::move(hits);
     if (m_currentMessage == message && m_currentK >= m_hits.at(message).size()) {

@@ -91,7 +91,8 @@ private:
     bool isCurrent(qsizetype message) const;
     static QList<Segment> readFolded(const QString &content);
     void takePrepared(quint64 generation, const QList<qsizetype> &messages, const QList<Cached> &read, bool last);
-    QList<Hit> hitsIn(qsizetype message);
+    // The message's hits of the words, in place of what hits held.
+    void hitsIn(qsizetype message, QList<Hit> &hits);
     // Counts every message again; with narrowing, only those that held a hit of the words before,
     // which every new word holds one of: the others cannot hold any now.
     void recountAll(bool narrowing = false);

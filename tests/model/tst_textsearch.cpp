@@ -72,6 +72,10 @@ private slots:
         QTest::newRow("first unit found, the rest not") << u"abc"_s << u"ab abd abc"_s << QList<Range>{{7, 3}};
         QTest::newRow("word at the very end") << u"xyz"_s << u"axyz"_s << QList<Range>{{1, 3}};
         QTest::newRow("text shorter than the word") << u"abcd"_s << u"abc"_s << QList<Range>{};
+        QTest::newRow("hits across eight-unit steps and at the end")
+            << u"xyz"_s << u"aaaaaaaxyzaaaaaaxyzaxyz"_s << QList<Range>{{7, 3}, {16, 3}, {20, 3}};
+        QTest::newRow("long word, first and last units alone do not make a hit")
+            << u"abcdefghij"_s << u"---abcdefghij---abcXefghij-abcdefghi"_s << QList<Range>{{3, 10}};
     }
     void hits()
     {
