@@ -23,15 +23,19 @@ QVariant SearchResultsModel::data(const QModelIndex &index, int role) const
     case Qt::ToolTipRole:
         return result.title;
     case Qt::AccessibleTextRole: {
-        QString text = result.title + u", "_s + ConversationListModel::dateText(result.updatedAt);
+        QString text = result.title + u", "_s + data(index, ConversationListModel::DateTextRole).toString();
         if (!result.context.isEmpty())
             text += u", "_s + result.context;
         return text;
     }
     case ConversationListModel::IdRole:
         return result.id;
-    case ConversationListModel::DateTextRole:
-        return ConversationListModel::dateText(result.updatedAt);
+    case ConversationListModel::DateTextRole: {
+        QString &date = m_dateTexts[index.row()];
+        if (date.isNull())
+            date = ConversationListModel::dateText(result.updatedAt);
+        return date;
+    }
     case ConversationListModel::ContextRole:
         return result.context;
     case ConversationListModel::ContextHitsRole:
@@ -47,6 +51,7 @@ void SearchResultsModel::setResults(const QList<SearchResult> &results)
 {
     beginResetModel();
     m_results = results;
+    m_dateTexts = QList<QString>(results.size());
     endResetModel();
 }
 
@@ -56,6 +61,7 @@ void SearchResultsModel::appendResults(const QList<SearchResult> &results)
         return;
     beginInsertRows({}, int(m_results.size()), int(m_results.size() + results.size() - 1));
     m_results.append(results);
+    m_dateTexts.resize(m_results.size());
     endInsertRows();
 }
 

@@ -31,4 +31,7 @@ public:
 
 private:
     QList<SearchResult> m_results;
+    // Each row's date as shown, made when first asked for: a local time costs microseconds to
+    // work out, and a repaint while results arrive asks for every row on screen again.
+    mutable QList<QString> m_dateTexts;
 };
