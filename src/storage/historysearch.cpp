@@ -11,6 +11,8 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <sys/resource.h>
+#include <unistd.h>
 
 using TextSearch::Query;
 using TextSearch::Range;
@@ -547,6 +549,10 @@ struct HistorySearch::Job
 
     void run()
     {
+        // The window comes first: its turns (drawing the rows found so far, and the helpers Qt
+        // fills large areas with) take a core from the workers at once instead of waiting for
+        // their share of it. On Linux a thread's niceness is its own; the pool is the search's.
+        ::setpriority(PRIO_PROCESS, id_t(::gettid()), 10);
         while (!cancelled()) {
             const qsizetype chunk = nextChunk.fetch_add(1);
             if (chunk >= chunkCount)
