@@ -25,6 +25,7 @@
 #include <QToolButton>
 
 #include <algorithm>
+#include <utility>
 
 #ifdef __GLIBC__
 #include <malloc.h>
@@ -185,7 +186,10 @@ int layoutWidth(const QAbstractScrollArea *area)
 
 TranscriptScrollBar::TranscriptScrollBar(QWidget *parent)
     : QScrollBar(Qt::Vertical, parent)
-{}
+{
+    m_creepTimer.setSingleShot(true);
+    connect(&m_creepTimer, &QTimer::timeout, this, &TranscriptScrollBar::repaintChanges);
+}
 
 void TranscriptScrollBar::sliderChange(SliderChange change)
 {
@@ -196,24 +200,60 @@ void TranscriptScrollBar::sliderChange(SliderChange change)
         QScrollBar::sliderChange(change);
         return;
     }
+    // Decided once the changes of this turn are all made: a range that grows away from the value
+    // and a value that follows it to the end leave the bar as it was. The check runs before the
+    // window paints, which waits behind every ordinary posted event.
+    if (std::exchange(m_checkPosted, true))
+        return;
+    QMetaObject::invokeMethod(this, &TranscriptScrollBar::repaintChanges, Qt::QueuedConnection);
+}
+
+void TranscriptScrollBar::repaintChanges()
+{
+    m_checkPosted = false;
+    if (!m_shown)
+        return;
     const Look now = currentLook();
     if (now == *m_shown)
         return;
-    if (now.atMinimum != m_shown->atMinimum || now.atMaximum != m_shown->atMaximum) {
-        QScrollBar::sliderChange(change);
+    // A handle creeping along with a growing reply is brought up to date a few times a second:
+    // a pixel's move is not worth drawing the bar's gradients on every update. A larger move (the
+    // user scrolling, a jump) shows at once.
+    const bool creeps = now.atMinimum == m_shown->atMinimum && now.atMaximum == m_shown->atMaximum && !isSliderDown() &&
+                        std::abs(now.handle.top() - m_shown->handle.top()) <= creepPixels &&
+                        std::abs(now.handle.bottom() - m_shown->handle.bottom()) <= creepPixels;
+    if (creeps && m_sinceRepaint.isValid() && m_sinceRepaint.elapsed() < creepRepaintMs) {
+        if (!m_creepTimer.isActive())
+            m_creepTimer.start(int(creepRepaintMs - m_sinceRepaint.elapsed()));
         return;
     }
+    m_creepTimer.stop();
+    m_sinceRepaint.start();
     // The groove looks the same all along, so only the handle's old and new places change, with
-    // the shade some styles draw a pixel beyond the handle.
-    update(m_shown->handle.united(now.handle).adjusted(0, -2, 0, 2));
+    // the shade some styles draw a pixel beyond the handle, and an arrow greyed out at the end the
+    // value reached or left.
+    QRegion changed(m_shown->handle.united(now.handle).adjusted(0, -2, 0, 2));
+    if (now.atMinimum != m_shown->atMinimum)
+        changed += controlRect(QStyle::SC_ScrollBarSubLine);
+    if (now.atMaximum != m_shown->atMaximum)
+        changed += controlRect(QStyle::SC_ScrollBarAddLine);
+    update(changed);
     m_shown = now;
+}
+
+QRect TranscriptScrollBar::controlRect(QStyle::SubControl control) const
+{
+    QStyleOptionSlider option;
+    initStyleOption(&option);
+    return style()->subControlRect(QStyle::CC_ScrollBar, &option, control, this);
 }
 
 void TranscriptScrollBar::paintEvent(QPaintEvent *event)
 {
     // A whole paint shows the bar as it is now; a partial one the look sliderChange() asked for,
-    // or, outside the handle, what was there.
-    if (QRegion(rect()).subtracted(event->region()).isEmpty())
+    // or, outside the handle, what was there. A whole paint may also be a picture taken of the bar
+    // rather than the screen: a creeping handle's pending repaint then still comes.
+    if (QRegion(rect()).subtracted(event->region()).isEmpty() && !m_creepTimer.isActive())
         m_shown = currentLook();
     QScrollBar::paintEvent(event);
 }
@@ -222,12 +262,37 @@ void TranscriptScrollBar::resizeEvent(QResizeEvent *event)
 {
     m_endsShow.reset();
     QScrollBar::resizeEvent(event);
+    updateOpaque();
 }
 
 void TranscriptScrollBar::changeEvent(QEvent *event)
 {
     m_endsShow.reset();
     QScrollBar::changeEvent(event);
+    if (event->type() == QEvent::StyleChange || event->type() == QEvent::PaletteChange)
+        updateOpaque();
+}
+
+void TranscriptScrollBar::updateOpaque()
+{
+    // A style that covers every pixel of the bar needs nothing behind it painted first: a moving
+    // handle then repaints the bar alone, not the window's background and every widget between.
+    // Whether this one does is seen by drawing the bar once on a transparent picture.
+    QStyleOptionSlider option;
+    initStyleOption(&option);
+    option.subControls = QStyle::SC_All;
+    QImage image(size(), QImage::Format_ARGB32_Premultiplied);
+    image.fill(Qt::transparent);
+    {
+        QPainter painter(&image);
+        style()->drawComplexControl(QStyle::CC_ScrollBar, &option, &painter, this);
+    }
+    bool opaque = !image.isNull();
+    for (int y = 0; opaque && y < image.height(); ++y) {
+        const auto *line = reinterpret_cast<const QRgb *>(image.constScanLine(y));
+        opaque = std::all_of(line, line + image.width(), [](QRgb pixel) { return qAlpha(pixel) == 255; });
+    }
+    setAttribute(Qt::WA_OpaquePaintEvent, opaque);
 }
 
 bool TranscriptScrollBar::endsShow() const
@@ -237,6 +302,8 @@ bool TranscriptScrollBar::endsShow() const
     if (!m_endsShow) {
         QStyleOptionSlider option;
         initStyleOption(&option);
+        // As the bar paints itself: every part drawn.
+        option.subControls = QStyle::SC_All;
         option.minimum = 0;
         option.maximum = 1'000'000;
         const auto picture = [&](int value) {

@@ -1,8 +1,11 @@
 #pragma once
 
 #include <QAbstractScrollArea>
+#include <QElapsedTimer>
 #include <QPointer>
 #include <QScrollBar>
+#include <QStyle>
+#include <QTimer>
 #include <QUuid>
 #include <QWidget>
 
@@ -22,14 +25,20 @@ class ScrollController;
 // The transcript's vertical scroll bar. A growing reply changes its range on every update, and a
 // plain scroll bar repaints whole for each, gradients and all; once the content is many screens
 // tall the handle no longer moves by a whole pixel per update, so range and value changes here
-// repaint only when the bar would look different from what it shows, and then only the handle's
-// old and new places unless an end of the bar changes its look.
+// repaint only when the bar would look different from what it shows once the turn's changes are
+// made, and then only the handle's old and new places and an arrow whose end the value reached
+// or left; a handle that only creeps a pixel or two shows its new place a few times a second. A
+// style that draws the bar opaque has nothing behind it painted along.
 class TranscriptScrollBar final : public QScrollBar
 {
     Q_OBJECT
 
 public:
     explicit TranscriptScrollBar(QWidget *parent = nullptr);
+
+    // A handle moving at most this far is repainted at most once per creepRepaintMs.
+    static constexpr int creepPixels = 2;
+    static constexpr int creepRepaintMs = 250;
 
 protected:
     void sliderChange(SliderChange change) override;
@@ -49,9 +58,15 @@ private:
     };
     Look currentLook() const;
     bool endsShow() const;
+    void updateOpaque();
+    void repaintChanges();
+    QRect controlRect(QStyle::SubControl control) const;
 
     std::optional<Look> m_shown;            // the look on screen once pending repaints are done
     mutable std::optional<bool> m_endsShow; // whether this style marks the ends, once drawn to see
+    bool m_checkPosted = false;             // a look check waits for this turn's changes to end
+    QElapsedTimer m_sinceRepaint;           // since the handle was last repainted for a change
+    QTimer m_creepTimer;                    // brings a creeping handle up to date
 };
 
 // The scrolling list of a conversation's messages, built lazily: only the bubbles near the

@@ -271,6 +271,8 @@ private slots:
         QTest::addRow("short, grows, end followed") << 100 << 300 << QList<int>{300} << true;
         QTest::addRow("short, grows, end eased after") << 100 << 300 << QList<int>{150, 220, 300} << true;
         QTest::addRow("leaves the end") << 100 << 100 << QList<int>{50} << true;
+        // Under a pixel a step: the first step shows at once, the last one a moment later.
+        QTest::addRow("creeps") << 4000 << 4000 << QList<int>{3990, 3980, 3970, 3960} << true;
     }
     void scrollBarRepaintsOnlyWhenItsLookChanges()
     {
@@ -298,8 +300,35 @@ private slots:
         }
         QTest::qWait(50);
         QCOMPARE(paints > 1, repaints);
-        const QImage shown = bar.screen()->grabWindow(bar.winId()).toImage().convertToFormat(QImage::Format_RGB32);
-        QCOMPARE(shown, bar.grab().toImage().convertToFormat(QImage::Format_RGB32));
+        const auto shown = [&] {
+            return bar.screen()->grabWindow(bar.winId()).toImage().convertToFormat(QImage::Format_RGB32);
+        };
+        QTRY_COMPARE(shown(), bar.grab().toImage().convertToFormat(QImage::Format_RGB32));
+    }
+    // With a style that draws the bar opaque (Fusion, the tests' style), a moving handle repaints
+    // the bar alone: nothing of the window behind it is painted first, and the picture stays whole.
+    void movingHandlePaintsNothingBehindTheBar()
+    {
+        QWidget window;
+        auto *bar = new TranscriptScrollBar(&window);
+        window.resize(bar->sizeHint().width(), 400);
+        bar->resize(window.size());
+        bar->setRange(0, 100);
+        bar->setPageStep(400);
+        bar->setValue(100);
+        window.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&window));
+        int behind = 0;
+        int own = 0;
+        PaintCounter windowCounter(&window, &behind);
+        PaintCounter barCounter(bar, &own);
+        bar->setValue(20);
+        QTRY_VERIFY(own > 0);
+        QTest::qWait(50);
+        QCOMPARE(behind, 0);
+        const QImage shown =
+            window.screen()->grabWindow(window.winId()).toImage().convertToFormat(QImage::Format_RGB32);
+        QCOMPARE(shown, window.grab().toImage().convertToFormat(QImage::Format_RGB32));
     }
     // What the window shows after many in-place updates is what a fresh paint of the same state
     // shows: partial repaints leave nothing stale behind.
