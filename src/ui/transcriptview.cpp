@@ -588,8 +588,11 @@ void TranscriptArea::handleRemoved(qsizetype index)
 void TranscriptArea::handleChanged(qsizetype index)
 {
     // Following first: the geometry reports of this very growth then fall into the scroll's
-    // own window and cannot detach the transcript by themselves.
+    // own window and cannot detach the transcript by themselves. The follow's scroll moves what is
+    // shown; placing and building what came into view waits for the one relayout below.
+    m_inChange = true;
     runTriggers();
+    m_inChange = false;
     Row &row = m_rows[std::size_t(index)];
     const ChatMessage &message = m_chat->messages().at(index);
     if (row.bubble) {
@@ -1038,7 +1041,8 @@ void TranscriptArea::scrollContentsBy(int, int dy)
     if (m_inRelayout)
         return;
     viewport()->scroll(0, dy);
-    relayout();
+    if (!m_inChange)
+        relayout();
 }
 
 void TranscriptArea::changeEvent(QEvent *event)

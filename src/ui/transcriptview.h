@@ -184,6 +184,7 @@ private:
     int m_width = -1;
     bool m_userScrolling = false;
     bool m_inRelayout = false;
+    bool m_inChange = false; // a message's change is being shown; it relays out once at its end
     QUuid m_current;
 };
 
