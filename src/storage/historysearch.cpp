@@ -552,7 +552,7 @@ struct HistorySearch::Job
         // The window comes first: its turns (drawing the rows found so far, and the helpers Qt
         // fills large areas with) take a core from the workers at once instead of waiting for
         // their share of it. On Linux a thread's niceness is its own; the pool is the search's.
-        ::setpriority(PRIO_PROCESS, id_t(::gettid()), 10);
+        ::setpriority(PRIO_PROCESS, id_t(::gettid()), 5);
         while (!cancelled()) {
             const qsizetype chunk = nextChunk.fetch_add(1);
             if (chunk >= chunkCount)
