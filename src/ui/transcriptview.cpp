@@ -25,6 +25,7 @@
 #include <QToolButton>
 
 #include <algorithm>
+#include <cstring>
 #include <utility>
 
 #ifdef __GLIBC__
@@ -231,8 +232,20 @@ void TranscriptScrollBar::repaintChanges()
     m_sinceRepaint.start();
     // The groove looks the same all along, so only the handle's old and new places change, with
     // the shade some styles draw a pixel beyond the handle, and an arrow greyed out at the end the
-    // value reached or left.
-    QRegion changed(m_shown->handle.united(now.handle).adjusted(0, -2, 0, 2));
+    // value reached or left. Where the handle's inside also looks the same all along, only the rows
+    // its two ends passed change: early in a followed reply the whole handle is a fill large enough
+    // for the paint engine to share out among its pooled threads on every update.
+    const QRect &was = m_shown->handle;
+    const QRect &is = now.handle;
+    QRegion changed;
+    if (!was.isEmpty() && !is.isEmpty() && onlyEndsChange()) {
+        const auto passed = [this](int from, int to) {
+            return QRect(0, std::min(from, to) - endShade, width(), std::abs(to - from) + 1 + 2 * endShade);
+        };
+        changed = QRegion(passed(was.top(), is.top())) + passed(was.bottom(), is.bottom());
+    } else {
+        changed = was.united(is).adjusted(0, -endShade, 0, endShade);
+    }
     if (now.atMinimum != m_shown->atMinimum)
         changed += controlRect(QStyle::SC_ScrollBarSubLine);
     if (now.atMaximum != m_shown->atMaximum)
@@ -261,6 +274,7 @@ void TranscriptScrollBar::paintEvent(QPaintEvent *event)
 void TranscriptScrollBar::resizeEvent(QResizeEvent *event)
 {
     m_endsShow.reset();
+    m_onlyEndsChange.reset();
     QScrollBar::resizeEvent(event);
     updateOpaque();
 }
@@ -268,6 +282,7 @@ void TranscriptScrollBar::resizeEvent(QResizeEvent *event)
 void TranscriptScrollBar::changeEvent(QEvent *event)
 {
     m_endsShow.reset();
+    m_onlyEndsChange.reset();
     QScrollBar::changeEvent(event);
     if (event->type() == QEvent::StyleChange || event->type() == QEvent::PaletteChange)
         updateOpaque();
@@ -317,6 +332,45 @@ bool TranscriptScrollBar::endsShow() const
         m_endsShow = picture(0) != picture(1) || picture(option.maximum) != picture(option.maximum - 1);
     }
     return *m_endsShow;
+}
+
+bool TranscriptScrollBar::onlyEndsChange() const
+{
+    // Seen by drawing the bar with the handle grown and then moved, away from both ends: every
+    // row that differs must lie where an end of the handle passed.
+    if (!m_onlyEndsChange) {
+        QStyleOptionSlider option;
+        initStyleOption(&option);
+        option.minimum = 0;
+        option.maximum = 1000;
+        const auto picture = [&](int value, int pageStep) {
+            option.sliderValue = option.sliderPosition = value;
+            option.pageStep = pageStep;
+            QImage image(size(), QImage::Format_ARGB32_Premultiplied);
+            image.fill(Qt::transparent);
+            QPainter painter(&image);
+            style()->drawComplexControl(QStyle::CC_ScrollBar, &option, &painter, this);
+            return std::pair(image,
+                             style()->subControlRect(QStyle::CC_ScrollBar, &option, QStyle::SC_ScrollBarSlider, this));
+        };
+        const auto endsOnly = [](const auto &a, const auto &b) {
+            const auto near = [](int y, int from, int to) {
+                return y >= std::min(from, to) - endShade && y <= std::max(from, to) + endShade;
+            };
+            for (int y = 0; y < a.first.height(); ++y) {
+                const bool same =
+                    !std::memcmp(a.first.constScanLine(y), b.first.constScanLine(y), size_t(a.first.bytesPerLine()));
+                if (!same && !near(y, a.second.top(), b.second.top()) && !near(y, a.second.bottom(), b.second.bottom()))
+                    return false;
+            }
+            return true;
+        };
+        const auto longer = picture(500, 500);
+        const auto shorter = picture(500, 300);
+        const auto moved = picture(300, 300);
+        m_onlyEndsChange = endsOnly(longer, shorter) && endsOnly(shorter, moved);
+    }
+    return *m_onlyEndsChange;
 }
 
 TranscriptScrollBar::Look TranscriptScrollBar::currentLook() const

@@ -58,15 +58,19 @@ private:
     };
     Look currentLook() const;
     bool endsShow() const;
+    bool onlyEndsChange() const;
     void updateOpaque();
     void repaintChanges();
     QRect controlRect(QStyle::SubControl control) const;
 
-    std::optional<Look> m_shown;            // the look on screen once pending repaints are done
-    mutable std::optional<bool> m_endsShow; // whether this style marks the ends, once drawn to see
-    bool m_checkPosted = false;             // a look check waits for this turn's changes to end
-    QElapsedTimer m_sinceRepaint;           // since the handle was last repainted for a change
-    QTimer m_creepTimer;                    // brings a creeping handle up to date
+    static constexpr int endShade = 2; // rows beyond the handle that some styles shade
+
+    std::optional<Look> m_shown;                  // the look on screen once pending repaints are done
+    mutable std::optional<bool> m_endsShow;       // whether this style marks the ends, once drawn to see
+    mutable std::optional<bool> m_onlyEndsChange; // whether a handle's change shows only near its ends
+    bool m_checkPosted = false;                   // a look check waits for this turn's changes to end
+    QElapsedTimer m_sinceRepaint;                 // since the handle was last repainted for a change
+    QTimer m_creepTimer;                          // brings a creeping handle up to date
 };
 
 // The scrolling list of a conversation's messages, built lazily: only the bubbles near the
