@@ -210,11 +210,6 @@ QString VerboltApp::instanceServerName()
     return folder + u"/verbolt-"_s + QString::fromLatin1(digest) + u".socket"_s;
 }
 
-bool VerboltApp::askRunningInstanceForWindow(const QString &serverName)
-{
-    return handOverToRunningInstance(serverName, true, std::nullopt);
-}
-
 bool VerboltApp::handOverToRunningInstance(const QString &serverName, bool newWindow,
                                            const std::optional<QString> &configFile)
 {

@@ -18,7 +18,7 @@ class SettingsView;
 
 // The program: the one provider store and the one conversation store, any number of main windows
 // sharing them, and the one settings window. A later start of the program on the same profile
-// hands over to this one (see askRunningInstanceForWindow) so that two processes never write the
+// hands over to this one (see handOverToRunningInstance) so that two processes never write the
 // same files.
 class VerboltApp final : public QObject
 {
@@ -62,9 +62,6 @@ public:
     // The local socket that names this profile's running program: one per user and profile, in
     // the runtime folder.
     static QString instanceServerName();
-    // Asks a program already running on serverName for a new main window. True when it answered;
-    // this process should then end without touching the stores.
-    static bool askRunningInstanceForWindow(const QString &serverName);
     // Hands a start's request to the program running on serverName: a new main window when
     // newWindow, and the import question for configFile (an absolute path) when given. True when
     // a program took the request; false when none runs there, and then nothing was asked.
