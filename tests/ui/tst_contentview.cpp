@@ -698,6 +698,30 @@ private slots:
         QTRY_COMPARE(other->chat()->messages(), view->chat()->messages());
     }
 
+    // Another window's turn saved while this window's reply streams does not reload this window:
+    // that would end the reply half-way.
+    void othersTurnWhileStreaming_replyGoesOn()
+    {
+        addProvider(u"Mock"_s);
+        MockProviderOptions options;
+        options.reply = u"A reply long enough to be streaming still when the other window's turn is saved."_s;
+        options.tokensPerSecond = 40;
+        m_mock->setOptions(options);
+        ContentView *view = makeView();
+        ContentView *other = makeView();
+        typeAndReturn(view, u"Slow"_s);
+        QTRY_VERIFY(view->chat()->isStreaming() && !view->chat()->messages().last().content.isEmpty());
+        options.tokensPerSecond = 0;
+        options.reply = u"Quick"_s;
+        m_mock->setOptions(options);
+        typeAndReturn(other, u"Other"_s);
+        QTRY_VERIFY(!other->chat()->isStreaming());
+        QTRY_VERIFY_WITH_TIMEOUT(!view->chat()->isStreaming(), 20000);
+        QCOMPARE(view->chat()->messages().at(1).content,
+                 u"A reply long enough to be streaming still when the other window's turn is saved."_s);
+        QVERIFY(!view->chat()->errorText());
+    }
+
 private:
     ContentView *makeView()
     {
