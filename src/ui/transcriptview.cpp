@@ -288,20 +288,30 @@ void TranscriptScrollBar::changeEvent(QEvent *event)
         updateOpaque();
 }
 
+QStyleOptionSlider TranscriptScrollBar::paintOption() const
+{
+    QStyleOptionSlider option;
+    initStyleOption(&option);
+    // As the bar paints itself: every part drawn.
+    option.subControls = QStyle::SC_All;
+    return option;
+}
+
+QImage TranscriptScrollBar::picture(const QStyleOptionSlider &option) const
+{
+    QImage image(size(), QImage::Format_ARGB32_Premultiplied);
+    image.fill(Qt::transparent);
+    QPainter painter(&image);
+    style()->drawComplexControl(QStyle::CC_ScrollBar, &option, &painter, this);
+    return image;
+}
+
 void TranscriptScrollBar::updateOpaque()
 {
     // A style that covers every pixel of the bar needs nothing behind it painted first: a moving
     // handle then repaints the bar alone, not the window's background and every widget between.
     // Whether this one does is seen by drawing the bar once on a transparent picture.
-    QStyleOptionSlider option;
-    initStyleOption(&option);
-    option.subControls = QStyle::SC_All;
-    QImage image(size(), QImage::Format_ARGB32_Premultiplied);
-    image.fill(Qt::transparent);
-    {
-        QPainter painter(&image);
-        style()->drawComplexControl(QStyle::CC_ScrollBar, &option, &painter, this);
-    }
+    const QImage image = picture(paintOption());
     bool opaque = !image.isNull();
     for (int y = 0; opaque && y < image.height(); ++y) {
         const auto *line = reinterpret_cast<const QRgb *>(image.constScanLine(y));
@@ -315,21 +325,14 @@ bool TranscriptScrollBar::endsShow() const
     // Some styles grey out an arrow at its end. Whether this one does is seen by drawing the bar
     // at an end and one step short of it, where the handle cannot have moved.
     if (!m_endsShow) {
-        QStyleOptionSlider option;
-        initStyleOption(&option);
-        // As the bar paints itself: every part drawn.
-        option.subControls = QStyle::SC_All;
+        QStyleOptionSlider option = paintOption();
         option.minimum = 0;
         option.maximum = 1'000'000;
-        const auto picture = [&](int value) {
+        const auto at = [&](int value) {
             option.sliderValue = option.sliderPosition = value;
-            QImage image(size(), QImage::Format_ARGB32_Premultiplied);
-            image.fill(Qt::transparent);
-            QPainter painter(&image);
-            style()->drawComplexControl(QStyle::CC_ScrollBar, &option, &painter, this);
-            return image;
+            return picture(option);
         };
-        m_endsShow = picture(0) != picture(1) || picture(option.maximum) != picture(option.maximum - 1);
+        m_endsShow = at(0) != at(1) || at(option.maximum) != at(option.maximum - 1);
     }
     return *m_endsShow;
 }
@@ -339,18 +342,13 @@ bool TranscriptScrollBar::onlyEndsChange() const
     // Seen by drawing the bar with the handle grown and then moved, away from both ends: every
     // row that differs must lie where an end of the handle passed.
     if (!m_onlyEndsChange) {
-        QStyleOptionSlider option;
-        initStyleOption(&option);
+        QStyleOptionSlider option = paintOption();
         option.minimum = 0;
         option.maximum = 1000;
-        const auto picture = [&](int value, int pageStep) {
+        const auto at = [&](int value, int pageStep) {
             option.sliderValue = option.sliderPosition = value;
             option.pageStep = pageStep;
-            QImage image(size(), QImage::Format_ARGB32_Premultiplied);
-            image.fill(Qt::transparent);
-            QPainter painter(&image);
-            style()->drawComplexControl(QStyle::CC_ScrollBar, &option, &painter, this);
-            return std::pair(image,
+            return std::pair(picture(option),
                              style()->subControlRect(QStyle::CC_ScrollBar, &option, QStyle::SC_ScrollBarSlider, this));
         };
         const auto endsOnly = [](const auto &a, const auto &b) {
@@ -365,9 +363,9 @@ bool TranscriptScrollBar::onlyEndsChange() const
             }
             return true;
         };
-        const auto longer = picture(500, 500);
-        const auto shorter = picture(500, 300);
-        const auto moved = picture(300, 300);
+        const auto longer = at(500, 500);
+        const auto shorter = at(500, 300);
+        const auto moved = at(300, 300);
         m_onlyEndsChange = endsOnly(longer, shorter) && endsOnly(shorter, moved);
     }
     return *m_onlyEndsChange;

@@ -5,6 +5,7 @@
 #include <QPointer>
 #include <QScrollBar>
 #include <QStyle>
+#include <QStyleOptionSlider>
 #include <QTimer>
 #include <QUuid>
 #include <QWidget>
@@ -59,6 +60,8 @@ private:
     Look currentLook() const;
     bool endsShow() const;
     bool onlyEndsChange() const;
+    QStyleOptionSlider paintOption() const;
+    QImage picture(const QStyleOptionSlider &option) const; // the bar drawn on a transparent picture
     void updateOpaque();
     void repaintChanges();
     QRect controlRect(QStyle::SubControl control) const;
