@@ -15,8 +15,11 @@
 #include <QTemporaryDir>
 #include <QUuid>
 
+#include <algorithm>
+#include <grp.h>
 #include <optional>
 #include <unistd.h>
+#include <vector>
 
 namespace StorageTest {
 
@@ -67,11 +70,19 @@ public:
 };
 
 // Runs act while folder is read-only, or returns false where that cannot be arranged. Root
-// ignores folder permissions, so for root the effective user becomes "nobody" meanwhile, once the
-// folders from folder's parent up to boundary are passable for "nobody".
+// ignores folder permissions, so for root the effective user and group become "nobody" meanwhile, once the
+// folders from folder's parent up to boundary are passable for "nobody". The folder's files
+// belong to "nobody" meanwhile, as a user's own files do: a writer that falls back to
+// overwriting a file in place would succeed, and be caught.
 template<class Act>
 bool whileReadOnly(const QString &folder, const QString &boundary, Act act)
 {
+    constexpr uid_t nobody = 65534;
+    const QStringList files = geteuid() == 0 ? QDir(folder).entryList(QDir::Files | QDir::Hidden) : QStringList();
+    for (const QString &name : files) {
+        if (chown(QFile::encodeName(folder + u'/' + name).constData(), nobody, nobody) != 0)
+            return false;
+    }
     const auto permissions = QFileInfo(folder).permissions();
     QFile::setPermissions(folder, QFileDevice::ReadOwner | QFileDevice::ExeOwner | QFileDevice::ReadGroup |
                                       QFileDevice::ExeGroup | QFileDevice::ReadOther | QFileDevice::ExeOther);
@@ -83,15 +94,25 @@ bool whileReadOnly(const QString &folder, const QString &boundary, Act act)
         if (dir.absolutePath() == boundary)
             break;
     }
-    const bool droppedRoot = geteuid() == 0 && seteuid(65534) == 0;
+    // Root's groups go too: a folder of group root with no group rights would otherwise stop
+    // "nobody" at the door, and the act would fail for that reason instead.
+    const bool wasRoot = geteuid() == 0;
+    std::vector<gid_t> groups(wasRoot ? std::max(0, getgroups(0, nullptr)) : 0);
+    if (wasRoot && (getgroups(int(groups.size()), groups.data()) < 0 || setgroups(0, nullptr) != 0 ||
+                    setegid(nobody) != 0 || seteuid(nobody) != 0))
+        qWarning("cannot become \"nobody\"");
     const bool effective = geteuid() != 0;
     if (effective)
         act();
-    if (droppedRoot && seteuid(0) != 0)
+    if (wasRoot && (seteuid(0) != 0 || setegid(0) != 0 || setgroups(groups.size(), groups.data()) != 0))
         qFatal("cannot become root again");
     for (const auto &[path, previous] : std::as_const(opened))
         QFile::setPermissions(path, previous);
     QFile::setPermissions(folder, permissions);
+    for (const QString &name : files) {
+        if (chown(QFile::encodeName(folder + u'/' + name).constData(), 0, 0) != 0)
+            qFatal("cannot give a file back to root");
+    }
     return effective;
 }
 
