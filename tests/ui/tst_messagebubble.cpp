@@ -29,13 +29,9 @@ private slots:
         QTest::addColumn<QString>("part");
         const std::optional<qint64> none;
         QTest::newRow("no usage") << Usage() << QString();
-        QTest::newRow("all counts absent") << Usage(TokenUsage{none, none, none}) << QString();
         QTest::newRow("total zero") << Usage(TokenUsage{none, none, 0}) << QStringLiteral("· 0 tokens");
         QTest::newRow("prompt only") << Usage(TokenUsage{5, none, none}) << QStringLiteral("· 5 tokens");
-        QTest::newRow("both counts, no total")
-            << Usage(TokenUsage{10, 5, none}) << QStringLiteral("· 10↑ 5↓ · 15 tokens");
         QTest::newRow("reported total wins") << Usage(TokenUsage{12, 34, 7}) << QStringLiteral("· 12↑ 34↓ · 7 tokens");
-        QTest::newRow("zero sum hidden") << Usage(TokenUsage{0, 0, none}) << QString();
     }
     void usage()
     {
