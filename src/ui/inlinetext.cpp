@@ -16,9 +16,9 @@ namespace {
 constexpr qreal unwrappedWidth = 1e7;
 // Extra space between the lines of one wrapped text.
 constexpr qreal lineSpacing = 1;
-// The most characters one layout holds. Finding where to wrap a line with no place to break
+// The most characters one span holds. Finding where to wrap a line with no place to break
 // scans the rest of its layout for every line, so this bounds that scan.
-constexpr qsizetype pieceLength = 4096;
+constexpr qsizetype spanLength = 4096;
 // A stretch without blanks this long can only wrap anywhere; saying so spares the layout its
 // search for a word boundary.
 constexpr qsizetype unbrokenRun = 512;
@@ -34,14 +34,62 @@ bool needsWrapAnywhere(QStringView text)
     return false;
 }
 
+// Whether text holds anything that reads right to left or steers the direction of what follows.
+// The order of such text on a line depends on the whole paragraph around it.
+bool hasBidi(QStringView text)
+{
+    for (qsizetype i = 0; i < text.size(); ++i) {
+        char32_t c = text.at(i).unicode();
+        if (c < 0x0590)
+            continue;
+        if (QChar::isHighSurrogate(c) && i + 1 < text.size() && text.at(i + 1).isLowSurrogate())
+            c = QChar::surrogateToUcs4(char16_t(c), text.at(++i).unicode());
+        switch (QChar::direction(c)) {
+        case QChar::DirR:
+        case QChar::DirAL:
+        case QChar::DirAN:
+        case QChar::DirRLE:
+        case QChar::DirRLO:
+        case QChar::DirLRE:
+        case QChar::DirLRO:
+        case QChar::DirPDF:
+        case QChar::DirRLI:
+        case QChar::DirLRI:
+        case QChar::DirFSI:
+        case QChar::DirPDI:
+            return true;
+        default:
+            break;
+        }
+    }
+    return false;
+}
+
 } // namespace
 
-struct InlineText::Piece
+// A run of lines laid out together. Its layout may hold more text than the part owns: lines past
+// `lines` show text that a later part lays out again, and are neither drawn nor asked.
+struct InlineText::Part
+{
+    qsizetype start = 0; // in the shown text
+    QTextLayout layout;
+    int lines = -1; // the layout's lines that are this part's; all of them when -1
+    qreal y = 0;    // the top of the part in its span
+    qreal height = 0;
+
+    int lineCount() const { return lines < 0 ? layout.lineCount() : std::min(lines, layout.lineCount()); }
+};
+
+// A stretch of the shown text laid out as one paragraph. While it grows, the lines that the growth
+// cannot move are kept in the parts that laid them out, and only the rest is laid out again.
+struct InlineText::Span
 {
     qsizetype start = 0;  // in the shown text
-    qsizetype length = 0; // a line separator that ends the piece is not part of it
-    qsizetype next = 0;   // where the following piece starts
-    QTextLayout layout;
+    qsizetype length = 0; // a line separator that ends the span is not part of it
+    qsizetype next = 0;   // where the following span starts
+    std::vector<std::unique_ptr<Part>> parts;
+    qsizetype laidOutTo = 0; // the end of the last part's text; parts stop short of it after a change
+    bool wrapAnywhere = false;
     qreal laidOutWidth = -1;
     qreal naturalWidth = -1; // its widest line unwrapped
     qreal y = 0;
@@ -128,88 +176,157 @@ bool InlineText::setSource(const QString &source)
     m_firstChange = first;
     // The old layout's line of that character may hold text that now wraps onto the next line.
     m_oldChangedTop = wasLaidOut ? lineTop(std::min(first, oldText.size())) : 0;
-    cutPieces(first);
+    cutSpans(first);
     m_laidOutWidth = -1;
     m_idealWidth = -1;
     return true;
 }
 
-void InlineText::cutPieces(qsizetype from)
+void InlineText::cutSpans(qsizetype from)
 {
-    // A piece is kept, layout and all, when everything that decided its end comes before the
-    // first change; the last piece never is, since its end was the end of the text.
+    // A span is kept, layout and all, when everything that decided its end comes before the
+    // first change; the last span never is, since its end was the end of the text.
     std::size_t keep = 0;
-    while (keep + 1 < m_pieces.size() && m_pieces[keep]->start + pieceLength < from)
+    while (keep + 1 < m_spans.size() && m_spans[keep]->start + spanLength < from)
         ++keep;
-    m_pieces.resize(keep);
+    // The first span not kept starts where it did: its lines above the change may stay.
+    std::unique_ptr<Span> changed = keep < m_spans.size() ? std::move(m_spans[keep]) : nullptr;
+    m_spans.resize(keep);
 
     const qsizetype size = m_text.size();
-    qsizetype pos = keep ? m_pieces.back()->next : 0;
+    qsizetype pos = keep ? m_spans.back()->next : 0;
     for (;;) {
-        auto piece = std::make_unique<Piece>();
-        piece->start = pos;
+        auto span = std::make_unique<Span>();
+        span->start = pos;
         bool atSeparator = false;
-        if (size - pos <= pieceLength) {
-            piece->length = size - pos;
-            piece->next = size;
+        if (size - pos <= spanLength) {
+            span->length = size - pos;
+            span->next = size;
         } else {
             // Cut where the text breaks a line anyway, else after a blank, else anywhere but
             // inside a surrogate pair.
-            const qsizetype limit = pos + pieceLength;
+            const qsizetype limit = pos + spanLength;
             const qsizetype separator = m_text.lastIndexOf(QChar::LineSeparator, limit);
-            if (separator > pos + pieceLength / 2) {
-                piece->length = separator - pos;
-                piece->next = separator + 1;
+            if (separator > pos + spanLength / 2) {
+                span->length = separator - pos;
+                span->next = separator + 1;
                 atSeparator = true;
             } else {
                 qsizetype end = limit;
-                while (end > pos + pieceLength / 2 && m_text.at(end - 1) != u' ')
+                while (end > pos + spanLength / 2 && m_text.at(end - 1) != u' ')
                     --end;
-                if (end <= pos + pieceLength / 2)
+                if (end <= pos + spanLength / 2)
                     end = m_text.at(limit - 1).isHighSurrogate() ? limit - 1 : limit;
-                piece->length = end - pos;
-                piece->next = end;
+                span->length = end - pos;
+                span->next = end;
             }
         }
-        pos = piece->next;
-        m_pieces.push_back(std::move(piece));
+        span->laidOutTo = span->start;
+        span->wrapAnywhere = needsWrapAnywhere(QStringView(m_text).sliced(span->start, span->length));
+        if (changed) {
+            keepSettledLines(*changed, *span, from);
+            changed.reset();
+        }
+        pos = span->next;
+        m_spans.push_back(std::move(span));
         if (pos < size)
             continue;
         if (atSeparator) {
-            // The text ends with a line break: its empty last line is a piece of its own.
-            auto tail = std::make_unique<Piece>();
-            tail->start = tail->next = size;
-            m_pieces.push_back(std::move(tail));
+            // The text ends with a line break: its empty last line is a span of its own.
+            auto tail = std::make_unique<Span>();
+            tail->start = tail->next = tail->laidOutTo = size;
+            m_spans.push_back(std::move(tail));
         }
         break;
     }
 }
 
+void InlineText::keepSettledLines(Span &old, Span &span, qsizetype from) const
+{
+    // Lines are filled greedily: text that comes after a line's end cannot move that line, as long
+    // as the word that did not fit on it is still the same. Text read right to left is ordered by
+    // its whole paragraph, so it is laid out whole.
+    if (old.laidOutWidth < 0 || old.parts.empty() || old.wrapAnywhere != span.wrapAnywhere ||
+        hasBidi(QStringView(m_text).sliced(span.start, span.length)))
+        return;
+    const QStringView text(m_text);
+    // Laying out again from a line's start lays out that line as before when the line before it
+    // ended at a blank (so no glyph there is shaped with its neighbour) and the word that
+    // started it, with the blanks after it and the next character, came before the change.
+    const auto settled = [&](qsizetype lineStart) {
+        if (lineStart <= span.start || lineStart >= from || !text.at(lineStart - 1).isSpace())
+            return false;
+        qsizetype i = lineStart;
+        while (i < from && !text.at(i).isSpace())
+            ++i;
+        while (i < from && text.at(i).isSpace())
+            ++i;
+        return i + 1 < from;
+    };
+    for (std::size_t p = old.parts.size(); p-- > 0;) {
+        Part &part = *old.parts[p];
+        if (part.start >= from)
+            continue;
+        for (int l = part.lineCount(); l-- > 0;) {
+            const QTextLine line = part.layout.lineAt(l);
+            const qsizetype lineStart = part.start + line.textStart();
+            if (!settled(lineStart))
+                continue;
+            old.parts.resize(l > 0 ? p + 1 : p);
+            if (l > 0) {
+                part.lines = l;
+                const QTextLine last = part.layout.lineAt(l - 1);
+                part.height = last.y() + last.height();
+            }
+            span.parts = std::move(old.parts);
+            span.laidOutTo = lineStart;
+            span.laidOutWidth = old.laidOutWidth;
+            return;
+        }
+    }
+}
+
 int InlineText::changedTop() const
 {
-    if (m_laidOutWidth < 0 || m_pieces.empty())
+    if (m_laidOutWidth < 0 || m_spans.empty())
         return 0;
     return std::min(lineTop(std::min(m_firstChange, m_text.size())), m_oldChangedTop);
 }
 
-const InlineText::Piece *InlineText::pieceAt(qsizetype position) const
+const InlineText::Span *InlineText::spanAt(qsizetype position) const
 {
-    for (const auto &piece : m_pieces) {
-        if (position < piece->next || piece == m_pieces.back())
-            return piece.get();
+    for (const auto &span : m_spans) {
+        if (position < span->next || span == m_spans.back())
+            return span.get();
     }
     return nullptr;
 }
 
+const InlineText::Part *InlineText::partAt(const Span &span, qsizetype position)
+{
+    const Part *found = nullptr;
+    for (const auto &part : span.parts) {
+        if (found && part->start > position)
+            break;
+        found = part.get();
+    }
+    return found;
+}
+
 int InlineText::lineTop(qsizetype position) const
 {
-    const Piece *piece = pieceAt(position);
-    if (!piece || piece->laidOutWidth < 0 || piece->layout.lineCount() == 0)
+    const Span *span = spanAt(position);
+    if (!span || span->laidOutWidth < 0)
         return 0;
-    const QTextLayout &layout = piece->layout;
-    const QTextLine line =
-        layout.lineForTextPosition(int(std::clamp(position - piece->start, qsizetype(0), piece->length)));
-    return int(piece->y + (line.isValid() ? line.y() : layout.lineAt(layout.lineCount() - 1).y()));
+    const Part *part = partAt(*span, position);
+    if (!part || part->lineCount() == 0)
+        return 0;
+    const QTextLayout &layout = part->layout;
+    const qsizetype end = span->start + span->length;
+    const QTextLine line = layout.lineForTextPosition(int(std::clamp(position, part->start, end) - part->start));
+    const qreal top =
+        line.isValid() && line.lineNumber() < part->lineCount() ? line.y() : layout.lineAt(part->lineCount() - 1).y();
+    return int(span->y + part->y + top);
 }
 
 bool InlineText::setFont(const QFont &font)
@@ -217,9 +334,9 @@ bool InlineText::setFont(const QFont &font)
     if (font == m_font)
         return false;
     m_font = font;
-    for (auto &piece : m_pieces) {
-        piece->laidOutWidth = -1;
-        piece->naturalWidth = -1;
+    for (auto &span : m_spans) {
+        span->laidOutWidth = -1;
+        span->naturalWidth = -1;
     }
     m_laidOutWidth = -1;
     m_idealWidth = -1;
@@ -237,39 +354,39 @@ int InlineText::heightForWidth(int width)
 int InlineText::idealWidth()
 {
     if (m_idealWidth < 0) {
-        // Measured on layouts of their own, so the wrapped ones stay as they are; a piece kept
+        // Measured on layouts of their own, so the wrapped ones stay as they are; a span kept
         // from before a change keeps its measure, so a growing text measures only its end.
         qreal widest = 0;
         QTextOption option;
         option.setWrapMode(QTextOption::NoWrap);
-        for (const auto &piece : m_pieces) {
-            if (piece->naturalWidth < 0) {
-                QTextLayout layout(m_text.mid(piece->start, piece->length), m_font);
+        for (const auto &span : m_spans) {
+            if (span->naturalWidth < 0) {
+                QTextLayout layout(m_text.mid(span->start, span->length), m_font);
                 layout.setTextOption(option);
-                layout.setFormats(formatsOf(*piece));
-                piece->naturalWidth = 0;
+                layout.setFormats(formatsOf(span->start, span->length));
+                span->naturalWidth = 0;
                 layout.beginLayout();
                 for (QTextLine line = layout.createLine(); line.isValid(); line = layout.createLine()) {
                     line.setLineWidth(unwrappedWidth);
-                    piece->naturalWidth = std::max(piece->naturalWidth, line.naturalTextWidth());
+                    span->naturalWidth = std::max(span->naturalWidth, line.naturalTextWidth());
                 }
                 layout.endLayout();
             }
-            widest = std::max(widest, piece->naturalWidth);
+            widest = std::max(widest, span->naturalWidth);
         }
         m_idealWidth = int(std::ceil(widest));
     }
     return m_idealWidth;
 }
 
-QList<QTextLayout::FormatRange> InlineText::formatsOf(const Piece &piece) const
+QList<QTextLayout::FormatRange> InlineText::formatsOf(qsizetype from, qsizetype length) const
 {
     QList<QTextLayout::FormatRange> formats;
     for (const QTextLayout::FormatRange &range : std::as_const(m_formats)) {
-        const qsizetype start = std::max<qsizetype>(range.start, piece.start);
-        const qsizetype end = std::min<qsizetype>(range.start + range.length, piece.start + piece.length);
+        const qsizetype start = std::max<qsizetype>(range.start, from);
+        const qsizetype end = std::min<qsizetype>(range.start + range.length, from + length);
         if (end > start)
-            formats.append({int(start - piece.start), int(end - start), range.format});
+            formats.append({int(start - from), int(end - start), range.format});
     }
     return formats;
 }
@@ -277,17 +394,23 @@ QList<QTextLayout::FormatRange> InlineText::formatsOf(const Piece &piece) const
 void InlineText::layOut(qreal width)
 {
     qreal y = 0;
-    for (const auto &piece : m_pieces) {
-        if (piece->laidOutWidth != width) {
-            QTextLayout &layout = piece->layout;
-            const QStringView text = QStringView(m_text).sliced(piece->start, piece->length);
-            layout.clearLayout();
-            layout.setText(text.toString());
+    for (const auto &span : m_spans) {
+        if (span->laidOutWidth != width) {
+            // Lines kept from another width would not be where this width puts them.
+            span->parts.clear();
+            span->laidOutTo = span->start;
+        }
+        const qsizetype end = span->start + span->length;
+        if (span->parts.empty() || span->laidOutTo < end) {
+            auto part = std::make_unique<Part>();
+            part->start = span->laidOutTo;
+            QTextLayout &layout = part->layout;
+            layout.setText(m_text.sliced(part->start, end - part->start));
             layout.setFont(m_font);
-            layout.setFormats(formatsOf(*piece));
+            layout.setFormats(formatsOf(part->start, end - part->start));
             QTextOption option;
-            option.setWrapMode(needsWrapAnywhere(text) ? QTextOption::WrapAnywhere
-                                                       : QTextOption::WrapAtWordBoundaryOrAnywhere);
+            option.setWrapMode(span->wrapAnywhere ? QTextOption::WrapAnywhere
+                                                  : QTextOption::WrapAtWordBoundaryOrAnywhere);
             layout.setTextOption(option);
             layout.setCacheEnabled(true);
 
@@ -301,13 +424,20 @@ void InlineText::layOut(qreal width)
                 lineY += line.height();
             }
             layout.endLayout();
-            piece->height = lineY;
-            piece->laidOutWidth = width;
+            part->height = lineY;
+            if (!span->parts.empty()) {
+                const Part &above = *span->parts.back();
+                part->y = above.y + above.height + lineSpacing;
+            }
+            span->parts.push_back(std::move(part));
+            span->laidOutTo = end;
+            span->laidOutWidth = width;
+            span->height = span->parts.back()->y + span->parts.back()->height;
         }
         if (y > 0)
             y += lineSpacing;
-        piece->y = y;
-        y += piece->height;
+        span->y = y;
+        y += span->height;
     }
     m_laidOutWidth = width;
     m_height = int(std::ceil(y));
@@ -319,37 +449,45 @@ void InlineText::draw(QPainter *painter, QPointF pos, const QColor &color, const
     painter->setPen(color);
     auto hit = m_highlights.cbegin();
     QList<MarkedText::Mark> marks;
-    for (const auto &piece : m_pieces) {
-        const qsizetype pieceEnd = piece->start + piece->length;
-        while (hit != m_highlights.cend() && hit->start + hit->length <= piece->start)
-            ++hit;
-        if (clip.isValid() && (piece->y > clip.bottom() || piece->y + piece->height < clip.top()))
+    QList<QTextLayout::FormatRange> colours;
+    for (const auto &span : m_spans) {
+        const qsizetype spanEnd = span->start + span->length;
+        if (clip.isValid() && (span->y > clip.bottom() || span->y + span->height < clip.top()))
             continue;
-        QList<QTextLayout::FormatRange> colours;
-        const auto addColour = [&](qsizetype start, qsizetype length, const QColor &c) {
-            const qsizetype from = std::max(start, piece->start);
-            const qsizetype to = std::min(start + length, pieceEnd);
-            if (to <= from)
-                return;
-            QTextCharFormat format;
-            format.setForeground(c);
-            colours.append({int(from - piece->start), int(to - from), format});
-        };
-        for (const Link &link : m_links)
-            addColour(link.start, link.length, linkColor);
-        if (m_noteStart >= 0)
-            addColour(m_noteStart, m_text.size() - m_noteStart, Theme::withOpacity(color, 0.6));
-        marks.clear();
-        for (auto h = hit; h != m_highlights.cend() && h->start < pieceEnd; ++h) {
-            const qsizetype from = std::max(h->start, piece->start);
-            const qsizetype to = std::min(h->start + h->length, pieceEnd);
-            if (to > from)
-                marks.append(
-                    {int(from - piece->start), int(to - from), h - m_highlights.cbegin() == m_currentHighlight});
+        for (std::size_t p = 0; p < span->parts.size(); ++p) {
+            const Part &part = *span->parts[p];
+            const qsizetype partEnd = p + 1 < span->parts.size() ? span->parts[p + 1]->start : spanEnd;
+            const qreal top = span->y + part.y;
+            if (clip.isValid() && (top > clip.bottom() || top + part.height < clip.top()))
+                continue;
+            colours.clear();
+            const auto addColour = [&](qsizetype start, qsizetype length, const QColor &c) {
+                const qsizetype from = std::max(start, part.start);
+                const qsizetype to = std::min(start + length, partEnd);
+                if (to <= from)
+                    return;
+                QTextCharFormat format;
+                format.setForeground(c);
+                colours.append({int(from - part.start), int(to - from), format});
+            };
+            for (const Link &link : m_links)
+                addColour(link.start, link.length, linkColor);
+            if (m_noteStart >= 0)
+                addColour(m_noteStart, m_text.size() - m_noteStart, Theme::withOpacity(color, 0.6));
+            while (hit != m_highlights.cend() && hit->start + hit->length <= part.start)
+                ++hit;
+            marks.clear();
+            for (auto h = hit; h != m_highlights.cend() && h->start < partEnd; ++h) {
+                const qsizetype from = std::max(h->start, part.start);
+                const qsizetype to = std::min(h->start + h->length, partEnd);
+                if (to > from)
+                    marks.append(
+                        {int(from - part.start), int(to - from), h - m_highlights.cbegin() == m_currentHighlight});
+            }
+            // The layout takes its clip in the painter's coordinates.
+            MarkedText::draw(painter, part.layout, pos + QPointF(0, top), colours, marks,
+                             clip.isValid() ? clip.translated(pos) : clip, part.lineCount());
         }
-        // The layout takes its clip in the painter's coordinates.
-        MarkedText::draw(painter, piece->layout, pos + QPointF(0, piece->y), colours, marks,
-                         clip.isValid() ? clip.translated(pos) : clip);
     }
 }
 
@@ -364,41 +502,47 @@ bool InlineText::setHighlights(const QList<TextSearch::Range> &ranges, int curre
 
 QRectF InlineText::rangeRect(const TextSearch::Range &range) const
 {
-    const Piece *piece = pieceAt(range.start);
-    if (m_laidOutWidth < 0 || !piece || piece->laidOutWidth < 0)
+    const Span *span = spanAt(range.start);
+    if (m_laidOutWidth < 0 || !span || span->laidOutWidth < 0)
         return {};
-    const int start = int(std::clamp(range.start - piece->start, qsizetype(0), piece->length));
-    const int end = int(std::clamp(range.start + range.length - piece->start, qsizetype(start), piece->length));
-    const QTextLine line = piece->layout.lineForTextPosition(start);
-    if (!line.isValid())
+    const Part *part = partAt(*span, range.start);
+    if (!part)
+        return {};
+    const qsizetype end = span->start + span->length;
+    const int start = int(std::clamp(range.start, part->start, end) - part->start);
+    const int stop = int(std::clamp(range.start + range.length, part->start + start, end) - part->start);
+    const QTextLine line = part->layout.lineForTextPosition(start);
+    if (!line.isValid() || line.lineNumber() >= part->lineCount())
         return {};
     const qreal x = line.cursorToX(start);
     // A range wrapped onto the next line is as wide as its part on this one.
-    const qreal right = line.cursorToX(std::min(end, line.textStart() + line.textLength()));
-    return QRectF(x, piece->y + line.y(), std::max<qreal>(1, right - x), line.height());
+    const qreal right = line.cursorToX(std::min(stop, line.textStart() + line.textLength()));
+    return QRectF(x, span->y + part->y + line.y(), std::max<qreal>(1, right - x), line.height());
 }
 
 std::optional<QString> InlineText::linkAt(QPointF point) const
 {
     if (m_links.isEmpty())
         return std::nullopt;
-    for (const auto &piece : m_pieces) {
-        if (point.y() < piece->y || point.y() >= piece->y + piece->height)
+    for (const auto &span : m_spans) {
+        if (point.y() < span->y || point.y() >= span->y + span->height)
             continue;
-        const QTextLayout &layout = piece->layout;
-        const qreal y = point.y() - piece->y;
-        for (int i = 0; i < layout.lineCount(); ++i) {
-            const QTextLine line = layout.lineAt(i);
-            if (y < line.y() || y >= line.y() + line.height())
-                continue;
-            if (point.x() > line.naturalTextWidth())
+        for (const auto &part : span->parts) {
+            const QTextLayout &layout = part->layout;
+            const qreal y = point.y() - span->y - part->y;
+            for (int i = 0; i < part->lineCount(); ++i) {
+                const QTextLine line = layout.lineAt(i);
+                if (y < line.y() || y >= line.y() + line.height())
+                    continue;
+                if (point.x() > line.naturalTextWidth())
+                    return std::nullopt;
+                const qsizetype cursor = part->start + line.xToCursor(point.x(), QTextLine::CursorOnCharacter);
+                for (const Link &link : m_links) {
+                    if (cursor >= link.start && cursor < link.start + link.length)
+                        return link.target;
+                }
                 return std::nullopt;
-            const qsizetype cursor = piece->start + line.xToCursor(point.x(), QTextLine::CursorOnCharacter);
-            for (const Link &link : m_links) {
-                if (cursor >= link.start && cursor < link.start + link.length)
-                    return link.target;
             }
-            return std::nullopt;
         }
     }
     return std::nullopt;
@@ -407,10 +551,12 @@ std::optional<QString> InlineText::linkAt(QPointF point) const
 qreal InlineText::laidOutRight() const
 {
     qreal right = 0;
-    for (const auto &piece : m_pieces) {
-        for (int i = 0; i < piece->layout.lineCount(); ++i) {
-            const QTextLine line = piece->layout.lineAt(i);
-            right = std::max(right, line.x() + line.naturalTextWidth());
+    for (const auto &span : m_spans) {
+        for (const auto &part : span->parts) {
+            for (int i = 0; i < part->lineCount(); ++i) {
+                const QTextLine line = part->layout.lineAt(i);
+                right = std::max(right, line.x() + line.naturalTextWidth());
+            }
         }
     }
     return right;

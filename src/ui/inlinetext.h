@@ -20,10 +20,10 @@ class QPalette;
 // font or the width changes, so drawing it again costs no layout. Not a widget: the block views
 // own one each and draw it.
 //
-// Text is laid out in pieces of a few thousand characters, so a line without any place to wrap
-// costs what its length costs rather than its square, and a growing text lays out again only
-// its last pieces. A source longer than shownLimit is shown up to there, followed by a note of
-// how much is left out; the source itself is kept whole.
+// Text is laid out in spans of a few thousand characters, so a line without any place to wrap
+// costs what its length costs rather than its square. A growing text lays out again only from
+// the start of the line its change is on: the lines above stay as they were laid out. A source longer than shownLimit
+// is shown up to there, followed by a note of how much is left out; the source itself is kept whole.
 class InlineText final
 {
 public:
@@ -78,12 +78,15 @@ private:
         int length = 0;
         QString target;
     };
-    struct Piece;
+    struct Part;
+    struct Span;
 
-    void cutPieces(qsizetype from);
+    void cutSpans(qsizetype from);
+    void keepSettledLines(Span &old, Span &span, qsizetype from) const;
     void layOut(qreal width);
-    const Piece *pieceAt(qsizetype position) const;
-    QList<QTextLayout::FormatRange> formatsOf(const Piece &piece) const;
+    const Span *spanAt(qsizetype position) const;
+    static const Part *partAt(const Span &span, qsizetype position);
+    QList<QTextLayout::FormatRange> formatsOf(qsizetype start, qsizetype length) const;
     int lineTop(qsizetype position) const;
 
     QString m_source;
@@ -93,7 +96,7 @@ private:
     QList<TextSearch::Range> m_highlights;
     int m_currentHighlight = -1;
     QFont m_font;
-    std::vector<std::unique_ptr<Piece>> m_pieces;
+    std::vector<std::unique_ptr<Span>> m_spans;
     qsizetype m_firstChange = 0;
     int m_oldChangedTop = 0; // the same place in the layout before the change
     qreal m_laidOutWidth = -1;

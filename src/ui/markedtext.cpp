@@ -12,11 +12,24 @@
 namespace MarkedText {
 
 void draw(QPainter *painter, const QTextLayout &layout, QPointF origin, const QList<QTextLayout::FormatRange> &colours,
-          const QList<Mark> &marks, const QRectF &clip)
+          const QList<Mark> &marks, const QRectF &shownClip, int lineCount)
 {
+    QRectF clip = shownClip;
     origin += layout.position();
-    const int lines = layout.lineCount();
-    if (marks.isEmpty() || lines == 0) {
+    const int lines = lineCount < 0 ? layout.lineCount() : std::min(lineCount, layout.lineCount());
+    if (lines == 0)
+        return;
+    if (lines < layout.lineCount()) {
+        // The layout draws whole lines that meet its clip: the lines past the last one drawn
+        // start below this band.
+        const QTextLine last = layout.lineAt(lines - 1);
+        const QRectF band(QPointF(-(1 << 24), origin.y() + layout.lineAt(0).y()),
+                          QPointF(1 << 24, origin.y() + last.y() + last.height()));
+        clip = clip.isValid() ? clip.intersected(band) : band;
+        if (!clip.isValid())
+            return;
+    }
+    if (marks.isEmpty()) {
         layout.draw(painter, origin - layout.position(), colours, clip);
         return;
     }

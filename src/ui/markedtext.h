@@ -22,8 +22,9 @@ struct Mark
 
 // Draws layout at origin in the painter's pen, with colours (ranges of their own foreground, drawn
 // as the layout's selections) and marks (in order) in the find highlight's colours. Only lines
-// meeting clip are drawn, in the painter's coordinates; an invalid clip draws every line.
+// meeting clip are drawn, in the painter's coordinates; an invalid clip draws every line. With
+// lineCount at 0 or more, only the layout's first lineCount lines are drawn.
 void draw(QPainter *painter, const QTextLayout &layout, QPointF origin, const QList<QTextLayout::FormatRange> &colours,
-          const QList<Mark> &marks, const QRectF &clip = QRectF());
+          const QList<Mark> &marks, const QRectF &clip = QRectF(), int lineCount = -1);
 
 } // namespace MarkedText

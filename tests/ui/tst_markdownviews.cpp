@@ -131,6 +131,70 @@ private slots:
         QCOMPARE(blocks.at(0)->height(), blocks.at(0)->heightForWidth(w));
         QVERIFY(blocks.at(1)->y() > blocks.at(0)->geometry().bottom());
     }
+    // A block that grows a little at a time keeps the lines it had and lays out only the rest:
+    // what it draws, where it marks a find hit and how tall it is must be what the whole text
+    // laid out at once gives, also once the width changes.
+    void grownTextDrawsAsWhole_data()
+    {
+        QTest::addColumn<QString>("markdown");
+        QTest::addColumn<int>("step");
+
+        QStringList words{QStringLiteral("Throughput"), QStringLiteral("`C:\\Users\\dev`"),
+                          QStringLiteral("café"),       QStringLiteral("größer"),
+                          QStringLiteral("**данные**"), QStringLiteral("日本語テキスト"),
+                          QStringLiteral("✓"),          QStringLiteral("[slot](https://example.com/1)"),
+                          QStringLiteral("*loop*"),     QStringLiteral("event"),
+                          QStringLiteral("a-b-c")};
+        const auto prose = [&](int count, int seed) {
+            QStringList out;
+            for (int i = 0; i < count; ++i)
+                out.append(words.at((i * 7 + seed) % words.size()));
+            return out.join(QLatin1Char(' '));
+        };
+        QTest::newRow("paragraph") << prose(160, 1) << 7;
+        QTest::newRow("bold closed many lines later")
+            << QStringLiteral("**") + prose(60, 2) + QStringLiteral("** ") + prose(40, 3) << 5;
+        QTest::newRow("list item") << QStringLiteral("- ") + prose(90, 4) << 3;
+        QTest::newRow("quote") << QStringLiteral("> ") + prose(90, 5) << 11;
+        QTest::newRow("line breaks") << prose(30, 6) + QStringLiteral("\n") + prose(40, 7) + QStringLiteral("\n\\") +
+                                            prose(30, 8)
+                                     << 4;
+        QTest::newRow("right to left") << QStringLiteral("שלום עולם 123 ") + prose(60, 10) << 9;
+        QTest::newRow("unbroken run") << QString(700, QLatin1Char('w')) + QLatin1Char(' ') + prose(40, 11) << 13;
+        QTest::newRow("longer than a span") << prose(1100, 12) << 37;
+    }
+    void grownTextDrawsAsWhole()
+    {
+        QFETCH(QString, markdown);
+        QFETCH(int, step);
+
+        constexpr int width = 420;
+        MarkdownTextView grown;
+        grown.resize(width, 10);
+        for (qsizetype end = step; end < markdown.size(); end += step) {
+            grown.setText(markdown.first(end));
+            grown.resize(width, grown.heightForWidth(width));
+        }
+        grown.setText(markdown);
+        MarkdownTextView whole;
+        whole.setText(markdown);
+
+        const auto compare = [&](int w) {
+            grown.resize(w, grown.heightForWidth(w));
+            whole.resize(w, whole.heightForWidth(w));
+            QCOMPARE(grown.height(), whole.height());
+            QCOMPARE(grown.grab().toImage(), whole.grab().toImage());
+        };
+        compare(width);
+        // A hit across the middle of the text, wrapped over a line's end somewhere.
+        const qsizetype middle = markdown.size() / 2;
+        const QHash<int, QList<FindHit>> hits{{0, {FindHit{0, {middle, 30}, true}}}};
+        grown.setFindHits(hits);
+        whole.setFindHits(hits);
+        compare(width);
+        QCOMPARE(grown.blockViews().at(0)->currentHitRect(), whole.blockViews().at(0)->currentHitRect());
+        compare(width + 137);
+    }
     void copyCode()
     {
         CodeBlockView view(QStringLiteral("print(\"hi\")\nexit()"), QStringLiteral("python"));
