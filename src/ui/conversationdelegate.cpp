@@ -6,22 +6,25 @@
 
 #include <QApplication>
 #include <QFontMetrics>
+#include <QImage>
 #include <QPainter>
 #include <QPen>
 #include <QTextLayout>
+#include <QTimer>
+
+#include <array>
+
+using namespace Qt::StringLiterals;
 
 ConversationDelegate::ConversationDelegate(QObject *parent)
     : QStyledItemDelegate(parent)
 {}
 
-struct ConversationDelegate::Lines
-{
-    QTextLayout title;
-    QTextLayout date;
-    QTextLayout context;
-};
-
 namespace {
+
+// A few screenfuls of rows: enough that scrolling back and forth and every batch of search results
+// repaint without shaping again.
+constexpr qsizetype cachedLines = 400;
 
 void layOutLine(QTextLayout &layout, const QString &text, const QFont &font,
                 const QList<QTextLayout::FormatRange> &formats = {})
@@ -42,44 +45,97 @@ void layOutLine(QTextLayout &layout, const QString &text, const QFont &font,
 
 } // namespace
 
-const ConversationDelegate::Lines &ConversationDelegate::linesFor(const QModelIndex &index, int width,
-                                                                  const Fonts &fonts) const
+ConversationDelegate::Fonts ConversationDelegate::currentFonts()
 {
-    if (!(fonts == m_fonts)) {
-        m_lines.clear();
-        m_fonts = fonts;
-    }
-    const QString title = index.data(Qt::DisplayRole).toString();
-    const QString date = index.data(ConversationListModel::DateTextRole).toString();
-    const QString context = index.data(ConversationListModel::ContextRole).toString();
-    const auto hits = index.data(ConversationListModel::ContextHitsRole).value<QList<TextSearch::Range>>();
+    return {Theme::font(Theme::TextStyle::Body), Theme::font(Theme::TextStyle::Caption2),
+            Theme::font(Theme::TextStyle::Caption)};
+}
+
+void ConversationDelegate::prepareFont(int step) const
+{
+    // Glyphs are kept for each quarter of a pixel they are drawn at: one turn for each font and
+    // quarter keeps every turn short.
+    constexpr int quarters = 4;
+    const Fonts fonts = currentFonts();
+    QFont bold = fonts.context;
+    bold.setWeight(QFont::Bold);
+    const std::array<QFont, 4> all{fonts.title, fonts.date, fonts.context, bold};
+    if (step >= int(all.size()) * quarters)
+        return;
+    // The letters, digits and signs most titles and lines of context are made of.
+    static const QString sample =
+        u" !\"#$%&'()*+,-./0123456789:;<=>?@ABCDEFGHIJKLMNOPQRSTUVWXYZ[\\]^_`abcdefghijklmnopqrstuvwxyz{|}~"
+        u"ÀÁÂÃÄÅÆÇÈÉÊËÌÍÎÏÐÑÒÓÔÕÖØÙÚÛÜÝÞßàáâãäåæçèéêëìíîïðñòóôõöøùúûüýþÿ…"
+        u"αβγδεζηθικλμνξοπρστυφχψω АБВГДЕЖЗИКЛМНОПРСТабвгдежзийклмнопрстуфхцчшщъыьэюя –—‘’“”•→←✓"_s;
+    QTextLayout layout;
+    layOutLine(layout, sample, all[std::size_t(step / quarters)]);
+    const QSize size = layout.boundingRect().toAlignedRect().size() + QSize(1, 0);
+    // Glyphs outside the image would not be drawn, nor kept.
+    QImage image(size.expandedTo({1, 1}), QImage::Format_ARGB32_Premultiplied);
+    QPainter painter(&image);
+    layout.draw(&painter, QPointF(qreal(step % quarters) / quarters, 0));
+    painter.end();
+    QTimer::singleShot(0, this, [this, step] { prepareFont(step + 1); });
+}
+
+void ConversationDelegate::useFonts(const Fonts &fonts) const
+{
+    if (fonts == m_fonts)
+        return;
+    m_titles.clear();
+    m_dates.clear();
+    m_contexts.clear();
+    m_fonts = fonts;
+    m_titleHeight = QFontMetrics(fonts.title).height();
+    m_dateHeight = QFontMetrics(fonts.date).height();
+}
+
+ConversationDelegate::Line ConversationDelegate::elidedLine(LineCache &cache, const QString &text, const QFont &font,
+                                                            int width) const
+{
     QString key = QString::number(width);
-    key.reserve(key.size() + title.size() + date.size() + context.size() + 8 * hits.size() + 3);
-    key += QChar(u'\x1f') + title + QChar(u'\x1f') + date + QChar(u'\x1f') + context;
+    key += QChar(u'\x1f') + text;
+    if (const auto found = cache.constFind(key); found != cache.constEnd())
+        return *found;
+    auto layout = std::make_shared<QTextLayout>();
+    layOutLine(*layout, text, font);
+    // Most titles fit: eliding measures the text once more, so only the ones too wide pay for it.
+    if (layout->lineAt(0).naturalTextWidth() > width) {
+        const QString elided = QFontMetrics(font).elidedText(text, Qt::ElideRight, width);
+        if (elided != text)
+            layOutLine(*layout, elided, font);
+    }
+    if (cache.size() >= cachedLines)
+        cache.clear();
+    return *cache.insert(key, std::move(layout));
+}
+
+ConversationDelegate::Line ConversationDelegate::contextLine(const QModelIndex &index) const
+{
+    const QString context = index.data(ConversationListModel::ContextRole).toString();
+    if (context.isEmpty())
+        return nullptr;
+    const auto hits = index.data(ConversationListModel::ContextHitsRole).value<QList<TextSearch::Range>>();
+    // The line is drawn clipped, not elided, so its shaping does not depend on the width.
+    QString key = context;
+    key.reserve(key.size() + 8 * hits.size());
     for (const TextSearch::Range &hit : hits)
         key += QChar(u'\x1f') + QString::number(hit.start) + QChar(u'+') + QString::number(hit.length);
-    if (const auto found = m_lines.constFind(key); found != m_lines.constEnd())
-        return **found;
-
-    auto lines = std::make_shared<Lines>();
-    layOutLine(lines->title, QFontMetrics(fonts.title).elidedText(title, Qt::ElideRight, width), fonts.title);
-    layOutLine(lines->date, QFontMetrics(fonts.date).elidedText(date, Qt::ElideRight, width), fonts.date);
-    if (!context.isEmpty()) {
-        QFont bold = fonts.context;
-        bold.setWeight(QFont::Bold);
-        QList<QTextLayout::FormatRange> formats;
-        for (const TextSearch::Range &hit : hits) {
-            QTextCharFormat format;
-            format.setFont(bold);
-            formats.append({int(hit.start), int(hit.length), format});
-        }
-        layOutLine(lines->context, context, fonts.context, formats);
+    if (const auto found = m_contexts.constFind(key); found != m_contexts.constEnd())
+        return *found;
+    QFont bold = m_fonts.context;
+    bold.setWeight(QFont::Bold);
+    QList<QTextLayout::FormatRange> formats;
+    for (const TextSearch::Range &hit : hits) {
+        QTextCharFormat format;
+        format.setFont(bold);
+        formats.append({int(hit.start), int(hit.length), format});
     }
-    // A few screenfuls of rows: enough that scrolling back and forth and every batch of search
-    // results repaint without shaping again.
-    if (m_lines.size() >= 400)
-        m_lines.clear();
-    return **m_lines.insert(key, std::move(lines));
+    auto layout = std::make_shared<QTextLayout>();
+    layOutLine(*layout, context, m_fonts.context, formats);
+    if (m_contexts.size() >= cachedLines)
+        m_contexts.clear();
+    return *m_contexts.insert(key, std::move(layout));
 }
 
 void ConversationDelegate::paint(QPainter *painter, const QStyleOptionViewItem &option, const QModelIndex &index) const
@@ -102,22 +158,27 @@ void ConversationDelegate::paint(QPainter *painter, const QStyleOptionViewItem &
         selected ? Theme::withOpacity(titleColor, 0.75) : Theme::color(Theme::Color::Secondary, opt.palette);
 
     const QRect content = opt.rect.adjusted(horizontalPadding, verticalPadding, -horizontalPadding, -verticalPadding);
-    const Fonts fonts{Theme::font(Theme::TextStyle::Body), Theme::font(Theme::TextStyle::Caption2),
-                      Theme::font(Theme::TextStyle::Caption)};
-    const Lines &lines = linesFor(index, content.width(), fonts);
-    const int titleHeight = QFontMetrics(fonts.title).height();
-    const int dateTop = content.top() + titleHeight + lineSpacing;
-    const int contextTop = dateTop + QFontMetrics(fonts.date).height() + lineSpacing;
+    useFonts(currentFonts());
+    if (!m_fontsPrepared) {
+        m_fontsPrepared = true;
+        QTimer::singleShot(0, this, [this] { prepareFont(0); });
+    }
+    const Line title = elidedLine(m_titles, index.data(Qt::DisplayRole).toString(), m_fonts.title, content.width());
+    const Line date =
+        elidedLine(m_dates, index.data(ConversationListModel::DateTextRole).toString(), m_fonts.date, content.width());
+    const Line context = contextLine(index);
+    const int dateTop = content.top() + m_titleHeight + lineSpacing;
+    const int contextTop = dateTop + m_dateHeight + lineSpacing;
 
     painter->save();
     painter->setClipRect(content);
     painter->setPen(titleColor);
-    lines.title.draw(painter, content.topLeft());
+    title->draw(painter, content.topLeft());
     painter->setPen(dateColor);
-    lines.date.draw(painter, QPoint(content.left(), dateTop));
-    if (!lines.context.text().isEmpty()) {
+    date->draw(painter, QPoint(content.left(), dateTop));
+    if (context) {
         painter->setPen(titleColor);
-        lines.context.draw(painter, QPoint(content.left(), contextTop));
+        context->draw(painter, QPoint(content.left(), contextTop));
     }
     painter->setClipping(false);
     // The row the keyboard is on, while the list has the focus: without it, a selected row looks

@@ -13,9 +13,11 @@ class QTextLayout;
 // of context below, the words found in bold. Colours are read from the
 // view's palette at paint time, so rows follow a palette change without being rebuilt.
 //
-// A row's lines are shaped once and kept for as long as its text, width and fonts stay the same:
-// while a search delivers its results the list repaints many times over, and shaping a screenful
-// of rows each time would hold up typing.
+// Each line is shaped once and kept for as long as its text, width and font stay the same: while a
+// search delivers its results the list repaints many times over, and shaping a screenful of rows
+// each time would hold up typing. Titles and dates are kept apart from the lines of context, so
+// that the rows a search shows reuse the shaping of the same conversations in the plain list and
+// in earlier searches; only the new lines of context are shaped when results first appear.
 class ConversationDelegate final : public QStyledItemDelegate
 {
     Q_OBJECT
@@ -32,7 +34,8 @@ public:
     static constexpr int verticalPadding = 5;
 
 private:
-    struct Lines;
+    using Line = std::shared_ptr<const QTextLayout>;
+    using LineCache = QHash<QString, Line>;
     struct Fonts
     {
         QFont title;
@@ -42,10 +45,23 @@ private:
     };
 
     static bool hasContext(const QModelIndex &index);
-    const Lines &linesFor(const QModelIndex &index, int width, const Fonts &fonts) const;
+    static Fonts currentFonts();
+    // Opens the fonts of the rows and draws their common letters off screen, a little at each turn
+    // of the event loop from the given step on, starting once the list is first drawn: the first
+    // search then does not pay for it in the turn that shows its results.
+    void prepareFont(int step) const;
+    void useFonts(const Fonts &fonts) const;
+    // The text on one line of the given font, elided to the width.
+    Line elidedLine(LineCache &cache, const QString &text, const QFont &font, int width) const;
+    Line contextLine(const QModelIndex &index) const;
 
-    // Rows shaped so far, by what they show; emptied when it grows past a few screenfuls or the
-    // fonts change.
-    mutable QHash<QString, std::shared_ptr<const Lines>> m_lines;
+    // Lines shaped so far, by what they show; each emptied when it grows past a few screenfuls,
+    // all of them when the fonts change.
+    mutable LineCache m_titles;
+    mutable LineCache m_dates;
+    mutable LineCache m_contexts;
     mutable Fonts m_fonts;
+    mutable int m_titleHeight = 0;
+    mutable int m_dateHeight = 0;
+    mutable bool m_fontsPrepared = false;
 };
