@@ -14,6 +14,10 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 using TextSearch::Query;
 using TextSearch::Range;
 
@@ -219,20 +223,51 @@ void appendFoldedJson(QByteArrayView body, QByteArray &out)
     constexpr quint64 ones = 0x0101010101010101ULL;
     constexpr quint64 highs = 0x8080808080808080ULL;
     while (p < end) {
-        // Most of a history is ASCII without escapes: eight bytes at a time, upper case lowered
-        // (which is all folding does to ASCII).
-        while (end - p >= 8 && !pendingHigh) {
-            quint64 x;
-            std::memcpy(&x, p, 8);
-            const quint64 slash = x ^ (ones * '\\');
-            if ((x & highs) || ((slash - ones) & ~slash & highs))
-                break;
-            const quint64 atLeastA = (x + ones * (0x80 - 'A')) & highs;
-            const quint64 pastZ = (x + ones * (0x80 - 'Z' - 1)) & highs;
-            x |= (atLeastA & ~pastZ) >> 2;
-            std::memcpy(o, &x, 8);
-            p += 8;
-            o += 8;
+        // Most of a history is ASCII without escapes: many bytes at a time, upper case lowered
+        // (which is all folding does to ASCII). A block that holds something else is still copied
+        // up to that byte, which is then handled on its own, as are the bytes after it until the
+        // next plain one.
+        const auto plain = [](uchar c) { return c < 0x80 && c != '\\'; };
+        if (!pendingHigh && plain(*p)) {
+#if defined(__SSE2__)
+            while (end - p >= 16) {
+                const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
+                // Bytes of 0x80 and above are negative here, so never taken for capitals.
+                const __m128i capital =
+                    _mm_and_si128(_mm_cmpgt_epi8(x, _mm_set1_epi8('A' - 1)), _mm_cmplt_epi8(x, _mm_set1_epi8('Z' + 1)));
+                _mm_storeu_si128(reinterpret_cast<__m128i *>(o),
+                                 _mm_or_si128(x, _mm_and_si128(capital, _mm_set1_epi8(0x20))));
+                const unsigned stop =
+                    unsigned(_mm_movemask_epi8(_mm_or_si128(x, _mm_cmpeq_epi8(x, _mm_set1_epi8('\\')))));
+                if (stop) {
+                    const int ascii = __builtin_ctz(stop);
+                    p += ascii;
+                    o += ascii;
+                    break;
+                }
+                p += 16;
+                o += 16;
+            }
+#endif
+            while (end - p >= 8 && plain(*p)) {
+                quint64 x;
+                std::memcpy(&x, p, 8);
+                const quint64 slash = x ^ (ones * '\\');
+                const quint64 atLeastA = (x + ones * (0x80 - 'A')) & highs;
+                const quint64 pastZ = (x + ones * (0x80 - 'Z' - 1)) & highs;
+                const quint64 lowered = x | ((atLeastA & ~pastZ) >> 2);
+                std::memcpy(o, &lowered, 8);
+                const quint64 stop = (x & highs) | ((slash - ones) & ~slash & highs);
+                if (stop) {
+                    // The lowest marked byte is the first one to stop at (borrows only run upwards).
+                    const int ascii = __builtin_ctzll(stop) / 8;
+                    p += ascii;
+                    o += ascii;
+                    break;
+                }
+                p += 8;
+                o += 8;
+            }
         }
         if (p >= end)
             break;

@@ -151,6 +151,11 @@ private slots:
             << u"An ÉCOLE, an Ünïcödé text, and more plain words"_s << u"ecole unicode"_s << true;
         QTest::newRow("escapes inside a long run") << u"line one\tab\\back\"quoted\" end"_s << u"\\back\""_s << true;
         QTest::newRow("emoji and Japanese") << u"A smile 😀 and 日本語テキスト"_s << u"😀 本語"_s << true;
+        QTest::newRow("capitals beside accents deep in long runs")
+            << u"Plain words run on ahead of CAFÉS AND BARS, then more plain words ahead of the HÔTELDEVILLE"_s
+            << u"cafes hoteldeville"_s << true;
+        QTest::newRow("a backslash in the middle of a long run")
+            << u"0123456789ABCDEFGHIJ\\KLMNOPQRSTUVWXYZ0123456789"_s << u"ghij\\klm"_s << true;
         QTest::newRow("one word missing") << u"Plenty of ordinary words here"_s << u"ordinary absent"_s << false;
     }
     void storedAndDecoded_findTheSameWords()
