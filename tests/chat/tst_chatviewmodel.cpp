@@ -540,22 +540,6 @@ private slots:
         QCOMPARE(MessageVersioning::versionCount(stored(m_conversation.id).last()), count);
     }
 
-    void twoViewModelsStreamingIntoOneConversation_keepEachOthersTurns()
-    {
-        serveInTurn({stalling({delta("first reply"), "data: [DONE]\n\n"}, 300),
-                     stalling({delta("second reply"), "data: [DONE]\n\n"}, 600)});
-        start(u"first"_s, loopback());
-        // The other window shows what the first one saved, then sends while the first still streams.
-        const auto other = otherWindow();
-        other->setInput(u"second"_s);
-        other->send(loopback());
-        QVERIFY(m_vm->isStreaming() && other->isStreaming());
-
-        QTRY_VERIFY_WITH_TIMEOUT(!m_vm->isStreaming() && !other->isStreaming(), 10000);
-        QCOMPARE(contents(stored(m_conversation.id)),
-                 (QStringList{u"first"_s, u"first reply"_s, u"second"_s, u"second reply"_s}));
-    }
-
     // A regenerate in one window shows in another in the old reply's place, never beside it; a turn
     // sent there meanwhile is kept, and the old reply is saved once, as a hidden version.
     void twoViewModels_regenerateWhileTheOtherSends_savesEachMessageOnce()
