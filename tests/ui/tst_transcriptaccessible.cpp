@@ -206,7 +206,8 @@ private slots:
     }
 
     // Every message is an item, built or not, reading as shown; "Copy Markdown" is one action away on
-    // each and copies the source.
+    // each and copies the source. A long conversation opens at its end with only the bubbles near it
+    // built; scrolling to the top builds the first ones and lets the far ones go.
     void everyMessageIsAnItem_withCopyMarkdown()
     {
         QList<ChatMessage> messages;
@@ -231,6 +232,12 @@ private slots:
             a->doAction(u"Copy Markdown"_s);
             QCOMPARE(QGuiApplication::clipboard()->text(), u"Reply **%1**\n\n- item"_s.arg(i));
         }
+        TranscriptArea *area = m_view->area();
+        QVERIFY(area->builtBubbleCount() < 40);
+        area->verticalScrollBar()->setValue(0);
+        QVERIFY(area->bubbleAt(0));
+        QVERIFY(!area->bubbleAt(299));
+        QVERIFY(area->builtBubbleCount() < 40);
     }
 
     // A huge reply is read only as far as anyone listens: the item's text stays bounded.

@@ -92,29 +92,6 @@ private slots:
         m_scroll.reset();
         m_server.reset();
     }
-    // A long conversation opens at its end with only the bubbles near it built.
-    void opensLazilyAndListsEveryMessage()
-    {
-        Conversation conversation;
-        conversation.id = QUuid::createUuid();
-        for (int i = 0; i < 1000; ++i) {
-            conversation.messages.append(
-                ChatMessage(i % 2 ? ChatRole::assistant : ChatRole::user, QStringLiteral("Message **%1**").arg(i)));
-        }
-        m_chat->activate(conversation);
-        TranscriptArea *area = m_view->area();
-        QCOMPARE(area->messageCount(), 1000);
-        QVERIFY(atEnd());
-        QVERIFY(area->bubbleAt(999));
-        QVERIFY(!area->bubbleAt(0));
-        QVERIFY(area->builtBubbleCount() < 40);
-
-        // Scrolling to the top builds the first bubbles and lets the far ones go.
-        bar()->setValue(0);
-        QVERIFY(area->bubbleAt(0));
-        QVERIFY(!area->bubbleAt(999));
-        QVERIFY(area->builtBubbleCount() < 40);
-    }
     // A message that outgrows the view is laid out at the width the scroll bar leaves from the
     // start: the bar comes a moment later, and a long message must not be laid out again for it.
     void tallMessage_laidOutForTheScrollBarAtOnce()
