@@ -353,13 +353,20 @@ bool MarkdownTextView::setText(const QString &text)
     // process-wide cache would fill it with texts nobody asks for again.
     const bool grew = !m_text.isEmpty() && text.startsWith(m_text);
     m_text = text.isNull() ? QLatin1String("") : text;
+    // Only the blocks past the point a growing text is parsed again from can differ; the rest of
+    // the old list is let go first, so that the parse it shares grows in place instead of being
+    // copied whole on every update.
+    const qsizetype resumeBlocks = resumesParse(m_text, grew) ? std::min(m_resume.blocks, m_blocks.size()) : 0;
+    const QList<MarkdownText::Block> oldTail = m_blocks.mid(resumeBlocks);
+    m_blocks.clear();
     qsizetype reused = 0;
     const QList<MarkdownText::Block> blocks = blocksFor(m_text, grew, &reused);
     qsizetype firstChanged = blocks.size();
+    const qsizetype oldCount = resumeBlocks + oldTail.size();
     // Blocks that came whole from the last parse are the ones their views show already.
-    for (qsizetype k = std::min({reused, m_views.size(), m_blocks.size()}); k < blocks.size(); ++k) {
+    for (qsizetype k = std::min({reused, m_views.size(), oldCount}); k < blocks.size(); ++k) {
         if (k < m_views.size()) {
-            if (m_blocks.at(k) == blocks.at(k))
+            if (k >= resumeBlocks && k < oldCount && oldTail.at(k - resumeBlocks) == blocks.at(k))
                 continue;
             firstChanged = std::min(firstChanged, k);
             if (!m_views.at(k)->setBlock(blocks.at(k))) {
@@ -408,6 +415,13 @@ qsizetype MarkdownTextView::layoutCost(const MarkdownText::Block &block)
     }
 }
 
+bool MarkdownTextView::resumesParse(const QString &text, bool grew) const
+{
+    // A streamed reply parses again only from the last place where what follows cannot change
+    // what came before: a long reply would otherwise be parsed whole on every update.
+    return grew && text.size() <= parseLimit && m_resume.offset > 0 && m_resume.blocks <= m_parsed.size();
+}
+
 QList<MarkdownText::Block> MarkdownTextView::blocksFor(const QString &text, bool grew, qsizetype *reused)
 {
     *reused = 0;
@@ -416,11 +430,8 @@ QList<MarkdownText::Block> MarkdownTextView::blocksFor(const QString &text, bool
         m_resume = {};
         return shownBlocks(text, grew);
     }
-    // A streamed reply parses again only from the last place where what follows cannot change
-    // what came before: a long reply would otherwise be parsed whole on every update.
-    const bool resumes = grew && m_resume.offset > 0 && m_resume.blocks <= m_parsed.size();
     MarkdownText::ResumePoint tail;
-    if (resumes) {
+    if (resumesParse(text, grew)) {
         m_parsed.resize(m_resume.blocks);
         m_parsed += MarkdownText::parse(QStringView(text).sliced(m_resume.offset), &tail);
         *reused = m_resume.blocks;

@@ -173,6 +173,8 @@ private:
     // The blocks shown for a text within the parse limit, parsing a text that grew from where the
     // last parse left a resume point; sets reused to how many blocks came from that parse.
     QList<MarkdownText::Block> blocksFor(const QString &text, bool grew, qsizetype *reused);
+    // Whether blocksFor() parses text from the last resume point rather than whole.
+    bool resumesParse(const QString &text, bool grew) const;
 
     QString m_text;
     QList<MarkdownText::Block> m_blocks;

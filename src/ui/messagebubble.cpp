@@ -200,7 +200,7 @@ bool MessageBubble::setMessage(const ChatMessage &message)
     // A bubble not given a width yet has nothing on screen: measuring it at Qt's default size
     // would lay a long message out for nothing, and its first resize places everything.
     const bool placed = testAttribute(Qt::WA_Resized);
-    const QRect before = placed ? contentRect() : QRect();
+    const QRect before = !placed ? QRect() : m_placedWidth == width() ? m_placed.content : contentRect();
     // A streamed reply changes only its text from one update to the next: the header, the footer's
     // controls and what they tell a screen reader are set again only when what they show changed,
     // so that an update costs no name-change notices on the accessibility bus.
@@ -232,15 +232,18 @@ bool MessageBubble::setMessage(const ChatMessage &message)
     if (content || hadContent)
         m_markdown->setText(shownText());
     // A screen reader gets the text as far as a block shows it: a reply of megabytes would
-    // otherwise cross the accessibility bus whole on every update.
-    setAccessibleDescription(content ? message.content.first(std::min(message.content.size(), InlineText::shownLimit))
-                                     : QString(QChar(0x2026)));
+    // otherwise cross the accessibility bus whole on every update. A text within that length is
+    // shared rather than copied.
+    const QString &text = message.content;
+    setAccessibleDescription(!content                                ? QString(QChar(0x2026))
+                             : text.size() <= InlineText::shownLimit ? text
+                                                                     : text.first(InlineText::shownLimit));
     if (!placed)
         return true;
     placeChildren();
     // A growing reply moves only the lower edge of its background: repainting just that strip
     // keeps an update's paint to what changed.
-    const QRect after = contentRect();
+    const QRect after = m_placed.content;
     if (before.left() != after.left() || before.top() != after.top() || before.width() != after.width()) {
         update();
     } else if (before.bottom() != after.bottom()) {
@@ -509,7 +512,9 @@ QRect MessageBubble::contentRect() const
 
 void MessageBubble::placeChildren()
 {
-    const Layout layout = layoutFor(width());
+    m_placed = layoutFor(width());
+    m_placedWidth = width();
+    const Layout &layout = m_placed;
     placeRow({m_role, m_usage, m_headerCopy}, layout.header.topLeft(), layout.header.height(), partSpacing, true);
     const QRect inner = layout.content.adjusted(contentPadding, contentPadding, -contentPadding, -contentPadding);
     if (m_editing)

@@ -149,5 +149,8 @@ private:
     bool m_regenerateAvailable = false;
     bool m_steeringEnabled = true;
     bool m_partsSet = false; // whether setMessage() has set the header and footer once
+    // Where placeChildren() last put the parts, and at which width: what is on screen now.
+    Layout m_placed;
+    int m_placedWidth = -1;
     CopyFeedback *m_feedback;
 };
