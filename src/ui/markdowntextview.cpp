@@ -371,12 +371,12 @@ bool MarkdownTextView::setText(const QString &text)
             firstChanged = std::min(firstChanged, k);
             if (!m_views.at(k)->setBlock(blocks.at(k))) {
                 delete m_views.at(k);
-                m_views[k] = makeView(blocks.at(k), this);
+                m_views[k] = makeView(blocks.at(k), groupFor(k));
                 showPlaced(m_views.at(k));
             }
         } else {
             firstChanged = std::min(firstChanged, k);
-            m_views.append(makeView(blocks.at(k), this));
+            m_views.append(makeView(blocks.at(k), groupFor(k)));
             showPlaced(m_views.last());
         }
     }
@@ -384,6 +384,9 @@ bool MarkdownTextView::setText(const QString &text)
         firstChanged = std::min(firstChanged, blocks.size());
         qDeleteAll(m_views.begin() + blocks.size(), m_views.end());
         m_views.resize(blocks.size());
+        const qsizetype groups = (m_views.size() + groupSize - 1) / groupSize;
+        qDeleteAll(m_groups.begin() + groups, m_groups.end());
+        m_groups.resize(groups);
     }
     m_blocks = blocks;
     m_heights.resize(m_views.size());
@@ -541,6 +544,19 @@ void MarkdownTextView::showPlaced(QWidget *view)
     view->show();
 }
 
+QWidget *MarkdownTextView::groupFor(qsizetype index)
+{
+    const qsizetype group = index / groupSize;
+    while (m_groups.size() <= group) {
+        auto *run = new QWidget(this);
+        // A run grows downwards with its last block, repainting only what it uncovers.
+        run->setAttribute(Qt::WA_StaticContents);
+        showPlaced(run);
+        m_groups.append(run);
+    }
+    return m_groups.at(group);
+}
+
 void MarkdownTextView::layOutBlocks(qsizetype from)
 {
     // Without a width of its own yet there is nothing to place; the first resize places all.
@@ -550,15 +566,22 @@ void MarkdownTextView::layOutBlocks(qsizetype from)
         from = 0;
     const int w = width();
     heightForWidth(w);
-    int y = 0;
-    if (from > 0 && from <= m_views.size())
-        y = m_views.at(from - 1)->geometry().bottom() + 1 + blockSpacing;
-    else
+    if (from < 0 || from > m_views.size())
         from = 0;
-    for (qsizetype k = from; k < m_views.size(); ++k) {
-        const int h = m_heights.at(k);
-        m_views.at(k)->setGeometry(0, y, w, h);
-        y += h + blockSpacing;
+    // The runs before the first changed block stay where they are; the runs after it move whole,
+    // their blocks keeping their places within them.
+    const qsizetype firstGroup = std::min(from / groupSize, m_groups.size());
+    int y = firstGroup > 0 ? m_groups.at(firstGroup - 1)->geometry().bottom() + 1 + blockSpacing : 0;
+    for (qsizetype g = firstGroup; g < m_groups.size(); ++g) {
+        const qsizetype end = std::min((g + 1) * groupSize, m_views.size());
+        int inner = 0;
+        for (qsizetype k = g * groupSize; k < end; ++k) {
+            const int h = m_heights.at(k);
+            m_views.at(k)->setGeometry(0, inner, w, h);
+            inner += h + blockSpacing;
+        }
+        m_groups.at(g)->setGeometry(0, y, w, std::max(0, inner - blockSpacing));
+        y += inner;
     }
 }
 

@@ -145,6 +145,9 @@ public:
     void setFindHits(const QHash<int, QList<FindHit>> &hitsByBlock);
 
     static constexpr int blockSpacing = 3;
+    // Blocks are held in runs of this many consecutive ones: Qt walks every child of a widget on
+    // each repaint and after each move of a child, and a long reply has hundreds of blocks.
+    static constexpr qsizetype groupSize = 32;
     // The most of a message that is parsed for showing, in UTF-16 units.
     static constexpr qsizetype parseLimit = 4 * 1024 * 1024;
     // Roughly the characters of text laid out for one message. Laying text out costs
@@ -163,6 +166,8 @@ private:
     static void showPlaced(QWidget *view);
     void invalidateHeights();
     static MarkdownBlockView *makeView(const MarkdownText::Block &block, QWidget *parent);
+    // The run that holds the view of block index, made (and shown) when it is the first of its run.
+    QWidget *groupFor(qsizetype index);
     // What showing a block costs, in characters laid out; a table cell or a code block counts
     // some for itself.
     static qsizetype layoutCost(const MarkdownText::Block &block);
@@ -182,6 +187,7 @@ private:
     QList<MarkdownText::Block> m_parsed;
     MarkdownText::ResumePoint m_resume;
     QList<MarkdownBlockView *> m_views;
+    QList<QWidget *> m_groups; // view k is a child of m_groups[k / groupSize]
     // Each block's height at m_heightsWidth; those before m_heightsValid are current.
     mutable QList<int> m_heights;
     mutable int m_heightsWidth = -1;

@@ -195,6 +195,46 @@ private slots:
         QCOMPARE(grown.blockViews().at(0)->currentHitRect(), whole.blockViews().at(0)->currentHitRect());
         compare(width + 137);
     }
+    // Blocks stack top to bottom, each at its own height and 3 points apart, however many there
+    // are and however the text grew, shrank or changed in the middle.
+    void blocksStack_data()
+    {
+        QTest::addColumn<QString>("first");
+        QTest::addColumn<QString>("second");
+        const auto paragraphs = [](int count, int longOne = -1) {
+            QStringList parts;
+            for (int k = 0; k < count; ++k)
+                parts.append(k == longOne ? QStringLiteral("words ").repeated(80)
+                                          : QStringLiteral("Paragraph %1").arg(k));
+            return parts.join(QStringLiteral("\n\n"));
+        };
+        QTest::newRow("grows past a run") << paragraphs(20) << paragraphs(70);
+        QTest::newRow("shrinks to a run and one") << paragraphs(70) << paragraphs(33);
+        QTest::newRow("shrinks to part of a run") << paragraphs(70) << paragraphs(5);
+        QTest::newRow("middle block grows") << paragraphs(70) << paragraphs(70, 40);
+        QTest::newRow("first block grows") << paragraphs(70) << paragraphs(70, 0);
+    }
+    void blocksStack()
+    {
+        QFETCH(QString, first);
+        QFETCH(QString, second);
+        QWidget parent;
+        parent.resize(300, 300);
+        auto *view = new MarkdownTextView(&parent);
+        parent.show();
+        for (const QString &text : {first, second}) {
+            view->setText(text);
+            view->setGeometry(0, 0, 300, view->heightForWidth(300));
+            int y = 0;
+            for (const MarkdownBlockView *block : view->blockViews()) {
+                QVERIFY(block->isVisibleTo(view));
+                QCOMPARE(block->mapTo(view, QPoint(0, 0)), QPoint(0, y));
+                QCOMPARE(block->size(), QSize(300, block->heightForWidth(300)));
+                y += block->height() + MarkdownTextView::blockSpacing;
+            }
+            QCOMPARE(y - MarkdownTextView::blockSpacing, view->height());
+        }
+    }
     void copyCode()
     {
         CodeBlockView view(QStringLiteral("print(\"hi\")\nexit()"), QStringLiteral("python"));
