@@ -208,12 +208,7 @@ bool LoopbackProxy::handleSocks(QTcpSocket *client, QByteArray &buffer)
         end = 5 + byte(4);
         host = QString::fromLatin1(buffer.mid(5, byte(4)));
         break;
-    case 4:
-        end = 4 + 16;
-        if (buffer.size() >= end)
-            host = QHostAddress(reinterpret_cast<const quint8 *>(buffer.constData() + 4)).toString();
-        break;
-    default:
+    default: // the client asks for loopback addresses and host names only
         return refuse(QByteArray("\x05\x08\x00\x01\0\0\0\0\0\0", 10));
     }
     if (buffer.size() < end + 2)
@@ -221,8 +216,7 @@ bool LoopbackProxy::handleSocks(QTcpSocket *client, QByteArray &buffer)
     const quint16 port = qFromBigEndian<quint16>(buffer.constData() + end);
     const QByteArray forward = buffer.mid(end + 2);
     buffer.clear();
-    const QString target = host.contains(u':') ? u'[' + host + u']' : host;
-    m_requestLines.append("SOCKS5 CONNECT " + target.toLatin1() + ':' + QByteArray::number(port));
+    m_requestLines.append("SOCKS5 CONNECT " + host.toLatin1() + ':' + QByteArray::number(port));
     disconnect(client, &QTcpSocket::readyRead, this, nullptr);
     connectUpstream(client, host, port, QByteArray("\x05\x00\x00\x01\0\0\0\0\0\0", 10), forward);
     return false;
