@@ -193,6 +193,19 @@ private slots:
         whole.setFindHits(hits);
         compare(width);
         QCOMPARE(grown.blockViews().at(0)->currentHitRect(), whole.blockViews().at(0)->currentHitRect());
+        // The same link under the pointer everywhere: its target shows as the tooltip.
+        QWidget *grownBlock = grown.blockViews().at(0);
+        QWidget *wholeBlock = whole.blockViews().at(0);
+        for (int y = 2; y < grownBlock->height(); y += 9) {
+            for (int x = 2; x < width; x += 17) {
+                for (QWidget *block : {grownBlock, wholeBlock}) {
+                    QMouseEvent move(QEvent::MouseMove, QPointF(x, y), block->mapToGlobal(QPointF(x, y)), Qt::NoButton,
+                                     Qt::NoButton, Qt::NoModifier);
+                    QApplication::sendEvent(block, &move);
+                }
+                QCOMPARE(grownBlock->toolTip(), wholeBlock->toolTip());
+            }
+        }
         compare(width + 137);
     }
     // Blocks stack top to bottom, each at its own height and 3 points apart, however many there
