@@ -43,6 +43,14 @@ void layOutLine(QTextLayout &layout, const QString &text, const QFont &font,
     layout.endLayout();
 }
 
+// The found words in a line of context.
+QFont hitFont(const QFont &context)
+{
+    QFont bold = context;
+    bold.setWeight(QFont::Bold);
+    return bold;
+}
+
 } // namespace
 
 ConversationDelegate::Fonts ConversationDelegate::currentFonts()
@@ -57,9 +65,7 @@ void ConversationDelegate::prepareFont(int step) const
     // quarter keeps every turn short.
     constexpr int quarters = 4;
     const Fonts fonts = currentFonts();
-    QFont bold = fonts.context;
-    bold.setWeight(QFont::Bold);
-    const std::array<QFont, 4> all{fonts.title, fonts.date, fonts.context, bold};
+    const std::array<QFont, 4> all{fonts.title, fonts.date, fonts.context, hitFont(fonts.context)};
     if (step >= int(all.size()) * quarters)
         return;
     // The letters, digits and signs most titles and lines of context are made of.
@@ -123,8 +129,7 @@ ConversationDelegate::Line ConversationDelegate::contextLine(const QModelIndex &
         key += QChar(u'\x1f') + QString::number(hit.start) + QChar(u'+') + QString::number(hit.length);
     if (const auto found = m_contexts.constFind(key); found != m_contexts.constEnd())
         return *found;
-    QFont bold = m_fonts.context;
-    bold.setWeight(QFont::Bold);
+    const QFont bold = hitFont(m_fonts.context);
     QList<QTextLayout::FormatRange> formats;
     for (const TextSearch::Range &hit : hits) {
         QTextCharFormat format;
