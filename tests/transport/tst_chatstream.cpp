@@ -1,4 +1,5 @@
 #include "loopbackserver.h"
+#include "loopbacktls.h"
 #include "mockprovider.h"
 #include "transport/chatstream.h"
 #include "transport/networkaccess.h"
@@ -319,7 +320,7 @@ void tst_ChatStream::fails()
     LoopbackServer server;
     if (!row.base.startsWith(u"{tls}"))
         QVERIFY(server.listen());
-    else if (!server.listenTls(LoopbackServer::testCertificateFile(), LoopbackServer::testKeyFile()))
+    else if (!server.listenTls(loopbackCertificateFile(), loopbackKeyFile()))
         QSKIP(qPrintable(QStringLiteral("TLS server unavailable: ") + server.errorString()));
     LoopbackServer elsewhere;
     QVERIFY(elsewhere.listen());
@@ -498,10 +499,10 @@ void tst_ChatStream::readsAFastStreamInFewPieces()
     const QSslConfiguration shipped = QSslConfiguration::defaultConfiguration();
     const auto restore = qScopeGuard([&] { QSslConfiguration::setDefaultConfiguration(shipped); });
     if (tls) {
-        if (!server.listenTls(LoopbackServer::testCertificateFile(), LoopbackServer::testKeyFile()))
+        if (!server.listenTls(loopbackCertificateFile(), loopbackKeyFile()))
             QSKIP(qPrintable(QStringLiteral("TLS server unavailable: ") + server.errorString()));
         QSslConfiguration trusting = shipped;
-        trusting.addCaCertificates(LoopbackServer::testCertificateFile());
+        trusting.addCaCertificates(loopbackCertificateFile());
         QSslConfiguration::setDefaultConfiguration(trusting);
     } else {
         QVERIFY(server.listen());

@@ -1,4 +1,5 @@
 #include "loopbackserver.h"
+#include "loopbacktls.h"
 #include "transport/chatstream.h"
 #include "transport/modelsfetch.h"
 #include "transport/modelsservice.h"
@@ -309,7 +310,7 @@ private slots:
     {
         // The client trusts the loopback certificate, so that a tunnel carries a real exchange.
         QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
-        tls.addCaCertificates(LoopbackServer::testCertificateFile());
+        tls.addCaCertificates(loopbackCertificateFile());
         QSslConfiguration::setDefaultConfiguration(tls);
     }
 
@@ -397,7 +398,7 @@ private slots:
         LoopbackServer server;
         if (!row.tls)
             QVERIFY(server.listen());
-        else if (!server.listenTls(LoopbackServer::testCertificateFile(), LoopbackServer::testKeyFile()))
+        else if (!server.listenTls(loopbackCertificateFile(), loopbackKeyFile()))
             QSKIP(qPrintable(u"TLS server unavailable: "_s + server.errorString()));
         server.setResponse(LoopbackResponse::eventStream(
             {"data: {\"choices\":[{\"delta\":{\"content\":\"through\"}}]}\n\n", "data: [DONE]\n\n"}));

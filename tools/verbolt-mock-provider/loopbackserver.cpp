@@ -128,16 +128,6 @@ bool LoopbackServer::listenTls(const QString &certificateFile, const QString &ke
     return true;
 }
 
-QString LoopbackServer::testCertificateFile()
-{
-    return QStringLiteral(VERBOLT_SUPPORT_DATA "/loopback.crt");
-}
-
-QString LoopbackServer::testKeyFile()
-{
-    return QStringLiteral(VERBOLT_SUPPORT_DATA "/loopback.key");
-}
-
 quint16 LoopbackServer::port() const
 {
     return m_server ? m_server->serverPort() : 0;

@@ -80,10 +80,6 @@ public:
     bool listenTls(const QString &certificateFile, const QString &keyFile, quint16 port = 0);
     QString errorString() const { return m_error; }
 
-    // The test-only self-signed certificate and its key, for 127.0.0.1.
-    static QString testCertificateFile();
-    static QString testKeyFile();
-
     quint16 port() const;
     // "http://127.0.0.1:<port>" (or https) followed by path.
     QUrl url(const QString &path = {}) const;
