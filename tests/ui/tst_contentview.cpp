@@ -1,19 +1,12 @@
-#include "chat/chatviewmodel.h"
-#include "mockprovider.h"
 #include "model/versions.h"
-#include "storage/conversationstore.h"
-#include "storage/providerstore.h"
-#include "storagetestsupport.h"
 #include "ui/chatheader.h"
 #include "ui/composereditor.h"
 #include "ui/composerfield.h"
-#include "ui/contentview.h"
 #include "ui/conversationlistmodel.h"
 #include "ui/conversationsidebar.h"
 #include "ui/messagebubble.h"
-#include "ui/scrollcontroller.h"
 #include "ui/systempromptdialog.h"
-#include "ui/transcriptview.h"
+#include "uitestsupport.h"
 
 #include <QAbstractItemView>
 #include <QAccessible>
@@ -30,13 +23,14 @@
 #include <QPlainTextEdit>
 #include <QSignalSpy>
 #include <QStackedWidget>
-#include <QTest>
 #include <QToolButton>
 
 #include <memory>
 #include <private/qguiapplication_p.h>
 
 using namespace Qt::StringLiterals;
+using UiTest::child;
+using UiTest::shownChildren;
 
 namespace {
 
@@ -78,26 +72,15 @@ private slots:
     void init()
     {
         static int run = 0;
-        m_store = std::make_unique<ProviderStore>();
-        m_store->setProviders({});
-        m_store->setSelectedID(std::nullopt);
-        m_chats = std::make_unique<ConversationStore>(m_profile->root() + u"/c%1.json"_s.arg(++run));
-        m_mock = std::make_unique<MockProvider>();
-        QVERIFY(m_mock->listen());
+        m_w = std::make_unique<UiTest::ChatWindows>(m_profile->root() + u"/c%1.json"_s.arg(++run));
+        QVERIFY(m_w->mock.listen());
     }
-    void cleanup()
-    {
-        qDeleteAll(m_views);
-        m_views.clear();
-        m_chats.reset();
-        m_store.reset();
-        m_mock.reset();
-    }
+    void cleanup() { m_w.reset(); }
 
     void emptyState_untilAProviderExists()
     {
-        ContentView *view = makeView();
-        auto *stack = qobject_cast<QStackedWidget *>(find<QWidget>(view, "emptyState")->parentWidget());
+        ContentView *view = m_w->makeView();
+        auto *stack = qobject_cast<QStackedWidget *>(child<QWidget>(view, "emptyState")->parentWidget());
         QVERIFY(stack);
         QCOMPARE(stack->currentWidget()->objectName(), u"emptyState"_s);
 
@@ -105,18 +88,18 @@ private slots:
 
         // The chat area is made only now, and must show what the window already holds.
         QVERIFY(!view->findChild<QWidget *>(u"chatArea"_s));
-        Conversation held = m_chats->newChat(std::nullopt);
-        m_chats->updateMessages(held.id, {ChatMessage(ChatRole::user, u"kept"_s)});
+        Conversation held = m_w->chats.newChat(std::nullopt);
+        m_w->chats.updateMessages(held.id, {ChatMessage(ChatRole::user, u"kept"_s)});
         view->chat()->setInput(u"draft"_s);
-        addProvider(u"Mock"_s);
+        m_w->addProvider(u"Mock"_s);
         QCOMPARE(stack->currentWidget()->objectName(), u"chatArea"_s);
-        QCOMPARE(find<QPlainTextEdit>(view, "composer")->toPlainText(), u"draft"_s);
-        QVERIFY(find<QToolButton>(view, "exportButton")->isEnabled());
-        QVERIFY(!find<QLabel>(view, "tokenTotal")->isVisible()); // no usage yet
-        find<QToolButton>(view, "settingsButton")->click();
+        QCOMPARE(child<QPlainTextEdit>(view, "composer")->toPlainText(), u"draft"_s);
+        QVERIFY(child<QToolButton>(view, "exportButton")->isEnabled());
+        QVERIFY(!child<QLabel>(view, "tokenTotal")->isVisible()); // no usage yet
+        child<QToolButton>(view, "settingsButton")->click();
         QCOMPARE(settings.size(), 1);
 
-        m_store->setProviders({});
+        m_w->store.setProviders({});
         QCOMPARE(stack->currentWidget()->objectName(), u"emptyState"_s);
     }
     void providerPicker_listsEveryProviderAndPicks_data()
@@ -135,10 +118,10 @@ private slots:
             p.name = u"Provider %1"_s.arg(i);
             providers.append(p);
         }
-        m_store->merge(providers);
-        m_store->setSelectedID(providers.at(count - 2).id);
-        ContentView *view = makeView();
-        auto *picker = find<QComboBox>(view, "providerPicker");
+        m_w->store.merge(providers);
+        m_w->store.setSelectedID(providers.at(count - 2).id);
+        ContentView *view = m_w->makeView();
+        auto *picker = child<QComboBox>(view, "providerPicker");
         QCOMPARE(picker->count(), count);
         QCOMPARE(picker->itemText(count - 1), providers.last().name);
         QCOMPARE(picker->currentIndex(), count - 2);
@@ -146,11 +129,11 @@ private slots:
 
         picker->setFocus();
         QTest::keyClick(picker, Qt::Key_Down);
-        QCOMPARE(m_store->selectedID(), providers.last().id);
+        QCOMPARE(m_w->store.selectedID(), providers.last().id);
 
         Provider renamed = providers.first();
         renamed.name = u"Renamed"_s;
-        m_store->update(renamed);
+        m_w->store.update(renamed);
         QCOMPARE(picker->itemText(0), u"Renamed"_s);
         QCOMPARE(picker->count(), count);
         QCOMPARE(picker->currentIndex(), count - 1);
@@ -191,35 +174,35 @@ private slots:
 
         std::optional<Provider> provider;
         if (withProvider)
-            provider = addProvider(u"Mock"_s, cached, model);
+            provider = m_w->addProvider(u"Mock"_s, cached, model);
         else
-            m_store->setProviders({Provider{QUuid::createUuid(), u"Unselected"_s, {}, {}, {}, {}, {}}});
-        ContentView *view = makeView();
-        ContentView *other = makeView();
-        auto *button = find<QToolButton>(view, "modelMenuButton");
-        auto *fetch = find<QToolButton>(view, "fetchModelsButton");
+            m_w->store.setProviders({Provider{QUuid::createUuid(), u"Unselected"_s, {}, {}, {}, {}, {}}});
+        ContentView *view = m_w->makeView();
+        ContentView *other = m_w->makeView();
+        auto *button = child<QToolButton>(view, "modelMenuButton");
+        auto *fetch = child<QToolButton>(view, "fetchModelsButton");
         QCOMPARE(button->isEnabled(), withProvider);
         QCOMPARE(fetch->isEnabled(), withProvider);
 
         if (served) {
             MockProviderOptions options;
             options.models = *served;
-            m_mock->setOptions(options);
+            m_w->mock.setOptions(options);
             fetch->click();
             QVERIFY(view->header()->isFetchingModels());
-            QVERIFY(find<QWidget>(view, "fetchProgress")->isVisible());
+            QVERIFY(child<QWidget>(view, "fetchProgress")->isVisible());
             QVERIFY(!fetch->isEnabled());
             QTRY_VERIFY(!view->header()->isFetchingModels());
             QVERIFY(fetch->isEnabled());
-            QCOMPARE(m_store->selected()->cachedModels, *served);
+            QCOMPARE(m_w->store.selected()->cachedModels, *served);
             QCOMPARE(view->chat()->errorText(), std::nullopt);
         }
-        QCOMPARE(find<QLabel>(view, "modelLabel")->text(), label);
+        QCOMPARE(child<QLabel>(view, "modelLabel")->text(), label);
         if (withProvider) {
             button->click();
-            QCOMPARE(popups(view, "modelMenu").size(), 1);
-            QCOMPARE(menuTexts(popups(view, "modelMenu").first()), menu);
-            popups(view, "modelMenu").first()->close();
+            QCOMPARE(shownChildren<QMenu>(view, "modelMenu").size(), 1);
+            QCOMPARE(menuTexts(shownChildren<QMenu>(view, "modelMenu").first()), menu);
+            shownChildren<QMenu>(view, "modelMenu").first()->close();
         } else {
             QCOMPARE(view->header()->modelList(), QStringList());
         }
@@ -227,56 +210,56 @@ private slots:
         // A choice is stored in the provider, so every window shows it.
         if (withProvider && !view->header()->modelList().isEmpty()) {
             view->header()->selectModel(view->header()->modelList().first());
-            QCOMPARE(m_store->selected()->model, view->header()->modelList().first());
-            QCOMPARE(find<QLabel>(other, "modelLabel")->text(), view->header()->modelList().first());
+            QCOMPARE(m_w->store.selected()->model, view->header()->modelList().first());
+            QCOMPARE(child<QLabel>(other, "modelLabel")->text(), view->header()->modelList().first());
         }
     }
     void fetchFailure_showsErrorAndKeepsList()
     {
-        addProvider(u"Mock"_s, {u"kept"_s});
+        m_w->addProvider(u"Mock"_s, {u"kept"_s});
         MockProviderOptions options;
         options.failStatus = 500;
         options.failBody = "overloaded";
-        m_mock->setOptions(options);
-        ContentView *view = makeView();
+        m_w->mock.setOptions(options);
+        ContentView *view = m_w->makeView();
         view->header()->fetchModels();
         QTRY_VERIFY(!view->header()->isFetchingModels());
         QVERIFY(view->chat()->errorText().value_or(QString()).contains(u"500"_s));
         QCOMPARE(view->header()->modelList(), QStringList{u"kept"_s});
-        QCOMPARE(m_store->selected()->cachedModels, QStringList{u"kept"_s});
+        QCOMPARE(m_w->store.selected()->cachedModels, QStringList{u"kept"_s});
     }
     void turn_createsConversationStreamsExportsAndStops()
     {
-        addProvider(u"First"_s, {}, u"first-model"_s);
-        ContentView *view = makeView();
+        m_w->addProvider(u"First"_s, {}, u"first-model"_s);
+        ContentView *view = m_w->makeView();
         ChatViewModel *chat = view->chat();
-        QVERIFY(!m_chats->selectedID());
+        QVERIFY(!m_w->chats.selectedID());
 
         typeAndReturn(view, u"Hello there"_s);
-        QCOMPARE(m_chats->conversations().size(), 1);
-        QCOMPARE(m_chats->selectedID(), m_chats->conversations().first().id);
+        QCOMPARE(m_w->chats.conversations().size(), 1);
+        QCOMPARE(m_w->chats.selectedID(), m_w->chats.conversations().first().id);
         QVERIFY(chat->isStreaming());
-        QVERIFY(find<QToolButton>(view, "stopButton")->isVisible());
-        QVERIFY(!find<QToolButton>(view, "sendButton")->isVisible());
-        QCOMPARE(find<QPlainTextEdit>(view, "composer")->toPlainText(), QString());
+        QVERIFY(child<QToolButton>(view, "stopButton")->isVisible());
+        QVERIFY(!child<QToolButton>(view, "sendButton")->isVisible());
+        QCOMPARE(child<QPlainTextEdit>(view, "composer")->toPlainText(), QString());
 
         QTRY_VERIFY(!chat->isStreaming());
-        QCOMPARE(chat->messages().last().content, m_mock->options().reply);
-        QVERIFY(find<QToolButton>(view, "exportButton")->isEnabled());
+        QCOMPARE(chat->messages().last().content, m_w->mock.options().reply);
+        QVERIFY(child<QToolButton>(view, "exportButton")->isEnabled());
 
         // Mid-reply, under another provider: the export is the transcript as shown, named for the
         // selected provider, while the record does not hold the reply yet.
         StorageTest::ScriptedDialogs dialogs;
         view->header()->setFileDialogs(&dialogs);
-        const Provider second = addProvider(u"Second"_s, {}, u"second-model"_s);
-        m_store->setSelectedID(second.id);
+        const Provider second = m_w->addProvider(u"Second"_s, {}, u"second-model"_s);
+        m_w->store.setSelectedID(second.id);
         MockProviderOptions slow; // long and slow enough to be caught part-way
         slow.reply = u"Partial"_s + u"word "_s.repeated(100);
         slow.tokensPerSecond = 50;
-        m_mock->setOptions(slow);
+        m_w->mock.setOptions(slow);
         typeAndReturn(view, u"Question"_s);
         QTRY_VERIFY(chat->messages().size() == 4 && chat->messages().last().content.startsWith(u"Partial"_s));
-        QCOMPARE(m_chats->conversations().first().messages.size(), 3);
+        QCOMPARE(m_w->chats.conversations().first().messages.size(), 3);
         dialogs.answer = m_profile->root() + u"/out.md"_s;
         view->header()->exportCurrent();
         QCOMPARE(dialogs.saves.size(), 1);
@@ -289,21 +272,21 @@ private slots:
         view->header()->exportCurrent();
         QVERIFY(chat->errorText().value_or(QString()).startsWith(u"Export failed: "_s));
 
-        find<QToolButton>(view, "stopButton")->click();
+        child<QToolButton>(view, "stopButton")->click();
         QVERIFY(!chat->isStreaming());
-        QVERIFY(find<QToolButton>(view, "sendButton")->isVisible());
+        QVERIFY(child<QToolButton>(view, "sendButton")->isVisible());
     }
     // Blank text is not sent: the button is off, and Return leaves the text where it is (the view
     // model's refusal is its own test). Shift+Return breaks the line instead of sending.
     void returnWithBlankText_changesNothing()
     {
-        addProvider(u"Mock"_s);
-        m_chats->newChat(m_store->selectedID());
-        ContentView *view = makeView();
-        auto *editor = find<QPlainTextEdit>(view, "composer");
+        m_w->addProvider(u"Mock"_s);
+        m_w->chats.newChat(m_w->store.selectedID());
+        ContentView *view = m_w->makeView();
+        auto *editor = child<QPlainTextEdit>(view, "composer");
         const QString blank = u" \n\t\n "_s;
         editor->setPlainText(blank);
-        QVERIFY(!find<QToolButton>(view, "sendButton")->isEnabled());
+        QVERIFY(!child<QToolButton>(view, "sendButton")->isEnabled());
 
         QVERIFY(!view->scroll()->contentChangeInProgress());
         QTest::keyClick(editor, Qt::Key_Return);
@@ -360,14 +343,14 @@ private slots:
     }
     void renameAndDelete_fromRowMenu()
     {
-        addProvider(u"Mock"_s);
-        const Conversation older = m_chats->newChat(std::nullopt);
-        const Conversation middle = m_chats->newChat(std::nullopt);
-        const Conversation newer = m_chats->newChat(std::nullopt);
-        m_chats->rename(older.id, u"Older"_s);
-        m_chats->rename(newer.id, u"Newer"_s);
-        ContentView *view = makeView();
-        auto *list = find<QAbstractItemView>(view, "conversationList");
+        m_w->addProvider(u"Mock"_s);
+        const Conversation older = m_w->chats.newChat(std::nullopt);
+        const Conversation middle = m_w->chats.newChat(std::nullopt);
+        const Conversation newer = m_w->chats.newChat(std::nullopt);
+        m_w->chats.rename(older.id, u"Older"_s);
+        m_w->chats.rename(newer.id, u"Newer"_s);
+        ContentView *view = m_w->makeView();
+        auto *list = child<QAbstractItemView>(view, "conversationList");
         QCOMPARE(list->model()->rowCount(), 3);
         QCOMPARE(list->model()->index(0, 0).data().toString(), u"Newer"_s);
         QCOMPARE(list->currentIndex().row(), 0);
@@ -377,31 +360,31 @@ private slots:
             QVERIFY(menu);
             menu->actions().at(0)->trigger();
             menu->close();
-            auto *dialog = find<QDialog>(view, "renameDialog");
+            auto *dialog = child<QDialog>(view, "renameDialog");
             QVERIFY(dialog && dialog->isVisible());
-            auto *field = find<QLineEdit>(view, "renameField");
+            auto *field = child<QLineEdit>(view, "renameField");
             QCOMPARE(field->text(), u"Older"_s);
             field->setText(text);
             for (QAbstractButton *b : dialog->findChild<QDialogButtonBox *>()->buttons()) {
                 if (b->text() == button)
                     b->click();
             }
-            QTRY_VERIFY(!find<QDialog>(view, "renameDialog"));
+            QTRY_VERIFY(!child<QDialog>(view, "renameDialog"));
         };
         runDialog(u"Ignored"_s, u"Cancel"_s);
-        QCOMPARE(m_chats->conversations().at(2).title, u"Older"_s);
+        QCOMPARE(m_w->chats.conversations().at(2).title, u"Older"_s);
         runDialog(u"  Trip plans  "_s, u"Rename"_s);
-        QCOMPARE(m_chats->conversations().at(2).title, u"Trip plans"_s);
+        QCOMPARE(m_w->chats.conversations().at(2).title, u"Trip plans"_s);
         QCOMPARE(list->model()->index(2, 0).data().toString(), u"Trip plans"_s);
-        QCOMPARE(m_chats->selectedID(), newer.id);
+        QCOMPARE(m_w->chats.selectedID(), newer.id);
 
         // Deleting a row that is not selected keeps the selection.
         QMenu *menu = openRowMenu(view, 1);
         QVERIFY(menu);
         menu->actions().at(1)->trigger();
         menu->close();
-        QVERIFY(!m_chats->find(middle.id));
-        QCOMPARE(m_chats->selectedID(), newer.id);
+        QVERIFY(!m_w->chats.find(middle.id));
+        QCOMPARE(m_w->chats.selectedID(), newer.id);
         QCOMPARE(list->currentIndex().row(), 0);
 
         // Deleting the selected row leaves the choice of the next selection to the store.
@@ -409,18 +392,18 @@ private slots:
         QVERIFY(menu);
         menu->actions().at(1)->trigger();
         menu->close();
-        QCOMPARE(m_chats->conversations().size(), 1);
-        QCOMPARE(m_chats->selectedID(), older.id);
+        QCOMPARE(m_w->chats.conversations().size(), 1);
+        QCOMPARE(m_w->chats.selectedID(), older.id);
         QCOMPARE(list->currentIndex().row(), 0);
         QVERIFY(list->selectionModel()->isRowSelected(0));
 
         // The window offers the delete back, and undo shows the chat again where it was.
-        auto *bar = find<QWidget>(view, "deletedChatBar");
+        auto *bar = child<QWidget>(view, "deletedChatBar");
         QVERIFY(bar->isVisible());
-        find<QAbstractButton>(view, "undoDelete")->click();
+        child<QAbstractButton>(view, "undoDelete")->click();
         QVERIFY(!bar->isVisible());
         QCOMPARE(list->model()->rowCount(), 2);
-        QCOMPARE(m_chats->selectedID(), newer.id);
+        QCOMPARE(m_w->chats.selectedID(), newer.id);
         QCOMPARE(list->currentIndex().row(), 0);
     }
     // The list's keys walk the conversations and keep the focus there, and Return hands it to the
@@ -438,15 +421,15 @@ private slots:
             QAccessible::installUpdateHandler(previous);
             readers->setActive(false);
         });
-        addProvider(u"Mock"_s);
+        m_w->addProvider(u"Mock"_s);
         for (int i = 0; i < 4; ++i) {
-            const Conversation made = m_chats->newChat(std::nullopt);
-            m_chats->updateMessages(made.id, {ChatMessage(ChatRole::user, u"Hello %1"_s.arg(i)), reply(1, 2, 3)});
+            const Conversation made = m_w->chats.newChat(std::nullopt);
+            m_w->chats.updateMessages(made.id, {ChatMessage(ChatRole::user, u"Hello %1"_s.arg(i)), reply(1, 2, 3)});
         }
-        ContentView *view = makeView();
+        ContentView *view = m_w->makeView();
         QApplication::setActiveWindow(view);
-        auto *list = find<QAbstractItemView>(view, "conversationList");
-        auto *composer = find<QPlainTextEdit>(view, "composer");
+        auto *list = child<QAbstractItemView>(view, "conversationList");
+        auto *composer = child<QPlainTextEdit>(view, "composer");
         const auto toldList = [list] {
             QList<int> rows;
             for (const Told &told : std::as_const(toldFocus)) {
@@ -458,7 +441,7 @@ private slots:
 
         composer->setFocus();
         toldFocus.clear();
-        m_chats->setSelectedID(m_chats->conversations().at(1).id);
+        m_w->chats.setSelectedID(m_w->chats.conversations().at(1).id);
         QTest::qWait(20); // the composer takes the focus again after the change
         QVERIFY(composer->hasFocus());
         QVERIFY2(toldList().isEmpty(), qPrintable(QString::number(toldList().size())));
@@ -468,7 +451,7 @@ private slots:
         for (int row = 2; row < 4; ++row) {
             toldFocus.clear();
             QTest::keyClick(list, Qt::Key_Down);
-            QCOMPARE(m_chats->selectedID(), m_chats->conversations().at(row).id);
+            QCOMPARE(m_w->chats.selectedID(), m_w->chats.conversations().at(row).id);
             QVERIFY(!toldFocus.isEmpty());
             QCOMPARE(toldFocus.first().object, list);
             QCOMPARE(toldFocus.first().child, row);
@@ -478,31 +461,31 @@ private slots:
         }
         QTest::keyClick(list, Qt::Key_Return);
         QVERIFY(composer->hasFocus());
-        QCOMPARE(m_chats->selectedID(), m_chats->conversations().at(3).id);
+        QCOMPARE(m_w->chats.selectedID(), m_w->chats.conversations().at(3).id);
 
         list->setFocus();
-        m_chats->setSelectedID(m_chats->conversations().at(0).id);
+        m_w->chats.setSelectedID(m_w->chats.conversations().at(0).id);
         QTRY_VERIFY(composer->hasFocus());
     }
     void search_narrowsTheListAndEscapeRestoresIt()
     {
-        addProvider(u"Mock"_s);
+        m_w->addProvider(u"Mock"_s);
         const auto make = [&](const QString &title, const QString &reply) {
-            const Conversation c = m_chats->newChat(std::nullopt);
-            m_chats->updateMessages(
+            const Conversation c = m_w->chats.newChat(std::nullopt);
+            m_w->chats.updateMessages(
                 c.id, {ChatMessage(ChatRole::user, u"question"_s), ChatMessage(ChatRole::assistant, reply)});
-            m_chats->rename(c.id, title);
-            return *m_chats->find(c.id);
+            m_w->chats.rename(c.id, title);
+            return *m_w->chats.find(c.id);
         };
         const Conversation paris = make(u"Paris"_s, u"Try the Café de Flore.\nOr the Louvre café."_s);
         const Conversation rome = make(u"Rome"_s, u"A cafe near the Pantheon."_s);
         const Conversation other = make(u"Other"_s, u"Nothing here."_s);
-        ContentView *view = makeView();
+        ContentView *view = m_w->makeView();
         QApplication::setActiveWindow(view);
-        auto *list = find<QAbstractItemView>(view, "conversationList");
-        auto *field = find<QLineEdit>(view, "searchField");
-        auto *composer = find<QPlainTextEdit>(view, "composer");
-        QCOMPARE(m_chats->selectedID(), other.id);
+        auto *list = child<QAbstractItemView>(view, "conversationList");
+        auto *field = child<QLineEdit>(view, "searchField");
+        auto *composer = child<QPlainTextEdit>(view, "composer");
+        QCOMPARE(m_w->chats.selectedID(), other.id);
         composer->setFocus();
         QSignalSpy chosen(view->sidebar(), &ConversationSidebar::resultChosen);
 
@@ -530,7 +513,7 @@ private slots:
 
         // Choosing a result opens it and tells the window which words to show from where.
         QTest::mouseClick(list->viewport(), Qt::LeftButton, {}, list->visualRect(list->model()->index(1, 0)).center());
-        QCOMPARE(m_chats->selectedID(), paris.id);
+        QCOMPARE(m_w->chats.selectedID(), paris.id);
         QCOMPARE(chosen.size(), 1);
         QCOMPARE(chosen.first().at(0).toString(), u"cafe"_s);
         QCOMPARE(chosen.first().at(1).value<qsizetype>(), 1);
@@ -547,9 +530,9 @@ private slots:
     }
     void longMessage_asksBeforeSending()
     {
-        addProvider(u"Mock"_s);
-        m_chats->newChat(std::nullopt);
-        ContentView *view = makeView();
+        m_w->addProvider(u"Mock"_s);
+        m_w->chats.newChat(std::nullopt);
+        ContentView *view = m_w->makeView();
         QList<qint64> asked;
         bool answer = false;
         view->setLargeSendQuestion([&](qint64 bytes) {
@@ -558,7 +541,7 @@ private slots:
         });
         const QString small = u"é\n"_s.repeated(333'332); // 999,996 bytes: under the limit
         const QString large = u"é\n"_s.repeated(333'334);
-        auto *editor = find<QPlainTextEdit>(view, "composer");
+        auto *editor = child<QPlainTextEdit>(view, "composer");
 
         editor->setPlainText(large);
         QTest::keyClick(editor, Qt::Key_Return);
@@ -593,36 +576,29 @@ private slots:
     // another conversation (its row's menu) goes to the store and leaves the transcript alone.
     void systemPrompt_fromHeaderAndRowMenu()
     {
-        addProvider(u"Mock"_s);
-        const Conversation other = m_chats->newChat(std::nullopt);
-        m_chats->newChat(std::nullopt);
-        ContentView *view = makeView();
+        m_w->addProvider(u"Mock"_s);
+        const Conversation other = m_w->chats.newChat(std::nullopt);
+        m_w->chats.newChat(std::nullopt);
+        ContentView *view = m_w->makeView();
         typeAndReturn(view, u"Hello"_s);
         QTRY_VERIFY(!view->chat()->isStreaming());
 
-        find<QToolButton>(view, "systemPromptButton")->click();
+        child<QToolButton>(view, "systemPromptButton")->click();
         auto *dialog = view->findChild<SystemPromptDialog *>();
         QVERIFY(dialog);
         dialog->field()->setPlainText(u"Be brief."_s);
         dialog->accept();
         QCOMPARE(view->chat()->systemPrompt(), u"Be brief."_s);
 
-        QMenu *menu = openRowMenu(view, int(m_chats->conversations().indexOf(*m_chats->find(other.id))));
+        QMenu *menu = openRowMenu(view, int(m_w->chats.conversations().indexOf(*m_w->chats.find(other.id))));
         QVERIFY(menu);
-        const QList<QAction *> items = menu->actions();
-        const auto item = std::find_if(items.begin(), items.end(),
-                                       [](QAction *action) { return action->text() == u"System Prompt…"_s; });
-        QVERIFY(item != items.end());
-        (*item)->trigger();
-        SystemPromptDialog *second = nullptr;
-        for (SystemPromptDialog *shown : view->findChildren<SystemPromptDialog *>()) {
-            if (shown->isVisible())
-                second = shown;
-        }
-        QVERIFY(second);
+        QCOMPARE(menuTexts(menu).last(), u"System Prompt…"_s);
+        menu->actions().last()->trigger();
+        QCOMPARE(shownChildren<SystemPromptDialog>(view).size(), 1);
+        SystemPromptDialog *second = shownChildren<SystemPromptDialog>(view).first();
         second->field()->setPlainText(u"Other rules"_s);
         second->accept();
-        QCOMPARE(m_chats->find(other.id)->messages.first().content, u"Other rules"_s);
+        QCOMPARE(m_w->chats.find(other.id)->messages.first().content, u"Other rules"_s);
         QCOMPARE(view->chat()->systemPrompt(), u"Be brief."_s);
     }
 
@@ -632,38 +608,38 @@ private slots:
     // streaming, reloads it from the store with every new version.
     void versions_regenerateSwitchAndResend()
     {
-        addProvider(u"Mock"_s);
-        ContentView *view = makeView();
-        ContentView *other = makeView();
+        m_w->addProvider(u"Mock"_s);
+        ContentView *view = m_w->makeView();
+        ContentView *other = m_w->makeView();
         typeAndReturn(view, u"Hello"_s);
         QTRY_VERIFY(!view->chat()->isStreaming());
         auto *area = view->findChild<TranscriptArea *>();
         QTRY_VERIFY(area->bubbleAt(1) && !area->bubbleAt(1)->regenerateButton()->isHidden());
         QVERIFY(area->bubbleAt(0)->regenerateButton()->isHidden());
-        const QString firstTotal = find<QLabel>(view, "tokenTotal")->text();
+        const QString firstTotal = child<QLabel>(view, "tokenTotal")->text();
         QCOMPARE(firstTotal, u"%1 tokens"_s.arg(ChatHeader::conversationTokenTotal(view->chat()->messages()).value()));
 
         MockProviderOptions options;
         options.reply = u"A second, **longer** answer to the same question, with more words in it."_s;
-        m_mock->setOptions(options);
-        const Provider second = addProvider(u"Second"_s, {}, u"mock-large"_s);
-        m_store->setSelectedID(second.id);
+        m_w->mock.setOptions(options);
+        const Provider second = m_w->addProvider(u"Second"_s, {}, u"mock-large"_s);
+        m_w->store.setSelectedID(second.id);
         area->bubbleAt(1)->regenerateButton()->click();
-        QTRY_COMPARE(m_mock->server().requests().size(), 2);
+        QTRY_COMPARE(m_w->mock.server().requests().size(), 2);
         QTRY_VERIFY(!view->chat()->isStreaming());
         QCOMPARE(view->chat()->messages().last().content, options.reply);
-        QVERIFY(m_mock->server().requests().at(1).body.contains("mock-large"));
+        QVERIFY(m_w->mock.server().requests().at(1).body.contains("mock-large"));
         QTRY_VERIFY(area->bubbleAt(1));
         QCOMPARE(area->bubbleAt(1)->versionLabel()->text(), u"2 / 2"_s);
         QTRY_COMPARE(other->chat()->messages(), view->chat()->messages());
-        QVERIFY(find<QLabel>(view, "tokenTotal")->text() != firstTotal);
+        QVERIFY(child<QLabel>(view, "tokenTotal")->text() != firstTotal);
 
         area->bubbleAt(1)->previousVersionButton()->click();
         QTRY_COMPARE(area->bubbleAt(1)->versionLabel()->text(), u"1 / 2"_s);
-        QCOMPARE(find<QLabel>(view, "tokenTotal")->text(), firstTotal);
+        QCOMPARE(child<QLabel>(view, "tokenTotal")->text(), firstTotal);
 
         QApplication::setActiveWindow(view);
-        auto *composer = find<QPlainTextEdit>(view, "composer");
+        auto *composer = child<QPlainTextEdit>(view, "composer");
         composer->setFocus();
         QTest::keyClick(composer, Qt::Key_R, Qt::ControlModifier | Qt::ShiftModifier);
         QTRY_VERIFY(!view->chat()->isStreaming());
@@ -674,7 +650,7 @@ private slots:
         question->editButton()->click();
         question->editor()->setPlainText(u"Hello again"_s);
         QTest::keyClick(question->editor(), Qt::Key_Return);
-        QTRY_COMPARE(m_mock->server().requests().size(), 4);
+        QTRY_COMPARE(m_w->mock.server().requests().size(), 4);
         QTRY_VERIFY(!view->chat()->isStreaming());
         QCOMPARE(view->chat()->messages().first().content, u"Hello again"_s);
         QTRY_VERIFY(area->bubbleAt(0));
@@ -688,18 +664,18 @@ private slots:
     // that would end the reply half-way.
     void othersTurnWhileStreaming_replyGoesOn()
     {
-        addProvider(u"Mock"_s);
+        m_w->addProvider(u"Mock"_s);
         MockProviderOptions options;
         options.reply = u"A reply long enough to be streaming still when the other window's turn is saved."_s;
         options.tokensPerSecond = 40;
-        m_mock->setOptions(options);
-        ContentView *view = makeView();
-        ContentView *other = makeView();
+        m_w->mock.setOptions(options);
+        ContentView *view = m_w->makeView();
+        ContentView *other = m_w->makeView();
         typeAndReturn(view, u"Slow"_s);
         QTRY_VERIFY(view->chat()->isStreaming() && !view->chat()->messages().last().content.isEmpty());
         options.tokensPerSecond = 0;
         options.reply = u"Quick"_s;
-        m_mock->setOptions(options);
+        m_w->mock.setOptions(options);
         typeAndReturn(other, u"Other"_s);
         QTRY_VERIFY(!other->chat()->isStreaming());
         QTRY_VERIFY_WITH_TIMEOUT(!view->chat()->isStreaming(), 20000);
@@ -709,32 +685,9 @@ private slots:
     }
 
 private:
-    ContentView *makeView()
-    {
-        auto *view = new ContentView(m_store.get(), m_chats.get());
-        view->setFocusDelay(std::chrono::milliseconds(0));
-        view->resize(900, 600);
-        view->show();
-        m_views.append(view);
-        return view;
-    }
-    Provider addProvider(const QString &name, const QStringList &cached = {}, const QString &model = u"mock-small"_s)
-    {
-        Provider p = StorageTest::provider(name);
-        p.baseURL = m_mock->baseURL();
-        p.model = model;
-        p.cachedModels = cached;
-        m_store->add(p);
-        return p;
-    }
-    template<class T>
-    T *find(ContentView *view, const char *name)
-    {
-        return view->findChild<T *>(QLatin1StringView(name));
-    }
     void typeAndReturn(ContentView *view, const QString &text)
     {
-        auto *editor = find<QPlainTextEdit>(view, "composer");
+        auto *editor = child<QPlainTextEdit>(view, "composer");
         editor->setPlainText(text);
         QTest::keyClick(editor, Qt::Key_Return);
     }
@@ -742,33 +695,20 @@ private:
     // menu, or null when there is none or the row was chosen.
     QMenu *openRowMenu(ContentView *view, int row)
     {
-        auto *list = find<QAbstractItemView>(view, "conversationList");
-        const std::optional<QUuid> before = m_chats->selectedID();
+        auto *list = child<QAbstractItemView>(view, "conversationList");
+        const std::optional<QUuid> before = m_w->chats.selectedID();
         const QPoint at = list->visualRect(list->model()->index(row, 0)).center();
         QTest::mousePress(list->viewport(), Qt::RightButton, {}, at);
         QContextMenuEvent event(QContextMenuEvent::Mouse, at, list->viewport()->mapToGlobal(at));
         QApplication::sendEvent(list->viewport(), &event);
         QTest::mouseRelease(list->viewport(), Qt::RightButton, {}, at);
-        if (m_chats->selectedID() != before)
+        if (m_w->chats.selectedID() != before)
             return nullptr;
-        const QList<QMenu *> menus = popups(view, "conversationMenu");
+        const QList<QMenu *> menus = shownChildren<QMenu>(view, "conversationMenu");
         return menus.size() == 1 ? menus.first() : nullptr;
     }
-    QList<QMenu *> popups(ContentView *view, const char *name) const
-    {
-        QList<QMenu *> shown;
-        for (QMenu *menu : view->findChildren<QMenu *>(QLatin1StringView(name))) {
-            if (menu->isVisible())
-                shown.append(menu);
-        }
-        return shown;
-    }
-
     std::unique_ptr<StorageTest::Profile> m_profile;
-    std::unique_ptr<ProviderStore> m_store;
-    std::unique_ptr<ConversationStore> m_chats;
-    std::unique_ptr<MockProvider> m_mock;
-    QList<ContentView *> m_views;
+    std::unique_ptr<UiTest::ChatWindows> m_w;
 };
 
 QTEST_MAIN(tst_ContentView)

@@ -1,16 +1,11 @@
-#include "chat/chatviewmodel.h"
-#include "loopbackserver.h"
-#include "storagetestsupport.h"
 #include "ui/replyannouncer.h"
-#include "ui/scrollcontroller.h"
-#include "ui/transcriptview.h"
+#include "uitestsupport.h"
 
 #include <QAccessible>
 #include <QApplication>
 #include <QElapsedTimer>
 #include <qpa/qplatformaccessibility.h>
 #include <qpa/qplatformintegration.h>
-#include <QTest>
 
 #include <private/qguiapplication_p.h>
 
@@ -35,13 +30,6 @@ void listen(QAccessibleEvent *event)
     QAccessibleInterface *iface = event->accessibleInterface();
     if (iface && iface->role() == QAccessible::Notification)
         heard.append({sinceStart.elapsed(), iface->text(QAccessible::Name)});
-}
-
-QByteArray deltaEvent(const QString &text)
-{
-    QString escaped = text;
-    escaped.replace(u'\\', u"\\\\"_s).replace(u'"', u"\\\""_s).replace(u'\n', u"\\n"_s);
-    return "data: {\"choices\":[{\"delta\":{\"content\":\"" + escaped.toUtf8() + "\"}}]}\n\n";
 }
 
 QString paragraph(int i)
@@ -73,28 +61,14 @@ private slots:
         readers()->setActive(true);
         ReplyAnnouncer::setEnabled(true);
         heard.clear();
-        m_server = std::make_unique<LoopbackServer>();
-        QVERIFY(m_server->listen());
-        m_chat = std::make_unique<ChatViewModel>();
-        m_chat->setClock([this] { return m_now += 1; });
-        m_scroll = std::make_unique<ScrollController>();
-        Conversation conversation;
-        conversation.id = QUuid::createUuid();
-        m_chat->activate(conversation);
-        m_view = std::make_unique<TranscriptView>(m_chat.get(), m_scroll.get());
-        m_view->announcer()->setIntervalMs(intervalMs);
-        m_view->resize(480, 400);
-        m_view->show();
-        m_view->activateWindow();
-        QVERIFY(QTest::qWaitForWindowActive(m_view.get()));
+        m_t = std::make_unique<UiTest::StreamedTranscript>();
+        QVERIFY(m_t->server.listen());
+        m_t->view.announcer()->setIntervalMs(intervalMs);
+        m_t->view.show();
+        m_t->view.activateWindow();
+        QVERIFY(QTest::qWaitForWindowActive(&m_t->view));
     }
-    void cleanup()
-    {
-        m_view.reset();
-        m_chat.reset();
-        m_scroll.reset();
-        m_server.reset();
-    }
+    void cleanup() { m_t.reset(); }
 
     // While a long reply streams, each announcement is whole paragraphs, in order and none twice,
     // at least the interval apart; its end brings the paragraphs not yet told, then the first
@@ -107,11 +81,11 @@ private slots:
             const QString p = paragraph(i);
             paragraphs.append(p);
             // Each paragraph arrives in two halves, the cut inside a sentence.
-            pieces.append(deltaEvent(p.left(50)));
-            pieces.append(deltaEvent(p.mid(50) + u"\n\n"_s));
+            pieces.append(UiTest::deltaEvent(p.left(50)));
+            pieces.append(UiTest::deltaEvent(p.mid(50) + u"\n\n"_s));
         }
-        stream(pieces, 120);
-        QTRY_VERIFY_WITH_TIMEOUT(!m_chat->isStreaming(), 30'000);
+        m_t->send(pieces, 120);
+        QTRY_VERIFY_WITH_TIMEOUT(!m_t->chat.isStreaming(), 30'000);
         QTRY_VERIFY_WITH_TIMEOUT(!heard.isEmpty() && heard.last().text.contains(u"Reply complete"_s), 10'000);
 
         QStringList shown;
@@ -157,17 +131,18 @@ private slots:
             QList<QByteArray> pieces;
             const QStringList paragraphs = reply.split(u"\n\n"_s);
             for (qsizetype i = 0; i < paragraphs.size(); ++i)
-                pieces.append(deltaEvent(paragraphs.at(i) + (i + 1 < paragraphs.size() ? u"\n\n"_s : QString())));
-            stream(pieces, 150);
+                pieces.append(
+                    UiTest::deltaEvent(paragraphs.at(i) + (i + 1 < paragraphs.size() ? u"\n\n"_s : QString())));
+            m_t->send(pieces, 150);
         } else {
-            stream({}, 0,
-                   LoopbackResponse::text(status, "{\"error\":{\"message\":\"overloaded\"}}", "application/json"));
+            m_t->send({}, 0,
+                      LoopbackResponse::text(status, "{\"error\":{\"message\":\"overloaded\"}}", "application/json"));
         }
-        QTRY_VERIFY_WITH_TIMEOUT(!m_chat->isStreaming(), 30'000);
+        QTRY_VERIFY_WITH_TIMEOUT(!m_t->chat.isStreaming(), 30'000);
         QTRY_COMPARE_WITH_TIMEOUT(heard.size(), 1, 10'000);
         if (status != 200) {
-            QVERIFY(m_chat->errorText());
-            expected = *m_chat->errorText();
+            QVERIFY(m_t->chat.errorText());
+            expected = *m_t->chat.errorText();
         }
         QCOMPARE(heard.first().text, expected);
         // Nothing follows.
@@ -198,9 +173,9 @@ private slots:
         }
         QList<QByteArray> pieces;
         for (int i = 1; i <= 6; ++i)
-            pieces.append(deltaEvent(paragraph(i) + u"\n\n"_s));
-        stream(pieces, 20);
-        QTRY_VERIFY_WITH_TIMEOUT(!m_chat->isStreaming(), 30'000);
+            pieces.append(UiTest::deltaEvent(paragraph(i) + u"\n\n"_s));
+        m_t->send(pieces, 20);
+        QTRY_VERIFY_WITH_TIMEOUT(!m_t->chat.isStreaming(), 30'000);
         QTest::qWait(3 * intervalMs);
         QVERIFY(heard.isEmpty());
     }
@@ -210,24 +185,8 @@ private:
 
     static QPlatformAccessibility *readers() { return QGuiApplicationPrivate::platformIntegration()->accessibility(); }
 
-    void stream(const QList<QByteArray> &pieces, int delayMs, std::optional<LoopbackResponse> response = {})
-    {
-        QList<QByteArray> all = pieces;
-        all.append("data: [DONE]\n\n");
-        m_server->setResponse(response.value_or(LoopbackResponse::eventStream(all, delayMs)));
-        Provider provider = StorageTest::provider(u"Loopback"_s);
-        provider.baseURL = m_server->url(u"/v1"_s).toString();
-        m_chat->setInput(u"Tell me a story."_s);
-        m_chat->send(provider);
-        QVERIFY(m_chat->isStreaming());
-    }
-
     StorageTest::Profile m_profile;
-    std::unique_ptr<LoopbackServer> m_server;
-    std::unique_ptr<ChatViewModel> m_chat;
-    std::unique_ptr<ScrollController> m_scroll;
-    std::unique_ptr<TranscriptView> m_view;
-    double m_now = 0;
+    std::unique_ptr<UiTest::StreamedTranscript> m_t;
 };
 
 QTEST_MAIN(tst_ReplyAnnouncer)

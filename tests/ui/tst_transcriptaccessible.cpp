@@ -1,16 +1,13 @@
-#include "chat/chatviewmodel.h"
 #include "ui/codeblockview.h"
 #include "ui/messagebubble.h"
 #include "ui/panecycler.h"
-#include "ui/scrollcontroller.h"
-#include "ui/transcriptview.h"
+#include "uitestsupport.h"
 
 #include <QAccessible>
 #include <QApplication>
 #include <QClipboard>
 #include <QLineEdit>
 #include <QScrollBar>
-#include <QTest>
 #include <QToolButton>
 #include <QVBoxLayout>
 
@@ -334,13 +331,7 @@ private slots:
     }
 
 private:
-    void show(const QList<ChatMessage> &messages)
-    {
-        Conversation conversation;
-        conversation.id = QUuid::createUuid();
-        conversation.messages = messages;
-        m_chat->activate(conversation);
-    }
+    void show(const QList<ChatMessage> &messages) { m_chat->activate(UiTest::conversationOf(messages)); }
 
     std::unique_ptr<ChatViewModel> m_chat;
     std::unique_ptr<ScrollController> m_scroll;

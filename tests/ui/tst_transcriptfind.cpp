@@ -1,17 +1,10 @@
-#include "chat/chatviewmodel.h"
-#include "mockprovider.h"
-#include "storage/conversationstore.h"
-#include "storage/providerstore.h"
-#include "storagetestsupport.h"
 #include "ui/codeblockview.h"
-#include "ui/contentview.h"
 #include "ui/conversationsidebar.h"
 #include "ui/findbar.h"
 #include "ui/messagebubble.h"
-#include "ui/scrollcontroller.h"
 #include "ui/tableblockview.h"
 #include "ui/transcriptfind.h"
-#include "ui/transcriptview.h"
+#include "uitestsupport.h"
 
 #include <QAbstractItemView>
 #include <QApplication>
@@ -19,7 +12,6 @@
 #include <QPlainTextEdit>
 #include <QScrollArea>
 #include <QScrollBar>
-#include <QTest>
 
 #include <memory>
 
@@ -34,23 +26,11 @@ private slots:
     void init()
     {
         static int run = 0;
-        m_store = std::make_unique<ProviderStore>();
-        m_store->setProviders({});
-        m_chats = std::make_unique<ConversationStore>(m_profile->root() + u"/c%1.json"_s.arg(++run));
-        m_mock = std::make_unique<MockProvider>();
-        QVERIFY(m_mock->listen());
-        Provider p = StorageTest::provider(u"Mock"_s);
-        p.baseURL = m_mock->baseURL();
-        m_store->add(p);
-        m_store->setSelectedID(p.id);
+        m_w = std::make_unique<UiTest::ChatWindows>(m_profile->root() + u"/c%1.json"_s.arg(++run));
+        QVERIFY(m_w->mock.listen());
+        m_w->store.setSelectedID(m_w->addProvider(u"Mock"_s).id);
     }
-    void cleanup()
-    {
-        delete m_view;
-        m_chats.reset();
-        m_store.reset();
-        m_mock.reset();
-    }
+    void cleanup() { m_w.reset(); }
 
     void shownSegments_data()
     {
@@ -153,7 +133,7 @@ private slots:
         MockProviderOptions slow;
         slow.reply = u"word "_s.repeated(100);
         slow.tokensPerSecond = 50;
-        m_mock->setOptions(slow);
+        m_w->mock.setOptions(slow);
         m_view->chat()->setInput(u"Go"_s);
         m_view->send();
         QTRY_VERIFY(m_view->transcriptFind()->count() >= 3);
@@ -168,15 +148,15 @@ private slots:
 
     void chosenSearchResult_opensAtItsFirstHitWithTheBarOpen()
     {
-        const Conversation other = m_chats->newChat(std::nullopt);
-        m_chats->updateMessages(other.id, {ChatMessage(ChatRole::user, u"elsewhere"_s)});
+        const Conversation other = m_w->chats.newChat(std::nullopt);
+        m_w->chats.updateMessages(other.id, {ChatMessage(ChatRole::user, u"elsewhere"_s)});
         QList<ChatMessage> messages;
         for (int i = 0; i < 60; ++i)
             messages.append(ChatMessage(ChatRole::assistant, u"Line %1 of a long talk.\n\nAnd more."_s.arg(i)));
         messages[5].content = u"The **heron** flew."_s;
         messages[50].content = u"A heron again."_s;
         makeView(messages);
-        m_chats->setSelectedID(other.id);
+        m_w->chats.setSelectedID(other.id);
         auto *field = m_view->findChild<QLineEdit *>(u"searchField"_s);
         auto *list = m_view->findChild<QAbstractItemView *>(u"conversationList"_s);
         field->setFocus();
@@ -208,13 +188,13 @@ private slots:
         messages[250].content = u"# A heron\n\n```\nheron()\n```"_s;
         messages[100].content = u"An egret."_s;
         makeView(messages);
-        const Conversation first = m_chats->selected().value();
+        const Conversation first = m_w->chats.selected().value();
         // Another conversation opened while the first is being read, then the first again.
-        const Conversation other = m_chats->newChat(std::nullopt);
-        m_chats->updateMessages(other.id, {ChatMessage(ChatRole::user, u"elsewhere"_s)});
-        m_chats->setSelectedID(other.id);
+        const Conversation other = m_w->chats.newChat(std::nullopt);
+        m_w->chats.updateMessages(other.id, {ChatMessage(ChatRole::user, u"elsewhere"_s)});
+        m_w->chats.setSelectedID(other.id);
         QTRY_VERIFY(m_view->transcriptFind()->isPrepared());
-        m_chats->setSelectedID(first.id);
+        m_w->chats.setSelectedID(first.id);
         QVERIFY(!m_view->transcriptFind()->isPrepared());
         QTRY_VERIFY(m_view->transcriptFind()->isPrepared());
         m_view->openFind();
@@ -231,21 +211,15 @@ private slots:
 private:
     void makeView(const QList<ChatMessage> &messages)
     {
-        const Conversation c = m_chats->newChat(std::nullopt);
-        m_chats->updateMessages(c.id, messages);
-        m_view = new ContentView(m_store.get(), m_chats.get());
-        m_view->setFocusDelay(std::chrono::milliseconds(0));
-        m_view->resize(900, 600);
-        m_view->show();
+        m_w->chats.updateMessages(m_w->chats.newChat(std::nullopt).id, messages);
+        m_view = m_w->makeView();
         QApplication::setActiveWindow(m_view);
         QVERIFY(QTest::qWaitForWindowExposed(m_view));
     }
 
     std::unique_ptr<StorageTest::Profile> m_profile;
-    std::unique_ptr<ProviderStore> m_store;
-    std::unique_ptr<ConversationStore> m_chats;
-    std::unique_ptr<MockProvider> m_mock;
-    QPointer<ContentView> m_view;
+    std::unique_ptr<UiTest::ChatWindows> m_w;
+    ContentView *m_view = nullptr;
 };
 
 QTEST_MAIN(tst_TranscriptFind)

@@ -1,20 +1,16 @@
-#include "chat/chatviewmodel.h"
-#include "loopbackserver.h"
 #include "model/versions.h"
-#include "storagetestsupport.h"
 #include "ui/codeblockview.h"
 #include "ui/messagebubble.h"
-#include "ui/scrollcontroller.h"
 #include "ui/theme.h"
-#include "ui/transcriptview.h"
+#include "uitestsupport.h"
 
 #include <QAbstractButton>
 #include <QApplication>
 #include <QLabel>
-#include <QScreen>
 #include <QScrollBar>
-#include <QTest>
 #include <QWheelEvent>
+
+using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -45,13 +41,6 @@ private:
     QRegion *m_painted;
 };
 
-QByteArray deltaEvent(const QString &text)
-{
-    QString escaped = text;
-    escaped.replace(QLatin1Char('\\'), QLatin1String("\\\\")).replace(QLatin1Char('\n'), QLatin1String("\\n"));
-    return "data: {\"choices\":[{\"delta\":{\"content\":\"" + escaped.toUtf8() + "\"}}]}\n\n";
-}
-
 QString paragraph(int i)
 {
     return QStringLiteral("Paragraph %1 of the reply, long enough to wrap over a few lines in a narrow window, "
@@ -70,36 +59,18 @@ class tst_TranscriptView : public QObject
 private slots:
     void init()
     {
-        m_server = std::make_unique<LoopbackServer>();
-        QVERIFY(m_server->listen());
-        m_chat = std::make_unique<ChatViewModel>();
-        // Every fragment reaches the transcript: each clock reading is a flush interval later.
-        m_chat->setClock([this] { return m_now += 1; });
-        m_scroll = std::make_unique<ScrollController>();
-        m_chat->setOnStreamEnd([this] { m_scroll->streamEnded(); });
-        Conversation conversation;
-        conversation.id = QUuid::createUuid();
-        m_chat->activate(conversation);
-        m_view = std::make_unique<TranscriptView>(m_chat.get(), m_scroll.get());
-        m_view->resize(480, 400);
+        m_t = std::make_unique<UiTest::StreamedTranscript>();
+        QVERIFY(m_t->server.listen());
+        m_view = &m_t->view;
         m_view->show();
-        QVERIFY(QTest::qWaitForWindowExposed(m_view.get()));
+        QVERIFY(QTest::qWaitForWindowExposed(m_view));
     }
-    void cleanup()
-    {
-        m_view.reset();
-        m_chat.reset();
-        m_scroll.reset();
-        m_server.reset();
-    }
+    void cleanup() { m_t.reset(); }
     // A message that outgrows the view is laid out at the width the scroll bar leaves from the
     // start: the bar comes a moment later, and a long message must not be laid out again for it.
     void tallMessage_laidOutForTheScrollBarAtOnce()
     {
-        Conversation conversation;
-        conversation.id = QUuid::createUuid();
-        conversation.messages.append(ChatMessage(ChatRole::user, QStringLiteral("A line to read. ").repeated(2000)));
-        m_chat->activate(conversation);
+        m_t->chat.activate(UiTest::conversationOf({ChatMessage(ChatRole::user, u"A line to read. "_s.repeated(2000))}));
         MessageBubble *bubble = m_view->area()->bubbleAt(0);
         QVERIFY(bubble);
         const int width = bubble->width();
@@ -110,37 +81,34 @@ private slots:
     // aside meanwhile, each showing its own message and version.
     void versionsFlippedBackAndForth_showTheirOwnBubbles()
     {
-        Conversation conversation;
-        conversation.id = QUuid::createUuid();
         QList<ChatMessage> messages;
         for (int i = 0; i < 8; ++i)
             messages.append(
                 ChatMessage(i % 2 ? ChatRole::assistant : ChatRole::user, QStringLiteral("Message %1").arg(i)));
         messages = MessageVersioning::addVersion(messages, 4, ChatMessage(ChatRole::user, QStringLiteral("Edited")));
         messages.append(ChatMessage(ChatRole::assistant, QStringLiteral("Reply to the edit")));
-        conversation.messages = messages;
-        m_chat->activate(conversation);
+        m_t->chat.activate(UiTest::conversationOf(messages));
         TranscriptArea *area = m_view->area();
         MessageBubble *edited = area->bubbleAt(5);
         QVERIFY(edited);
 
-        m_chat->showVersion(4, 0);
+        m_t->chat.showVersion(4, 0);
         QCOMPARE(area->messageCount(), 8);
         MessageBubble *original = area->bubbleAt(7);
         QVERIFY(original && original != edited);
         QCOMPARE(original->message().content, QStringLiteral("Message 7"));
         QCOMPARE(area->bubbleAt(4)->versionLabel()->text(), QStringLiteral("1 / 2"));
 
-        m_chat->showVersion(4, 1);
+        m_t->chat.showVersion(4, 1);
         QCOMPARE(area->messageCount(), 6);
         QCOMPARE(area->bubbleAt(5), edited);
         QVERIFY(edited->isVisible());
-        QCOMPARE(edited->message(), m_chat->messages().at(5));
+        QCOMPARE(edited->message(), m_t->chat.messages().at(5));
         QCOMPARE(area->bubbleAt(4)->versionLabel()->text(), QStringLiteral("2 / 2"));
 
-        m_chat->showVersion(4, 0);
+        m_t->chat.showVersion(4, 0);
         QCOMPARE(area->bubbleAt(7), original);
-        QCOMPARE(original->message(), m_chat->messages().at(7));
+        QCOMPARE(original->message(), m_t->chat.messages().at(7));
         QCOMPARE(area->bubbleAt(4)->versionLabel()->text(), QStringLiteral("1 / 2"));
         // What waits aside is out of sight: only the rows' bubbles show.
         int shown = 0;
@@ -153,36 +121,36 @@ private slots:
         QList<QByteArray> pieces;
         // Long enough to outlast the steps below on a busy machine.
         for (int i = 0; i < 300; ++i)
-            pieces.append(deltaEvent(paragraph(i)));
+            pieces.append(UiTest::deltaEvent(paragraph(i)));
         send(pieces, 30);
 
         // Following: the reply is kept in view while it grows past the window.
         QTRY_VERIFY_WITH_TIMEOUT(bar()->maximum() > 600, 5000);
-        QTRY_VERIFY(!m_scroll->contentChangeInProgress());
+        QTRY_VERIFY(!m_t->scroll.contentChangeInProgress());
         QTRY_VERIFY(nearEnd());
-        QVERIFY(m_scroll->autoScroll());
+        QVERIFY(m_t->scroll.autoScroll());
         QVERIFY(!m_view->jumpButton()->isVisible());
 
         // The user scrolls up: the transcript detaches at once and stays where the user left it.
         bar()->triggerAction(QAbstractSlider::SliderPageStepSub);
         bar()->triggerAction(QAbstractSlider::SliderPageStepSub);
-        QVERIFY(!m_scroll->autoScroll());
+        QVERIFY(!m_t->scroll.autoScroll());
         QVERIFY(m_view->jumpButton()->isVisible());
         const int left = bar()->value();
-        const qsizetype length = m_chat->messages().last().content.size();
-        QTRY_VERIFY(m_chat->messages().last().content.size() > length + 300);
+        const qsizetype length = m_t->chat.messages().last().content.size();
+        QTRY_VERIFY(m_t->chat.messages().last().content.size() > length + 300);
         QCOMPARE(bar()->value(), left);
 
         // Back at the end while streaming is not enough; the jump button is.
         bar()->triggerAction(QAbstractSlider::SliderToMaximum);
-        QVERIFY(!m_scroll->autoScroll());
+        QVERIFY(!m_t->scroll.autoScroll());
         QTest::mouseClick(m_view->jumpButton(), Qt::LeftButton);
-        QVERIFY(m_scroll->autoScroll());
+        QVERIFY(m_t->scroll.autoScroll());
         QTRY_VERIFY(nearEnd());
 
-        QTRY_VERIFY_WITH_TIMEOUT(!m_chat->isStreaming(), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(!m_t->chat.isStreaming(), 10000);
         QTRY_VERIFY(atEnd());
-        QVERIFY(m_scroll->autoScroll());
+        QVERIFY(m_t->scroll.autoScroll());
     }
     // Updates taller than the near threshold are followed: the growth is scrolled to before its
     // own geometry is reported.
@@ -190,12 +158,12 @@ private slots:
     {
         QList<QByteArray> pieces;
         for (int i = 0; i < 12; ++i)
-            pieces.append(deltaEvent(paragraph(3 * i) + paragraph(3 * i + 1) + paragraph(3 * i + 2)));
+            pieces.append(UiTest::deltaEvent(paragraph(3 * i) + paragraph(3 * i + 1) + paragraph(3 * i + 2)));
         bool detached = false;
-        connect(m_scroll.get(), &ScrollController::autoScrollChanged, this,
-                [&] { detached = detached || !m_scroll->autoScroll(); });
+        connect(&m_t->scroll, &ScrollController::autoScrollChanged, this,
+                [&] { detached = detached || !m_t->scroll.autoScroll(); });
         send(pieces, 60);
-        QTRY_VERIFY_WITH_TIMEOUT(!m_chat->isStreaming(), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(!m_t->chat.isStreaming(), 10000);
         QVERIFY(bar()->maximum() > 1000);
         QVERIFY(!detached);
         QTRY_VERIFY(atEnd());
@@ -204,8 +172,8 @@ private slots:
     {
         TranscriptArea *area = m_view->area();
         const int before = area->anchorBottom();
-        m_chat->setInput(QStringLiteral("hi"));
-        m_chat->send(std::nullopt);
+        m_t->chat.setInput(QStringLiteral("hi"));
+        m_t->chat.send(std::nullopt);
         QLabel *error = area->errorLabel();
         QVERIFY(error->isVisible());
         QCOMPARE(error->text(), ChatViewModel::noProviderText());
@@ -218,15 +186,12 @@ private slots:
     // and counts as the user's own scroll.
     void wheelOverCodeScrollsTheTranscript()
     {
-        Conversation conversation;
-        conversation.id = QUuid::createUuid();
-        for (int i = 0; i < 30; ++i) {
-            conversation.messages.append(
-                ChatMessage(ChatRole::assistant,
-                            QStringLiteral("```\nline one of a wide block %1\nline two\nline three\n```").arg(i)));
-        }
-        m_chat->activate(conversation);
-        QTRY_VERIFY(!m_scroll->contentChangeInProgress()); // activating ended a reply, which settles first
+        QList<ChatMessage> messages;
+        for (int i = 0; i < 30; ++i)
+            messages.append(ChatMessage(ChatRole::assistant,
+                                        u"```\nline one of a wide block %1\nline two\nline three\n```"_s.arg(i)));
+        m_t->chat.activate(UiTest::conversationOf(messages));
+        QTRY_VERIFY(!m_t->scroll.contentChangeInProgress()); // activating ended a reply, which settles first
         auto *code = m_view->area()->bubbleAt(29)->findChild<CodeTextView *>();
         QVERIFY(code && code->isVisible());
         const int before = bar()->value();
@@ -237,10 +202,11 @@ private slots:
                           Qt::NoScrollPhase, false);
         QApplication::sendEvent(strip, &wheel);
         QVERIFY(bar()->value() < before);
-        QVERIFY(!m_scroll->autoScroll());
+        QVERIFY(!m_t->scroll.autoScroll());
     }
-    // The bar repaints when it would look different, and only then; what it shows afterwards is
-    // what a whole paint of it shows.
+    // The bar repaints when it would look different, and only then, and with a style that draws it
+    // opaque (Fusion, the tests' style) nothing of the window behind it is painted first; what it
+    // shows afterwards is what a whole paint of it shows.
     void scrollBarRepaintsOnlyWhenItsLookChanges_data()
     {
         QTest::addColumn<int>("maximum"); // the value starts there, at the end
@@ -266,59 +232,36 @@ private slots:
         QFETCH(QList<int>, values);
         QFETCH(bool, repaints);
         QFETCH(bool, insideKept);
-        TranscriptScrollBar bar;
-        bar.resize(bar.sizeHint().width(), 400);
-        bar.setRange(0, maximum);
-        bar.setPageStep(400);
-        bar.setValue(maximum);
-        bar.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&bar));
+        QWidget window;
+        auto *bar = new TranscriptScrollBar(&window);
+        window.resize(bar->sizeHint().width(), 400);
+        bar->resize(window.size());
+        bar->setRange(0, maximum);
+        bar->setPageStep(400);
+        bar->setValue(maximum);
+        window.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&window));
         int paints = 0;
+        int behind = 0;
         QRegion painted;
-        PaintCounter counter(&bar, &paints, &painted);
-        bar.update();
+        PaintCounter counter(bar, &paints, &painted);
+        PaintCounter windowCounter(&window, &behind);
+        bar->update();
         QTRY_COMPARE(paints, 1);
         painted = {};
 
-        bar.setRange(0, newMaximum);
-        bar.setPageStep(400);
+        bar->setRange(0, newMaximum);
+        bar->setPageStep(400);
         for (int value : values) {
-            bar.setValue(value);
+            bar->setValue(value);
             QTest::qWait(20);
         }
         QTest::qWait(50);
         QCOMPARE(paints > 1, repaints);
         if (insideKept)
             QVERIFY2(painted.rectCount() > 1, qPrintable(QDebug::toString(painted)));
-        const auto shown = [&] {
-            return bar.screen()->grabWindow(bar.winId()).toImage().convertToFormat(QImage::Format_RGB32);
-        };
-        QTRY_COMPARE(shown(), bar.grab().toImage().convertToFormat(QImage::Format_RGB32));
-    }
-    // With a style that draws the bar opaque (Fusion, the tests' style), a moving handle repaints
-    // the bar alone: nothing of the window behind it is painted first, and the picture stays whole.
-    void movingHandlePaintsNothingBehindTheBar()
-    {
-        QWidget window;
-        auto *bar = new TranscriptScrollBar(&window);
-        window.resize(bar->sizeHint().width(), 400);
-        bar->resize(window.size());
-        bar->setRange(0, 100);
-        bar->setPageStep(400);
-        bar->setValue(100);
-        window.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&window));
-        int behind = 0;
-        int own = 0;
-        PaintCounter windowCounter(&window, &behind);
-        PaintCounter barCounter(bar, &own);
-        bar->setValue(20);
-        QTRY_VERIFY(own > 0);
-        QTest::qWait(50);
         QCOMPARE(behind, 0);
-        const QImage shown =
-            window.screen()->grabWindow(window.winId()).toImage().convertToFormat(QImage::Format_RGB32);
-        QCOMPARE(shown, window.grab().toImage().convertToFormat(QImage::Format_RGB32));
+        QTRY_COMPARE(UiTest::onScreen(&window), UiTest::freshPaint(&window));
     }
     // What the window shows after many in-place updates is what a fresh paint of the same state
     // shows: partial repaints leave nothing stale behind.
@@ -344,45 +287,29 @@ private slots:
             "| a | b |\n|---|---|\n| 1 | 2 |\n| longer cell | 3 |\n\n- one\n- two\n\n9. nine\n10. ten\n");
         QList<QByteArray> pieces;
         for (qsizetype i = 0; i < reply.size(); i += chunk)
-            pieces.append(deltaEvent(reply.mid(i, chunk)));
+            pieces.append(UiTest::deltaEvent(reply.mid(i, chunk)));
         // When tall enough that nothing scrolls, every pixel shown was painted by an in-place update.
         m_view->resize(width, height);
         send(pieces, 1);
-        QTRY_VERIFY_WITH_TIMEOUT(!m_chat->isStreaming(), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(!m_t->chat.isStreaming(), 10000);
         QTRY_VERIFY(atEnd());
         QTest::qWait(400);
 
-        QScreen *screen = m_view->screen();
-        const QImage shown = screen->grabWindow(m_view->winId()).toImage().convertToFormat(QImage::Format_RGB32);
-        const QImage fresh = m_view->grab().toImage().convertToFormat(QImage::Format_RGB32);
+        const QImage shown = UiTest::onScreen(m_view);
+        const QImage fresh = UiTest::freshPaint(m_view);
         QCOMPARE(shown.size(), fresh.size());
         QVERIFY(shown == fresh);
     }
 
 private:
-    // Starts a turn whose reply arrives as these pieces, delayMs apart.
-    void send(const QList<QByteArray> &pieces, int delayMs)
-    {
-        QList<QByteArray> all = pieces;
-        all.append("data: [DONE]\n\n");
-        m_server->setResponse(LoopbackResponse::eventStream(all, delayMs));
-        Provider provider = StorageTest::provider(QStringLiteral("Loopback"));
-        provider.baseURL = m_server->url(QStringLiteral("/v1")).toString();
-        m_chat->setInput(QStringLiteral("Tell me a long story."));
-        m_scroll->messageSent();
-        m_chat->send(provider);
-        QVERIFY(m_chat->isStreaming());
-    }
+    void send(const QList<QByteArray> &pieces, int delayMs) { m_t->send(pieces, delayMs); }
     QScrollBar *bar() const { return m_view->area()->verticalScrollBar(); }
     bool atEnd() const { return bar()->value() == bar()->maximum(); }
     // While a reply streams faster than the scroll eases, the view trails the end slightly.
     bool nearEnd() const { return bar()->maximum() - bar()->value() < 150; }
 
-    std::unique_ptr<LoopbackServer> m_server;
-    std::unique_ptr<ChatViewModel> m_chat;
-    std::unique_ptr<ScrollController> m_scroll;
-    std::unique_ptr<TranscriptView> m_view;
-    double m_now = 0;
+    std::unique_ptr<UiTest::StreamedTranscript> m_t;
+    TranscriptView *m_view = nullptr;
 };
 
 QTEST_MAIN(tst_TranscriptView)
