@@ -6,6 +6,8 @@
 #include <cstring>
 #include <limits>
 
+using namespace Qt::StringLiterals;
+
 class tst_Json : public QObject
 {
     Q_OBJECT
@@ -84,17 +86,15 @@ void tst_Json::stringsRoundTrip_data()
     QTest::addColumn<QByteArray>("compact"); // as the compact writer escapes it
     QTest::newRow("empty") << QString() << QByteArray(R"("")");
     // Rows long enough that the sixteen-unit scan meets what needs escaping, not only unit by unit.
-    QTest::newRow("controls") << QStringLiteral("a\u0001b\u001fc\td\ne\rf\bg\fh and more")
+    QTest::newRow("controls") << u"a\u0001b\u001fc\td\ne\rf\bg\fh and more"_s
                               << QByteArray(R"("a\u0001b\u001fc\td\ne\rf\bg\fh and more")");
     QTest::newRow("slash, quote, backslash")
-        << QStringLiteral("https://api.example.com/v1 say \"hi\" to C:\\path\\with\\many\\parts")
+        << u"https://api.example.com/v1 say \"hi\" to C:\\path\\with\\many\\parts"_s
         << QByteArray(R"("https:\/\/api.example.com\/v1 say \"hi\" to C:\\path\\with\\many\\parts")");
-    QTest::newRow("accents") << QStringLiteral("crème brûlée, Ærø, Ελληνικά")
-                             << QByteArray("\"crème brûlée, Ærø, Ελληνικά\"");
+    QTest::newRow("accents") << u"crème brûlée, Ærø, Ελληνικά"_s << QByteArray("\"crème brûlée, Ærø, Ελληνικά\"");
     QTest::newRow("emoji (surrogate pair)")
-        << QStringLiteral("👩‍💻 and 🇪🇺") << QByteArray("\"👩‍💻 and 🇪🇺\"");
-    QTest::newRow("nul inside") << QString(QStringLiteral("a") + QChar(0) + QStringLiteral("b"))
-                                << QByteArray(R"("a\u0000b")");
+        << u"👩‍💻 and 🇪🇺"_s << QByteArray("\"👩‍💻 and 🇪🇺\"");
+    QTest::newRow("nul inside") << QString(u"a"_s + QChar(0) + u"b"_s) << QByteArray(R"("a\u0000b")");
 }
 
 // A string reads back as written, with or without the slash escape.

@@ -8,6 +8,8 @@
 
 #include <limits>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 enum class Record { message, provider, conversation };
@@ -103,8 +105,8 @@ private slots:
             names.append(p.name);
             QVERIFY(p.apiKey.isEmpty() && p.cachedModels.isEmpty() && !p.baseURL.endsWith(u'/'));
         }
-        QCOMPARE(names.join(u'|'), QStringLiteral("Groq|OpenAI|Anthropic|Custom (OpenAI-compatible)"));
-        QCOMPARE(presets[0].baseURL, QStringLiteral("https://api.groq.com/openai/v1"));
+        QCOMPARE(names.join(u'|'), u"Groq|OpenAI|Anthropic|Custom (OpenAI-compatible)"_s);
+        QCOMPARE(presets[0].baseURL, u"https://api.groq.com/openai/v1"_s);
         QCOMPARE(presets[2].wire, ProviderWire::anthropic);
         QCOMPARE(Provider::presets()[1].id, presets[1].id); // the same ids for the whole run
     }
@@ -125,23 +127,21 @@ private slots:
             QTest::newRow(name) << QList<ChatMessage>{user(text)} << QVariant(title);
         };
         // A family emoji of seven code points (four people joined by zero-width joiners).
-        const QString family = QStringLiteral("👨‍👩‍👧‍👦");
-        const QString accented = QString(48, u'e').replace(u'e', QStringLiteral("e\u0301"));
+        const QString family = u"👨‍👩‍👧‍👦"_s;
+        const QString accented = QString(48, u'e').replace(u'e', u"e\u0301"_s);
 
         QTest::newRow("empty") << QList<ChatMessage>{} << QVariant();
-        QTest::newRow("no user message") << QList<ChatMessage>{ChatMessage(ChatRole::system, QStringLiteral("s")),
-                                                               assistant(QStringLiteral("a"))}
+        QTest::newRow("no user message") << QList<ChatMessage>{ChatMessage(ChatRole::system, u"s"_s), assistant(u"a"_s)}
                                          << QVariant();
         QTest::newRow("first user message blank")
-            << QList<ChatMessage>{user(QStringLiteral("  \n ")), user(QStringLiteral("later"))} << QVariant();
+            << QList<ChatMessage>{user(u"  \n "_s), user(u"later"_s)} << QVariant();
         QTest::newRow("after an assistant message")
-            << QList<ChatMessage>{assistant(QStringLiteral("hi")), user(QStringLiteral("Question"))}
-            << QVariant(QStringLiteral("Question"));
-        titled("trim and join lines", QStringLiteral("  Hello\nworld  "), QStringLiteral("Hello world"));
-        titled("tabs and CR kept", QStringLiteral("a\tb\r\nc"), QStringLiteral("a\tb\r c"));
+            << QList<ChatMessage>{assistant(u"hi"_s), user(u"Question"_s)} << QVariant(u"Question"_s);
+        titled("trim and join lines", u"  Hello\nworld  "_s, u"Hello world"_s);
+        titled("tabs and CR kept", u"a\tb\r\nc"_s, u"a\tb\r c"_s);
         titled("sixty characters", QString(60, u'x'), QString(48, u'x'));
         titled("exactly 48", QString(48, u'y'), QString(48, u'y'));
-        titled("emoji is the 48th", QString(47, u'z') + family + QStringLiteral("tail"), QString(47, u'z') + family);
+        titled("emoji is the 48th", QString(47, u'z') + family + u"tail"_s, QString(47, u'z') + family);
         titled("combining accents count once", accented + u'!', accented);
         const QString longCluster = u'e' + QString(2000, QChar(0x0301));
         titled("a cluster longer than the first look", longCluster + QString(60, u'x'),
