@@ -13,6 +13,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 using namespace std::chrono_literals;
 
 namespace {
@@ -46,12 +48,12 @@ struct Recorder
     QString errorText() const { return error ? errorDescription(*error) : QString(); }
 };
 
-Provider provider(ProviderWire wire, const QString &baseURL, const QString &key = QStringLiteral("sk-test"))
+Provider provider(ProviderWire wire, const QString &baseURL, const QString &key = u"sk-test"_s)
 {
-    return {QUuid(), {}, wire, baseURL, QStringLiteral("test-model"), {}, key};
+    return {QUuid(), {}, wire, baseURL, u"test-model"_s, {}, key};
 }
 
-const QList<ChatMessage> hi{ChatMessage(ChatRole::user, QStringLiteral("Hi"))};
+const QList<ChatMessage> hi{ChatMessage(ChatRole::user, u"Hi"_s)};
 
 QByteArray sse(const QByteArray &json)
 {
@@ -87,8 +89,8 @@ struct FailCase
     // {server}: the loopback server, {tls}: the same over self-signed TLS, {closed}: a port
     // nobody listens on, {dir}: a local folder holding v1/chat/completions. {elsewhere} in a
     // response header is a second server, which must never be reached.
-    QString base = QStringLiteral("{server}/v1");
-    QString key = QStringLiteral("k");
+    QString base = u"{server}/v1"_s;
+    QString key = u"k"_s;
     LoopbackResponse response = LoopbackResponse::eventStream({chunk("x")});
     std::chrono::milliseconds timeout = 60s;
     TransferLimits limits = {};
@@ -139,8 +141,8 @@ private:
 
 void tst_ChatStream::initTestCase()
 {
-    QVERIFY(QDir(m_dir.path()).mkpath(QStringLiteral("v1/chat")));
-    QFile file(m_dir.filePath(QStringLiteral("v1/chat/completions")));
+    QVERIFY(QDir(m_dir.path()).mkpath(u"v1/chat"_s));
+    QFile file(m_dir.filePath(u"v1/chat/completions"_s));
     QVERIFY(file.open(QIODevice::WriteOnly));
     file.write("data: [DONE]\n");
 }
@@ -152,7 +154,7 @@ void tst_ChatStream::deliversEventsInOrder_data()
     const auto usage = [](std::optional<qint64> prompt, std::optional<qint64> completion, std::optional<qint64> total) {
         return ChatEvent::usageEvent({prompt, completion, total});
     };
-    const QList<ChatEvent> hello{delta(QStringLiteral("Hel")), delta(QStringLiteral("lo"))};
+    const QList<ChatEvent> hello{delta(u"Hel"_s), delta(u"lo"_s)};
     const QByteArray done = "data: [DONE]\n\n";
 
     QTest::newRow("usage, done, nothing after done") << StreamCase{
@@ -170,7 +172,7 @@ void tst_ChatStream::deliversEventsInOrder_data()
     const qsizetype half = emoji.indexOf('\x98');
     QTest::newRow("line and emoji split across reads")
         << StreamCase{.response = LoopbackResponse::eventStream({emoji.left(half), emoji.mid(half)}, 60),
-                      .expected = {delta(QStringLiteral("Hel")), delta(QStringLiteral("a\U0001F600b"))}};
+                      .expected = {delta(u"Hel"_s), delta(u"a\U0001F600b"_s)}};
     LoopbackResponse closed = LoopbackResponse::eventStream({chunk("Hel") + chunk("lo").chopped(2)});
     closed.framing = LoopbackResponse::Framing::closeDelimited;
     QTest::newRow("last line without line break, body ended by close")
@@ -178,7 +180,7 @@ void tst_ChatStream::deliversEventsInOrder_data()
     const QByteArray huge(4 * 1024 * 1024, 'x');
     QTest::newRow("4 MB single line") << StreamCase{
         .response = LoopbackResponse::eventStream({chunk(huge), chunk("tail"), done}),
-        .expected = {delta(QString::fromLatin1(huge)), delta(QStringLiteral("tail"))}};
+        .expected = {delta(QString::fromLatin1(huge)), delta(u"tail"_s)}};
     QTest::newRow("anthropic: prompt usage, deltas, completion usage, stop") << StreamCase{
         .wire = ProviderWire::anthropic,
         .response = LoopbackResponse::eventStream({
@@ -199,7 +201,7 @@ void tst_ChatStream::deliversEventsInOrder()
     QVERIFY(server.listen());
     server.setResponse(row.response);
 
-    const Recorder recorder = run(provider(row.wire, server.url(QStringLiteral("/v1/")).toString()));
+    const Recorder recorder = run(provider(row.wire, server.url(u"/v1/"_s).toString()));
     QCOMPARE(recorder.errorText(), QString());
     QCOMPARE(recorder.events, row.expected);
     QCOMPARE(recorder.eventsAfterEnd, 0);
@@ -211,8 +213,8 @@ void tst_ChatStream::deliversEventsInOrder()
 void tst_ChatStream::fails_data()
 {
     QTest::addColumn<FailCase>("row");
-    const QString noResponse = QStringLiteral("Provider returned HTTP -1: No HTTP response");
-    const QString invalidBase = QStringLiteral("The provider Base URL is empty or invalid.");
+    const QString noResponse = u"Provider returned HTTP -1: No HTTP response"_s;
+    const QString invalidBase = u"The provider Base URL is empty or invalid."_s;
     LoopbackResponse slow = LoopbackResponse::eventStream({"Over", "loaded\n", "\xC3", "\xA9"}, 20);
     slow.status = 503;
     LoopbackResponse sameOrigin = LoopbackResponse::text(308, "moved");
@@ -225,33 +227,29 @@ void tst_ChatStream::fails_data()
 
     QTest::newRow("empty key, nothing sent")
         << FailCase{.key = QString(),
-                    .text = QStringLiteral("No API key set for this provider. Open Settings and paste your key."),
+                    .text = u"No API key set for this provider. Open Settings and paste your key."_s,
                     .requests = 0};
-    QTest::newRow("blank base URL") << FailCase{.base = QStringLiteral(" \n\t"), .text = invalidBase, .requests = 0};
+    QTest::newRow("blank base URL") << FailCase{.base = u" \n\t"_s, .text = invalidBase, .requests = 0};
     QTest::newRow("401 body lines joined without breaks") << FailCase{
         .response = LoopbackResponse::text(401, "{\"error\":\r\n{\"message\":\"bad key\"}}\n{\"extra\":true}\n"),
-        .text = QStringLiteral(R"(Provider returned HTTP 401: {"error":{"message":"bad key"}}{"extra":true})")};
+        .text = uR"(Provider returned HTTP 401: {"error":{"message":"bad key"}}{"extra":true})"_s};
     QTest::newRow("503 body in pieces, UTF-8 split")
-        << FailCase{.response = slow, .text = QStringLiteral("Provider returned HTTP 503: Overloadedé")};
+        << FailCase{.response = slow, .text = u"Provider returned HTTP 503: Overloadedé"_s};
     QTest::newRow("same-origin redirect not followed")
-        << FailCase{.response = sameOrigin, .text = QStringLiteral("Provider returned HTTP 308: moved")};
-    QTest::newRow("cross-origin redirect never gets the key")
-        << FailCase{.key = QStringLiteral("sk-secret"),
-                    .response = crossOrigin,
-                    .text = QStringLiteral("Provider returned HTTP 307: see other host")};
+        << FailCase{.response = sameOrigin, .text = u"Provider returned HTTP 308: moved"_s};
+    QTest::newRow("cross-origin redirect never gets the key") << FailCase{
+        .key = u"sk-secret"_s, .response = crossOrigin, .text = u"Provider returned HTTP 307: see other host"_s};
     // Schemes Qt reads locally, even where a file answers to the path.
     for (const char *base : {"{dir}/v1", "{dir}/missing", "data:text/plain,x", "qrc:/v1"})
         QTest::addRow("base URL %s", base)
             << FailCase{.base = QString::fromLatin1(base), .text = noResponse, .requests = 0};
-    QTest::newRow("refused connection") << FailCase{.base = QStringLiteral("{closed}/v1"),
-                                                    .text = QStringLiteral("Connection refused"),
+    QTest::newRow("refused connection") << FailCase{.base = u"{closed}/v1"_s,
+                                                    .text = u"Connection refused"_s,
                                                     .code = QNetworkReply::ConnectionRefusedError,
                                                     .requests = 0};
-    QTest::newRow("self-signed TLS") << FailCase{.base = QStringLiteral("{tls}/v1"),
-                                                 .text = QStringLiteral("SSL"),
-                                                 .code = QNetworkReply::SslHandshakeFailedError,
-                                                 .requests = 0};
-    const QString timedOut = QStringLiteral("The request timed out.");
+    QTest::newRow("self-signed TLS") << FailCase{
+        .base = u"{tls}/v1"_s, .text = u"SSL"_s, .code = QNetworkReply::SslHandshakeFailedError, .requests = 0};
+    const QString timedOut = u"The request timed out."_s;
     QTest::newRow("silent server times out") << FailCase{.response = LoopbackResponse::silent(),
                                                          .timeout = 300ms,
                                                          .text = timedOut,
@@ -264,31 +262,28 @@ void tst_ChatStream::fails_data()
                     .events = 1};
     QTest::newRow("cancelled by someone else, not a time-out")
         << FailCase{.response = LoopbackResponse::silent(),
-                    .text = QStringLiteral("The connection to the provider was closed before the reply was complete."),
+                    .text = u"The connection to the provider was closed before the reply was complete."_s,
                     .code = QNetworkReply::OperationCanceledError,
                     .abortedElsewhere = true};
     QTest::newRow("connection dropped mid-body")
         << FailCase{.response = dropped, .code = QNetworkReply::RemoteHostClosedError, .events = 1};
 
-    const QString unknownScheme = QStringLiteral("The Base URL must start with http:// or https://.");
+    const QString unknownScheme = u"The Base URL must start with http:// or https://."_s;
     for (const char *base : {"api.example.com/v1", "ftp://127.0.0.1/v1"})
         QTest::addRow("base URL %s", base)
             << FailCase{.base = QString::fromLatin1(base), .text = unknownScheme, .code = 301, .requests = 0};
     // Qt would open a connection to that host for this scheme, and then report no error at all.
-    QTest::newRow("base URL preconnect-http://") << FailCase{.base = QStringLiteral("preconnect-{server}/v1"),
-                                                             .text = unknownScheme,
-                                                             .code = 301,
-                                                             .requests = 0,
-                                                             .connections = 0};
+    QTest::newRow("base URL preconnect-http://") << FailCase{
+        .base = u"preconnect-{server}/v1"_s, .text = unknownScheme, .code = 301, .requests = 0, .connections = 0};
     const QString badKey =
-        QStringLiteral("The API key contains a line break or another control character. Paste it again in Settings.");
+        u"The API key contains a line break or another control character. Paste it again in Settings."_s;
     for (const char *key : {"sk-abc\r\nX-Injected: yes", "sk-abc\n", "sk-\ttab", "sk-\u0085next-line"})
         QTest::addRow("key %s refused", QByteArray(key).toPercentEncoding().constData())
             << FailCase{.key = QString::fromUtf8(key), .text = badKey, .requests = 0};
 
     // The limits, shrunk: the texts name the shipped sizes. That a stream stops at a limit without
     // waiting for the body's end is checked with bodies that never end.
-    const QString lineTooLong = QStringLiteral("The provider sent a line longer than 16 MB.");
+    const QString lineTooLong = u"The provider sent a line longer than 16 MB."_s;
     QTest::newRow("whole line over the limit in one read") << FailCase{
         .response = LoopbackResponse::eventStream({chunk("kept") + chunk(QByteArray(2000, 'y')) + chunk("z")}),
         .limits = {.lineBytes = 1024},
@@ -306,12 +301,12 @@ void tst_ChatStream::fails_data()
     QTest::newRow("reply text passes the limit, text so far delivered") << FailCase{
         .response = LoopbackResponse::eventStream({chunk("\xC3\xA9\xC3\xA9"), chunk("\xC3\xA9"), chunk("x")}),
         .limits = {.replyTextBytes = 5},
-        .text = QStringLiteral("The reply passed 32 MB and was stopped."),
+        .text = u"The reply passed 32 MB and was stopped."_s,
         .events = 1};
     QTest::newRow("error body of exactly the limit")
         << FailCase{.response = LoopbackResponse::text(502, "0123456789abcdef"),
                     .limits = {.errorBodyBytes = 16},
-                    .text = QStringLiteral("Provider returned HTTP 502: 0123456789abcdef")};
+                    .text = u"Provider returned HTTP 502: 0123456789abcdef"_s};
 }
 
 void tst_ChatStream::fails()
@@ -321,7 +316,7 @@ void tst_ChatStream::fails()
     if (!row.base.startsWith(u"{tls}"))
         QVERIFY(server.listen());
     else if (!server.listenTls(loopbackCertificateFile(), loopbackKeyFile()))
-        QSKIP(qPrintable(QStringLiteral("TLS server unavailable: ") + server.errorString()));
+        QSKIP(qPrintable(u"TLS server unavailable: "_s + server.errorString()));
     LoopbackServer elsewhere;
     QVERIFY(elsewhere.listen());
     for (auto &header : row.response.headers)
@@ -334,10 +329,10 @@ void tst_ChatStream::fails()
         closedPort = closed.port();
     }
     const QString base = QString(row.base)
-                             .replace(QStringLiteral("{server}"), server.url().toString())
-                             .replace(QStringLiteral("{tls}"), server.url().toString())
-                             .replace(QStringLiteral("{closed}"), QStringLiteral("http://127.0.0.1:%1").arg(closedPort))
-                             .replace(QStringLiteral("{dir}"), QUrl::fromLocalFile(m_dir.path()).toString());
+                             .replace(u"{server}"_s, server.url().toString())
+                             .replace(u"{tls}"_s, server.url().toString())
+                             .replace(u"{closed}"_s, u"http://127.0.0.1:%1"_s.arg(closedPort))
+                             .replace(u"{dir}"_s, QUrl::fromLocalFile(m_dir.path()).toString());
 
     if (row.abortedElsewhere) {
         connect(&server, &LoopbackServer::requestReceived, this, [] {
@@ -378,15 +373,15 @@ void tst_ChatStream::endlessChunkedBody_stopsTheTransfer_data()
     QTest::newRow("data: line that never ends, 1 MB chunks") << EndlessCase{
         .response = LoopbackResponse::endless(200, R"(data: {"choices":[{"delta":{"content":")", QByteArray(mb, 'x')),
         .limits = {.lineBytes = 4 * mb},
-        .text = QStringLiteral("The provider sent a line longer than 16 MB.")};
+        .text = u"The provider sent a line longer than 16 MB."_s};
     QTest::newRow("500 body that never ends")
         << EndlessCase{.response = LoopbackResponse::endless(500, "busy", QByteArray(mb, 'e'), "text/plain"),
                        .limits = {.errorBodyBytes = 4 * mb},
-                       .text = QStringLiteral("Provider returned HTTP 500 with a body over 16 MB.")};
+                       .text = u"Provider returned HTTP 500 with a body over 16 MB."_s};
     QTest::newRow("well-formed 64 KB events without end")
         << EndlessCase{.response = LoopbackResponse::endless(200, event, event),
                        .limits = {.replyTextBytes = 4 * mb},
-                       .text = QStringLiteral("The reply passed 32 MB and was stopped.")};
+                       .text = u"The reply passed 32 MB and was stopped."_s};
     QTest::newRow("stopped at the first event, then a line that never ends")
         << EndlessCase{.response = LoopbackResponse::endless(
                            200, chunk("hi") + R"(data: {"choices":[{"delta":{"content":")", QByteArray(mb, 'x')),
@@ -442,10 +437,10 @@ void tst_ChatStream::twoStreams()
     QObject consumerA;
     auto *consumerB = new QObject;
     Provider p = provider(ProviderWire::openAI, server.url().toString());
-    p.model = QStringLiteral("a");
+    p.model = u"a"_s;
     Recorder a, b;
     a.attach(ChatService().stream(p, hi, &consumerA), &consumerA);
-    p.model = QStringLiteral("b");
+    p.model = u"b"_s;
     QPointer<ChatStream> second = ChatService().stream(p, hi, consumerB);
     b.attach(second, this); // outlives consumerB, to see anything emitted after it is gone
     std::optional<bool> finishedAtCancel;
@@ -465,9 +460,9 @@ void tst_ChatStream::twoStreams()
 
     QString expected;
     for (int i = 0; i < 20; ++i)
-        expected += QStringLiteral("a%1 ").arg(i);
+        expected += u"a%1 "_s.arg(i);
     QCOMPARE(a.text(), expected);
-    QCOMPARE(b.text(), QStringLiteral("b0 b1 b2 "));
+    QCOMPARE(b.text(), u"b0 b1 b2 "_s);
     QCOMPARE(b.finishedCount, cancel ? 1 : 0);
     QVERIFY(!a.error && !b.error);
     QCOMPARE(finishedAtCancel, cancel ? std::optional(false) : std::nullopt);
@@ -492,7 +487,7 @@ void tst_ChatStream::readsAFastStreamInFewPieces()
     QString expected;
     for (int i = 0; i < count; ++i) {
         chunks.append(chunk(QByteArray::number(i) + ' '));
-        expected += QStringLiteral("%1 ").arg(i);
+        expected += u"%1 "_s.arg(i);
     }
     chunks.append(sse("[DONE]"));
     LoopbackServer server;
@@ -500,7 +495,7 @@ void tst_ChatStream::readsAFastStreamInFewPieces()
     const auto restore = qScopeGuard([&] { QSslConfiguration::setDefaultConfiguration(shipped); });
     if (tls) {
         if (!server.listenTls(loopbackCertificateFile(), loopbackKeyFile()))
-            QSKIP(qPrintable(QStringLiteral("TLS server unavailable: ") + server.errorString()));
+            QSKIP(qPrintable(u"TLS server unavailable: "_s + server.errorString()));
         QSslConfiguration trusting = shipped;
         trusting.addCaCertificates(loopbackCertificateFile());
         QSslConfiguration::setDefaultConfiguration(trusting);
@@ -526,21 +521,21 @@ void tst_ChatStream::readsAFastStreamInFewPieces()
     QTRY_COMPARE_WITH_TIMEOUT(recorder.finishedCount, 1, 20000);
     QCOMPARE(recorder.text(), expected);
     QVERIFY(!recorder.error);
-    QVERIFY2(handOvers <= count / 2, qPrintable(QStringLiteral("%1 hand-overs").arg(handOvers)));
+    QVERIFY2(handOvers <= count / 2, qPrintable(u"%1 hand-overs"_s.arg(handOvers)));
 
     // Events handed over in one read arrive within a millisecond of each other.
     int reads = 1;
     for (qsizetype i = 1; i < arrivals.size(); ++i)
         reads += arrivals.at(i) - arrivals.at(i - 1) > 1'000'000;
-    QVERIFY2(reads <= count / 2, qPrintable(QStringLiteral("%1 reads").arg(reads)));
+    QVERIFY2(reads <= count / 2, qPrintable(u"%1 reads"_s.arg(reads)));
 }
 
 void tst_ChatStream::mockProviderProcess_streamsItsReply()
 {
     QProcess mock;
-    mock.start(QStringLiteral(VERBOLT_MOCK_PROVIDER), {QStringLiteral("--tokens-per-second"), QStringLiteral("2000")});
+    mock.start(QStringLiteral(VERBOLT_MOCK_PROVIDER), {u"--tokens-per-second"_s, u"2000"_s});
     QVERIFY(mock.waitForStarted() && mock.waitForReadyRead(10000));
-    const QString base = QStringLiteral("http://127.0.0.1:%1/v1").arg(QString::fromUtf8(mock.readLine().trimmed()));
+    const QString base = u"http://127.0.0.1:%1/v1"_s.arg(QString::fromUtf8(mock.readLine().trimmed()));
     for (const ProviderWire wire : {ProviderWire::openAI, ProviderWire::anthropic}) {
         const Recorder recorder = run(provider(wire, base));
         QCOMPARE(recorder.errorText(), QString());

@@ -29,7 +29,7 @@ struct Outcome
     }
 };
 
-Provider provider(ProviderWire wire, const QString &baseURL, const QString &key = QStringLiteral("sk-test"))
+Provider provider(ProviderWire wire, const QString &baseURL, const QString &key = u"sk-test"_s)
 {
     return {QUuid(), {}, wire, baseURL, {}, {}, key};
 }
@@ -37,7 +37,7 @@ Provider provider(ProviderWire wire, const QString &baseURL, const QString &key 
 struct FetchCase
 {
     ProviderWire wire = ProviderWire::openAI;
-    QString key = QStringLiteral("sk-test");
+    QString key = u"sk-test"_s;
     QString base = {}; // the loopback server's /v1/ when empty
     LoopbackResponse response = {};
     std::chrono::milliseconds timeout = 60s;
@@ -71,9 +71,8 @@ void tst_ModelsService::fetch_data()
         return FetchCase{.response = json(body), .models = QString::fromUtf8(models).split(u' ')};
     };
     const auto shapeError = [json](const char *body) {
-        return FetchCase{
-            .response = json(body),
-            .error = QStringLiteral("Could not parse the provider response: Unexpected /models response shape")};
+        return FetchCase{.response = json(body),
+                         .error = u"Could not parse the provider response: Unexpected /models response shape"_s};
     };
 
     // By code point: upper case first, beyond the BMP after U+FFxx; duplicates stay.
@@ -88,9 +87,9 @@ void tst_ModelsService::fetch_data()
                              R"({"models":[]})", "<html>oops</html>"})
         QTest::addRow("shape error: %s", body) << shapeError(body);
     QTest::newRow("404 plain text") << FetchCase{.response = LoopbackResponse::text(404, "Not Found\n"),
-                                                 .error = QStringLiteral("Provider returned HTTP 404: Not Found\n")};
+                                                 .error = u"Provider returned HTTP 404: Not Found\n"_s};
     QTest::newRow("500 body not UTF-8 is empty") << FetchCase{.response = LoopbackResponse::text(500, "bad \xff byte"),
-                                                              .error = QStringLiteral("Provider returned HTTP 500: ")};
+                                                              .error = u"Provider returned HTTP 500: "_s};
     // Refused before anything is sent.
     QTest::newRow("no key") << FetchCase{.key = QString(),
                                          .error =
@@ -98,8 +97,8 @@ void tst_ModelsService::fetch_data()
                                          .requests = 0};
     QTest::newRow("base URL without a scheme") << FetchCase{
         .base = u"localhost/v1"_s, .error = u"The Base URL must start with http:// or https://."_s, .requests = 0};
-    QTest::newRow("silent server times out") << FetchCase{
-        .response = LoopbackResponse::silent(), .timeout = 300ms, .error = QStringLiteral("The request timed out.")};
+    QTest::newRow("silent server times out")
+        << FetchCase{.response = LoopbackResponse::silent(), .timeout = 300ms, .error = u"The request timed out."_s};
 
     // The limits, shrunk: the texts name the shipped size. Past a limit the fetch stops reading at
     // once: the bodies never end, chunked, as fast as the client takes them.
@@ -109,16 +108,15 @@ void tst_ModelsService::fetch_data()
     QTest::newRow("model list that never ends, chunked")
         << FetchCase{.response = LoopbackResponse::endless(200, R"({"data":[)", models, "application/json"),
                      .limits = {.modelListBytes = 4 * 1024 * 1024},
-                     .error = QStringLiteral("The model list is larger than 16 MB."),
+                     .error = u"The model list is larger than 16 MB."_s,
                      .endless = true};
     QTest::newRow("error body that never ends, chunked")
         << FetchCase{.response = LoopbackResponse::endless(503, "busy", QByteArray(1024 * 1024, 'e'), "text/plain"),
                      .limits = {.errorBodyBytes = 4 * 1024 * 1024},
-                     .error = QStringLiteral("Provider returned HTTP 503 with a body over 16 MB."),
+                     .error = u"Provider returned HTTP 503 with a body over 16 MB."_s,
                      .endless = true};
-    QTest::newRow("model list of exactly the limit") << FetchCase{.response = json(R"({"data":[{"id":"a"}]})"),
-                                                                  .limits = {.modelListBytes = 21},
-                                                                  .models = {QStringLiteral("a")}};
+    QTest::newRow("model list of exactly the limit") << FetchCase{
+        .response = json(R"({"data":[{"id":"a"}]})"), .limits = {.modelListBytes = 21}, .models = {u"a"_s}};
 }
 
 void tst_ModelsService::fetch()
@@ -128,7 +126,7 @@ void tst_ModelsService::fetch()
     QVERIFY(server.listen());
     server.setResponse(row.response);
     QSignalSpy closed(&server, &LoopbackServer::answered);
-    const QString base = row.base.isEmpty() ? server.url(QStringLiteral("/v1/")).toString() : row.base;
+    const QString base = row.base.isEmpty() ? server.url(u"/v1/"_s).toString() : row.base;
 
     Outcome outcome;
     QObject consumer;
@@ -188,7 +186,7 @@ void tst_ModelsService::stopEarly()
     QTRY_VERIFY(running.isNull());
     QTest::qWait(20);
     QCOMPARE(outcome.finishedCount, cancel ? 1 : 0);
-    QCOMPARE(outcome.error, cancel ? QStringLiteral("Operation canceled") : QString());
+    QCOMPARE(outcome.error, cancel ? u"Operation canceled"_s : QString());
     delete consumer;
 }
 

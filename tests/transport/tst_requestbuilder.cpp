@@ -3,13 +3,15 @@
 
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 using Headers = QList<QPair<QByteArray, QByteArray>>;
 
 namespace {
 
-Provider provider(ProviderWire wire, const QString &baseURL, const QString &model = QStringLiteral("m"))
+Provider provider(ProviderWire wire, const QString &baseURL, const QString &model = u"m"_s)
 {
-    return Provider{QUuid::createUuid(), QStringLiteral("P"), wire, baseURL, model, {}, QStringLiteral("sk-key")};
+    return Provider{QUuid::createUuid(), u"P"_s, wire, baseURL, model, {}, u"sk-key"_s};
 }
 
 } // namespace
@@ -26,20 +28,17 @@ private slots:
         QTest::addColumn<QString>("url"); // empty: invalidBaseURL
         const int openAI = int(ProviderWire::openAI);
         const int anthropic = int(ProviderWire::anthropic);
-        QTest::newRow("blanks and one slash") << openAI << QStringLiteral("  https://api.example.com/v1/ \n")
-                                              << QStringLiteral("https://api.example.com/v1/chat/completions");
-        QTest::newRow("two slashes keep one")
-            << openAI << QStringLiteral("https://h/v1//") << QStringLiteral("https://h/v1//chat/completions");
-        QTest::newRow("anthropic path") << anthropic << QStringLiteral("https://h/v1")
-                                        << QStringLiteral("https://h/v1/messages");
-        QTest::newRow("port and query-free") << openAI << QStringLiteral("http://127.0.0.1:11434/v1")
-                                             << QStringLiteral("http://127.0.0.1:11434/v1/chat/completions");
-        QTest::newRow("no scheme check") << openAI << QStringLiteral("file:///tmp/x")
-                                         << QStringLiteral("file:///tmp/x/chat/completions");
+        QTest::newRow("blanks and one slash")
+            << openAI << u"  https://api.example.com/v1/ \n"_s << u"https://api.example.com/v1/chat/completions"_s;
+        QTest::newRow("two slashes keep one") << openAI << u"https://h/v1//"_s << u"https://h/v1//chat/completions"_s;
+        QTest::newRow("anthropic path") << anthropic << u"https://h/v1"_s << u"https://h/v1/messages"_s;
+        QTest::newRow("port and query-free")
+            << openAI << u"http://127.0.0.1:11434/v1"_s << u"http://127.0.0.1:11434/v1/chat/completions"_s;
+        QTest::newRow("no scheme check") << openAI << u"file:///tmp/x"_s << u"file:///tmp/x/chat/completions"_s;
         QTest::newRow("empty") << openAI << QString() << QString();
-        QTest::newRow("blanks and line breaks only") << anthropic << QStringLiteral(" \t\r\n ") << QString();
-        QTest::newRow("space inside") << openAI << QStringLiteral("https://h/a b") << QString();
-        QTest::newRow("bad port") << openAI << QStringLiteral("http://h:99999999/v1") << QString();
+        QTest::newRow("blanks and line breaks only") << anthropic << u" \t\r\n "_s << QString();
+        QTest::newRow("space inside") << openAI << u"https://h/a b"_s << QString();
+        QTest::newRow("bad port") << openAI << u"http://h:99999999/v1"_s << QString();
     }
 
     void endpoint()
@@ -47,12 +46,12 @@ private slots:
         QFETCH(int, wire);
         QFETCH(QString, baseURL);
         QFETCH(QString, url);
-        const auto built = ChatService::makeRequest(provider(ProviderWire(wire), baseURL), {}, QStringLiteral("k"));
+        const auto built = ChatService::makeRequest(provider(ProviderWire(wire), baseURL), {}, u"k"_s);
         if (url.isEmpty()) {
             QVERIFY(std::holds_alternative<ChatServiceError>(built));
             const auto error = std::get<ChatServiceError>(built);
             QCOMPARE(error.kind, ChatServiceError::Kind::invalidBaseURL);
-            QCOMPARE(error.errorDescription(), QStringLiteral("The provider Base URL is empty or invalid."));
+            QCOMPARE(error.errorDescription(), u"The provider Base URL is empty or invalid."_s);
             return;
         }
         QVERIFY(std::holds_alternative<HttpRequest>(built));
@@ -69,9 +68,9 @@ private slots:
         QTest::addColumn<QString>("key");
         QTest::addColumn<Headers>("headers");
         QTest::newRow("openAI, key unchanged")
-            << int(ProviderWire::openAI) << QStringLiteral(" sk-1 ")
+            << int(ProviderWire::openAI) << u" sk-1 "_s
             << Headers{{"Content-Type", "application/json"}, {"Authorization", "Bearer  sk-1 "}};
-        QTest::newRow("anthropic") << int(ProviderWire::anthropic) << QStringLiteral("ak")
+        QTest::newRow("anthropic") << int(ProviderWire::anthropic) << u"ak"_s
                                    << Headers{{"Content-Type", "application/json"},
                                               {"x-api-key", "ak"},
                                               {"anthropic-version", "2023-06-01"}};
@@ -82,8 +81,7 @@ private slots:
         QFETCH(int, wire);
         QFETCH(QString, key);
         QFETCH(Headers, headers);
-        const auto built =
-            ChatService::makeRequest(provider(ProviderWire(wire), QStringLiteral("https://h/v1")), {}, key);
+        const auto built = ChatService::makeRequest(provider(ProviderWire(wire), u"https://h/v1"_s), {}, key);
         const HttpRequest request = std::get<HttpRequest>(built);
         QCOMPARE(request.headers, headers);
         const QNetworkRequest network = request.toNetworkRequest();
@@ -117,8 +115,8 @@ private slots:
         QFETCH(int, wire);
         QFETCH(QList<ChatMessage>, messages);
         QFETCH(QByteArray, body);
-        const auto built = ChatService::makeRequest(
-            provider(ProviderWire(wire), QStringLiteral("https://h/v1"), QString()), messages, QStringLiteral("k"));
+        const auto built =
+            ChatService::makeRequest(provider(ProviderWire(wire), u"https://h/v1"_s, QString()), messages, u"k"_s);
         QCOMPARE(*std::get<HttpRequest>(built).body, body);
     }
 };
