@@ -15,6 +15,8 @@
 
 namespace StorageTest {
 
+using namespace Qt::StringLiterals;
+
 class SecretService
 {
 public:
@@ -29,13 +31,13 @@ public:
     // Empty when the keyring runs, otherwise why it could not be started.
     QString start()
     {
-        const QString busDaemon = QStandardPaths::findExecutable(QStringLiteral("dbus-daemon"));
-        const QString keyringDaemon = QStandardPaths::findExecutable(QStringLiteral("gnome-keyring-daemon"));
+        const QString busDaemon = QStandardPaths::findExecutable(u"dbus-daemon"_s);
+        const QString keyringDaemon = QStandardPaths::findExecutable(u"gnome-keyring-daemon"_s);
         if (busDaemon.isEmpty() || keyringDaemon.isEmpty())
-            return QStringLiteral("dbus-daemon or gnome-keyring-daemon is not installed (make test installs both)");
+            return u"dbus-daemon or gnome-keyring-daemon is not installed (make test installs both)"_s;
 
         // No service folders: nothing on this bus starts unless the test starts it.
-        QFile config(m_dir.filePath(QStringLiteral("bus.conf")));
+        QFile config(m_dir.filePath(u"bus.conf"_s));
         if (!config.open(QIODevice::WriteOnly))
             return config.errorString();
         config.write(
@@ -48,27 +50,25 @@ public:
                 .arg(m_dir.path())
                 .toUtf8());
         config.close();
-        m_bus.start(busDaemon, {QStringLiteral("--config-file=") + config.fileName(),
-                                QStringLiteral("--print-address=1"), QStringLiteral("--nofork")});
+        m_bus.start(busDaemon, {u"--config-file="_s + config.fileName(), u"--print-address=1"_s, u"--nofork"_s});
         if (!m_bus.waitForStarted(5000) || !m_bus.waitForReadyRead(5000))
-            return QStringLiteral("dbus-daemon did not start: ") + m_bus.errorString();
+            return u"dbus-daemon did not start: "_s + m_bus.errorString();
         const QByteArray address = m_bus.readLine().trimmed();
         qputenv("DBUS_SESSION_BUS_ADDRESS", address);
 
-        const QString home = m_dir.filePath(QStringLiteral("home"));
-        QDir().mkpath(home + QStringLiteral("/.local/share"));
-        QDir().mkpath(m_dir.filePath(QStringLiteral("run")));
+        const QString home = m_dir.filePath(u"home"_s);
+        QDir().mkpath(home + u"/.local/share"_s);
+        QDir().mkpath(m_dir.filePath(u"run"_s));
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("HOME"), home);
-        env.insert(QStringLiteral("XDG_DATA_HOME"), home + QStringLiteral("/.local/share"));
-        env.insert(QStringLiteral("XDG_RUNTIME_DIR"), m_dir.filePath(QStringLiteral("run")));
-        env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), QString::fromLatin1(address));
+        env.insert(u"HOME"_s, home);
+        env.insert(u"XDG_DATA_HOME"_s, home + u"/.local/share"_s);
+        env.insert(u"XDG_RUNTIME_DIR"_s, m_dir.filePath(u"run"_s));
+        env.insert(u"DBUS_SESSION_BUS_ADDRESS"_s, QString::fromLatin1(address));
         m_keyring.setProcessEnvironment(env);
         m_keyring.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        m_keyring.start(keyringDaemon, {QStringLiteral("--foreground"), QStringLiteral("--components=secrets"),
-                                        QStringLiteral("--unlock")});
+        m_keyring.start(keyringDaemon, {u"--foreground"_s, u"--components=secrets"_s, u"--unlock"_s});
         if (!m_keyring.waitForStarted(5000))
-            return QStringLiteral("gnome-keyring-daemon did not start: ") + m_keyring.errorString();
+            return u"gnome-keyring-daemon did not start: "_s + m_keyring.errorString();
         // --unlock reads the new login keyring's password up to the end of its input.
         m_keyring.write("test-password");
         m_keyring.waitForBytesWritten(5000);
@@ -80,19 +80,17 @@ public:
         while (waited.elapsed() < 20000) {
             QProcess ask;
             ask.setProcessEnvironment(env);
-            ask.start(QStringLiteral("dbus-send"), {QStringLiteral("--session"), QStringLiteral("--print-reply"),
-                                                    QStringLiteral("--dest=org.freedesktop.DBus"), QStringLiteral("/"),
-                                                    QStringLiteral("org.freedesktop.DBus.NameHasOwner"),
-                                                    QStringLiteral("string:org.freedesktop.secrets")});
+            ask.start(u"dbus-send"_s, {u"--session"_s, u"--print-reply"_s, u"--dest=org.freedesktop.DBus"_s, u"/"_s,
+                                       u"org.freedesktop.DBus.NameHasOwner"_s, u"string:org.freedesktop.secrets"_s});
             if (!ask.waitForFinished(5000))
-                return QStringLiteral("dbus-send did not answer");
+                return u"dbus-send did not answer"_s;
             if (ask.readAllStandardOutput().contains("boolean true"))
                 return {};
             if (m_keyring.state() == QProcess::NotRunning)
-                return QStringLiteral("gnome-keyring-daemon stopped at start");
+                return u"gnome-keyring-daemon stopped at start"_s;
             QThread::msleep(50);
         }
-        return QStringLiteral("the Secret Service did not appear on the bus");
+        return u"the Secret Service did not appear on the bus"_s;
     }
 
 private:
