@@ -51,44 +51,40 @@ class tst_ConversationDelegate : public QObject
     Q_OBJECT
 
 private slots:
-    void keptLines_drawAsFreshOnesAfterAChange_data();
-    void keptLines_drawAsFreshOnesAfterAChange();
+    void keptLines_drawAsFreshOnesAfterAChange_data()
+    {
+        QTest::addColumn<Row>("before");
+        QTest::addColumn<Row>("after");
+        const QString longTitle = QStringLiteral("A title far too long to fit on the row of a narrow sidebar at all");
+        const Row plain{longTitle, QStringLiteral("Mar 25, 07:38"), {}, {}, 400};
+        QTest::newRow("narrowed: the title is elided again") << plain << Row{plain.title, plain.date, {}, {}, 150};
+        QTest::newRow("widened: more of the title shows") << Row{plain.title, plain.date, {}, {}, 150} << plain;
+        QTest::newRow("renamed at the same width") << plain << Row{QStringLiteral("Short"), plain.date, {}, {}, 400};
+        QTest::newRow("a later date") << plain << Row{plain.title, QStringLiteral("Mar 26, 09:00"), {}, {}, 400};
+        const Row found{plain.title, plain.date, QStringLiteral("…the café on the corner"), {{4, 4}}, 300};
+        QTest::newRow("the same context, other words in bold")
+            << found << Row{found.title, found.date, found.context, {{16, 6}}, 300};
+        QTest::newRow("a result becomes a plain row") << found << Row{found.title, found.date, {}, {}, 300};
+    }
+    void keptLines_drawAsFreshOnesAfterAChange()
+    {
+        QFETCH(Row, before);
+        QFETCH(Row, after);
+        QStandardItemModel model;
+        auto *item = new QStandardItem;
+        model.appendRow(item);
+        ConversationDelegate kept;
+        show(item, before);
+        (void)drawn(kept, model.index(0, 0), before.width);
+        show(item, after);
+        const QImage again = drawn(kept, model.index(0, 0), after.width);
+        ConversationDelegate fresh;
+        QCOMPARE(again, drawn(fresh, model.index(0, 0), after.width));
+        QImage blank(again.size(), again.format());
+        blank.fill(Qt::white);
+        QVERIFY(again != blank);
+    }
 };
-
-void tst_ConversationDelegate::keptLines_drawAsFreshOnesAfterAChange_data()
-{
-    QTest::addColumn<Row>("before");
-    QTest::addColumn<Row>("after");
-    const QString longTitle = QStringLiteral("A title far too long to fit on the row of a narrow sidebar at all");
-    const Row plain{longTitle, QStringLiteral("Mar 25, 07:38"), {}, {}, 400};
-    QTest::newRow("narrowed: the title is elided again") << plain << Row{plain.title, plain.date, {}, {}, 150};
-    QTest::newRow("widened: more of the title shows") << Row{plain.title, plain.date, {}, {}, 150} << plain;
-    QTest::newRow("renamed at the same width") << plain << Row{QStringLiteral("Short"), plain.date, {}, {}, 400};
-    QTest::newRow("a later date") << plain << Row{plain.title, QStringLiteral("Mar 26, 09:00"), {}, {}, 400};
-    const Row found{plain.title, plain.date, QStringLiteral("…the café on the corner"), {{4, 4}}, 300};
-    QTest::newRow("the same context, other words in bold")
-        << found << Row{found.title, found.date, found.context, {{16, 6}}, 300};
-    QTest::newRow("a result becomes a plain row") << found << Row{found.title, found.date, {}, {}, 300};
-}
-
-void tst_ConversationDelegate::keptLines_drawAsFreshOnesAfterAChange()
-{
-    QFETCH(Row, before);
-    QFETCH(Row, after);
-    QStandardItemModel model;
-    auto *item = new QStandardItem;
-    model.appendRow(item);
-    ConversationDelegate kept;
-    show(item, before);
-    (void)drawn(kept, model.index(0, 0), before.width);
-    show(item, after);
-    const QImage again = drawn(kept, model.index(0, 0), after.width);
-    ConversationDelegate fresh;
-    QCOMPARE(again, drawn(fresh, model.index(0, 0), after.width));
-    QImage blank(again.size(), again.format());
-    blank.fill(Qt::white);
-    QVERIFY(again != blank);
-}
 
 QTEST_MAIN(tst_ConversationDelegate)
 #include "tst_conversationdelegate.moc"

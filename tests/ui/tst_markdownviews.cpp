@@ -14,29 +14,30 @@
 #include <QTest>
 #include <QToolButton>
 
+using namespace Qt::StringLiterals;
+
 // What a block's view shows, in a few words: "heading 22 bold: Title", "code [js title=x]",
 // "table 3x2", "bullet: • item".
 static QString describe(const MarkdownBlockView *view)
 {
     if (const auto *code = qobject_cast<const CodeBlockView *>(view))
-        return QStringLiteral("code [%1]").arg(code->label());
+        return u"code [%1]"_s.arg(code->label());
     if (const auto *table = qobject_cast<const TableBlockView *>(view))
-        return QStringLiteral("table %1x%2").arg(table->columnCount()).arg(table->rowCount());
+        return u"table %1x%2"_s.arg(table->columnCount()).arg(table->rowCount());
     const auto *text = qobject_cast<const TextBlockView *>(view);
     using Kind = MarkdownText::Block::Kind;
     switch (text->block().kind) {
     case Kind::Heading:
-        return QStringLiteral("heading %1%2: %3")
-            .arg(text->textFont().pixelSize())
-            .arg(text->textFont().bold() ? QStringLiteral(" bold") : QString())
+        return u"heading %1%2: %3"_s.arg(text->textFont().pixelSize())
+            .arg(text->textFont().bold() ? u" bold"_s : QString())
             .arg(text->displayText());
     case Kind::Bullet:
     case Kind::Ordered:
-        return QStringLiteral("item: ") + text->displayText();
+        return u"item: "_s + text->displayText();
     case Kind::Quote:
-        return QStringLiteral("quote: ") + text->displayText();
+        return u"quote: "_s + text->displayText();
     default:
-        return QStringLiteral("paragraph: ") + text->displayText();
+        return u"paragraph: "_s + text->displayText();
     }
 }
 
@@ -59,21 +60,17 @@ private slots:
         QTest::addColumn<QStringList>("views");
 
         QTest::newRow("empty") << QString() << QStringList();
-        QTest::newRow("heading sizes by level")
-            << QStringLiteral("# One\n## Two\n### Three\n##### Five")
-            << QStringList{QStringLiteral("heading 22 bold: One"), QStringLiteral("heading 19 bold: Two"),
-                           QStringLiteral("heading 17 bold: Three"), QStringLiteral("heading 15 bold: Five")};
-        QTest::newRow("line break kept, markup gone")
-            << QStringLiteral("a **b**\nc") << QStringList{QStringLiteral("paragraph: a b\nc")};
-        QTest::newRow("lists") << QStringLiteral("- item\n12. twelve")
-                               << QStringList{QStringLiteral("item: • item"), QStringLiteral("item: 12. twelve")};
-        QTest::newRow("quote") << QStringLiteral("> said") << QStringList{QStringLiteral("quote: said")};
-        QTest::newRow("code labels") << QStringLiteral("```\nx\n```\n```js title=x\ny\n```")
-                                     << QStringList{QStringLiteral("code [code]"), QStringLiteral("code [js title=x]")};
-        QTest::newRow("table") << QStringLiteral("| a | b |\n|---|---|\n| 1 | 2 |")
-                               << QStringList{QStringLiteral("table 2x1")};
+        QTest::newRow("heading sizes by level") << u"# One\n## Two\n### Three\n##### Five"_s
+                                                << QStringList{u"heading 22 bold: One"_s, u"heading 19 bold: Two"_s,
+                                                               u"heading 17 bold: Three"_s, u"heading 15 bold: Five"_s};
+        QTest::newRow("line break kept, markup gone") << u"a **b**\nc"_s << QStringList{u"paragraph: a b\nc"_s};
+        QTest::newRow("lists") << u"- item\n12. twelve"_s << QStringList{u"item: • item"_s, u"item: 12. twelve"_s};
+        QTest::newRow("quote") << u"> said"_s << QStringList{u"quote: said"_s};
+        QTest::newRow("code labels") << u"```\nx\n```\n```js title=x\ny\n```"_s
+                                     << QStringList{u"code [code]"_s, u"code [js title=x]"_s};
+        QTest::newRow("table") << u"| a | b |\n|---|---|\n| 1 | 2 |"_s << QStringList{u"table 2x1"_s};
         QTest::newRow("unclosed markup stays visible")
-            << QStringLiteral("**open [link](") << QStringList{QStringLiteral("paragraph: **open [link](")};
+            << u"**open [link]("_s << QStringList{u"paragraph: **open [link]("_s};
     }
     void blocks()
     {
@@ -95,7 +92,7 @@ private slots:
     {
         MarkdownTextView view;
         view.resize(500, 300);
-        view.setText(QStringLiteral("Intro\n\n```py\nx = 1\n```\n\nTail"));
+        view.setText(u"Intro\n\n```py\nx = 1\n```\n\nTail"_s);
         QCOMPARE(view.blockViews().size(), 3);
         const QList<MarkdownBlockView *> before = view.blockViews();
         auto *code = qobject_cast<CodeBlockView *>(before.at(1));
@@ -103,33 +100,17 @@ private slots:
         code->copy();
         QVERIFY(code->copied());
 
-        view.setText(QStringLiteral("Intro\n\n```py\nx = 1\ny = 2\n```\n\nTail grows"));
+        view.setText(u"Intro\n\n```py\nx = 1\ny = 2\n```\n\nTail grows"_s);
         QCOMPARE(view.blockViews(), before);
         QVERIFY(code->copied());
-        QCOMPARE(code->code(), QStringLiteral("x = 1\ny = 2"));
-        QCOMPARE(describe(view.blockViews().at(2)), QStringLiteral("paragraph: Tail grows"));
+        QCOMPARE(code->code(), u"x = 1\ny = 2"_s);
+        QCOMPARE(describe(view.blockViews().at(2)), u"paragraph: Tail grows"_s);
 
-        view.setText(QStringLiteral("Intro\n\n- now a list"));
+        view.setText(u"Intro\n\n- now a list"_s);
         QCOMPARE(view.blockViews().size(), 2);
         QCOMPARE(view.blockViews().at(0), before.at(0));
         QVERIFY(view.blockViews().at(1) != before.at(1));
-        QCOMPARE(describe(view.blockViews().at(1)), QStringLiteral("item: • now a list"));
-    }
-    // Text given before the view has a size is placed at its first size, even one equal to the
-    // size Qt gives a widget nobody sized.
-    void placedAtFirstSize()
-    {
-        QWidget parent;
-        parent.resize(300, 300);
-        auto *view = new MarkdownTextView(&parent);
-        parent.show();
-        view->setText(QStringLiteral("First\n\nSecond"));
-        const int w = view->width();
-        view->setGeometry(0, 0, w, view->heightForWidth(w));
-        const QList<MarkdownBlockView *> blocks = view->blockViews();
-        QCOMPARE(blocks.size(), 2);
-        QCOMPARE(blocks.at(0)->height(), blocks.at(0)->heightForWidth(w));
-        QVERIFY(blocks.at(1)->y() > blocks.at(0)->geometry().bottom());
+        QCOMPARE(describe(view.blockViews().at(1)), u"item: • now a list"_s);
     }
     // A block that grows a little at a time keeps the lines it had and lays out only the rest:
     // what it draws, where it marks a find hit and how tall it is must be what the whole text
@@ -139,12 +120,12 @@ private slots:
         QTest::addColumn<QString>("markdown");
         QTest::addColumn<int>("step");
 
-        QStringList words{QStringLiteral("Throughput"), QStringLiteral("`C:\\Users\\dev`"),
-                          QStringLiteral("café"),       QStringLiteral("größer"),
-                          QStringLiteral("**данные**"), QStringLiteral("日本語テキスト"),
-                          QStringLiteral("✓"),          QStringLiteral("[slot](https://example.com/1)"),
-                          QStringLiteral("*loop*"),     QStringLiteral("event"),
-                          QStringLiteral("a-b-c")};
+        QStringList words{u"Throughput"_s, u"`C:\\Users\\dev`"_s,
+                          u"café"_s,       u"größer"_s,
+                          u"**данные**"_s, u"日本語テキスト"_s,
+                          u"✓"_s,          u"[slot](https://example.com/1)"_s,
+                          u"*loop*"_s,     u"event"_s,
+                          u"a-b-c"_s};
         const auto prose = [&](int count, int seed) {
             QStringList out;
             for (int i = 0; i < count; ++i)
@@ -152,14 +133,11 @@ private slots:
             return out.join(QLatin1Char(' '));
         };
         QTest::newRow("paragraph") << prose(160, 1) << 7;
-        QTest::newRow("bold closed many lines later")
-            << QStringLiteral("**") + prose(60, 2) + QStringLiteral("** ") + prose(40, 3) << 5;
-        QTest::newRow("list item") << QStringLiteral("- ") + prose(90, 4) << 3;
-        QTest::newRow("quote") << QStringLiteral("> ") + prose(90, 5) << 11;
-        QTest::newRow("line breaks") << prose(30, 6) + QStringLiteral("\n") + prose(40, 7) + QStringLiteral("\n\\") +
-                                            prose(30, 8)
-                                     << 4;
-        QTest::newRow("right to left") << QStringLiteral("שלום עולם 123 ") + prose(60, 10) << 9;
+        QTest::newRow("bold closed many lines later") << u"**"_s + prose(60, 2) + u"** "_s + prose(40, 3) << 5;
+        QTest::newRow("list item") << u"- "_s + prose(90, 4) << 3;
+        QTest::newRow("quote") << u"> "_s + prose(90, 5) << 11;
+        QTest::newRow("line breaks") << prose(30, 6) + u"\n"_s + prose(40, 7) + u"\n\\"_s + prose(30, 8) << 4;
+        QTest::newRow("right to left") << u"שלום עולם 123 "_s + prose(60, 10) << 9;
         QTest::newRow("unbroken run") << QString(700, QLatin1Char('w')) + QLatin1Char(' ') + prose(40, 11) << 13;
         QTest::newRow("longer than a span") << prose(1100, 12) << 37;
     }
@@ -209,40 +187,45 @@ private slots:
         compare(width + 137);
     }
     // Blocks stack top to bottom, each at its own height and 3 points apart, however many there
-    // are and however the text grew, shrank or changed in the middle.
+    // are and however the text grew, shrank or changed in the middle. Text given before the view
+    // has a size is placed at its first size, even one equal to the size Qt gives a widget nobody
+    // sized.
     void blocksStack_data()
     {
         QTest::addColumn<QString>("first");
         QTest::addColumn<QString>("second");
+        QTest::addColumn<bool>("unsized"); // laid out at the width Qt gave the view
         const auto paragraphs = [](int count, int longOne = -1) {
             QStringList parts;
             for (int k = 0; k < count; ++k)
-                parts.append(k == longOne ? QStringLiteral("words ").repeated(80)
-                                          : QStringLiteral("Paragraph %1").arg(k));
-            return parts.join(QStringLiteral("\n\n"));
+                parts.append(k == longOne ? u"words "_s.repeated(80) : u"Paragraph %1"_s.arg(k));
+            return parts.join(u"\n\n"_s);
         };
-        QTest::newRow("grows past a run") << paragraphs(20) << paragraphs(70);
-        QTest::newRow("shrinks to a run and one") << paragraphs(70) << paragraphs(33);
-        QTest::newRow("shrinks to part of a run") << paragraphs(70) << paragraphs(5);
-        QTest::newRow("middle block grows") << paragraphs(70) << paragraphs(70, 40);
-        QTest::newRow("first block grows") << paragraphs(70) << paragraphs(70, 0);
+        QTest::newRow("grows past a run") << paragraphs(20) << paragraphs(70) << false;
+        QTest::newRow("shrinks to a run and one") << paragraphs(70) << paragraphs(33) << false;
+        QTest::newRow("shrinks to part of a run") << paragraphs(70) << paragraphs(5) << false;
+        QTest::newRow("middle block grows") << paragraphs(70) << paragraphs(70, 40) << false;
+        QTest::newRow("first block grows") << paragraphs(70) << paragraphs(70, 0) << false;
+        QTest::newRow("unsized") << u"First\n\nSecond"_s << u"First\n\nSecond"_s << true;
     }
     void blocksStack()
     {
         QFETCH(QString, first);
         QFETCH(QString, second);
+        QFETCH(bool, unsized);
         QWidget parent;
         parent.resize(300, 300);
         auto *view = new MarkdownTextView(&parent);
         parent.show();
+        const int width = unsized ? view->width() : 300;
         for (const QString &text : {first, second}) {
             view->setText(text);
-            view->setGeometry(0, 0, 300, view->heightForWidth(300));
+            view->setGeometry(0, 0, width, view->heightForWidth(width));
             int y = 0;
             for (const MarkdownBlockView *block : view->blockViews()) {
                 QVERIFY(block->isVisibleTo(view));
                 QCOMPARE(block->mapTo(view, QPoint(0, 0)), QPoint(0, y));
-                QCOMPARE(block->size(), QSize(300, block->heightForWidth(300)));
+                QCOMPARE(block->size(), QSize(width, block->heightForWidth(width)));
                 y += block->height() + MarkdownTextView::blockSpacing;
             }
             QCOMPARE(y - MarkdownTextView::blockSpacing, view->height());
@@ -250,13 +233,13 @@ private slots:
     }
     void copyCode()
     {
-        CodeBlockView view(QStringLiteral("print(\"hi\")\nexit()"), QStringLiteral("python"));
-        QGuiApplication::clipboard()->setText(QStringLiteral("old"));
+        CodeBlockView view(u"print(\"hi\")\nexit()"_s, u"python"_s);
+        QGuiApplication::clipboard()->setText(u"old"_s);
         const qint64 before = view.copyButton()->icon().cacheKey();
 
         view.copyButton()->setFocus();
         QTest::keyClick(view.copyButton(), Qt::Key_Space);
-        QCOMPARE(QGuiApplication::clipboard()->text(), QStringLiteral("print(\"hi\")\nexit()"));
+        QCOMPARE(QGuiApplication::clipboard()->text(), u"print(\"hi\")\nexit()"_s);
         QVERIFY(view.copied());
         QVERIFY(view.copyButton()->icon().cacheKey() != before);
 
@@ -272,11 +255,11 @@ private slots:
                          code->mapToGlobal(QPointF(code->contentWidth(), y)), Qt::NoButton, Qt::LeftButton,
                          Qt::NoModifier);
         QApplication::sendEvent(code, &move);
-        QCOMPARE(code->selectedText(), QStringLiteral("exit()"));
+        QCOMPARE(code->selectedText(), u"exit()"_s);
         // Like the button, the shortcut clears the clipboard before it sets the text.
         QSignalSpy changes(QGuiApplication::clipboard(), &QClipboard::dataChanged);
         QTest::keyClick(code, Qt::Key_C, Qt::ControlModifier);
-        QCOMPARE(QGuiApplication::clipboard()->text(), QStringLiteral("exit()"));
+        QCOMPARE(QGuiApplication::clipboard()->text(), u"exit()"_s);
         QCOMPARE(changes.count(), 2);
     }
     // Each press schedules its own reset and none is cancelled: a second press shortly after the
@@ -284,7 +267,7 @@ private slots:
     void copyResetsFromEachPress()
     {
         CopyFeedback::setResetDelayMs(400);
-        CodeBlockView view(QStringLiteral("x"), std::nullopt);
+        CodeBlockView view(u"x"_s, std::nullopt);
         QElapsedTimer timer;
         timer.start();
         view.copy();
@@ -297,7 +280,7 @@ private slots:
     void longCodeScrollsInside()
     {
         MarkdownTextView view;
-        view.setText(QStringLiteral("```\n") + QString(400, QLatin1Char('x')) + QStringLiteral("\n```"));
+        view.setText(u"```\n"_s + QString(400, QLatin1Char('x')) + u"\n```"_s);
         view.resize(300, view.heightForWidth(300));
         view.show();
         auto *code = qobject_cast<CodeBlockView *>(view.blockViews().at(0));
@@ -311,9 +294,9 @@ private slots:
     {
         QTest::addColumn<QString>("markdown");
         QTest::addColumn<int>("opened");
-        QTest::newRow("https") << QStringLiteral("[go](https://example.com/a)") << 1;
-        QTest::newRow("mail autolink") << QStringLiteral("<me@example.com>") << 1;
-        QTest::newRow("file") << QStringLiteral("[go](file:///etc/passwd)") << 0;
+        QTest::newRow("https") << u"[go](https://example.com/a)"_s << 1;
+        QTest::newRow("mail autolink") << u"<me@example.com>"_s << 1;
+        QTest::newRow("file") << u"[go](file:///etc/passwd)"_s << 0;
     }
     void onlySafeLinksOpen()
     {

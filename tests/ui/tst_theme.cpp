@@ -4,17 +4,6 @@
 #include <QImage>
 #include <QTest>
 
-class tst_Theme : public QObject
-{
-    Q_OBJECT
-
-private slots:
-    void ourSymbols_drawVisiblyInTheirTint_data();
-    void ourSymbols_drawVisiblyInTheirTint();
-    void unknownSymbol_stillDrawsSomething();
-    void textStyles_keepTheirOrder();
-};
-
 static int paintedPixels(const QImage &image, QColor *seen = nullptr)
 {
     int count = 0;
@@ -31,47 +20,50 @@ static int paintedPixels(const QImage &image, QColor *seen = nullptr)
     return count;
 }
 
-void tst_Theme::ourSymbols_drawVisiblyInTheirTint_data()
+class tst_Theme : public QObject
 {
-    QTest::addColumn<QString>("symbol");
-    for (const char *name :
-         {"doc.on.doc", "checkmark", "pencil", "trash", "square.and.pencil", "key.horizontal", "square.and.arrow.up",
-          "gearshape", "chevron.down", "arrow.clockwise", "arrow.down", "stop.fill", "arrow.up.circle.fill",
-          "checkmark.circle.fill", "exclamationmark.triangle.fill", "plus", "minus"})
-        QTest::newRow(name) << QString::fromLatin1(name);
-}
+    Q_OBJECT
 
-void tst_Theme::ourSymbols_drawVisiblyInTheirTint()
-{
-    QFETCH(QString, symbol);
-    const QByteArray latin = symbol.toLatin1();
-    const QLatin1StringView name(latin);
-    QVERIFY(Theme::hasSymbol(name));
-    QVERIFY(!Theme::themeIconName(name).isEmpty());
+private slots:
+    void ourSymbols_drawVisiblyInTheirTint_data()
+    {
+        QTest::addColumn<QString>("symbol");
+        for (const char *name :
+             {"doc.on.doc", "checkmark", "pencil", "trash", "square.and.pencil", "key.horizontal",
+              "square.and.arrow.up", "gearshape", "chevron.down", "arrow.clockwise", "arrow.down", "stop.fill",
+              "arrow.up.circle.fill", "checkmark.circle.fill", "exclamationmark.triangle.fill", "plus", "minus"})
+            QTest::newRow(name) << QString::fromLatin1(name);
+    }
+    void ourSymbols_drawVisiblyInTheirTint()
+    {
+        QFETCH(QString, symbol);
+        const QByteArray latin = symbol.toLatin1();
+        const QLatin1StringView name(latin);
+        QVERIFY(Theme::hasSymbol(name));
+        QVERIFY(!Theme::themeIconName(name).isEmpty());
 
-    const QImage image = Theme::symbolIcon(name, QColor(Qt::red)).pixmap(QSize(32, 32)).toImage();
-    QColor seen;
-    QVERIFY2(paintedPixels(image, &seen) > 12, qPrintable(symbol));
-    QCOMPARE(seen.red(), 255);
-    QCOMPARE(seen.green(), 0);
-}
-
-void tst_Theme::unknownSymbol_stillDrawsSomething()
-{
-    const QLatin1StringView name("no.such.symbol");
-    QVERIFY(!Theme::hasSymbol(name));
-    QVERIFY(paintedPixels(Theme::symbolIcon(name, QColor(Qt::blue)).pixmap(QSize(24, 24)).toImage()) > 12);
-}
-
-void tst_Theme::textStyles_keepTheirOrder()
-{
-    using Theme::TextStyle;
-    const auto px = [](TextStyle s) { return Theme::font(s).pixelSize(); };
-    QVERIFY(px(TextStyle::LargeTitle) > px(TextStyle::Title2));
-    QVERIFY(px(TextStyle::Title2) > px(TextStyle::Body));
-    QVERIFY(px(TextStyle::Body) > px(TextStyle::Caption));
-    QCOMPARE(Theme::font(TextStyle::Headline).weight(), QFont::Bold);
-}
+        const QImage image = Theme::symbolIcon(name, QColor(Qt::red)).pixmap(QSize(32, 32)).toImage();
+        QColor seen;
+        QVERIFY2(paintedPixels(image, &seen) > 12, qPrintable(symbol));
+        QCOMPARE(seen.red(), 255);
+        QCOMPARE(seen.green(), 0);
+    }
+    void unknownSymbol_stillDrawsSomething()
+    {
+        const QLatin1StringView name("no.such.symbol");
+        QVERIFY(!Theme::hasSymbol(name));
+        QVERIFY(paintedPixels(Theme::symbolIcon(name, QColor(Qt::blue)).pixmap(QSize(24, 24)).toImage()) > 12);
+    }
+    void textStyles_keepTheirOrder()
+    {
+        using Theme::TextStyle;
+        const auto px = [](TextStyle s) { return Theme::font(s).pixelSize(); };
+        QVERIFY(px(TextStyle::LargeTitle) > px(TextStyle::Title2));
+        QVERIFY(px(TextStyle::Title2) > px(TextStyle::Body));
+        QVERIFY(px(TextStyle::Body) > px(TextStyle::Caption));
+        QCOMPARE(Theme::font(TextStyle::Headline).weight(), QFont::Bold);
+    }
+};
 
 QTEST_MAIN(tst_Theme)
 #include "tst_theme.moc"
