@@ -49,15 +49,6 @@ struct Form
     std::unique_ptr<ProviderEditor> editor;
 };
 
-std::optional<Provider> stored(const ProviderStore &store, const QUuid &id)
-{
-    for (const Provider &p : store.providers()) {
-        if (p.id == id)
-            return p;
-    }
-    return std::nullopt;
-}
-
 } // namespace
 
 class tst_ProviderEditor final : public QObject
@@ -160,7 +151,7 @@ private slots:
             QVERIFY(!error.isEmpty());
             QCOMPARE(form.editor->fetchedModels(), original.cachedModels); // the old list stays offered
         }
-        QCOMPARE(*stored(store, original.id), expected);
+        QCOMPARE(*store.find(original.id), expected);
         const QStringList offered = form.editor->fetchedModels();
         QCOMPARE(form.chooser()->isVisible(), !offered.isEmpty());
         if (offered.isEmpty())
@@ -171,11 +162,11 @@ private slots:
         QCOMPARE(items.size(), offered.size());
         items.last()->trigger();
         QCOMPARE(form.edit(u"model"_s)->text(), offered.last());
-        QCOMPARE(stored(store, original.id)->model, original.model);
+        QCOMPARE(store.find(original.id)->model, original.model);
 
         form.click(u"save"_s);
         QVERIFY(form.savedShown());
-        const Provider saved = *stored(store, original.id);
+        const Provider saved = *store.find(original.id);
         QCOMPARE(saved.name, u"After"_s);
         QCOMPARE(saved.wire, ProviderWire::openAI);
         QCOMPARE(saved.model, offered.last());
@@ -195,7 +186,7 @@ private slots:
             form.click(u"fetchModels"_s);
             QVERIFY(form.editor->isFetching());
         }
-        QTRY_COMPARE(stored(store, id)->cachedModels.size(), m_mock.options().models.size());
+        QTRY_COMPARE(store.find(id)->cachedModels.size(), m_mock.options().models.size());
     }
 
     void proxy_savedOnlyWhenUsable_data()
@@ -229,7 +220,7 @@ private slots:
         QLabel *note = form.child<QLabel>(u"proxyError"_s);
         QCOMPARE(note->isVisible(), saved.isNull());
         QCOMPARE(form.savedShown(), !saved.isNull());
-        QCOMPARE(stored(store, id)->proxy, saved.isNull() ? QString() : saved);
+        QCOMPARE(store.find(id)->proxy, saved.isNull() ? QString() : saved);
         if (saved.isNull()) {
             QCOMPARE(note->text(), u"Enter the proxy as http://host:port or socks5://host:port, or leave it empty to "
                                    "use the system's proxy settings."_s);
