@@ -9,6 +9,7 @@
 #include <QNetworkAccessManager>
 #include <QNetworkProxyFactory>
 #include <QNetworkReply>
+#include <QTimer>
 
 namespace NetworkAccess {
 
@@ -151,34 +152,62 @@ bool hasControlCharacter(QByteArrayView value)
 
 const char *const activityClockName = "verbolt-activity-clock";
 
-// When a reply last brought something in. Qt reports its own transfer time-out as a plain
-// cancellation; only a reply that has been quiet for about that long can have timed out. The
-// progress signals are left out: Qt emits them once more while it aborts.
+// The transfer time-out: a reply that brings nothing in for timeoutMs is aborted, and its
+// cancellation then reads as a time-out. Qt's own time-out (QNetworkRequest's transfer time-out)
+// restarts its timer through a queued call for every piece of a body that arrives, which for a
+// streamed reply is a wake-up of the event loop per token; here a piece only notes the time, and
+// the one timer, when it fires early, is set again for what is left.
 class ActivityClock final : public QObject
 {
 public:
-    explicit ActivityClock(QNetworkReply *reply)
+    ActivityClock(QNetworkReply *reply, int timeoutMs)
         : QObject(reply)
+        , m_timeoutMs(timeoutMs)
     {
         setObjectName(QLatin1StringView(activityClockName));
         m_sinceActivity.start();
         const auto touch = [this] { m_sinceActivity.start(); };
         connect(reply, &QNetworkReply::metaDataChanged, this, touch);
         connect(reply, &QNetworkReply::readyRead, this, touch);
+        // A long conversation can take a while to send on a slow link.
+        connect(reply, &QNetworkReply::uploadProgress, this, [this](qint64 sent) {
+            if (sent > 0)
+                m_sinceActivity.start();
+        });
+        if (timeoutMs <= 0)
+            return;
+        m_timer.setSingleShot(true);
+        connect(&m_timer, &QTimer::timeout, this, [this, reply] { check(reply); });
+        connect(reply, &QNetworkReply::finished, &m_timer, &QTimer::stop);
+        m_timer.start(timeoutMs);
     }
 
-    qint64 quietMs() const { return m_sinceActivity.elapsed(); }
+    bool fired() const { return m_fired; }
 
 private:
+    void check(QNetworkReply *reply)
+    {
+        if (!reply->isRunning())
+            return;
+        const qint64 quiet = m_sinceActivity.elapsed();
+        if (quiet < m_timeoutMs) {
+            m_timer.start(int(m_timeoutMs - quiet));
+            return;
+        }
+        m_fired = true;
+        reply->abort();
+    }
+
+    int m_timeoutMs;
     QElapsedTimer m_sinceActivity;
+    QTimer m_timer;
+    bool m_fired = false;
 };
 
 bool timedOut(const QNetworkReply &reply)
 {
-    const int timeoutMs = reply.request().transferTimeout();
     const auto *clock = reply.findChild<QObject *>(QLatin1StringView(activityClockName), Qt::FindDirectChildrenOnly);
-    // Qt's coarse timers may fire a little early.
-    return timeoutMs > 0 && clock && static_cast<const ActivityClock *>(clock)->quietMs() >= timeoutMs * 9 / 10;
+    return clock && static_cast<const ActivityClock *>(clock)->fired();
 }
 
 TransferError unknownScheme()
@@ -198,8 +227,8 @@ TransferError transferError(const QNetworkReply &reply)
 {
     switch (reply.error()) {
     case QNetworkReply::OperationCanceledError:
-        // Our own aborts disconnect first, so a cancellation that reaches us is the transfer
-        // time-out, which Qt reports in the same words as a user's Stop, or someone else's.
+        // Qt reports an abort in the same words whoever asked for it: the user's Stop, someone
+        // else's, or the transfer time-out.
         if (timedOut(reply))
             return {QNetworkReply::TimeoutError, QStringLiteral("The request timed out.")};
         return {QNetworkReply::OperationCanceledError,
@@ -267,7 +296,7 @@ std::variant<QNetworkReply *, ServiceError> send(const HttpRequest &request)
     const QNetworkRequest networkRequest = request.toNetworkRequest();
     QNetworkReply *reply = request.body ? sender->sendCustomRequest(networkRequest, request.method, *request.body)
                                         : sender->sendCustomRequest(networkRequest, request.method);
-    new ActivityClock(reply);
+    new ActivityClock(reply, request.timeoutMs);
     bound(reply);
     return reply;
 }

@@ -19,7 +19,8 @@ namespace NetworkAccess {
 // managers of providers' own proxies, with the application object. Requires a QCoreApplication.
 QNetworkAccessManager &manager();
 
-// Sends request (its method, headers, body and time-out); the caller owns the reply. Refuses,
+// Sends request (its method, headers and body); the caller owns the reply, which is aborted once
+// it has brought nothing in for the request's time-out. Refuses,
 // sending nothing, a header value that holds a control character (a key pasted with a line
 // break would otherwise split the request or add headers of its own), a URL whose scheme Qt
 // cannot send to, and a provider's proxy that is not http://host:port or socks5://host:port.
@@ -31,8 +32,8 @@ std::variant<QNetworkReply *, ServiceError> send(const HttpRequest &request);
 // A reply as far as Qt has told of it: the HTTP status once the head is in, or the failure that
 // ends it; neither while the head is awaited. A 4xx or 5xx is an answer even though Qt flags it
 // as an error too; only a failed transfer, or a reply that is not HTTP at all, is a failure. A
-// cancellation reads "The request timed out." only when the reply had been quiet for its
-// transfer time-out; any other cancellation says the connection closed early.
+// cancellation reads "The request timed out." only when send() aborted it for having been quiet
+// for its time-out; any other cancellation says the connection closed early.
 struct ReplyState
 {
     std::optional<int> status;

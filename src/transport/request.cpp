@@ -5,7 +5,6 @@ QNetworkRequest HttpRequest::toNetworkRequest() const
     QNetworkRequest request(url);
     for (const auto &[name, value] : headers)
         request.setRawHeader(name, value);
-    request.setTransferTimeout(timeoutMs);
     // Qt's default would replay our raw headers, the API key among them, to whatever host the
     // Location names.
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);

@@ -22,9 +22,9 @@ struct HttpRequest
     int timeoutMs = defaultTimeoutMs;
     QString proxy = {}; // the provider's own proxy; empty: the system's
 
-    // The QNetworkRequest carrying exactly these headers and the transfer time-out. Redirects are
-    // never followed: a 3xx reaches the caller as its own status, so the key never travels to
-    // another origin.
+    // The QNetworkRequest carrying exactly these headers; the time-out is kept by
+    // NetworkAccess::send(), which aborts a reply quiet for timeoutMs. Redirects are never followed: a 3xx reaches the
+    // caller as its own status, so the key never travels to another origin.
     QNetworkRequest toNetworkRequest() const;
 };
 

@@ -82,6 +82,7 @@ struct StreamCase
     ProviderWire wire = ProviderWire::openAI;
     LoopbackResponse response;
     QList<ChatEvent> expected;
+    std::chrono::milliseconds timeout = 60s;
 };
 
 struct FailCase
@@ -192,6 +193,15 @@ void tst_ChatStream::deliversEventsInOrder_data()
             sse(R"({"type":"content_block_delta","delta":{"type":"text_delta","text":"late"}})"),
         }),
         .expected = QList<ChatEvent>{usage(12, {}, {})} + hello + QList<ChatEvent>{usage({}, 2, {})}};
+    // The time-out counts quiet time, not the length of the whole reply.
+    QList<QByteArray> slow;
+    QList<ChatEvent> slowEvents;
+    for (const char *piece : {"a", "b", "c", "d", "e", "f"}) {
+        slow.append(chunk(piece));
+        slowEvents.append(delta(QString::fromLatin1(piece)));
+    }
+    QTest::newRow("slow stream longer than the time-out")
+        << StreamCase{.response = LoopbackResponse::eventStream(slow, 250), .expected = slowEvents, .timeout = 1000ms};
 }
 
 void tst_ChatStream::deliversEventsInOrder()
@@ -201,7 +211,7 @@ void tst_ChatStream::deliversEventsInOrder()
     QVERIFY(server.listen());
     server.setResponse(row.response);
 
-    const Recorder recorder = run(provider(row.wire, server.url(u"/v1/"_s).toString()));
+    const Recorder recorder = run(provider(row.wire, server.url(u"/v1/"_s).toString()), ChatService(row.timeout));
     QCOMPARE(recorder.errorText(), QString());
     QCOMPARE(recorder.events, row.expected);
     QCOMPARE(recorder.eventsAfterEnd, 0);

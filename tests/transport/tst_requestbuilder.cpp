@@ -59,7 +59,6 @@ private slots:
         QCOMPARE(request.url.toString(), url);
         QCOMPARE(request.method, QByteArray("POST"));
         QCOMPARE(request.timeoutMs, 60000);
-        QCOMPARE(request.toNetworkRequest().transferTimeout(), 60000);
     }
 
     void headersInOrder_data()
