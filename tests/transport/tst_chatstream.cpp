@@ -260,10 +260,9 @@ void tst_ChatStream::fails_data()
     QTest::newRow("self-signed TLS") << FailCase{
         .base = u"{tls}/v1"_s, .text = u"SSL"_s, .code = QNetworkReply::SslHandshakeFailedError, .requests = 0};
     const QString timedOut = u"The request timed out."_s;
-    QTest::newRow("silent server times out") << FailCase{.response = LoopbackResponse::silent(),
-                                                         .timeout = 300ms,
-                                                         .text = timedOut,
-                                                         .code = QNetworkReply::TimeoutError};
+    const LoopbackResponse silent = LoopbackResponse::silent();
+    QTest::newRow("silent server times out")
+        << FailCase{.response = silent, .timeout = 300ms, .text = timedOut, .code = QNetworkReply::TimeoutError};
     QTest::newRow("server stalling mid-body times out")
         << FailCase{.response = LoopbackResponse::eventStream({chunk("first"), chunk("never")}, 60000),
                     .timeout = 300ms,
@@ -271,7 +270,7 @@ void tst_ChatStream::fails_data()
                     .code = QNetworkReply::TimeoutError,
                     .events = 1};
     QTest::newRow("cancelled by someone else, not a time-out")
-        << FailCase{.response = LoopbackResponse::silent(),
+        << FailCase{.response = silent,
                     .text = u"The connection to the provider was closed before the reply was complete."_s,
                     .code = QNetworkReply::OperationCanceledError,
                     .abortedElsewhere = true};

@@ -352,6 +352,8 @@ private slots:
     void chatThroughProxy_data()
     {
         QTest::addColumn<ProxyCase>("row");
+        const QString refused = u"The proxy at {closed} refused the connection."_s;
+        const QString signIn = u"The proxy at {proxy} needs a user name and password."_s;
         QTest::newRow("provider's proxy, plain HTTP") << ProxyCase{.proxy = u"{proxy}"_s};
         QTest::newRow("provider's proxy, HTTPS through a tunnel") << ProxyCase{.tls = true, .proxy = u"{proxy}"_s};
         QTest::newRow("system proxy") << ProxyCase{.host = u"provider.test"_s, .httpProxy = "{proxy}"};
@@ -364,30 +366,22 @@ private slots:
             << ProxyCase{.proxy = u"{proxy}"_s, .httpProxy = "{closed}"};
         QTest::newRow("credentials in the proxy's address")
             << ProxyCase{.tls = true, .proxy = u"{user:secret@proxy}"_s, .credentials = "user:secret"};
-        QTest::newRow("refused") << ProxyCase{
-            .proxy = u"{closed}"_s, .viaProxy = false, .error = u"The proxy at {closed} refused the connection."_s};
+        QTest::newRow("refused") << ProxyCase{.proxy = u"{closed}"_s, .viaProxy = false, .error = refused};
         QTest::newRow("needs credentials")
-            << ProxyCase{.proxy = u"{proxy}"_s,
-                         .credentials = "user:secret",
-                         .error = u"The proxy at {proxy} needs a user name and password."_s};
+            << ProxyCase{.proxy = u"{proxy}"_s, .credentials = "user:secret", .error = signIn};
         QTest::newRow("wrong credentials, HTTPS")
-            << ProxyCase{.tls = true,
-                         .proxy = u"{user:wrong@proxy}"_s,
-                         .credentials = "user:secret",
-                         .error = u"The proxy at {proxy} needs a user name and password."_s};
+            << ProxyCase{.tls = true, .proxy = u"{user:wrong@proxy}"_s, .credentials = "user:secret", .error = signIn};
         QTest::newRow("SOCKS5, plain HTTP") << ProxyCase{.proxy = u"socks5://{proxy}"_s};
         QTest::newRow("SOCKS5, HTTPS, signed in")
             << ProxyCase{.tls = true, .proxy = u"socks5://user:secret@{proxy}"_s, .credentials = "user:secret"};
         QTest::newRow("SOCKS5, a host only the proxy knows")
             << ProxyCase{.host = u"provider.test"_s, .proxy = u"socks5://{proxy}"_s};
-        QTest::newRow("SOCKS5, wrong password")
-            << ProxyCase{.proxy = u"socks5://user:wrong@{proxy}"_s,
-                         .credentials = "user:secret",
-                         .viaProxy = false,
-                         .error = u"The proxy at {proxy} needs a user name and password."_s};
-        QTest::newRow("SOCKS5, refused") << ProxyCase{.proxy = u"socks5://{closed}"_s,
-                                                      .viaProxy = false,
-                                                      .error = u"The proxy at {closed} refused the connection."_s};
+        QTest::newRow("SOCKS5, wrong password") << ProxyCase{.proxy = u"socks5://user:wrong@{proxy}"_s,
+                                                             .credentials = "user:secret",
+                                                             .viaProxy = false,
+                                                             .error = signIn};
+        QTest::newRow("SOCKS5, refused") << ProxyCase{
+            .proxy = u"socks5://{closed}"_s, .viaProxy = false, .error = refused};
         QTest::newRow("not a proxy address")
             << ProxyCase{.proxy = u"proxy.example"_s, .viaProxy = false, .error = ProviderProxy::formatHint()};
     }
