@@ -202,9 +202,21 @@ QString TextBlockView::displayText() const
     }
 }
 
+void TextBlockView::setBackdrop(const QColor &color)
+{
+    const QColor opaque = color.isValid() && color.alpha() == 255 ? color : QColor();
+    if (opaque == m_backdrop)
+        return;
+    m_backdrop = opaque;
+    setAttribute(Qt::WA_OpaquePaintEvent, m_backdrop.isValid());
+    update();
+}
+
 void TextBlockView::paintEvent(QPaintEvent *event)
 {
     QPainter painter(this);
+    if (m_backdrop.isValid())
+        painter.fillRect(event->rect(), m_backdrop);
     const QPalette pal = palette();
     const QColor secondary = Theme::color(Theme::Color::Secondary, pal);
     const QColor primary = Theme::color(Theme::Color::Primary, pal);
@@ -327,16 +339,31 @@ MarkdownTextView::MarkdownTextView(QWidget *parent)
     setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Preferred);
 }
 
-MarkdownBlockView *MarkdownTextView::makeView(const MarkdownText::Block &block, QWidget *parent)
+MarkdownBlockView *MarkdownTextView::makeView(const MarkdownText::Block &block, QWidget *parent) const
 {
+    MarkdownBlockView *view = nullptr;
     switch (block.kind) {
     case Kind::Code:
-        return new CodeBlockView(block.code, block.language, parent);
+        view = new CodeBlockView(block.code, block.language, parent);
+        break;
     case Kind::Table:
-        return new TableBlockView(block.headers, block.rows, parent);
+        view = new TableBlockView(block.headers, block.rows, parent);
+        break;
     default:
-        return new TextBlockView(block, parent);
+        view = new TextBlockView(block, parent);
+        break;
     }
+    view->setBackdrop(m_backdrop);
+    return view;
+}
+
+void MarkdownTextView::setBackdrop(const QColor &color)
+{
+    if (color == m_backdrop)
+        return;
+    m_backdrop = color;
+    for (MarkdownBlockView *view : std::as_const(m_views))
+        view->setBackdrop(color);
 }
 
 void MarkdownTextView::setFindHits(const QHash<int, QList<FindHit>> &hitsByBlock)

@@ -58,6 +58,12 @@ public:
     // Where the current hit is drawn, in this view's coordinates; empty when it is not here.
     virtual QRect currentHitRect() const { return {}; }
 
+    // The opaque colour the window shows behind the block. A block that can paints it itself and
+    // is then opaque, so that nothing behind it is painted again when only the block changed (a
+    // streamed line repaints its block alone). An invalid colour, the default, leaves the block
+    // transparent; blocks with a tint of their own (code, tables) stay transparent.
+    virtual void setBackdrop(const QColor &) {}
+
 protected:
     // Scrolls a sideways strip so that target (in the strip's content coordinates) is in view,
     // with some of what surrounds it; a target already in view leaves the strip where it is.
@@ -87,6 +93,7 @@ public:
     QSize sizeHint() const override;
     void setFindHits(const QList<FindHit> &hits) override;
     QRect currentHitRect() const override;
+    void setBackdrop(const QColor &color) override;
 
     const MarkdownText::Block &block() const { return m_block; }
     // The text as shown, with the bullet or number in front.
@@ -115,6 +122,7 @@ private:
     int m_leading = 0;      // bullet, number or bar, with the gap after it
     int m_prefixHeight = 0; // a bullet's or number's line
     std::optional<TextSearch::Range> m_currentHit;
+    QColor m_backdrop;
 };
 
 // A Markdown text as a stack of block views, 3 points apart. When the text changes, the view at
@@ -143,6 +151,9 @@ public:
     // Hands each block view its find hits, by block index; a block not named has none. Views made
     // later by setText() start without hits.
     void setFindHits(const QHash<int, QList<FindHit>> &hitsByBlock);
+    // The opaque colour the window shows behind the text, handed to every block view (see
+    // MarkdownBlockView::setBackdrop); invalid, the default, when it is not one solid colour.
+    void setBackdrop(const QColor &color);
 
     static constexpr int blockSpacing = 3;
     // Blocks are held in runs of this many consecutive ones: Qt walks every child of a widget on
@@ -165,7 +176,7 @@ private:
     void layOutBlocks(qsizetype from);
     static void showPlaced(QWidget *view);
     void invalidateHeights();
-    static MarkdownBlockView *makeView(const MarkdownText::Block &block, QWidget *parent);
+    MarkdownBlockView *makeView(const MarkdownText::Block &block, QWidget *parent) const;
     // The run that holds the view of block index, made (and shown) when it is the first of its run.
     QWidget *groupFor(qsizetype index);
     // What showing a block costs, in characters laid out; a table cell or a code block counts
@@ -193,4 +204,5 @@ private:
     mutable int m_heightsWidth = -1;
     mutable qsizetype m_heightsValid = 0;
     bool m_blocksPlaced = false; // whether layOutBlocks has placed them at a width of ours
+    QColor m_backdrop;
 };

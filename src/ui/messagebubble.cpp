@@ -10,6 +10,7 @@
 #include <QApplication>
 #include <QEvent>
 #include <QHBoxLayout>
+#include <QImage>
 #include <QKeyEvent>
 #include <QLabel>
 #include <QPainter>
@@ -192,6 +193,31 @@ QColor MessageBubble::bubbleColor(ChatRole role, const QPalette &palette)
     return Theme::withOpacity(Theme::color(Theme::Color::Secondary, palette), 0.12);
 }
 
+QColor MessageBubble::bodyColor() const
+{
+    // The nearest widget that paints a background is what the bubble's tint lies on; a bubble
+    // that is a window of its own lies on its own.
+    const QWidget *behind = this;
+    while (!behind->isWindow() && !behind->autoFillBackground())
+        behind = behind->parentWidget();
+    const QBrush back = behind->palette().brush(behind->backgroundRole());
+    if (back.style() != Qt::SolidPattern || back.color().alpha() != 255)
+        return {};
+    // Blended by the same raster code that fills the bubble, so the block views' own fill cannot
+    // differ by a shade from the padding around them.
+    QImage pixel(1, 1, QImage::Format_ARGB32_Premultiplied);
+    pixel.fill(back.color());
+    QPainter painter(&pixel);
+    painter.fillRect(pixel.rect(), bubbleColor(m_message.role, palette()));
+    painter.end();
+    return pixel.pixelColor(0, 0);
+}
+
+void MessageBubble::updateBackdrop()
+{
+    m_markdown->setBackdrop(bodyColor());
+}
+
 bool MessageBubble::setMessage(const ChatMessage &message)
 {
     if (message == m_message)
@@ -220,6 +246,7 @@ bool MessageBubble::setMessage(const ChatMessage &message)
     }
     if (partsChanged) {
         m_role->setText(roleLabel(message.role));
+        updateBackdrop();
         m_headerCopy->setHidden(!content);
         m_footerCopy->setHidden(!content);
         m_footerLabel->setHidden(!content);
@@ -439,6 +466,7 @@ void MessageBubble::applyStyle()
     QPalette pal = m_ellipsis->palette();
     pal.setColor(QPalette::WindowText, secondary);
     m_ellipsis->setPalette(pal);
+    updateBackdrop();
     const int iconSize = std::max(8, caption.pixelSize());
     m_headerCopy->setIconSize(QSize(iconSize, iconSize));
     m_footerCopy->setIconSize(QSize(iconSize, iconSize));
@@ -571,5 +599,7 @@ void MessageBubble::changeEvent(QEvent *event)
         placeChildren();
         update();
     }
+    if (event->type() == QEvent::ParentChange)
+        updateBackdrop();
     QWidget::changeEvent(event);
 }

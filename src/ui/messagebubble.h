@@ -43,6 +43,9 @@ public:
     // The header's usage part ("· " and the usage text), empty when nothing is to be shown.
     static QString usagePart(const std::optional<TokenUsage> &usage);
     static QColor bubbleColor(ChatRole role, const QPalette &palette);
+    // What the window shows inside the rounded background: the bubble's tint over the solid colour
+    // behind the bubble, exactly as painted; invalid when what is behind is not one solid colour.
+    QColor bodyColor() const;
 
     bool copied() const;
     // Puts the message's raw Markdown on the clipboard.
@@ -126,6 +129,7 @@ private:
     void endEditing();
     QString shownText() const;
     void applyStyle();
+    void updateBackdrop();
     bool hasContent() const { return !m_message.content.isEmpty(); }
 
     ChatMessage m_message;

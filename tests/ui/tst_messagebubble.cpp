@@ -11,9 +11,28 @@
 #include <QTest>
 #include <QToolButton>
 
+#include <functional>
+
 using namespace Qt::StringLiterals;
 
 using Usage = std::optional<TokenUsage>;
+
+// Hands every event of the objects it watches to a function.
+class Watcher final : public QObject
+{
+public:
+    explicit Watcher(std::function<void(QObject *, QEvent *)> seen)
+        : m_seen(std::move(seen))
+    {}
+    bool eventFilter(QObject *watched, QEvent *event) override
+    {
+        m_seen(watched, event);
+        return false;
+    }
+
+private:
+    std::function<void(QObject *, QEvent *)> m_seen;
+};
 Q_DECLARE_METATYPE(Usage)
 Q_DECLARE_METATYPE(ChatRole)
 
@@ -193,6 +212,62 @@ private slots:
         QCOMPARE(bubble.headerCopyButton()->isVisible(), !empty);
         QCOMPARE(bubble.footerCopyButton()->isVisible(), !empty);
         QCOMPARE(bubble.footerLabel()->isVisible(), !empty);
+    }
+    // Text blocks paint the bubble's tint themselves, to the shade of the padding around them,
+    // over whatever solid colour lies behind the bubble; so a line that grows repaints its block alone.
+    void textBlocksPaintTheBubblesColour_data()
+    {
+        QTest::addColumn<ChatRole>("role");
+        QTest::addColumn<QColor>("behind");
+        QTest::newRow("reply on light") << ChatRole::assistant << QColor(Qt::white);
+        QTest::newRow("own message on light") << ChatRole::user << QColor(Qt::white);
+        QTest::newRow("reply on dark") << ChatRole::assistant << QColor(30, 32, 36);
+        QTest::newRow("own message on dark") << ChatRole::user << QColor(30, 32, 36);
+    }
+    void textBlocksPaintTheBubblesColour()
+    {
+        QFETCH(ChatRole, role);
+        QFETCH(QColor, behind);
+        QWidget window;
+        QPalette pal = window.palette();
+        pal.setColor(QPalette::Base, behind);
+        window.setPalette(pal);
+        QWidget *area = new QWidget(&window);
+        area->setBackgroundRole(QPalette::Base);
+        area->setAutoFillBackground(true);
+        ChatMessage message(role, QStringLiteral("a\n\nan"));
+        auto *bubble = new MessageBubble(message, area);
+        bubble->resize(500, bubble->heightForWidth(500));
+        area->resize(bubble->size());
+        window.resize(bubble->size());
+        window.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&window));
+
+        const QImage image = window.grab().toImage();
+        const QRect content = bubble->contentRect();
+        const QColor padding =
+            image.pixelColor(content.left() + MessageBubble::contentPadding / 2, content.center().y());
+        QVERIFY(padding != behind);
+        for (MarkdownBlockView *view : bubble->markdownView()->blockViews()) {
+            QVERIFY(view->testAttribute(Qt::WA_OpaquePaintEvent));
+            // Lower-case letters leave the block's top row to the background.
+            for (const QPoint at : {QPoint(0, 0), QPoint(view->width() - 1, 0)})
+                QCOMPARE(image.pixelColor(view->mapTo(&window, at)), padding);
+        }
+
+        int behindPaints = 0;
+        int blockPaints = 0;
+        MarkdownBlockView *last = bubble->markdownView()->blockViews().constLast();
+        Watcher watcher([&](QObject *watched, QEvent *event) {
+            if (event->type() == QEvent::Paint)
+                ++(watched == last ? blockPaints : behindPaints);
+        });
+        for (QWidget *widget : std::initializer_list<QWidget *>{area, bubble, bubble->markdownView(), last})
+            widget->installEventFilter(&watcher);
+        message.content += u'd';
+        QVERIFY(bubble->setMessage(message));
+        QTRY_COMPARE(blockPaints, 1);
+        QCOMPARE(behindPaints, 0);
     }
     // One copied state for both buttons; the clipboard gets the raw Markdown; the state resets.
     void bothCopyButtonsShareOneState()
