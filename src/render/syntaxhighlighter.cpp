@@ -98,56 +98,8 @@ bool isLineTerminator(QChar c)
     }
 }
 
-// The string passes, the pattern quote (?:\\.|[^quote\\])* quote run by hand with the same result.
-// The pattern is deterministic (a backslash can only start an escape, a quote only end the
-// string), so when a string fails to close, every quote it passed over was escaped and would
-// fail at the same place; the search resumes there instead of rescanning the tail from each of
-// them, which a regular-expression engine does at quadratic cost.
-void applyQuoted(char16_t quote, CodeColor color, QStringView text, QList<CodeColor> &colors)
-{
-    const qsizetype n = text.size();
-    qsizetype p = 0;
-    while (p < n) {
-        p = text.indexOf(QChar(quote), p);
-        if (p < 0)
-            return;
-        qsizetype q = p + 1;
-        bool closed = false;
-        while (q < n) {
-            const QChar c = text[q];
-            if (c == u'\\') {
-                // "." stops at a line terminator, so an escape never spans a line break.
-                if (q + 1 < n && !isLineTerminator(text[q + 1])) {
-                    q += 2;
-                    continue;
-                }
-                break;
-            }
-            if (c == quote) {
-                closed = true;
-                break;
-            }
-            ++q;
-        }
-        if (closed)
-            std::fill(colors.begin() + p, colors.begin() + q + 1, color);
-        p = q + 1;
-    }
-}
-
-QList<ColorRun> mergedRuns(const QList<CodeColor> &colors)
-{
-    QList<ColorRun> runs;
-    const qsizetype n = colors.size();
-    for (qsizetype i = 0; i < n;) {
-        qsizetype end = i + 1;
-        while (end < n && colors[end] == colors[i])
-            ++end;
-        runs.append({i, end - i, colors[i]});
-        i = end;
-    }
-    return runs;
-}
+// A line comment covers a unit in GrowingHighlighter's colours of the single-line passes.
+constexpr quint8 lineCommentBit = 0x80;
 
 } // namespace
 
@@ -196,39 +148,8 @@ StyledCode SyntaxHighlighter::highlighted(const QString &code, const std::option
 
 StyledCode SyntaxHighlighter::build(const QString &code, const std::optional<QString> &language)
 {
-    StyledCode result;
-    result.text = code;
-    if (code.isEmpty())
-        return result;
-
-    const QString text = matchableText(code);
-    const qsizetype length = text.size();
-    QList<CodeColor> colors(length, CodeColor::Base);
-    const LanguageProfile &profile = LanguageProfile::profile(language);
-    const FixedPatterns &fixed = fixedPatterns();
-
-    if (!profile.keywords.isEmpty())
-        apply(wordPatterns(profile).keywords, CodeColor::Keyword, text, colors, 0, length);
-    if (!profile.types.isEmpty())
-        apply(wordPatterns(profile).types, CodeColor::Type, text, colors, 0, length);
-    apply(fixed.number, CodeColor::Number, text, colors, 0, length);
-    applyQuoted(u'"', CodeColor::String, text, colors);
-    applyQuoted(u'\'', CodeColor::String, text, colors);
-    if (profile.backtickStrings)
-        applyQuoted(u'`', CodeColor::String, text, colors);
-    if (profile.hashComments)
-        apply(fixed.hashComment, CodeColor::Comment, text, colors, 0, length);
-    if (profile.slashComments) {
-        apply(fixed.lineComment, CodeColor::Comment, text, colors, 0, length);
-        // No block comment can end after the last "*/"; searching only up to it gives the same
-        // matches and keeps a run of unclosed "/*" from rescanning the tail once per opener.
-        const qsizetype lastClose = text.lastIndexOf(QLatin1StringView("*/"));
-        if (lastClose >= 0)
-            apply(fixed.blockComment, CodeColor::Comment, text, colors, 0, lastClose + 2);
-    }
-
-    result.runs = mergedRuns(colors);
-    return result;
+    GrowingHighlighter highlighter(language);
+    return highlighter.highlight(code);
 }
 
 void SyntaxHighlighter::apply(const QRegularExpression &pattern, CodeColor color, QStringView text,
@@ -263,4 +184,211 @@ qsizetype SyntaxHighlighter::cacheBytes()
 void SyntaxHighlighter::clearCache()
 {
     highlightCache().clear();
+}
+
+GrowingHighlighter::GrowingHighlighter(const std::optional<QString> &language)
+    : m_profile(LanguageProfile::profile(language))
+{
+    m_strings.push_back(Scan(u'"'));
+    m_strings.push_back(Scan(u'\''));
+    if (m_profile.backtickStrings)
+        m_strings.push_back(Scan(u'`'));
+}
+
+void GrowingHighlighter::reset()
+{
+    m_styled = {};
+    m_lineColors.clear();
+    for (Scan &scan : m_strings)
+        scan = Scan(scan.quote);
+    m_blockComments = Scan();
+    m_lastLineStart = 0;
+}
+
+const StyledCode &GrowingHighlighter::highlight(const QString &code)
+{
+    const qsizetype oldSize = m_styled.text.size();
+    if (code.size() == oldSize && code == m_styled.text)
+        return m_styled;
+    if (code.size() < oldSize || oldSize == 0 || !code.startsWith(m_styled.text))
+        reset();
+    m_styled.text = code;
+    if (code.isEmpty())
+        return m_styled;
+
+    // The last line may read differently now that it goes on; every line before it is settled.
+    qsizetype from = m_lastLineStart;
+    matchLines(code, m_lastLineStart);
+    for (Scan &scan : m_strings)
+        from = std::min(from, scanQuoted(scan, code));
+    if (m_profile.slashComments)
+        from = std::min(from, scanBlockComments(m_blockComments, code));
+    m_lastLineStart = code.lastIndexOf(u'\n') + 1;
+    recolor(from);
+    return m_styled;
+}
+
+void GrowingHighlighter::matchLines(const QString &code, qsizetype from)
+{
+    const qsizetype n = code.size();
+    m_lineColors.resize(std::size_t(n));
+    std::fill(m_lineColors.begin() + from, m_lineColors.end(), quint8(CodeColor::Base));
+    // Matched on the lines from `from` alone: no match of these passes crosses a line feed, and
+    // a word boundary reads the start of the text as it reads the line feed before it.
+    const QString tail = matchableText(code.sliced(from));
+    quint8 *out = m_lineColors.data() + from;
+    const auto paint = [&](const QRegularExpression &pattern, quint8 value) {
+        if (!pattern.isValid())
+            return;
+        QRegularExpressionMatchIterator it = pattern.globalMatch(tail);
+        while (it.hasNext()) {
+            const QRegularExpressionMatch match = it.next();
+            const qsizetype start = match.capturedStart();
+            const qsizetype end = match.capturedEnd();
+            if (start < 0 || end <= start)
+                continue;
+            // Comments are matched last, so a colour never lands on a comment's mark.
+            if (value == lineCommentBit) {
+                for (qsizetype i = start; i < end; ++i)
+                    out[i] |= lineCommentBit;
+            } else {
+                std::fill(out + start, out + end, value);
+            }
+        }
+    };
+    const FixedPatterns &fixed = fixedPatterns();
+    if (!m_profile.keywords.isEmpty())
+        paint(wordPatterns(m_profile).keywords, quint8(CodeColor::Keyword));
+    if (!m_profile.types.isEmpty())
+        paint(wordPatterns(m_profile).types, quint8(CodeColor::Type));
+    paint(fixed.number, quint8(CodeColor::Number));
+    if (m_profile.hashComments)
+        paint(fixed.hashComment, lineCommentBit);
+    if (m_profile.slashComments)
+        paint(fixed.lineComment, lineCommentBit);
+}
+
+// The pattern quote (?:\\.|[^quote\\])* quote, run by hand with the same result. It is
+// deterministic (a backslash can only start an escape, a quote only end the string), so a string
+// that fails to close had every quote it passed over escaped, and they would fail at the same
+// place: the search resumes there instead of from each of them, as a regular-expression engine
+// would at quadratic cost. Returns where the first string closed by this call starts, or the
+// text's size when none did.
+qsizetype GrowingHighlighter::scanQuoted(Scan &scan, QStringView text)
+{
+    const qsizetype n = text.size();
+    qsizetype changed = n;
+    for (;;) {
+        if (scan.open < 0) {
+            const qsizetype p = text.indexOf(QChar(scan.quote), scan.searchFrom);
+            if (p < 0) {
+                scan.searchFrom = n;
+                return changed;
+            }
+            scan.open = p;
+            scan.scanAt = p + 1;
+        }
+        qsizetype q = scan.scanAt;
+        bool closed = false;
+        bool failed = false;
+        while (q < n) {
+            const QChar c = text[q];
+            if (c == u'\\') {
+                // Whether this escapes anything depends on what comes next.
+                if (q + 1 == n)
+                    break;
+                // "." stops at a line terminator, so an escape never spans a line break.
+                if (!isLineTerminator(text[q + 1])) {
+                    q += 2;
+                    continue;
+                }
+                failed = true;
+                break;
+            }
+            if (c == scan.quote) {
+                closed = true;
+                break;
+            }
+            ++q;
+        }
+        if (!closed && !failed) {
+            scan.scanAt = q;
+            return changed;
+        }
+        if (closed) {
+            scan.matches.push_back({scan.open, q + 1});
+            changed = std::min(changed, scan.open);
+        }
+        scan.open = -1;
+        scan.searchFrom = q + 1;
+    }
+}
+
+// The pattern /\*[\s\S]*?\*/ run by hand: each "/*" closes at the first "*/" after it. An opener
+// without a closer fails, and so does every one after it.
+qsizetype GrowingHighlighter::scanBlockComments(Scan &scan, QStringView text)
+{
+    const qsizetype n = text.size();
+    qsizetype changed = n;
+    for (;;) {
+        if (scan.open < 0) {
+            const qsizetype p = text.indexOf(QLatin1StringView("/*"), scan.searchFrom);
+            if (p < 0) {
+                // A "/" at the end may open a comment with what comes next.
+                scan.searchFrom = std::max(scan.searchFrom, n - 1);
+                return changed;
+            }
+            scan.open = p;
+            scan.scanAt = p + 2;
+        }
+        const qsizetype q = text.indexOf(QLatin1StringView("*/"), scan.scanAt);
+        if (q < 0) {
+            scan.scanAt = std::max(scan.open + 2, n - 1);
+            return changed;
+        }
+        scan.matches.push_back({scan.open, q + 2});
+        changed = std::min(changed, scan.open);
+        scan.open = -1;
+        scan.searchFrom = q + 2;
+    }
+}
+
+void GrowingHighlighter::recolor(qsizetype from)
+{
+    const qsizetype n = m_styled.text.size();
+    QList<ColorRun> &runs = m_styled.runs;
+    while (!runs.isEmpty() && runs.constLast().start >= from)
+        runs.removeLast();
+    if (!runs.isEmpty() && runs.constLast().start + runs.constLast().length > from)
+        runs.last().length = from - runs.constLast().start;
+
+    // Strings over the single-line colours, comments over strings.
+    std::vector<CodeColor> colors(std::size_t(n - from));
+    for (qsizetype i = from; i < n; ++i)
+        colors[std::size_t(i - from)] = CodeColor(m_lineColors[std::size_t(i)] & ~lineCommentBit);
+    const auto cover = [&](const std::vector<Match> &matches, CodeColor color) {
+        auto it = std::upper_bound(matches.cbegin(), matches.cend(), from,
+                                   [](qsizetype at, const Match &m) { return at < m.end; });
+        for (; it != matches.cend(); ++it)
+            std::fill(colors.begin() + (std::max(it->start, from) - from), colors.begin() + (it->end - from), color);
+    };
+    for (const Scan &scan : m_strings)
+        cover(scan.matches, CodeColor::String);
+    for (qsizetype i = from; i < n; ++i) {
+        if (m_lineColors[std::size_t(i)] & lineCommentBit)
+            colors[std::size_t(i - from)] = CodeColor::Comment;
+    }
+    cover(m_blockComments.matches, CodeColor::Comment);
+
+    for (qsizetype i = from; i < n;) {
+        const CodeColor color = colors[std::size_t(i - from)];
+        qsizetype end = i + 1;
+        while (end < n && colors[std::size_t(end - from)] == color)
+            ++end;
+        if (!runs.isEmpty() && runs.constLast().color == color)
+            runs.last().length += end - i;
+        else
+            runs.append({i, end - i, color});
+        i = end;
+    }
 }

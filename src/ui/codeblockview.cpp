@@ -449,13 +449,20 @@ void CodeBlockView::setContent(const QString &code, const std::optional<QString>
     if (!codeChanged && !languageChanged)
         return;
     const std::optional<QString> lowered = language ? std::optional(language->toLower()) : std::nullopt;
-    if (code.size() <= syncHighlightLimit) {
+    // Code still streaming in is coloured from where it grew; caching each prefix would only push
+    // finished blocks out of the cache.
+    const bool growing = grew && m_growing && code.size() - m_growing->lastLineStart() <= syncHighlightLimit;
+    if (growing || (grew && code.size() <= syncHighlightLimit)) {
         ++m_highlightGeneration;
-        // Code still streaming in is highlighted once per prefix; caching each prefix would only
-        // push finished blocks out of the cache.
-        m_codeView->setCode(grew ? SyntaxHighlighter::build(code, lowered)
-                                 : SyntaxHighlighter::highlighted(code, language));
+        if (!growing)
+            m_growing = std::make_unique<GrowingHighlighter>(lowered);
+        m_codeView->setCode(m_growing->highlight(code));
+    } else if (code.size() <= syncHighlightLimit) {
+        ++m_highlightGeneration;
+        m_growing.reset();
+        m_codeView->setCode(SyntaxHighlighter::highlighted(code, language));
     } else {
+        m_growing.reset();
         // Colouring this much code takes longer than the window may stop answering: the code is
         // shown at once in the colours known so far and coloured off the main thread.
         StyledCode interim;

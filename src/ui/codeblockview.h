@@ -102,6 +102,8 @@ public:
     CodeBlockView(const QString &code, const std::optional<QString> &language, QWidget *parent = nullptr);
 
     // Code up to this many UTF-16 units is coloured on the spot; longer code off the main thread.
+    // Streamed code is coloured on the spot as long as what it has to match again (its last line
+    // and what was added) stays within this.
     static constexpr qsizetype syncHighlightLimit = 64 * 1024;
 
     bool setBlock(const MarkdownText::Block &block) override;
@@ -144,6 +146,8 @@ private:
     CodeTextView *m_codeView;
     CopyFeedback *m_feedback;
     std::optional<TextSearch::Range> m_currentHit;
+    // The colouring of code that streams in, kept while it grows; none for code shown whole.
+    std::unique_ptr<GrowingHighlighter> m_growing;
     quint64 m_highlightGeneration = 0;
     bool m_highlighting = false;
 };

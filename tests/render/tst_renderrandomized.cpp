@@ -128,6 +128,34 @@ private slots:
         }
     }
 
+    // Code coloured as it streams in, a few units at a time, must at every step read as the same
+    // code coloured whole: a string or comment closing far back, a keyword completed, a surrogate
+    // pair or an escape split between two updates.
+    void growingHighlight()
+    {
+        QFETCH(quint32, seed);
+        QRandomGenerator random(seed);
+        const QStringList &list = pieces();
+        for (int i = 0; i < 60; ++i) {
+            QString text;
+            for (int count = int(random.bounded(61)); count > 0; --count)
+                text += list[int(random.bounded(qsizetype(list.size())))];
+            for (const std::optional<QString> &language : {std::optional<QString>(), std::optional(u"python"_s),
+                                                           std::optional(u"js"_s), std::optional(u"rust"_s)}) {
+                GrowingHighlighter growing(language);
+                for (qsizetype end = 0; end < text.size();) {
+                    end = std::min(text.size(), end + 1 + qsizetype(random.bounded(6)));
+                    const QString prefix = text.first(end);
+                    const QByteArray shown = prefix.toUtf8().toPercentEncoding();
+                    QVERIFY2(growing.highlight(prefix).runs == SyntaxHighlighter::build(prefix, language).runs,
+                             shown.constData());
+                }
+            }
+        }
+    }
+
+    void growingHighlight_data() { randomPieces_data(); }
+
     void hostileInputs_data()
     {
         QTest::addColumn<QString>("text");
