@@ -103,6 +103,7 @@ TextBlockView::TextBlockView(const MarkdownText::Block &block, QWidget *parent)
     setMouseTracking(true);
     setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Preferred);
     setBlock(block);
+    measurePrefix();
 }
 
 bool TextBlockView::setBlock(const MarkdownText::Block &block)
@@ -111,9 +112,11 @@ bool TextBlockView::setBlock(const MarkdownText::Block &block)
         return false;
     const bool restyled = block.kind != m_block.kind || block.level != m_block.level || block.number != m_block.number;
     m_block = block;
-    m_text.setFont(blockFont());
+    // A streamed paragraph changes only its text: its font and its bullet or number stay, and
+    // measuring them again would shape text on every update.
+    if (m_text.setFont(blockFont()) || restyled)
+        measurePrefix();
     m_text.setSource(block.text);
-    measurePrefix();
     // A block not placed yet keeps no layout: its first width may not be its last.
     if (restyled || width() <= 0 || !testAttribute(Qt::WA_Resized)) {
         update();
@@ -584,6 +587,14 @@ QWidget *MarkdownTextView::groupFor(qsizetype index)
     return m_groups.at(group);
 }
 
+void MarkdownTextView::placeIfMoved(QWidget *view, const QRect &rect)
+{
+    // Qt marks the parent's opaque regions dirty on every setGeometry(), moved or not; a stream
+    // places the same blocks where they are on each update.
+    if (view->geometry() != rect)
+        view->setGeometry(rect);
+}
+
 void MarkdownTextView::layOutBlocks(qsizetype from)
 {
     // Without a width of its own yet there is nothing to place; the first resize places all.
@@ -604,10 +615,10 @@ void MarkdownTextView::layOutBlocks(qsizetype from)
         int inner = 0;
         for (qsizetype k = g * groupSize; k < end; ++k) {
             const int h = m_heights.at(k);
-            m_views.at(k)->setGeometry(0, inner, w, h);
+            placeIfMoved(m_views.at(k), QRect(0, inner, w, h));
             inner += h + blockSpacing;
         }
-        m_groups.at(g)->setGeometry(0, y, w, std::max(0, inner - blockSpacing));
+        placeIfMoved(m_groups.at(g), QRect(0, y, w, std::max(0, inner - blockSpacing)));
         y += inner;
     }
 }

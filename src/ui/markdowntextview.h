@@ -175,6 +175,7 @@ protected:
 private:
     void layOutBlocks(qsizetype from);
     static void showPlaced(QWidget *view);
+    static void placeIfMoved(QWidget *view, const QRect &rect);
     void invalidateHeights();
     MarkdownBlockView *makeView(const MarkdownText::Block &block, QWidget *parent) const;
     // The run that holds the view of block index, made (and shown) when it is the first of its run.
