@@ -114,7 +114,6 @@ void CodeTextView::setCode(const StyledCode &code)
     if (m_anchor.line >= lineCount() || m_cursor.line >= lineCount())
         m_anchor = m_cursor = {};
 
-    setAccessibleName(text.size() > maxLineLayout ? text.first(maxLineLayout) : text);
     const int top = padding + std::max(0, std::min(firstLine, oldLines)) * m_lineHeight;
     update(0, top, width(), std::max(height(), contentHeight()) - top);
 }

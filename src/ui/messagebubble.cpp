@@ -2,7 +2,6 @@
 
 #include "model/versions.h"
 #include "ui/copyfeedback.h"
-#include "ui/inlinetext.h"
 #include "ui/markdowntextview.h"
 #include "ui/theme.h"
 
@@ -258,13 +257,6 @@ bool MessageBubble::setMessage(const ChatMessage &message)
     }
     if (content || hadContent)
         m_markdown->setText(shownText());
-    // A screen reader gets the text as far as a block shows it: a reply of megabytes would
-    // otherwise cross the accessibility bus whole on every update. A text within that length is
-    // shared rather than copied.
-    const QString &text = message.content;
-    setAccessibleDescription(!content                                ? QString(QChar(0x2026))
-                             : text.size() <= InlineText::shownLimit ? text
-                                                                     : text.first(InlineText::shownLimit));
     if (!placed)
         return true;
     placeChildren();

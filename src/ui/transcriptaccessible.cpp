@@ -746,6 +746,23 @@ private:
     PartCache m_lines;
 };
 
+// The strip that shows a code block's lines, focused to select and copy: it reads as the code,
+// worked out when asked, so code streaming in sends no name-change notices.
+class CodeTextAccessible final : public QAccessibleWidget
+{
+public:
+    explicit CodeTextAccessible(CodeTextView *view)
+        : QAccessibleWidget(view, QAccessible::StaticText)
+    {}
+
+    QString text(QAccessible::Text t) const override
+    {
+        if (t == QAccessible::Name)
+            return bounded(static_cast<const CodeTextView *>(widget())->code(), CodeTextView::maxLineLayout);
+        return QAccessibleWidget::text(t);
+    }
+};
+
 int CodeLinePart::partCount() const
 {
     const auto *code = dynamic_cast<const CodeBlockAccessible *>(interfaceOf(m_block));
@@ -895,6 +912,8 @@ QAccessibleInterface *factory(const QString &className, QObject *object)
         return new TextBlockAccessible(static_cast<TextBlockView *>(object));
     if (className == QLatin1String("CodeBlockView"))
         return new CodeBlockAccessible(static_cast<CodeBlockView *>(object));
+    if (className == QLatin1String("CodeTextView"))
+        return new CodeTextAccessible(static_cast<CodeTextView *>(object));
     if (className == QLatin1String("TableBlockView"))
         return new TableAccessible(static_cast<TableBlockView *>(object));
     return nullptr;
