@@ -1,5 +1,6 @@
 #include "ui/codeblockview.h"
 
+#include "ui/bandedpaint.h"
 #include "ui/copyfeedback.h"
 #include "ui/markedtext.h"
 #include "ui/theme.h"
@@ -587,9 +588,8 @@ void CodeBlockView::paintEvent(QPaintEvent *)
 {
     QPainter painter(this);
     painter.setRenderHint(QPainter::Antialiasing);
-    QPainterPath path;
-    path.addRoundedRect(QRectF(rect()), cornerRadius, cornerRadius);
-    painter.fillPath(path, Theme::withOpacity(Theme::color(Theme::Color::Secondary, palette()), 0.12));
+    BandedPaint::fillRoundedRect(painter, rect(), cornerRadius,
+                                 Theme::withOpacity(Theme::color(Theme::Color::Secondary, palette()), 0.12));
 }
 
 bool CodeBlockView::eventFilter(QObject *watched, QEvent *event)

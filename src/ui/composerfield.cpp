@@ -1,5 +1,6 @@
 #include "ui/composerfield.h"
 
+#include "ui/bandedpaint.h"
 #include "ui/composereditor.h"
 #include "ui/theme.h"
 
@@ -90,9 +91,14 @@ void ComposerField::paintEvent(QPaintEvent *)
     const QRectF box = QRectF(rect()).adjusted(0.5, 0.5, -0.5, -0.5);
     QPainterPath path;
     path.addRoundedRect(box, cornerRadius, cornerRadius);
-    painter.fillPath(path, Theme::color(Theme::Color::TextBackground, palette()));
-    painter.setPen(QPen(Theme::withOpacity(Theme::color(Theme::Color::Secondary, palette()), 0.3), 1));
-    painter.drawPath(path);
+    const QColor fill = Theme::color(Theme::Color::TextBackground, palette());
+    const QPen edge(Theme::withOpacity(Theme::color(Theme::Color::Secondary, palette()), 0.3), 1);
+    // A field grown to several lines is tall enough for its edge to be shared out among threads.
+    BandedPaint::inBands(painter, rect(), [&] {
+        painter.fillPath(path, fill);
+        painter.setPen(edge);
+        painter.drawPath(path);
+    });
 }
 
 void ComposerField::changeEvent(QEvent *event)

@@ -26,6 +26,7 @@
 #include <QListView>
 #include <QLocale>
 #include <QMessageBox>
+#include <QPainter>
 #include <QPlainTextEdit>
 #include <QPointer>
 #include <QPushButton>
@@ -37,6 +38,22 @@
 #include <QVBoxLayout>
 
 using namespace Qt::StringLiterals;
+
+namespace {
+
+// A one-pixel rule in the text colour. Filled as a rectangle: a style's line of that width is
+// plotted pixel by pixel, each a span of its own, and the engine shares so many spans out among
+// threads.
+class Divider final : public QWidget
+{
+public:
+    using QWidget::QWidget;
+
+protected:
+    void paintEvent(QPaintEvent *) override { QPainter(this).fillRect(rect(), palette().windowText()); }
+};
+
+} // namespace
 
 namespace {
 
@@ -167,10 +184,8 @@ void ContentView::ensureChatArea()
     connect(m_header, &ChatHeader::settingsRequested, this, &ContentView::settingsRequested);
     connect(m_header, &ChatHeader::systemPromptRequested, this, &ContentView::openSystemPromptDialog);
 
-    auto *divider = new QFrame(m_chatArea);
+    auto *divider = new Divider(m_chatArea);
     divider->setObjectName(u"headerDivider"_s);
-    divider->setFrameShape(QFrame::HLine);
-    divider->setFrameShadow(QFrame::Plain);
     divider->setFixedHeight(1);
     m_divider = divider;
 

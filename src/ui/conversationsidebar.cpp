@@ -3,6 +3,7 @@
 #include "storage/conversationstore.h"
 #include "storage/historysearch.h"
 #include "storage/providerstore.h"
+#include "ui/bandedpaint.h"
 #include "ui/conversationdelegate.h"
 #include "ui/conversationlistmodel.h"
 #include "ui/searchresultsmodel.h"
@@ -22,6 +23,7 @@
 #include <QMenu>
 #include <QMouseEvent>
 #include <QPushButton>
+#include <QScrollBar>
 #include <QShortcut>
 #include <QTimer>
 #include <QToolButton>
@@ -114,6 +116,7 @@ ConversationSidebar::ConversationSidebar(ProviderStore *providers, ConversationS
     m_list->setEditTriggers(QAbstractItemView::NoEditTriggers);
     m_list->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     m_list->setFrameShape(QFrame::NoFrame);
+    m_list->verticalScrollBar()->setStyle(BandedPaint::scrollBarStyle());
     m_list->setContextMenuPolicy(Qt::CustomContextMenu);
     connect(m_list->selectionModel(), &QItemSelectionModel::selectionChanged, this,
             &ConversationSidebar::handleListSelection);

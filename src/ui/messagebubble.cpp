@@ -1,6 +1,7 @@
 #include "ui/messagebubble.h"
 
 #include "model/versions.h"
+#include "ui/bandedpaint.h"
 #include "ui/copyfeedback.h"
 #include "ui/markdowntextview.h"
 #include "ui/theme.h"
@@ -573,14 +574,17 @@ void MessageBubble::paintEvent(QPaintEvent *event)
     QPainter painter(this);
     painter.setClipRect(exposed);
     painter.setRenderHint(QPainter::Antialiasing);
-    QPainterPath path;
-    path.addRoundedRect(QRectF(shape), cornerRadius, cornerRadius);
-    painter.fillPath(path, bubbleColor(m_message.role, palette()));
+    BandedPaint::fillRoundedRect(painter, shape, cornerRadius, bubbleColor(m_message.role, palette()));
     // The message the keyboard is on, also while one of its buttons has the focus.
     const QWidget *focus = QApplication::focusWidget();
     if (focus && (focus == this || isAncestorOf(focus))) {
-        painter.setPen(QPen(Theme::color(Theme::Color::Accent, palette()), 2));
-        painter.drawPath(path);
+        QPainterPath path;
+        path.addRoundedRect(QRectF(shape), cornerRadius, cornerRadius);
+        const QPen ring(Theme::color(Theme::Color::Accent, palette()), 2);
+        BandedPaint::inBands(painter, exposed, [&] {
+            painter.setPen(ring);
+            painter.drawPath(path);
+        });
     }
 }
 

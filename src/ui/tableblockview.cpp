@@ -1,5 +1,6 @@
 #include "ui/tableblockview.h"
 
+#include "ui/bandedpaint.h"
 #include "ui/theme.h"
 
 #include <QDesktopServices>
@@ -294,9 +295,8 @@ void TableBlockView::paintGrid(QPainter *painter, const QRect &clip) const
     const Geometry &g = gridGeometry();
     painter->setRenderHint(QPainter::Antialiasing);
     const QColor secondary = Theme::color(Theme::Color::Secondary, palette());
-    QPainterPath path;
-    path.addRoundedRect(QRectF(0, 0, g.width, g.height), cornerRadius, cornerRadius);
-    painter->fillPath(path, Theme::withOpacity(secondary, 0.08));
+    BandedPaint::fillRoundedRect(*painter, QRect(0, 0, g.width, g.height), cornerRadius,
+                                 Theme::withOpacity(secondary, 0.08));
     painter->setRenderHint(QPainter::Antialiasing, false);
 
     const QColor text = Theme::color(Theme::Color::Primary, palette());

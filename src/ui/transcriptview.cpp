@@ -1,6 +1,7 @@
 #include "ui/transcriptview.h"
 
 #include "chat/chatviewmodel.h"
+#include "ui/bandedpaint.h"
 #include "ui/messagebubble.h"
 #include "ui/replyannouncer.h"
 #include "ui/scrollcontroller.h"
@@ -188,6 +189,7 @@ int layoutWidth(const QAbstractScrollArea *area)
 TranscriptScrollBar::TranscriptScrollBar(QWidget *parent)
     : QScrollBar(Qt::Vertical, parent)
 {
+    setStyle(BandedPaint::scrollBarStyle());
     m_creepTimer.setSingleShot(true);
     connect(&m_creepTimer, &QTimer::timeout, this, &TranscriptScrollBar::repaintChanges);
 }

@@ -1,0 +1,128 @@
+#include "ui/bandedpaint.h"
+
+#include <QApplication>
+#include <QImage>
+#include <QPainter>
+#include <QPainterPath>
+#include <QScrollBar>
+#include <QTest>
+
+#include <functional>
+
+class tst_BandedPaint : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void roundedRect_looksLikeOnePath_data();
+    void roundedRect_looksLikeOnePath();
+    void inBands_looksLikeOneDraw();
+    void scrollBar_looksAsTheApplicationDrawsIt_data();
+    void scrollBar_looksAsTheApplicationDrawsIt();
+};
+
+namespace {
+
+QImage painted(const QSize &size, const std::function<void(QPainter &)> &draw)
+{
+    QImage image(size, QImage::Format_ARGB32_Premultiplied);
+    image.fill(QColor(240, 240, 240));
+    QPainter painter(&image);
+    painter.setRenderHint(QPainter::Antialiasing);
+    draw(painter);
+    return image;
+}
+
+} // namespace
+
+void tst_BandedPaint::roundedRect_looksLikeOnePath_data()
+{
+    QTest::addColumn<QRect>("rect");
+    QTest::addColumn<qreal>("radius");
+    QTest::addColumn<QColor>("colour");
+    QTest::addColumn<QRect>("clip");
+    const QColor opaque(30, 90, 200);
+    const QColor translucent(30, 90, 200, 31);
+    QTest::newRow("tall, opaque") << QRect(3, 2, 120, 700) << 10.0 << opaque << QRect();
+    QTest::newRow("tall, translucent") << QRect(3, 2, 120, 700) << 10.0 << translucent << QRect();
+    QTest::newRow("fractional radius") << QRect(0, 0, 80, 301) << 7.5 << translucent << QRect();
+    QTest::newRow("shorter than its corners") << QRect(5, 5, 60, 13) << 10.0 << translucent << QRect();
+    QTest::newRow("one row") << QRect(5, 5, 60, 1) << 4.0 << opaque << QRect();
+    QTest::newRow("exposed strip") << QRect(3, 2, 120, 700) << 10.0 << translucent << QRect(0, 200, 130, 77);
+}
+
+void tst_BandedPaint::roundedRect_looksLikeOnePath()
+{
+    QFETCH(QRect, rect);
+    QFETCH(qreal, radius);
+    QFETCH(QColor, colour);
+    QFETCH(QRect, clip);
+    const QSize size(rect.right() + 10, rect.bottom() + 10);
+    const auto clipped = [&](QPainter &painter) {
+        if (!clip.isNull())
+            painter.setClipRect(clip);
+    };
+    const QImage whole = painted(size, [&](QPainter &painter) {
+        clipped(painter);
+        QPainterPath path;
+        path.addRoundedRect(QRectF(rect), radius, radius);
+        painter.fillPath(path, colour);
+    });
+    const QImage banded = painted(size, [&](QPainter &painter) {
+        clipped(painter);
+        BandedPaint::fillRoundedRect(painter, rect, radius, colour);
+    });
+    QCOMPARE(banded, whole);
+}
+
+void tst_BandedPaint::inBands_looksLikeOneDraw()
+{
+    // A half-pixel outline over a translucent fill: every row holds antialiased edges.
+    QPainterPath path;
+    path.addRoundedRect(QRectF(0.5, 0.5, 200, 400), 8, 8);
+    const auto draw = [&](QPainter &painter) {
+        painter.fillPath(path, QColor(255, 255, 255, 200));
+        painter.setPen(QPen(QColor(0, 0, 0, 77), 1));
+        painter.drawPath(path);
+    };
+    const QImage whole = painted({210, 410}, draw);
+    const QImage banded = painted({210, 410}, [&](QPainter &painter) {
+        BandedPaint::inBands(painter, QRect(0, 0, 210, 410), [&] { draw(painter); });
+    });
+    QCOMPARE(banded, whole);
+}
+
+void tst_BandedPaint::scrollBar_looksAsTheApplicationDrawsIt_data()
+{
+    QTest::addColumn<Qt::Orientation>("orientation");
+    QTest::addColumn<int>("value");
+    QTest::addColumn<int>("pageStep");
+    QTest::newRow("vertical, at the top") << Qt::Vertical << 0 << 100;
+    QTest::newRow("vertical, long handle in the middle") << Qt::Vertical << 400 << 900;
+    QTest::newRow("vertical, at the end") << Qt::Vertical << 1000 << 20;
+    QTest::newRow("horizontal") << Qt::Horizontal << 300 << 200;
+}
+
+void tst_BandedPaint::scrollBar_looksAsTheApplicationDrawsIt()
+{
+    QFETCH(Qt::Orientation, orientation);
+    QFETCH(int, value);
+    QFETCH(int, pageStep);
+    const QSize size = orientation == Qt::Vertical ? QSize(16, 700) : QSize(700, 16);
+    const auto grab = [&](QStyle *style) {
+        QScrollBar bar(orientation);
+        if (style)
+            bar.setStyle(style);
+        bar.setRange(0, 1000);
+        bar.setPageStep(pageStep);
+        bar.setValue(value);
+        bar.resize(size);
+        return bar.grab().toImage();
+    };
+    QStyle *banded = BandedPaint::scrollBarStyle();
+    QVERIFY(banded);
+    QCOMPARE(grab(banded), grab(nullptr));
+}
+
+QTEST_MAIN(tst_BandedPaint)
+#include "tst_bandedpaint.moc"
