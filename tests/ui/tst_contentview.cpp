@@ -185,9 +185,7 @@ private slots:
         QCOMPARE(fetch->isEnabled(), withProvider);
 
         if (served) {
-            MockProviderOptions options;
-            options.models = *served;
-            m_w->mock.setOptions(options);
+            m_w->mock.setOptions({.models = *served});
             fetch->click();
             QVERIFY(view->header()->isFetchingModels());
             QVERIFY(child<QWidget>(view, "fetchProgress")->isVisible());
@@ -217,10 +215,7 @@ private slots:
     void fetchFailure_showsErrorAndKeepsList()
     {
         m_w->addProvider(u"Mock"_s, {u"kept"_s});
-        MockProviderOptions options;
-        options.failStatus = 500;
-        options.failBody = "overloaded";
-        m_w->mock.setOptions(options);
+        m_w->mock.setOptions({.failStatus = 500, .failBody = "overloaded"});
         ContentView *view = m_w->makeView();
         view->header()->fetchModels();
         QTRY_VERIFY(!view->header()->isFetchingModels());
@@ -253,10 +248,8 @@ private slots:
         view->header()->setFileDialogs(&dialogs);
         const Provider second = m_w->addProvider(u"Second"_s, {}, u"second-model"_s);
         m_w->store.setSelectedID(second.id);
-        MockProviderOptions slow; // long and slow enough to be caught part-way
-        slow.reply = u"Partial"_s + u"word "_s.repeated(100);
-        slow.tokensPerSecond = 50;
-        m_w->mock.setOptions(slow);
+        // Long and slow enough to be caught part-way.
+        m_w->mock.setOptions({.reply = u"Partial"_s + u"word "_s.repeated(100), .tokensPerSecond = 50});
         typeAndReturn(view, u"Question"_s);
         QTRY_VERIFY(chat->messages().size() == 4 && chat->messages().last().content.startsWith(u"Partial"_s));
         QCOMPARE(m_w->chats.conversations().first().messages.size(), 3);
@@ -619,8 +612,8 @@ private slots:
         const QString firstTotal = child<QLabel>(view, "tokenTotal")->text();
         QCOMPARE(firstTotal, u"%1 tokens"_s.arg(ChatHeader::conversationTokenTotal(view->chat()->messages()).value()));
 
-        MockProviderOptions options;
-        options.reply = u"A second, **longer** answer to the same question, with more words in it."_s;
+        const MockProviderOptions options{.reply =
+                                              u"A second, **longer** answer to the same question, with more words."_s};
         m_w->mock.setOptions(options);
         const Provider second = m_w->addProvider(u"Second"_s, {}, u"mock-large"_s);
         m_w->store.setSelectedID(second.id);
@@ -665,22 +658,17 @@ private slots:
     void othersTurnWhileStreaming_replyGoesOn()
     {
         m_w->addProvider(u"Mock"_s);
-        MockProviderOptions options;
-        options.reply = u"A reply long enough to be streaming still when the other window's turn is saved."_s;
-        options.tokensPerSecond = 40;
-        m_w->mock.setOptions(options);
+        const QString slow = u"A reply long enough to be streaming still when the other window's turn is saved."_s;
+        m_w->mock.setOptions({.reply = slow, .tokensPerSecond = 40});
         ContentView *view = m_w->makeView();
         ContentView *other = m_w->makeView();
         typeAndReturn(view, u"Slow"_s);
         QTRY_VERIFY(view->chat()->isStreaming() && !view->chat()->messages().last().content.isEmpty());
-        options.tokensPerSecond = 0;
-        options.reply = u"Quick"_s;
-        m_w->mock.setOptions(options);
+        m_w->mock.setOptions({.reply = u"Quick"_s});
         typeAndReturn(other, u"Other"_s);
         QTRY_VERIFY(!other->chat()->isStreaming());
         QTRY_VERIFY_WITH_TIMEOUT(!view->chat()->isStreaming(), 20000);
-        QCOMPARE(view->chat()->messages().at(1).content,
-                 u"A reply long enough to be streaming still when the other window's turn is saved."_s);
+        QCOMPARE(view->chat()->messages().at(1).content, slow);
         QVERIFY(!view->chat()->errorText());
     }
 

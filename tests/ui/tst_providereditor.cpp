@@ -118,12 +118,8 @@ private slots:
         QFETCH(QStringList, models);
         QFETCH(int, failStatus);
         QFETCH(QString, error);
-        MockProviderOptions options;
-        options.models = models;
-        options.requireKey = u"sk-live"_s;
-        options.failStatus = failStatus;
-        options.failBody = "overloaded";
-        m_mock.setOptions(options);
+        m_mock.setOptions(
+            {.failStatus = failStatus, .failBody = "overloaded", .requireKey = u"sk-live"_s, .models = models});
 
         ProviderStore store;
         const Provider original{

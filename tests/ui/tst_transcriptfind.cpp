@@ -130,10 +130,7 @@ private slots:
         m_view->openFind();
         QTest::keyClicks(m_view->findBar()->field(), u"word"_s);
         QCOMPARE(m_view->transcriptFind()->count(), 0);
-        MockProviderOptions slow;
-        slow.reply = u"word "_s.repeated(100);
-        slow.tokensPerSecond = 50;
-        m_w->mock.setOptions(slow);
+        m_w->mock.setOptions({.reply = u"word "_s.repeated(100), .tokensPerSecond = 50});
         m_view->chat()->setInput(u"Go"_s);
         m_view->send();
         QTRY_VERIFY(m_view->transcriptFind()->count() >= 3);

@@ -232,10 +232,7 @@ private slots:
     {
         QFETCH(Ending, ending);
         QFETCH(int, signalNumber);
-        MockProviderOptions slow;
-        slow.reply = u"word "_s.repeated(200);
-        slow.tokensPerSecond = 40;
-        m_mock.setOptions(slow);
+        m_mock.setOptions({.reply = u"word "_s.repeated(200), .tokensPerSecond = 40});
         const auto restore = qScopeGuard([this] { m_mock.setOptions({}); });
 
         QList<ChatMessage> shown;

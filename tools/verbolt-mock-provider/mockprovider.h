@@ -12,9 +12,9 @@ struct MockProviderOptions
     QString reply = QStringLiteral("Hello from the **mock provider**.\n\n```python\nprint(\"hi\")\n```\n");
     double tokensPerSecond = 0; // 0: as fast as the connection takes them
     int failStatus = 0;         // when set, every request gets this status and failBody
-    QByteArray failBody;
+    QByteArray failBody{};
     int dropAfterEvents = -1; // close the connection mid-stream after this many events
-    QString requireKey;       // when set, requests without this key get 401
+    QString requireKey{};     // when set, requests without this key get 401
     QStringList models = {QStringLiteral("mock-small"), QStringLiteral("mock-large"), QStringLiteral("Mock-Vision")};
     int charactersPerToken = 4; // the reply goes out in pieces of about this many characters
 };
