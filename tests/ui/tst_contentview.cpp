@@ -140,35 +140,39 @@ private slots:
     }
     void modelMenu_data()
     {
+        using Served = std::optional<MockProviderOptions>; // a fetch is made first when present
         QTest::addColumn<bool>("withProvider");
         QTest::addColumn<QStringList>("cached");
         QTest::addColumn<QString>("model");
-        QTest::addColumn<std::optional<QStringList>>("served"); // fetched first when present
+        QTest::addColumn<Served>("served");
         QTest::addColumn<QString>("label");
         QTest::addColumn<QStringList>("menu");
 
         const QString none = u"No models loaded — tap the refresh button"_s;
-        QTest::newRow("no provider") << false << QStringList() << u""_s << std::optional<QStringList>()
-                                     << u"Choose model"_s << QStringList{none};
+        QTest::newRow("no provider") << false << QStringList() << u""_s << Served() << u"Choose model"_s
+                                     << QStringList{none};
         QTest::newRow("nothing cached, no model")
-            << true << QStringList() << u""_s << std::optional<QStringList>() << u"Choose model"_s << QStringList{none};
-        QTest::newRow("cached, current checked")
-            << true << QStringList{u"a"_s, u"b&c"_s} << u"b&c"_s << std::optional<QStringList>() << u"b&c"_s
-            << QStringList{u"a"_s, u"b&&c +icon"_s};
+            << true << QStringList() << u""_s << Served() << u"Choose model"_s << QStringList{none};
+        QTest::newRow("cached, current checked") << true << QStringList{u"a"_s, u"b&c"_s} << u"b&c"_s << Served()
+                                                 << u"b&c"_s << QStringList{u"a"_s, u"b&&c +icon"_s};
         QTest::newRow("fetched list replaces cached")
             << true << QStringList{u"old"_s} << u"mock-large"_s
-            << std::optional(QStringList{u"mock-large"_s, u"mock-small"_s}) << u"mock-large"_s
+            << Served(MockProviderOptions{.models = {u"mock-large"_s, u"mock-small"_s}}) << u"mock-large"_s
             << QStringList{u"mock-large +icon"_s, u"mock-small"_s};
         QTest::newRow("fetched empty list wins over cached")
-            << true << QStringList{u"old"_s} << u"old"_s << std::optional(QStringList()) << u"old"_s
+            << true << QStringList{u"old"_s} << u"old"_s << Served(MockProviderOptions{.models = {}}) << u"old"_s
             << QStringList{none};
+        QTest::newRow("failed fetch: error shown, list kept")
+            << true << QStringList{u"kept"_s} << u"kept"_s
+            << Served(MockProviderOptions{.failStatus = 500, .failBody = "overloaded"}) << u"kept"_s
+            << QStringList{u"kept +icon"_s};
     }
     void modelMenu()
     {
         QFETCH(bool, withProvider);
         QFETCH(QStringList, cached);
         QFETCH(QString, model);
-        QFETCH(std::optional<QStringList>, served);
+        QFETCH(std::optional<MockProviderOptions>, served);
         QFETCH(QString, label);
         QFETCH(QStringList, menu);
 
@@ -185,15 +189,19 @@ private slots:
         QCOMPARE(fetch->isEnabled(), withProvider);
 
         if (served) {
-            m_w->mock.setOptions({.models = *served});
+            m_w->mock.setOptions(*served);
             fetch->click();
             QVERIFY(view->header()->isFetchingModels());
             QVERIFY(child<QWidget>(view, "fetchProgress")->isVisible());
             QVERIFY(!fetch->isEnabled());
             QTRY_VERIFY(!view->header()->isFetchingModels());
             QVERIFY(fetch->isEnabled());
-            QCOMPARE(m_w->store.selected()->cachedModels, *served);
-            QCOMPARE(view->chat()->errorText(), std::nullopt);
+            const bool failed = served->failStatus != 0;
+            QCOMPARE(m_w->store.selected()->cachedModels, failed ? cached : served->models);
+            if (failed)
+                QVERIFY(view->chat()->errorText().value_or(QString()).contains(u"500"_s));
+            else
+                QCOMPARE(view->chat()->errorText(), std::nullopt);
         }
         QCOMPARE(child<QLabel>(view, "modelLabel")->text(), label);
         if (withProvider) {
@@ -211,17 +219,6 @@ private slots:
             QCOMPARE(m_w->store.selected()->model, view->header()->modelList().first());
             QCOMPARE(child<QLabel>(other, "modelLabel")->text(), view->header()->modelList().first());
         }
-    }
-    void fetchFailure_showsErrorAndKeepsList()
-    {
-        m_w->addProvider(u"Mock"_s, {u"kept"_s});
-        m_w->mock.setOptions({.failStatus = 500, .failBody = "overloaded"});
-        ContentView *view = m_w->makeView();
-        view->header()->fetchModels();
-        QTRY_VERIFY(!view->header()->isFetchingModels());
-        QVERIFY(view->chat()->errorText().value_or(QString()).contains(u"500"_s));
-        QCOMPARE(view->header()->modelList(), QStringList{u"kept"_s});
-        QCOMPARE(m_w->store.selected()->cachedModels, QStringList{u"kept"_s});
     }
     void turn_createsConversationStreamsExportsAndStops()
     {
