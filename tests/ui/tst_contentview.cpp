@@ -346,10 +346,7 @@ private slots:
         QCOMPARE(list->currentIndex().row(), 0);
 
         const auto runDialog = [&](const QString &text, const QString &button) {
-            QMenu *menu = openRowMenu(view, 2);
-            QVERIFY(menu);
-            menu->actions().at(0)->trigger();
-            menu->close();
+            QVERIFY(chooseFromRowMenu(view, 2, u"Rename"_s));
             auto *dialog = child<QDialog>(view, "renameDialog");
             QVERIFY(dialog && dialog->isVisible());
             auto *field = child<QLineEdit>(view, "renameField");
@@ -369,19 +366,13 @@ private slots:
         QCOMPARE(m_w->chats.selectedID(), newer.id);
 
         // Deleting a row that is not selected keeps the selection.
-        QMenu *menu = openRowMenu(view, 1);
-        QVERIFY(menu);
-        menu->actions().at(1)->trigger();
-        menu->close();
+        QVERIFY(chooseFromRowMenu(view, 1, u"Delete"_s));
         QVERIFY(!m_w->chats.find(middle.id));
         QCOMPARE(m_w->chats.selectedID(), newer.id);
         QCOMPARE(list->currentIndex().row(), 0);
 
         // Deleting the selected row leaves the choice of the next selection to the store.
-        menu = openRowMenu(view, 0);
-        QVERIFY(menu);
-        menu->actions().at(1)->trigger();
-        menu->close();
+        QVERIFY(chooseFromRowMenu(view, 0, u"Delete"_s));
         QCOMPARE(m_w->chats.conversations().size(), 1);
         QCOMPARE(m_w->chats.selectedID(), older.id);
         QCOMPARE(list->currentIndex().row(), 0);
@@ -580,10 +571,8 @@ private slots:
         dialog->accept();
         QCOMPARE(view->chat()->systemPrompt(), u"Be brief."_s);
 
-        QMenu *menu = openRowMenu(view, int(m_w->chats.conversations().indexOf(*m_w->chats.find(other.id))));
-        QVERIFY(menu);
-        QCOMPARE(menuTexts(menu).last(), u"System Prompt…"_s);
-        menu->actions().last()->trigger();
+        const int row = int(m_w->chats.conversations().indexOf(*m_w->chats.find(other.id)));
+        QVERIFY(chooseFromRowMenu(view, row, u"System Prompt…"_s));
         QCOMPARE(shownChildren<SystemPromptDialog>(view).size(), 1);
         SystemPromptDialog *second = shownChildren<SystemPromptDialog>(view).first();
         second->field()->setPlainText(u"Other rules"_s);
@@ -676,9 +665,9 @@ private:
         editor->setPlainText(text);
         QTest::keyClick(editor, Qt::Key_Return);
     }
-    // As the mouse does it: the press, then the menu event. Neither may choose the row; returns the
-    // menu, or null when there is none or the row was chosen.
-    QMenu *openRowMenu(ContentView *view, int row)
+    // As the mouse does it: the press, then the menu event, neither of which may choose the row;
+    // then the menu's item of that text. False when there is no menu or item, or the row was chosen.
+    bool chooseFromRowMenu(ContentView *view, int row, const QString &item)
     {
         auto *list = child<QAbstractItemView>(view, "conversationList");
         const std::optional<QUuid> before = m_w->chats.selectedID();
@@ -687,10 +676,17 @@ private:
         QContextMenuEvent event(QContextMenuEvent::Mouse, at, list->viewport()->mapToGlobal(at));
         QApplication::sendEvent(list->viewport(), &event);
         QTest::mouseRelease(list->viewport(), Qt::RightButton, {}, at);
-        if (m_w->chats.selectedID() != before)
-            return nullptr;
         const QList<QMenu *> menus = shownChildren<QMenu>(view, "conversationMenu");
-        return menus.size() == 1 ? menus.first() : nullptr;
+        if (m_w->chats.selectedID() != before || menus.size() != 1)
+            return false;
+        for (QAction *action : menus.first()->actions()) {
+            if (action->text() == item) {
+                action->trigger();
+                menus.first()->close();
+                return true;
+            }
+        }
+        return false;
     }
     std::unique_ptr<StorageTest::Profile> m_profile;
     std::unique_ptr<UiTest::ChatWindows> m_w;
