@@ -105,8 +105,8 @@ private slots:
 
         ConversationStore store;
         const auto storedForm = [&] { return store.conversations().last().messages.stored().has_value(); };
-        QCOMPARE(storedForm(), keptAsStored);
         QCOMPARE(store.selected(), std::optional(expected.first()));
+        QCOMPARE(storedForm(), keptAsStored);
         expected.prepend(store.newChat(std::nullopt));
         QCOMPARE(savedBy(store), expected);
         QCOMPARE(storedForm(), keptAsStored); // saving did not decode it
