@@ -60,7 +60,6 @@ void tst_Json::integersAtTheLimits_data()
     QTest::newRow("string") << QByteArray("\"12\"") << none;
     QTest::newRow("null") << QByteArray("null") << none;
 }
-
 // Each literal shares its document with the largest count, which must stay exact beside it.
 void tst_Json::integersAtTheLimits()
 {
@@ -96,7 +95,6 @@ void tst_Json::stringsRoundTrip_data()
         << u"👩‍💻 and 🇪🇺"_s << QByteArray("\"👩‍💻 and 🇪🇺\"");
     QTest::newRow("nul inside") << QString(u"a"_s + QChar(0) + u"b"_s) << QByteArray(R"("a\u0000b")");
 }
-
 // A string reads back as written, with or without the slash escape.
 void tst_Json::stringsRoundTrip()
 {
@@ -169,7 +167,6 @@ void tst_Json::rejectsWhatIsNotOneDocument_data()
     QTest::newRow("overlong utf-8") << QByteArray("\"\xc0\xaf\"");
     QTest::newRow("trailing comma") << QByteArray("[1,]");
 }
-
 void tst_Json::rejectsWhatIsNotOneDocument()
 {
     QFETCH(QByteArray, bytes);

@@ -68,7 +68,6 @@ private slots:
                 << (reencode ? std::optional(c.value(3, c[2]).toUtf8()) : std::nullopt);
         }
     }
-
     // The error text is empty exactly when the record decodes; what is written decodes back to an
     // equal record.
     void coding()
@@ -148,7 +147,6 @@ private slots:
                longCluster + QString(47, u'x'));
         titled("a megabyte after blank lines", QString(3000, u'\n') + QString(1'000'000, u'w'), QString(48, u'w'));
     }
-
     void derivedTitle()
     {
         QFETCH(QList<ChatMessage>, messages);
@@ -175,7 +173,6 @@ private slots:
         QTest::newRow("overflow saturates") << std::optional(TokenUsage{max, 5, std::nullopt}) << std::optional(max);
         QTest::newRow("negative overflow") << std::optional(TokenUsage{min, -5, std::nullopt}) << none;
     }
-
     void displayedTokenCount()
     {
         QFETCH(std::optional<TokenUsage>, usage);

@@ -43,7 +43,6 @@ private slots:
         // JSON cannot carry a lone surrogate.
         QTest::newRow("lone surrogate passes through") << u"a\xD800*b*"_s << u"[]a\xD800|[e]b"_s;
     }
-
     void render()
     {
         QFETCH(QString, text);
@@ -65,7 +64,6 @@ private slots:
         QTest::newRow("http without host") << u"http:foo"_s << false;
         QTest::newRow("empty mailto") << u"mailto:"_s << false;
     }
-
     void isOpenableLink()
     {
         QFETCH(QString, target);

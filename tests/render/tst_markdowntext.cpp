@@ -80,7 +80,6 @@ private slots:
             QTest::newRow(qPrintable(name)) << read(path) << read(path.chopped(3) + u".json"_s).trimmed() << true;
         }
     }
-
     void parse()
     {
         QFETCH(QString, text);
@@ -126,7 +125,6 @@ private slots:
             QTest::newRow(qPrintable(row.first())) << row[1] << row.mid(3) << (row[2] == u"separator");
         }
     }
-
     void tableLine()
     {
         QFETCH(QString, line);

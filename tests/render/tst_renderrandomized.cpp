@@ -107,7 +107,6 @@ private slots:
         for (quint32 seed : {1u, 7u, 42u, 2024u, 90210u})
             QTest::newRow(qPrintable(QString::number(seed))) << seed;
     }
-
     // Besides the invariants, the generic highlighting must equal its patterns run one by one.
     void randomPieces()
     {
@@ -191,7 +190,6 @@ private slots:
         QTest::newRow("1 MB cell") << u"| a | b |\n|---|---|\n| "_s + mega + u" | b |"_s;
         QTest::newRow("10,000 nested quotes") << u">"_s.repeated(10000) + u" deep"_s;
     }
-
     // Linear work on any input: a budget per input far above what it takes, far below what a
     // cost that grows with the square of the length would.
     void hostileInputs()

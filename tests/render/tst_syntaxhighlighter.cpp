@@ -42,7 +42,6 @@ private slots:
         // JSON cannot carry a lone surrogate.
         QTest::newRow("lone surrogate") << std::optional<QString>() << u"\xD800 1 \xDC00"_s << u"--n--"_s;
     }
-
     void highlighted()
     {
         QFETCH(std::optional<QString>, language);
@@ -77,7 +76,6 @@ private slots:
             QTest::newRow(names) << QString::fromLatin1(names);
         QTest::newRow("generic") << u"cobol Swift  js\u00A0"_s;
     }
-
     void profileNames()
     {
         QFETCH(QString, names);

@@ -62,7 +62,6 @@ private slots:
         add("request with a blank base URL", "request", QByteArray(request).replace("https://api.example.com/v1/", " "),
             1, "{\"error\":\"The provider Base URL is empty or invalid.\"}\n");
     }
-
     void contract()
     {
         QFETCH(QStringList, args);

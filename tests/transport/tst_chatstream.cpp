@@ -203,7 +203,6 @@ void tst_ChatStream::deliversEventsInOrder_data()
     QTest::newRow("slow stream longer than the time-out")
         << StreamCase{.response = LoopbackResponse::eventStream(slow, 250), .expected = slowEvents, .timeout = 1000ms};
 }
-
 void tst_ChatStream::deliversEventsInOrder()
 {
     QFETCH(StreamCase, row);
@@ -317,7 +316,6 @@ void tst_ChatStream::fails_data()
                     .limits = {.errorBodyBytes = 16},
                     .text = u"Provider returned HTTP 502: 0123456789abcdef"_s};
 }
-
 void tst_ChatStream::fails()
 {
     QFETCH(FailCase, row);
@@ -396,7 +394,6 @@ void tst_ChatStream::endlessChunkedBody_stopsTheTransfer_data()
                            200, chunk("hi") + R"(data: {"choices":[{"delta":{"content":")", QByteArray(mb, 'x')),
                        .stopAtFirstEvent = true};
 }
-
 // A fast server that never ends a chunked body: the stream ends at its limit, or at Stop, and the
 // transfer ends with it, long before the server's own limit: nothing more is read.
 void tst_ChatStream::endlessChunkedBody_stopsTheTransfer()
@@ -427,7 +424,6 @@ void tst_ChatStream::twoStreams_data()
     QTest::newRow("second cancelled from its own event slot") << true;
     QTest::newRow("second's consumer destroyed") << false;
 }
-
 // Two streams at once keep their events apart. The second one's consumer has enough after three
 // events: cancelled, it ends normally on a later turn; with its consumer gone, it says nothing more.
 void tst_ChatStream::twoStreams()
@@ -485,7 +481,6 @@ void tst_ChatStream::readsAFastStreamInFewPieces_data()
     // A TLS socket keeps a buffer of its own in front of the one Qt holds back.
     QTest::newRow("TLS") << true;
 }
-
 // Events that come faster than the read interval are taken a batch at a time, none lost and in
 // order.
 void tst_ChatStream::readsAFastStreamInFewPieces()

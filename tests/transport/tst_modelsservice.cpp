@@ -118,7 +118,6 @@ void tst_ModelsService::fetch_data()
     QTest::newRow("model list of exactly the limit") << FetchCase{
         .response = json(R"({"data":[{"id":"a"}]})"), .limits = {.modelListBytes = 21}, .models = {u"a"_s}};
 }
-
 void tst_ModelsService::fetch()
 {
     QFETCH(FetchCase, row);
@@ -162,7 +161,6 @@ void tst_ModelsService::stopEarly_data()
     QTest::newRow("cancel: Qt's cancellation, later") << true;
     QTest::newRow("consumer destroyed: nothing") << false;
 }
-
 void tst_ModelsService::stopEarly()
 {
     QFETCH(bool, cancel);

@@ -336,7 +336,6 @@ private slots:
                                 "socks4://h:1080", "http://h:3128/path", "http://:3128", "http://h:99999"})
             QTest::addRow("%s", bad) << QString::fromLatin1(bad) << false << QString() << QString();
     }
-
     void parse()
     {
         QFETCH(QString, text);
@@ -385,7 +384,6 @@ private slots:
         QTest::newRow("not a proxy address")
             << ProxyCase{.proxy = u"proxy.example"_s, .viaProxy = false, .error = ProviderProxy::formatHint()};
     }
-
     void chatThroughProxy()
     {
         QFETCH(ProxyCase, row);

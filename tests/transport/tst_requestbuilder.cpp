@@ -40,7 +40,6 @@ private slots:
         QTest::newRow("space inside") << openAI << u"https://h/a b"_s << QString();
         QTest::newRow("bad port") << openAI << u"http://h:99999999/v1"_s << QString();
     }
-
     void endpoint()
     {
         QFETCH(int, wire);
@@ -74,7 +73,6 @@ private slots:
                                               {"x-api-key", "ak"},
                                               {"anthropic-version", "2023-06-01"}};
     }
-
     void headersInOrder()
     {
         QFETCH(int, wire);
@@ -108,7 +106,6 @@ private slots:
                 << row[2].toUtf8();
         }
     }
-
     void body()
     {
         QFETCH(int, wire);

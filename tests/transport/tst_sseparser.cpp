@@ -54,7 +54,6 @@ private slots:
                               "\"choices\":[{\"delta\":{\"content\":\"\xff\"}}]}")
                 << wire << Parsed();
     }
-
     void classify()
     {
         QFETCH(QByteArray, line);
