@@ -1,5 +1,6 @@
 #include "ui/codeblockview.h"
 
+#include "ui/backgroundpool.h"
 #include "ui/bandedpaint.h"
 #include "ui/copyfeedback.h"
 #include "ui/markedtext.h"
@@ -491,7 +492,7 @@ void CodeBlockView::highlightLater(const QString &code, const std::optional<QStr
         return;
     m_highlighting = true;
     QPointer<CodeBlockView> self(this);
-    QThreadPool::globalInstance()->start([self, code, language, generation] {
+    backgroundPool()->start([self, code, language, generation] {
         StyledCode styled = SyntaxHighlighter::build(code, language);
         QMetaObject::invokeMethod(
             qApp,

@@ -2,6 +2,7 @@
 
 #include "chat/chatviewmodel.h"
 #include "render/inlinemarkdown.h"
+#include "ui/backgroundpool.h"
 #include "ui/codeblockview.h"
 #include "ui/inlinetext.h"
 #include "ui/markdowntextview.h"
@@ -267,7 +268,7 @@ void TranscriptFind::prepare()
         return;
     m_readInFlight = true;
     const quint64 generation = ++*m_reading;
-    QThreadPool::globalInstance()->start(
+    backgroundPool()->start(
         [self = QPointer<TranscriptFind>(this), reading = m_reading, generation, indices, contents] {
             // Handed over in steps, so that what is read is of use before the whole is.
             constexpr qint64 stepMs = 20;
