@@ -91,6 +91,7 @@ void ConversationDelegate::useFonts(const Fonts &fonts) const
     m_titles.clear();
     m_dates.clear();
     m_contexts.clear();
+    m_contextGlyphs.clear();
     m_fonts = fonts;
     m_titleHeight = QFontMetrics(fonts.title).height();
     m_dateHeight = QFontMetrics(fonts.date).height();
@@ -116,7 +117,7 @@ ConversationDelegate::Line ConversationDelegate::elidedLine(LineCache &cache, co
     return *cache.insert(key, std::move(layout));
 }
 
-ConversationDelegate::Line ConversationDelegate::contextLine(const QModelIndex &index) const
+ConversationDelegate::Glyphs ConversationDelegate::contextGlyphs(const QModelIndex &index, int width) const
 {
     const QString context = index.data(ConversationListModel::ContextRole).toString();
     if (context.isEmpty())
@@ -127,20 +128,50 @@ ConversationDelegate::Line ConversationDelegate::contextLine(const QModelIndex &
     key.reserve(key.size() + 8 * hits.size());
     for (const TextSearch::Range &hit : hits)
         key += QChar(u'\x1f') + QString::number(hit.start) + QChar(u'+') + QString::number(hit.length);
-    if (const auto found = m_contexts.constFind(key); found != m_contexts.constEnd())
+    QString glyphsKey = QString::number(width);
+    glyphsKey += QChar(u'\x1f') + key;
+    if (const auto found = m_contextGlyphs.constFind(glyphsKey); found != m_contextGlyphs.constEnd())
         return *found;
-    const QFont bold = hitFont(m_fonts.context);
-    QList<QTextLayout::FormatRange> formats;
-    for (const TextSearch::Range &hit : hits) {
-        QTextCharFormat format;
-        format.setFont(bold);
-        formats.append({int(hit.start), int(hit.length), format});
+
+    Line layout = m_contexts.value(key);
+    if (!layout) {
+        const QFont bold = hitFont(m_fonts.context);
+        QList<QTextLayout::FormatRange> formats;
+        for (const TextSearch::Range &hit : hits) {
+            QTextCharFormat format;
+            format.setFont(bold);
+            formats.append({int(hit.start), int(hit.length), format});
+        }
+        auto laidOut = std::make_shared<QTextLayout>();
+        layOutLine(*laidOut, context, m_fonts.context, formats);
+        if (m_contexts.size() >= cachedLines)
+            m_contexts.clear();
+        layout = *m_contexts.insert(key, std::move(laidOut));
     }
-    auto layout = std::make_shared<QTextLayout>();
-    layOutLine(*layout, context, m_fonts.context, formats);
-    if (m_contexts.size() >= cachedLines)
-        m_contexts.clear();
-    return *m_contexts.insert(key, std::move(layout));
+    // A glyph starting a little past the edge may still reach back over it.
+    const qreal edge = width + layout->lineAt(0).height();
+    auto shown = std::make_shared<QList<QGlyphRun>>();
+    for (const QGlyphRun &run : layout->glyphRuns()) {
+        const QList<quint32> indexes = run.glyphIndexes();
+        const QList<QPointF> positions = run.positions();
+        QList<quint32> keptIndexes;
+        QList<QPointF> keptPositions;
+        for (qsizetype i = 0; i < indexes.size() && i < positions.size(); ++i) {
+            if (positions.at(i).x() < edge) {
+                keptIndexes.append(indexes.at(i));
+                keptPositions.append(positions.at(i));
+            }
+        }
+        if (keptIndexes.isEmpty())
+            continue;
+        QGlyphRun part = run;
+        part.setGlyphIndexes(keptIndexes);
+        part.setPositions(keptPositions);
+        shown->append(part);
+    }
+    if (m_contextGlyphs.size() >= cachedLines)
+        m_contextGlyphs.clear();
+    return *m_contextGlyphs.insert(glyphsKey, std::move(shown));
 }
 
 void ConversationDelegate::paint(QPainter *painter, const QStyleOptionViewItem &option, const QModelIndex &index) const
@@ -171,7 +202,7 @@ void ConversationDelegate::paint(QPainter *painter, const QStyleOptionViewItem &
     const Line title = elidedLine(m_titles, index.data(Qt::DisplayRole).toString(), m_fonts.title, content.width());
     const Line date =
         elidedLine(m_dates, index.data(ConversationListModel::DateTextRole).toString(), m_fonts.date, content.width());
-    const Line context = contextLine(index);
+    const Glyphs context = contextGlyphs(index, content.width());
     const int dateTop = content.top() + m_titleHeight + lineSpacing;
     const int contextTop = dateTop + m_dateHeight + lineSpacing;
 
@@ -183,7 +214,8 @@ void ConversationDelegate::paint(QPainter *painter, const QStyleOptionViewItem &
     date->draw(painter, QPoint(content.left(), dateTop));
     if (context) {
         painter->setPen(titleColor);
-        context->draw(painter, QPoint(content.left(), contextTop));
+        for (const QGlyphRun &run : *context)
+            painter->drawGlyphRun(QPointF(content.left(), contextTop), run);
     }
     painter->setClipping(false);
     // The row the keyboard is on, while the list has the focus: without it, a selected row looks

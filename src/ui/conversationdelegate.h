@@ -1,7 +1,9 @@
 #pragma once
 
 #include <QFont>
+#include <QGlyphRun>
 #include <QHash>
+#include <QList>
 #include <QStyledItemDelegate>
 
 #include <memory>
@@ -36,6 +38,7 @@ public:
 private:
     using Line = std::shared_ptr<const QTextLayout>;
     using LineCache = QHash<QString, Line>;
+    using Glyphs = std::shared_ptr<const QList<QGlyphRun>>;
     struct Fonts
     {
         QFont title;
@@ -53,13 +56,17 @@ private:
     void useFonts(const Fonts &fonts) const;
     // The text on one line of the given font, elided to the width.
     Line elidedLine(LineCache &cache, const QString &text, const QFont &font, int width) const;
-    Line contextLine(const QModelIndex &index) const;
+    // The glyphs of the row's line of context that can show within the width, null for a row
+    // without context. The line runs on well past the row's edge; drawing it whole would look up,
+    // and the first time rasterise, every glyph beyond.
+    Glyphs contextGlyphs(const QModelIndex &index, int width) const;
 
     // Lines shaped so far, by what they show; each emptied when it grows past a few screenfuls,
     // all of them when the fonts change.
     mutable LineCache m_titles;
     mutable LineCache m_dates;
     mutable LineCache m_contexts;
+    mutable QHash<QString, Glyphs> m_contextGlyphs;
     mutable Fonts m_fonts;
     mutable int m_titleHeight = 0;
     mutable int m_dateHeight = 0;
