@@ -48,7 +48,17 @@ public:
         }
         // The groove's gradient, its edge lines and the handle's frame each run the bar's whole
         // height. Each band is drawn on a picture of its own and laid over the painter: a style
-        // may set a clip of its own part way through, which would undo a band's clip.
+        // may set a clip of its own part way through, which would undo a band's clip. The arrow
+        // buttons are small: drawn once, after the bands, as the style draws them after the
+        // groove and the handle.
+        const auto *slider = qstyleoption_cast<const QStyleOptionSlider *>(option);
+        if (!slider) {
+            QProxyStyle::drawComplexControl(control, option, painter, widget);
+            return;
+        }
+        constexpr SubControls arrows = SC_ScrollBarAddLine | SC_ScrollBarSubLine;
+        QStyleOptionSlider tall = *slider;
+        tall.subControls &= ~arrows;
         const qreal ratio = painter->device() ? painter->device()->devicePixelRatioF() : 1.0;
         QImage band(QSizeF(area.width(), BandedPaint::bandRows).toSize() * ratio, QImage::Format_ARGB32_Premultiplied);
         band.setDevicePixelRatio(ratio);
@@ -60,10 +70,15 @@ public:
                 bandPainter.setRenderHints(painter->renderHints());
                 bandPainter.setFont(painter->font());
                 bandPainter.translate(-area.left(), -top);
-                QProxyStyle::drawComplexControl(control, option, &bandPainter, widget);
+                QProxyStyle::drawComplexControl(control, &tall, &bandPainter, widget);
             }
             painter->drawImage(QRectF(area.left(), top, area.width(), rows), band,
                                QRectF(0, 0, area.width() * ratio, rows * ratio));
+        }
+        if (slider->subControls & arrows) {
+            QStyleOptionSlider ends = *slider;
+            ends.subControls &= arrows;
+            QProxyStyle::drawComplexControl(control, &ends, painter, widget);
         }
     }
 };
@@ -74,17 +89,21 @@ namespace BandedPaint {
 
 void inBands(QPainter &painter, const QRect &area, const std::function<void()> &draw, int rows)
 {
-    const QRect todo = paintedPart(painter, area);
+    // Bands are cut in whole rows of the painter before its own transform (a button scaled as it
+    // comes into view): cut in its scaled rows, neighbouring bands would share a row, drawn twice.
+    const QTransform world = painter.worldTransform();
+    const QRect todo = world.mapRect(QRectF(paintedPart(painter, area))).toAlignedRect();
     if (todo.isEmpty())
         return;
-    // A band is counted in the device's rows: a scaled painter (a high-density screen) covers
-    // more of them per row it is given.
-    const qreal scale = std::max(1.0, std::abs(painter.deviceTransform().m22()));
-    const int step = std::max(1, int(rows / scale));
+    // A band is counted in the device's rows: a high-density screen has more of them to a point.
+    const qreal ratio = painter.device() ? std::max(1.0, painter.device()->devicePixelRatioF()) : 1.0;
+    const int step = std::max(1, int(rows / ratio));
     for (int top = todo.top(); top <= todo.bottom(); top += step) {
         painter.save();
+        painter.setWorldTransform(QTransform());
         painter.setClipRect(QRect(todo.left(), top, todo.width(), std::min(step, todo.bottom() + 1 - top)),
                             Qt::IntersectClip);
+        painter.setWorldTransform(world);
         draw();
         painter.restore();
     }

@@ -104,14 +104,23 @@ protected:
         const QRectF disc = QRectF(rect()).adjusted(0.5, 0.5, -0.5, -0.5);
         QColor material = palette().color(QPalette::Window);
         material.setAlphaF(0.82f);
-        painter.setPen(QPen(Theme::withOpacity(Theme::color(Theme::Color::Secondary, palette()), 0.3), 1));
-        painter.setBrush(material);
-        painter.drawEllipse(disc);
-        if (hasFocus()) {
-            painter.setPen(QPen(Theme::color(Theme::Color::Accent, palette()), 2));
-            painter.setBrush(Qt::NoBrush);
-            painter.drawEllipse(disc.adjusted(1, 1, -1, -1));
-        }
+        const QPen edge(Theme::withOpacity(Theme::color(Theme::Color::Secondary, palette()), 0.3), 1);
+        const QPen ring(Theme::color(Theme::Color::Accent, palette()), 2);
+        // An antialiased disc has many spans to a row; in thin bands it stays on this thread
+        // through every frame of its reveal.
+        BandedPaint::inBands(
+            painter, rect(),
+            [&] {
+                painter.setPen(edge);
+                painter.setBrush(material);
+                painter.drawEllipse(disc);
+                if (hasFocus()) {
+                    painter.setPen(ring);
+                    painter.setBrush(Qt::NoBrush);
+                    painter.drawEllipse(disc.adjusted(1, 1, -1, -1));
+                }
+            },
+            8);
         icon().paint(&painter, QRect(padding, padding, iconSize, iconSize));
     }
 
