@@ -120,12 +120,8 @@ private slots:
         QTest::addColumn<QString>("markdown");
         QTest::addColumn<int>("step");
 
-        QStringList words{u"Throughput"_s, u"`C:\\Users\\dev`"_s,
-                          u"café"_s,       u"größer"_s,
-                          u"**данные**"_s, u"日本語テキスト"_s,
-                          u"✓"_s,          u"[slot](https://example.com/1)"_s,
-                          u"*loop*"_s,     u"event"_s,
-                          u"a-b-c"_s};
+        const QStringList words = u"Throughput `C:\\Users\\dev` café größer **данные** 日本語テキスト ✓ "
+                                  "[slot](https://example.com/1) *loop* event a-b-c"_s.split(u' ');
         const auto prose = [&](int count, int seed) {
             QStringList out;
             for (int i = 0; i < count; ++i)
