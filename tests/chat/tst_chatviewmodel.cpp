@@ -106,8 +106,9 @@ class tst_ChatViewModel final : public QObject
             return responses.at(std::min(next++, responses.size() - 1));
         });
     }
-    // Another window on the same store, showing the selected conversation.
-    std::unique_ptr<ChatViewModel> otherWindow()
+    // A window on the store, showing the selected conversation. The view model reads the clock once
+    // per fragment; each reading moves it on by m_step.
+    std::unique_ptr<ChatViewModel> window()
     {
         auto other = std::make_unique<ChatViewModel>();
         other->setClock([this] { return std::exchange(m_now, m_now + m_step); });
@@ -134,12 +135,8 @@ private slots:
         QVERIFY(m_server->listen());
         m_now = 1000;
         m_step = 1;
-        m_vm = std::make_unique<ChatViewModel>();
-        // The view model reads the clock once per fragment; each reading moves it on by m_step.
-        m_vm->setClock([this] { return std::exchange(m_now, m_now + m_step); });
-        m_vm->setStore(m_store.get());
         m_conversation = m_store->newChat(std::nullopt);
-        m_vm->activate(m_conversation);
+        m_vm = window();
         m_streamEnds = 0;
         m_vm->setOnStreamEnd([this] { ++m_streamEnds; });
     }
@@ -229,16 +226,17 @@ private slots:
         QTest::addColumn<double>("secondsBetweenFragments");
         QTest::addColumn<QStringList>("updates");
         // Pending text with no later fragment waits for the end of the reply: there is no timer.
-        QTest::newRow("three within 10 ms") << 0.003 << QStringList{u"abc"_s};
-        QTest::newRow("60 ms apart") << 0.06 << QStringList{u"a"_s, u"ab"_s, u"abc"_s};
-        QTest::newRow("30 ms apart") << 0.03 << QStringList{u"ab"_s, u"abc"_s};
+        QTest::newRow("four within 10 ms") << 0.003 << QStringList{u"abcd"_s};
+        QTest::newRow("60 ms apart") << 0.06 << QStringList{u"a"_s, u"ab"_s, u"abc"_s, u"abcd"_s};
+        // The interval runs from the last update shown, not from the start of the reply.
+        QTest::newRow("30 ms apart") << 0.03 << QStringList{u"ab"_s, u"abcd"_s};
     }
     void throttle()
     {
         QFETCH(double, secondsBetweenFragments);
         QFETCH(QStringList, updates);
 
-        m_server->setResponse(LoopbackResponse::eventStream({delta("a"), delta("b"), delta("c")}, 5));
+        m_server->setResponse(LoopbackResponse::eventStream({delta("a"), delta("b"), delta("c"), delta("d")}, 5));
         m_step = secondsBetweenFragments;
         QStringList seen; // each text the reply showed, in turn
         connect(m_vm.get(), &ChatViewModel::messagesChanged, this, [&] {
@@ -248,7 +246,7 @@ private slots:
         });
         QVERIFY(runTurn(u"go"_s, loopback()));
         QCOMPARE(seen, updates);
-        QCOMPARE(stored(m_conversation.id).last().content, u"abc"_s);
+        QCOMPARE(stored(m_conversation.id).last().content, u"abcd"_s);
     }
 
     void turn_data()
@@ -412,12 +410,12 @@ private slots:
         slow.pieces[1].delayMs = 300;
         slow.pieces[2].delayMs = 300;
         m_server->setResponse(slow);
-        const auto before = otherWindow();
+        const auto before = window();
         start(u"q"_s, loopback());
         QTRY_COMPARE(m_vm->messages().last().content, u"a"_s);
         QCOMPARE(contents(before->messages()), (QStringList{u"a"_s}));
 
-        const auto opened = otherWindow();
+        const auto opened = window();
         QCOMPARE(contents(opened->messages()), (QStringList{u"q"_s, u"a"_s}));
         QTRY_COMPARE(contents(opened->messages()), (QStringList{u"q"_s, u"ab"_s}));
         QCOMPARE(opened->messages().last().id, m_vm->messages().last().id);
@@ -547,7 +545,7 @@ private slots:
         serveInTurn({LoopbackResponse::eventStream({delta("one")}), stalling({delta("two"), "data: [DONE]\n\n"}, 300),
                      stalling({delta("other reply"), "data: [DONE]\n\n"}, 600)});
         QVERIFY(runTurn(u"q"_s, loopback()));
-        const auto other = otherWindow();
+        const auto other = window();
         m_vm->regenerate(loopback());
         QTRY_COMPARE(contents(other->messages()), (QStringList{u"q"_s, u"two"_s}));
         QCOMPARE(other->messages().last().id, m_vm->messages().last().id);
@@ -580,7 +578,7 @@ private slots:
                      stalling({delta("second "), delta("reply")}, otherDelay),
                      stalling({delta("edited reply"), "data: [DONE]\n\n"}, editDelay)});
         QVERIFY(runTurn(u"q"_s, loopback()));
-        const auto other = otherWindow();
+        const auto other = window();
         other->setInput(u"second"_s);
         other->send(loopback());
         // This window takes in the other's saved prompt (its window reloads on a save) and its reply.
