@@ -199,12 +199,51 @@ QColor CodeTextView::colorFor(CodeColor color) const
     return Theme::color(Theme::Color::Primary, pal);
 }
 
+void CodeTextView::setBackdrop(const QColor &behind, const QColor &tint, const QWidget *shape, qreal radius)
+{
+    const bool opaque = behind.isValid() && behind.alpha() == 255 && shape;
+    m_fill = opaque ? paintedOver(behind, tint) : QColor();
+    m_behind = behind;
+    m_tint = tint;
+    m_shape = shape;
+    m_radius = radius;
+    setAttribute(Qt::WA_OpaquePaintEvent, opaque);
+    update();
+}
+
+void CodeTextView::paintBackdrop(QPainter *painter, const QRect &dirty) const
+{
+    painter->fillRect(dirty, m_fill);
+    // The owner's rounded corners that fall on this view are painted here as the owner paints
+    // them: the same path, at a whole-pixel offset, over the same colour.
+    const QRect shape(mapFrom(m_shape, QPoint(0, 0)), m_shape->size());
+    const int side = int(std::ceil(m_radius)) + 1;
+    QPainterPath path;
+    for (const QPoint corner :
+         {shape.topLeft(), shape.topRight() - QPoint(side - 1, 0), shape.bottomLeft() - QPoint(0, side - 1),
+          shape.bottomRight() - QPoint(side - 1, side - 1)}) {
+        const QRect square = QRect(corner, QSize(side, side)) & dirty;
+        if (square.isEmpty())
+            continue;
+        if (path.isEmpty())
+            path.addRoundedRect(QRectF(shape), m_radius, m_radius);
+        painter->save();
+        painter->setClipRect(square);
+        painter->fillRect(square, m_behind);
+        painter->setRenderHint(QPainter::Antialiasing);
+        painter->fillPath(path, m_tint);
+        painter->restore();
+    }
+}
+
 void CodeTextView::paintEvent(QPaintEvent *event)
 {
-    if (m_starts.empty() || m_lineHeight <= 0)
-        return;
     QPainter painter(this);
     const QRect dirty = event->rect();
+    if (m_fill.isValid())
+        paintBackdrop(&painter, dirty);
+    if (m_starts.empty() || m_lineHeight <= 0)
+        return;
     const int first = std::max(0, (dirty.top() - padding) / m_lineHeight);
     const int last = std::min(shownLineCount() - 1, (dirty.bottom() - padding) / m_lineHeight);
     const Spot from = std::min(m_anchor, m_cursor);
@@ -541,6 +580,7 @@ void CodeBlockView::applyStyle()
     m_label->setPalette(labelPalette);
     const int iconSize = std::max(8, caption.pixelSize());
     m_copyButton->setIconSize(QSize(iconSize, iconSize));
+    m_codeView->setBackdrop(m_backdrop, tint(), this, cornerRadius);
 }
 
 int CodeBlockView::headerHeight() const
@@ -585,12 +625,22 @@ void CodeBlockView::resizeEvent(QResizeEvent *event)
     m_codeView->resize(std::max(m_codeView->contentWidth(), width()), m_codeView->contentHeight());
 }
 
+QColor CodeBlockView::tint() const
+{
+    return Theme::withOpacity(Theme::color(Theme::Color::Secondary, palette()), 0.12);
+}
+
+void CodeBlockView::setBackdrop(const QColor &color)
+{
+    m_backdrop = color;
+    m_codeView->setBackdrop(color, tint(), this, cornerRadius);
+}
+
 void CodeBlockView::paintEvent(QPaintEvent *)
 {
     QPainter painter(this);
     painter.setRenderHint(QPainter::Antialiasing);
-    BandedPaint::fillRoundedRect(painter, rect(), cornerRadius,
-                                 Theme::withOpacity(Theme::color(Theme::Color::Secondary, palette()), 0.12));
+    BandedPaint::fillRoundedRect(painter, rect(), cornerRadius, tint());
 }
 
 bool CodeBlockView::eventFilter(QObject *watched, QEvent *event)

@@ -11,6 +11,7 @@
 #include <vector>
 
 class CopyFeedback;
+class QPainter;
 class QLabel;
 class QScrollArea;
 class QToolButton;
@@ -49,6 +50,10 @@ public:
     int shownLineCount() const { return std::min(lineCount(), maxShownLines); }
     // How many lines hold a layout now.
     int laidOutLineCount() const { return int(m_layouts.size()); }
+    // Makes the view opaque, painting itself what its owner shape shows behind the code: the
+    // rounded rectangle of shape (corners of radius) filled with tint over the solid colour behind.
+    // An invalid behind leaves the view transparent, drawing the code alone.
+    void setBackdrop(const QColor &behind, const QColor &tint, const QWidget *shape, qreal radius);
     QSize sizeHint() const override;
 
 signals:
@@ -89,6 +94,13 @@ private:
     Spot m_cursor;
     QList<TextSearch::Range> m_highlights;
     int m_currentHighlight = -1;
+    void paintBackdrop(QPainter *painter, const QRect &dirty) const;
+
+    QColor m_fill; // tint over behind, where the whole rectangle is inside the shape
+    QColor m_behind;
+    QColor m_tint;
+    const QWidget *m_shape = nullptr;
+    qreal m_radius = 0;
 };
 
 // A fenced code block: a header with the language (or "code") and a copy button, over the
@@ -113,6 +125,9 @@ public:
     QSize sizeHint() const override;
     void setFindHits(const QList<FindHit> &hits) override;
     QRect currentHitRect() const override;
+    void setBackdrop(const QColor &color) override;
+    // The block's rounded background: the secondary colour, faint.
+    QColor tint() const;
 
     const QString &code() const { return m_code; }
     QString label() const;
@@ -140,6 +155,7 @@ private:
 
     QString m_code;
     std::optional<QString> m_language;
+    QColor m_backdrop;
     QLabel *m_label;
     QToolButton *m_copyButton;
     QScrollArea *m_scroll;

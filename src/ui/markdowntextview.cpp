@@ -8,6 +8,7 @@
 #include <QCoreApplication>
 #include <QDesktopServices>
 #include <QEvent>
+#include <QImage>
 #include <QMouseEvent>
 #include <QPainter>
 #include <QResizeEvent>
@@ -203,6 +204,18 @@ QString TextBlockView::displayText() const
     default:
         return QString(m_text.plainText()).replace(QChar::LineSeparator, QLatin1Char('\n'));
     }
+}
+
+QColor paintedOver(const QColor &under, const QColor &over)
+{
+    // Blended by the same code that fills the window, so a view filling its own rectangle with
+    // the result cannot differ by a shade from what is painted around it.
+    QImage pixel(1, 1, QImage::Format_ARGB32_Premultiplied);
+    pixel.fill(under);
+    QPainter painter(&pixel);
+    painter.fillRect(pixel.rect(), over);
+    painter.end();
+    return pixel.pixelColor(0, 0);
 }
 
 void TextBlockView::setBackdrop(const QColor &color)

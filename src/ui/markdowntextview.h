@@ -34,6 +34,9 @@ struct FindMarks
 };
 FindMarks findMarks(const QList<FindHit> &hits);
 
+// The colour the window's raster painting shows where over is filled onto the opaque colour under.
+QColor paintedOver(const QColor &under, const QColor &over);
+
 // The view of one Markdown block. A view is kept while its block changes in place: setBlock()
 // takes the new payload and reports whether this view can show it at all.
 

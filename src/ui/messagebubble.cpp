@@ -203,14 +203,7 @@ QColor MessageBubble::bodyColor() const
     const QBrush back = behind->palette().brush(behind->backgroundRole());
     if (back.style() != Qt::SolidPattern || back.color().alpha() != 255)
         return {};
-    // Blended by the same raster code that fills the bubble, so the block views' own fill cannot
-    // differ by a shade from the padding around them.
-    QImage pixel(1, 1, QImage::Format_ARGB32_Premultiplied);
-    pixel.fill(back.color());
-    QPainter painter(&pixel);
-    painter.fillRect(pixel.rect(), bubbleColor(m_message.role, palette()));
-    painter.end();
-    return pixel.pixelColor(0, 0);
+    return paintedOver(back.color(), bubbleColor(m_message.role, palette()));
 }
 
 void MessageBubble::updateBackdrop()

@@ -1,4 +1,5 @@
 #include "model/versions.h"
+#include "ui/codeblockview.h"
 #include "ui/copyfeedback.h"
 #include "ui/markdowntextview.h"
 #include "ui/messagebubble.h"
@@ -213,9 +214,10 @@ private slots:
         QCOMPARE(bubble.footerCopyButton()->isVisible(), !empty);
         QCOMPARE(bubble.footerLabel()->isVisible(), !empty);
     }
-    // Text blocks paint the bubble's tint themselves, to the shade of the padding around them,
-    // over whatever solid colour lies behind the bubble; so a line that grows repaints its block alone.
-    void textBlocksPaintTheBubblesColour_data()
+    // Text and code blocks paint what lies behind them themselves, the bubble's tint over the
+    // solid colour behind the bubble and the code's rounded corners, to the pixel of what the
+    // window shows without them; so a line that grows repaints its block alone.
+    void blocksPaintWhatIsBehindThem_data()
     {
         QTest::addColumn<ChatRole>("role");
         QTest::addColumn<QColor>("behind");
@@ -224,7 +226,7 @@ private slots:
         QTest::newRow("reply on dark") << ChatRole::assistant << QColor(30, 32, 36);
         QTest::newRow("own message on dark") << ChatRole::user << QColor(30, 32, 36);
     }
-    void textBlocksPaintTheBubblesColour()
+    void blocksPaintWhatIsBehindThem()
     {
         QFETCH(ChatRole, role);
         QFETCH(QColor, behind);
@@ -235,7 +237,7 @@ private slots:
         QWidget *area = new QWidget(&window);
         area->setBackgroundRole(QPalette::Base);
         area->setAutoFillBackground(true);
-        ChatMessage message(role, QStringLiteral("a\n\nan"));
+        ChatMessage message(role, QStringLiteral("A paragraph\n\n```\nint x = 1;\n```\n\n- an item"));
         auto *bubble = new MessageBubble(message, area);
         bubble->resize(500, bubble->heightForWidth(500));
         area->resize(bubble->size());
@@ -243,28 +245,31 @@ private slots:
         window.show();
         QVERIFY(QTest::qWaitForWindowExposed(&window));
 
-        const QImage image = window.grab().toImage();
-        const QRect content = bubble->contentRect();
-        const QColor padding =
-            image.pixelColor(content.left() + MessageBubble::contentPadding / 2, content.center().y());
-        QVERIFY(padding != behind);
-        for (MarkdownBlockView *view : bubble->markdownView()->blockViews()) {
+        const QList<MarkdownBlockView *> views = bubble->markdownView()->blockViews();
+        QCOMPARE(views.size(), 3);
+        const auto *code = qobject_cast<CodeBlockView *>(views.at(1));
+        QVERIFY(code);
+        for (const QWidget *view : {static_cast<QWidget *>(views.at(0)), static_cast<QWidget *>(code->codeView()),
+                                    static_cast<QWidget *>(views.at(2))})
             QVERIFY(view->testAttribute(Qt::WA_OpaquePaintEvent));
-            // Lower-case letters leave the block's top row to the background.
-            for (const QPoint at : {QPoint(0, 0), QPoint(view->width() - 1, 0)})
-                QCOMPARE(image.pixelColor(view->mapTo(&window, at)), padding);
-        }
+        const QImage opaque = window.grab().toImage();
+        bubble->markdownView()->setBackdrop(QColor());
+        QVERIFY(!code->codeView()->testAttribute(Qt::WA_OpaquePaintEvent));
+        QCOMPARE(window.grab().toImage(), opaque);
+        bubble->markdownView()->setBackdrop(bubble->bodyColor());
 
         int behindPaints = 0;
         int blockPaints = 0;
-        MarkdownBlockView *last = bubble->markdownView()->blockViews().constLast();
+        MarkdownBlockView *last = views.constLast();
         Watcher watcher([&](QObject *watched, QEvent *event) {
             if (event->type() == QEvent::Paint)
                 ++(watched == last ? blockPaints : behindPaints);
         });
         for (QWidget *widget : std::initializer_list<QWidget *>{area, bubble, bubble->markdownView(), last})
             widget->installEventFilter(&watcher);
-        message.content += u'd';
+        QTest::qWait(50);
+        blockPaints = behindPaints = 0;
+        message.content += QStringLiteral(" grows");
         QVERIFY(bubble->setMessage(message));
         QTRY_COMPARE(blockPaints, 1);
         QCOMPARE(behindPaints, 0);
