@@ -136,6 +136,11 @@ private slots:
         QTest::newRow("right to left") << u"שלום עולם 123 "_s + prose(60, 10) << 9;
         QTest::newRow("unbroken run") << QString(700, QLatin1Char('w')) + QLatin1Char(' ') + prose(40, 11) << 13;
         QTest::newRow("longer than a span") << prose(1100, 12) << 37;
+        // Strings and comments that close lines after they open, a quote split from its escape.
+        QTest::newRow("code block") << u"```js\n"_s +
+                                           u"let a = 'it\\'s' + \"x /* not\" // c\n/* open\nstill */ const b = "
+                                           "`t\nu` + 42;\nif (a) return \"done\\\n\"; // end\n"_s.repeated(6)
+                                    << 3;
     }
     void grownTextDrawsAsWhole()
     {

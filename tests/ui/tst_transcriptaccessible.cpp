@@ -8,9 +8,13 @@
 #include <QClipboard>
 #include <QLineEdit>
 #include <QMetaEnum>
+#include <qpa/qplatformaccessibility.h>
+#include <qpa/qplatformintegration.h>
 #include <QScrollBar>
 #include <QToolButton>
 #include <QVBoxLayout>
+
+#include <private/qguiapplication_p.h>
 
 using namespace Qt::StringLiterals;
 
@@ -233,6 +237,39 @@ private slots:
         QVERIFY(item->text(QAccessible::Description).size() <= 4001);
         QVERIFY(item->textInterface()->characterCount() <= 100'001);
         QVERIFY(item->textInterface()->text(0, 40).startsWith(u"Line 0 of a very long reply."_s));
+    }
+
+    // A reply streaming into its bubble sends a screen reader no notices of its own on each
+    // update: the bubble and its code read as they are when the reader asks.
+    void streamingNotifiesNothing()
+    {
+        QPlatformAccessibility *readers = QGuiApplicationPrivate::platformIntegration()->accessibility();
+        if (!readers)
+            QSKIP("this platform has no accessibility");
+        ChatMessage reply(ChatRole::assistant, u"Code:\n```js\nlet a"_s);
+        show({ChatMessage(ChatRole::user, u"Hi"_s), reply});
+        MessageBubble *bubble = m_view->area()->bubbleAt(1);
+        QVERIFY(bubble);
+        static QList<QAccessible::Event> told;
+        told.clear();
+        readers->setActive(true);
+        const QAccessible::UpdateHandler previous = QAccessible::installUpdateHandler([](QAccessibleEvent *event) {
+            if (qobject_cast<MessageBubble *>(event->object()) || qobject_cast<CodeTextView *>(event->object()))
+                told.append(event->type());
+        });
+        for (const QString &more : {u" = 1;\n"_s, u"/* b */ let c"_s, u" = 'd';"_s}) {
+            reply.content += more;
+            bubble->setMessage(reply);
+        }
+        QAccessible::installUpdateHandler(previous);
+        readers->setActive(false);
+        QCOMPARE(told, QList<QAccessible::Event>());
+        const auto *code = bubble->findChild<CodeTextView *>();
+        QVERIFY(code);
+        QCOMPARE(QAccessible::queryAccessibleInterface(const_cast<CodeTextView *>(code))->text(QAccessible::Name),
+                 u"let a = 1;\n/* b */ let c = 'd';"_s);
+        QVERIFY(
+            QAccessible::queryAccessibleInterface(bubble)->text(QAccessible::Description).endsWith(u"let c = 'd';"_s));
     }
 
     // F6 rings the panes and lands on the newest message; Up and Down walk the messages, each
