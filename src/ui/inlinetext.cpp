@@ -65,6 +65,30 @@ bool hasBidi(QStringView text)
     return false;
 }
 
+// One shared format per style: a streamed paragraph builds its formats again on every update,
+// and formats that share their data compare equal at once.
+QTextCharFormat styleFormat(const InlineRun &run)
+{
+    static QTextCharFormat formats[32];
+    const int key =
+        (run.strong ? 1 : 0) | (run.emphasis ? 2 : 0) | (run.code ? 4 : 0) | (run.strike ? 8 : 0) | (run.link ? 16 : 0);
+    QTextCharFormat &format = formats[key];
+    if (format.properties().isEmpty()) {
+        format = QTextCharFormat();
+        if (run.strong)
+            format.setFontWeight(QFont::Bold);
+        if (run.emphasis)
+            format.setFontItalic(true);
+        if (run.code)
+            format.setFontFamilies(Theme::monospaceFont().families());
+        if (run.strike)
+            format.setFontStrikeOut(true);
+        if (run.link)
+            format.setFontUnderline(true);
+    }
+    return format;
+}
+
 } // namespace
 
 // A run of lines laid out together. Its layout may hold more text than the part owns: lines past
@@ -122,26 +146,14 @@ bool InlineText::setSource(const QString &source)
     m_cut = shown.size() < source.size();
 
     const QList<InlineRun> runs = InlineMarkdown::render(shown);
-    static const QStringList monoFamilies = Theme::monospaceFont().families();
     for (const InlineRun &run : runs) {
         const int start = int(m_text.size());
         m_text += run.text;
         if (!run.strong && !run.emphasis && !run.code && !run.strike && !run.link)
             continue;
-        QTextCharFormat format;
-        if (run.strong)
-            format.setFontWeight(QFont::Bold);
-        if (run.emphasis)
-            format.setFontItalic(true);
-        if (run.code)
-            format.setFontFamilies(monoFamilies);
-        if (run.strike)
-            format.setFontStrikeOut(true);
-        if (run.link) {
-            format.setFontUnderline(true);
+        if (run.link)
             m_links.append({start, int(run.text.size()), *run.link});
-        }
-        m_formats.append({start, int(run.text.size()), format});
+        m_formats.append({start, int(run.text.size()), styleFormat(run)});
     }
     m_noteStart = -1;
     if (m_cut) {
