@@ -28,6 +28,21 @@ QRect paintedPart(QPainter &painter, const QRect &area)
     return part;
 }
 
+// How many rows of area the widget's exposed region covers. A moving handle repaints the rows its
+// two ends passed, which can lie far apart: the fills between them are cut away by the region, so
+// they stay as few spans as those rows hold.
+int exposedRows(QPainter &painter, const QRect &area)
+{
+    const QPaintEngine *engine = painter.paintEngine();
+    const QRegion exposed = engine ? engine->systemClip() : QRegion();
+    if (exposed.isEmpty())
+        return area.height();
+    int rows = 0;
+    for (const QRect &rect : painter.deviceTransform().inverted().map(exposed) & area)
+        rows += rect.height();
+    return rows;
+}
+
 class BandedScrollBarStyle final : public QProxyStyle
 {
 public:
@@ -42,7 +57,7 @@ public:
             return;
         }
         const QRect area = paintedPart(*painter, option->rect);
-        if (area.height() <= BandedPaint::bandRows) {
+        if (area.height() <= BandedPaint::bandRows || exposedRows(*painter, area) <= BandedPaint::bandRows) {
             QProxyStyle::drawComplexControl(control, option, painter, widget);
             return;
         }
