@@ -152,25 +152,6 @@ StyledCode SyntaxHighlighter::build(const QString &code, const std::optional<QSt
     return highlighter.highlight(code);
 }
 
-void SyntaxHighlighter::apply(const QRegularExpression &pattern, CodeColor color, QStringView text,
-                              QList<CodeColor> &colors, qsizetype rangeStart, qsizetype rangeLength)
-{
-    if (!pattern.isValid() || rangeStart < 0 || rangeLength <= 0 || rangeStart + rangeLength > text.size() ||
-        colors.size() < text.size())
-        return;
-    const QStringView range = text.sliced(rangeStart, rangeLength);
-    QRegularExpressionMatchIterator it = pattern.globalMatch(range);
-    CodeColor *out = colors.data() + rangeStart;
-    while (it.hasNext()) {
-        const QRegularExpressionMatch match = it.next();
-        const qsizetype start = match.capturedStart();
-        const qsizetype end = match.capturedEnd();
-        if (start < 0 || end <= start)
-            continue;
-        std::fill(out + start, out + end, color);
-    }
-}
-
 qsizetype SyntaxHighlighter::cacheSize()
 {
     return highlightCache().size();

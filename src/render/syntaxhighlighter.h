@@ -50,12 +50,6 @@ public:
     static StyledCode highlighted(const QString &code, const std::optional<QString> &language);
     // The same, uncached; the language is already lower-cased. Safe on any thread.
     static StyledCode build(const QString &code, const std::optional<QString> &language);
-    // One pass: every non-overlapping match of pattern within [rangeStart, rangeStart +
-    // rangeLength) of text sets colors over its range to color. A pattern that is not valid does
-    // nothing. colors holds one entry per UTF-16 unit of text.
-    static void apply(const QRegularExpression &pattern, CodeColor color, QStringView text, QList<CodeColor> &colors,
-                      qsizetype rangeStart, qsizetype rangeLength);
-
     // The cache, for tests and benchmarks.
     static qsizetype cacheSize();
     static qsizetype cacheBytes();
