@@ -185,6 +185,13 @@ bool InlineText::setSource(const QString &source)
         first = std::min({first, a, b});
         break;
     }
+    // A paragraph that now starts with a letter of the other direction reads the other way
+    // throughout: none of its lines stays.
+    const Qt::LayoutDirection direction = QStringView(m_text).isRightToLeft() ? Qt::RightToLeft : Qt::LeftToRight;
+    if (direction != m_direction) {
+        m_direction = direction;
+        first = 0;
+    }
     m_firstChange = first;
     // The old layout's line of that character may hold text that now wraps onto the next line.
     m_oldChangedTop = wasLaidOut ? lineTop(std::min(first, oldText.size())) : 0;
@@ -256,10 +263,10 @@ void InlineText::cutSpans(qsizetype from)
 void InlineText::keepSettledLines(Span &old, Span &span, qsizetype from) const
 {
     // Lines are filled greedily: text that comes after a line's end cannot move that line, as long
-    // as the word that did not fit on it is still the same. Text read right to left is ordered by
-    // its whole paragraph, so it is laid out whole.
+    // as the word that did not fit on it is still the same. Text read right to left, or in a
+    // paragraph that is, is ordered by its whole paragraph, so it is laid out whole.
     if (old.laidOutWidth < 0 || old.parts.empty() || old.wrapAnywhere != span.wrapAnywhere ||
-        hasBidi(QStringView(m_text).sliced(span.start, span.length)))
+        m_direction == Qt::RightToLeft || hasBidi(QStringView(m_text).sliced(span.start, span.length)))
         return;
     const QStringView text(m_text);
     // Laying out again from a line's start lays out that line as before when the line before it
@@ -423,6 +430,9 @@ void InlineText::layOut(qreal width)
             QTextOption option;
             option.setWrapMode(span->wrapAnywhere ? QTextOption::WrapAnywhere
                                                   : QTextOption::WrapAtWordBoundaryOrAnywhere);
+            // A span's own first letter would give a later span that starts with a word of the
+            // other direction the wrong one.
+            option.setTextDirection(m_direction);
             layout.setTextOption(option);
             layout.setCacheEnabled(true);
 

@@ -104,6 +104,8 @@ private:
     int m_idealWidth = -1;
     qsizetype m_noteStart = -1; // where the note on a cut text begins, -1 without one
     bool m_cut = false;
+    // The whole paragraph's, from its first letter: every span is laid out in it.
+    Qt::LayoutDirection m_direction = Qt::LeftToRight;
 };
 
 // A link's tooltip: its whole address as written, so a host hidden in it shows, never read as

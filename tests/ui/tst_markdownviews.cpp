@@ -187,6 +187,24 @@ private slots:
         }
         compare(width + 137);
     }
+    // A paragraph reads in the direction of its first letter to its end, also where a long one
+    // is cut into spans and the next span starts with a word of the other direction.
+    void longParagraphKeepsItsDirection()
+    {
+        const QString text = u"שלום עולם "_s.repeated(409) + u"abc def ghi jkl שלום"_s;
+        MarkdownTextView view;
+        view.setText(text);
+        view.resize(420, view.heightForWidth(420));
+        const auto hitRect = [&](qsizetype start, qsizetype length) {
+            view.setFindHits({{0, {FindHit{0, {start, length}, true}}}});
+            return view.blockViews().at(0)->currentHitRect();
+        };
+        const QRect latin = hitRect(text.indexOf(u"def"), 3);
+        const QRect hebrew = hitRect(text.size() - 4, 4);
+        QCOMPARE(latin.top(), hebrew.top());
+        // Right to left, the word that ends the line is drawn left of the ones before it.
+        QCOMPARE_LT(hebrew.left(), latin.left());
+    }
     // Blocks stack top to bottom, each at its own height and 3 points apart, however many there
     // are and however the text grew, shrank or changed in the middle. Text given before the view
     // has a size is placed at its first size, even one equal to the size Qt gives a widget nobody
