@@ -49,42 +49,42 @@ private slots:
         QTest::addColumn<QString>("part");
         const std::optional<qint64> none;
         QTest::newRow("no usage") << Usage() << QString();
-        QTest::newRow("total zero") << Usage(TokenUsage{none, none, 0}) << QStringLiteral("· 0 tokens");
-        QTest::newRow("prompt only") << Usage(TokenUsage{5, none, none}) << QStringLiteral("· 5 tokens");
-        QTest::newRow("reported total wins") << Usage(TokenUsage{12, 34, 7}) << QStringLiteral("· 12↑ 34↓ · 7 tokens");
+        QTest::newRow("total zero") << Usage(TokenUsage{none, none, 0}) << u"· 0 tokens"_s;
+        QTest::newRow("prompt only") << Usage(TokenUsage{5, none, none}) << u"· 5 tokens"_s;
+        QTest::newRow("reported total wins") << Usage(TokenUsage{12, 34, 7}) << u"· 12↑ 34↓ · 7 tokens"_s;
     }
     void usage()
     {
         QFETCH(Usage, usage);
         QFETCH(QString, part);
         QCOMPARE(MessageBubble::usagePart(usage), part);
-        MessageBubble bubble(ChatMessage(ChatRole::assistant, QStringLiteral("x"), usage));
+        MessageBubble bubble(ChatMessage(ChatRole::assistant, u"x"_s, usage));
         QCOMPARE(bubble.usageLabel()->isHidden(), part.isEmpty());
         QCOMPARE(bubble.usageLabel()->text(), part);
     }
     // Standing instructions show their first line until opened; the copy is always the whole text.
     void systemMessage_collapsedToFirstLine()
     {
-        MessageBubble bubble(ChatMessage(ChatRole::system, QStringLiteral("Be brief.\nUse British English.")));
+        MessageBubble bubble(ChatMessage(ChatRole::system, u"Be brief.\nUse British English."_s));
         bubble.resize(600, bubble.heightForWidth(600));
         QSignalSpy grew(&bubble, &MessageBubble::heightChanged);
         const int collapsed = bubble.heightForWidth(600);
-        QCOMPARE(bubble.markdownView()->text(), QStringLiteral("Be brief. …"));
+        QCOMPARE(bubble.markdownView()->text(), u"Be brief. …"_s);
         QVERIFY(!bubble.expandButton()->isHidden());
-        QCOMPARE(bubble.expandButton()->accessibleName(), QStringLiteral("Show all"));
+        QCOMPARE(bubble.expandButton()->accessibleName(), u"Show all"_s);
         bubble.expandButton()->click();
-        QCOMPARE(bubble.markdownView()->text(), QStringLiteral("Be brief.\nUse British English."));
-        QCOMPARE(bubble.expandButton()->accessibleName(), QStringLiteral("Show less"));
+        QCOMPARE(bubble.markdownView()->text(), u"Be brief.\nUse British English."_s);
+        QCOMPARE(bubble.expandButton()->accessibleName(), u"Show less"_s);
         QCOMPARE(grew.size(), 1);
         QVERIFY(bubble.heightForWidth(600) > collapsed);
         bubble.copy();
-        QCOMPARE(QApplication::clipboard()->text(), QStringLiteral("Be brief.\nUse British English."));
+        QCOMPARE(QApplication::clipboard()->text(), u"Be brief.\nUse British English."_s);
 
-        MessageBubble oneLine(ChatMessage(ChatRole::system, QStringLiteral("Be brief.")));
+        MessageBubble oneLine(ChatMessage(ChatRole::system, u"Be brief."_s));
         QVERIFY(oneLine.expandButton()->isHidden());
-        MessageBubble user(ChatMessage(ChatRole::user, QStringLiteral("two\nlines")));
+        MessageBubble user(ChatMessage(ChatRole::user, u"two\nlines"_s));
         QVERIFY(user.expandButton()->isHidden());
-        QCOMPARE(user.markdownView()->text(), QStringLiteral("two\nlines"));
+        QCOMPARE(user.markdownView()->text(), u"two\nlines"_s);
     }
 
     void editInPlace_data()
@@ -176,11 +176,10 @@ private slots:
         QTest::addColumn<QString>("label");
         QTest::addColumn<bool>("right");
 
-        QTest::newRow("user") << ChatRole::user << QStringLiteral("hi") << QStringLiteral("You") << true;
-        QTest::newRow("assistant") << ChatRole::assistant << QStringLiteral("# Hello") << QStringLiteral("Assistant")
-                                   << false;
-        QTest::newRow("system") << ChatRole::system << QStringLiteral("be brief") << QStringLiteral("System") << false;
-        QTest::newRow("empty reply") << ChatRole::assistant << QString() << QStringLiteral("Assistant") << false;
+        QTest::newRow("user") << ChatRole::user << u"hi"_s << u"You"_s << true;
+        QTest::newRow("assistant") << ChatRole::assistant << u"# Hello"_s << u"Assistant"_s << false;
+        QTest::newRow("system") << ChatRole::system << u"be brief"_s << u"System"_s << false;
+        QTest::newRow("empty reply") << ChatRole::assistant << QString() << u"Assistant"_s << false;
     }
     void layoutByRole()
     {
@@ -237,7 +236,7 @@ private slots:
         QWidget *area = new QWidget(&window);
         area->setBackgroundRole(QPalette::Base);
         area->setAutoFillBackground(true);
-        ChatMessage message(role, QStringLiteral("A paragraph\n\n```\nint x = 1;\n```\n\n- an item"));
+        ChatMessage message(role, u"A paragraph\n\n```\nint x = 1;\n```\n\n- an item"_s);
         auto *bubble = new MessageBubble(message, area);
         bubble->resize(500, bubble->heightForWidth(500));
         area->resize(bubble->size());
@@ -269,7 +268,7 @@ private slots:
             widget->installEventFilter(&watcher);
         QTest::qWait(50);
         blockPaints = behindPaints = 0;
-        message.content += QStringLiteral(" grows");
+        message.content += u" grows"_s;
         QVERIFY(bubble->setMessage(message));
         QTRY_COMPARE(blockPaints, 1);
         QCOMPARE(behindPaints, 0);
@@ -278,18 +277,18 @@ private slots:
     void bothCopyButtonsShareOneState()
     {
         CopyFeedback::setResetDelayMs(150);
-        const QString raw = QStringLiteral("**bold** and `code`\n\n- item");
+        const QString raw = u"**bold** and `code`\n\n- item"_s;
         MessageBubble bubble(ChatMessage(ChatRole::assistant, raw));
         const qint64 idle = bubble.headerCopyButton()->icon().cacheKey();
 
         QTest::mouseClick(bubble.footerCopyButton(), Qt::LeftButton);
         QCOMPARE(QGuiApplication::clipboard()->text(), raw);
         QVERIFY(bubble.copied());
-        QCOMPARE(bubble.footerLabel()->text(), QStringLiteral("Copied"));
+        QCOMPARE(bubble.footerLabel()->text(), u"Copied"_s);
         QVERIFY(bubble.headerCopyButton()->icon().cacheKey() != idle);
         QCOMPARE(bubble.headerCopyButton()->icon().cacheKey(), bubble.footerCopyButton()->icon().cacheKey());
 
-        QTRY_COMPARE(bubble.footerLabel()->text(), QStringLiteral("Copy"));
+        QTRY_COMPARE(bubble.footerLabel()->text(), u"Copy"_s);
         QVERIFY(!bubble.copied());
     }
     // Streamed text and arriving usage update the same bubble and its finished blocks' views.
@@ -300,16 +299,16 @@ private slots:
         bubble.resize(500, bubble.heightForWidth(500));
         const int emptyHeight = bubble.heightForWidth(500);
 
-        message.content = QStringLiteral("First paragraph.\n\nSecond");
+        message.content = u"First paragraph.\n\nSecond"_s;
         QVERIFY(bubble.setMessage(message));
         const QList<MarkdownBlockView *> views = bubble.markdownView()->blockViews();
         QCOMPARE(views.size(), 2);
 
-        message.content += QStringLiteral(" grows, and grows.\n\n- then a list");
+        message.content += u" grows, and grows.\n\n- then a list"_s;
         message.usage = TokenUsage{3, 4, 7};
         QVERIFY(bubble.setMessage(message));
         QCOMPARE(bubble.markdownView()->blockViews().mid(0, 2), views);
-        QCOMPARE(bubble.usageLabel()->text(), QStringLiteral("· 3↑ 4↓ · 7 tokens"));
+        QCOMPARE(bubble.usageLabel()->text(), u"· 3↑ 4↓ · 7 tokens"_s);
         QVERIFY(bubble.heightForWidth(500) > emptyHeight);
         QVERIFY(!bubble.setMessage(message));
     }

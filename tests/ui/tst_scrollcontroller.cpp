@@ -62,62 +62,55 @@ private slots:
         QTest::addColumn<bool>("atEnd");    // the scroll bar sits at its maximum
 
         using S = Step;
+        const auto row = [](const char *name, const QList<Step> &steps, bool autoScroll, bool changing, bool atEnd) {
+            QTest::newRow(name) << steps << autoScroll << changing << atEnd;
+        };
         // Not measured yet: only outside streaming does a report decide.
-        QTest::newRow("unmeasured, idle: follows")
-            << QList{op(S::SetAuto, false), report(500, 0)} << true << false << false;
-        QTest::newRow("unmeasured, streaming: unchanged")
-            << QList{op(S::SetAuto, false), report(500, 0, true)} << false << false << false;
+        row("unmeasured, idle: follows", {op(S::SetAuto, false), report(500, 0)}, true, false, false);
+        row("unmeasured, streaming: unchanged", {op(S::SetAuto, false), report(500, 0, true)}, false, false, false);
         // The threshold is inclusive.
-        QTest::newRow("64 points away is near")
-            << QList{op(S::SetAuto, false), report(664, 600)} << true << false << false;
-        QTest::newRow("64.5 points away is away") << QList{report(664.5, 600)} << false << false << false;
+        row("64 points away is near", {op(S::SetAuto, false), report(664, 600)}, true, false, false);
+        row("64.5 points away is away", {report(664.5, 600)}, false, false, false);
         // While streaming a report can detach but never reattach.
-        QTest::newRow("streaming, back near: stays detached")
-            << QList{report(2000, 600, true), report(600, 600, true)} << false << false << false;
-        QTest::newRow("after the stream, near: follows")
-            << QList{report(2000, 600, true), report(600, 600, false)} << true << false << false;
+        row("streaming, back near: stays detached", {report(2000, 600, true), report(600, 600, true)}, false, false,
+            false);
+        row("after the stream, near: follows", {report(2000, 600, true), report(600, 600, false)}, true, false, false);
         // A content change ignores reports until its own end has settled.
-        QTest::newRow("content change ignores reports")
-            << QList{op(S::Begin), report(2000, 600)} << true << true << false;
-        QTest::newRow("ended change evaluates again")
-            << QList{op(S::Begin), op(S::EndLatest), op(S::Settle), report(2000, 600)} << false << false << false;
-        QTest::newRow("a stale end leaves the newer change running")
-            << QList{op(S::Begin), op(S::Begin), op(S::EndStale), op(S::Settle), report(2000, 600)} << true << true
-            << false;
-        QTest::newRow("begin switches following on")
-            << QList{op(S::SetAuto, false), op(S::Begin)} << true << true << false;
+        row("content change ignores reports", {op(S::Begin), report(2000, 600)}, true, true, false);
+        row("ended change evaluates again", {op(S::Begin), op(S::EndLatest), op(S::Settle), report(2000, 600)}, false,
+            false, false);
+        row("a stale end leaves the newer change running",
+            {op(S::Begin), op(S::Begin), op(S::EndStale), op(S::Settle), report(2000, 600)}, true, true, false);
+        row("begin switches following on", {op(S::SetAuto, false), op(S::Begin)}, true, true, false);
         // The program's own scrolls are ignored for their window; the window only grows.
-        QTest::newRow("inside the animated window: ignored")
-            << QList{op(S::ScrollAnimated), advance(340), report(2000, 600)} << true << false << true;
-        QTest::newRow("after the animated window: evaluated")
-            << QList{op(S::ScrollAnimated), advance(360), report(2000, 600)} << false << false << true;
-        QTest::newRow("plain window is shorter")
-            << QList{op(S::ScrollPlain), advance(160), report(2000, 600)} << false << false << true;
-        QTest::newRow("animated then plain keeps the longer window")
-            << QList{op(S::ScrollAnimated), op(S::ScrollPlain), advance(200), report(2000, 600)} << true << false
-            << true;
-        QTest::newRow("no handle: no scroll and no window")
-            << QList{op(S::DropProxy), op(S::ScrollAnimated), report(2000, 600)} << false << false << false;
+        row("inside the animated window: ignored", {op(S::ScrollAnimated), advance(340), report(2000, 600)}, true,
+            false, true);
+        row("after the animated window: evaluated", {op(S::ScrollAnimated), advance(360), report(2000, 600)}, false,
+            false, true);
+        row("plain window is shorter", {op(S::ScrollPlain), advance(160), report(2000, 600)}, false, false, true);
+        row("animated then plain keeps the longer window",
+            {op(S::ScrollAnimated), op(S::ScrollPlain), advance(200), report(2000, 600)}, true, false, true);
+        row("no handle: no scroll and no window", {op(S::DropProxy), op(S::ScrollAnimated), report(2000, 600)}, false,
+            false, false);
         // The user's own scroll is never ignored for the program's scroll window.
-        QTest::newRow("user scroll inside the window detaches")
-            << QList{op(S::ScrollAnimated), advance(50), userScroll(2000, 600, true)} << false << false << false;
-        QTest::newRow("user scroll during a content change is ignored")
-            << QList{op(S::Begin), userScroll(2000, 600, true)} << true << true << false;
+        row("user scroll inside the window detaches", {op(S::ScrollAnimated), advance(50), userScroll(2000, 600, true)},
+            false, false, false);
+        row("user scroll during a content change is ignored", {op(S::Begin), userScroll(2000, 600, true)}, true, true,
+            false);
         // The window's reactions.
-        QTest::newRow("send: the reply is followed once the send settles")
-            << QList{op(S::Sent), op(S::Settle), advance(400), report(2000, 600, true)} << false << false << true;
-        QTest::newRow("send: its own scroll never detaches")
-            << QList{op(S::Sent), report(2000, 600, true)} << true << true << true;
-        QTest::newRow("stream end: follows and ends at the bottom")
-            << QList{op(S::SetAuto, false), op(S::StreamEnd), op(S::Settle)} << true << false << true;
-        QTest::newRow("switch: ends at the bottom, then reports count")
-            << QList{op(S::Switch), op(S::Settle), advance(400), report(2000, 600)} << false << false << true;
-        QTest::newRow("two quick switches: the second one ends the change")
-            << QList{op(S::Switch), op(S::Switch), op(S::Settle)} << true << false << true;
+        row("send: the reply is followed once the send settles",
+            {op(S::Sent), op(S::Settle), advance(400), report(2000, 600, true)}, false, false, true);
+        row("send: its own scroll never detaches", {op(S::Sent), report(2000, 600, true)}, true, true, true);
+        row("stream end: follows and ends at the bottom", {op(S::SetAuto, false), op(S::StreamEnd), op(S::Settle)},
+            true, false, true);
+        row("switch: ends at the bottom, then reports count",
+            {op(S::Switch), op(S::Settle), advance(400), report(2000, 600)}, false, false, true);
+        row("two quick switches: the second one ends the change", {op(S::Switch), op(S::Switch), op(S::Settle)}, true,
+            false, true);
         // Activating stops the reply, which runs the stream-end reaction inside the switch: the
         // stream end's newer token wins, and the view still ends at the bottom.
-        QTest::newRow("switch with a stream end inside it")
-            << QList{op(S::Begin), op(S::StreamEnd), op(S::Switch), op(S::Settle)} << true << false << true;
+        row("switch with a stream end inside it", {op(S::Begin), op(S::StreamEnd), op(S::Switch), op(S::Settle)}, true,
+            false, true);
     }
     void transitions()
     {

@@ -83,10 +83,9 @@ private slots:
     {
         QList<ChatMessage> messages;
         for (int i = 0; i < 8; ++i)
-            messages.append(
-                ChatMessage(i % 2 ? ChatRole::assistant : ChatRole::user, QStringLiteral("Message %1").arg(i)));
-        messages = MessageVersioning::addVersion(messages, 4, ChatMessage(ChatRole::user, QStringLiteral("Edited")));
-        messages.append(ChatMessage(ChatRole::assistant, QStringLiteral("Reply to the edit")));
+            messages.append(ChatMessage(i % 2 ? ChatRole::assistant : ChatRole::user, u"Message %1"_s.arg(i)));
+        messages = MessageVersioning::addVersion(messages, 4, ChatMessage(ChatRole::user, u"Edited"_s));
+        messages.append(ChatMessage(ChatRole::assistant, u"Reply to the edit"_s));
         m_t->chat.activate(UiTest::conversationOf(messages));
         TranscriptArea *area = m_view->area();
         MessageBubble *edited = area->bubbleAt(5);
@@ -96,20 +95,20 @@ private slots:
         QCOMPARE(area->messageCount(), 8);
         MessageBubble *original = area->bubbleAt(7);
         QVERIFY(original && original != edited);
-        QCOMPARE(original->message().content, QStringLiteral("Message 7"));
-        QCOMPARE(area->bubbleAt(4)->versionLabel()->text(), QStringLiteral("1 / 2"));
+        QCOMPARE(original->message().content, u"Message 7"_s);
+        QCOMPARE(area->bubbleAt(4)->versionLabel()->text(), u"1 / 2"_s);
 
         m_t->chat.showVersion(4, 1);
         QCOMPARE(area->messageCount(), 6);
         QCOMPARE(area->bubbleAt(5), edited);
         QVERIFY(edited->isVisible());
         QCOMPARE(edited->message(), m_t->chat.messages().at(5));
-        QCOMPARE(area->bubbleAt(4)->versionLabel()->text(), QStringLiteral("2 / 2"));
+        QCOMPARE(area->bubbleAt(4)->versionLabel()->text(), u"2 / 2"_s);
 
         m_t->chat.showVersion(4, 0);
         QCOMPARE(area->bubbleAt(7), original);
         QCOMPARE(original->message(), m_t->chat.messages().at(7));
-        QCOMPARE(area->bubbleAt(4)->versionLabel()->text(), QStringLiteral("1 / 2"));
+        QCOMPARE(area->bubbleAt(4)->versionLabel()->text(), u"1 / 2"_s);
         // What waits aside is out of sight: only the rows' bubbles show.
         int shown = 0;
         for (const MessageBubble *bubble : area->viewport()->findChildren<MessageBubble *>(Qt::FindDirectChildrenOnly))
@@ -172,7 +171,7 @@ private slots:
     {
         TranscriptArea *area = m_view->area();
         const int before = area->anchorBottom();
-        m_t->chat.setInput(QStringLiteral("hi"));
+        m_t->chat.setInput(u"hi"_s);
         m_t->chat.send(std::nullopt);
         QLabel *error = area->errorLabel();
         QVERIFY(error->isVisible());
