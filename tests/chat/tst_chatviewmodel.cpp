@@ -10,6 +10,7 @@
 #include <memory>
 
 using namespace Qt::StringLiterals;
+using StorageTest::contents;
 
 namespace {
 
@@ -24,14 +25,6 @@ LoopbackResponse stalling(const QList<QByteArray> &pieces, int delayMs = 60000)
     LoopbackResponse response = LoopbackResponse::eventStream(pieces);
     response.pieces.last().delayMs = delayMs;
     return response;
-}
-
-QStringList contents(const QList<ChatMessage> &messages)
-{
-    QStringList all;
-    for (const ChatMessage &m : messages)
-        all.append(m.content);
-    return all;
 }
 
 // How many messages the list holds, hidden versions included, counting each copy.

@@ -1,5 +1,6 @@
 #include "model/jsoncoding.h"
 #include "model/versions.h"
+#include "storagetestsupport.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -24,14 +25,6 @@ QList<ChatMessage> path(const QStringList &words)
         messages.append(ChatMessage(role, word.mid(2), std::nullopt, QUuid::createUuidV5(QUuid(), word.toUtf8())));
     }
     return messages;
-}
-
-QStringList words(const QList<ChatMessage> &messages)
-{
-    QStringList all;
-    for (const ChatMessage &m : messages)
-        all.append(m.content);
-    return all;
 }
 
 // Each step: "add <index> <word>" makes a new version, "append <word>" continues the path shown,
@@ -90,7 +83,7 @@ private slots:
             for (const ChatMessage &m : path({action.section(u' ', -1)}))
                 if (!action.startsWith(u"show"))
                     made.insert(m.id);
-            QCOMPARE(words(messages), shown);
+            QCOMPARE(StorageTest::contents(messages), shown);
             if (index < messages.size()) {
                 QCOMPARE(u"(%1/%2)"_s.arg(versionIndex(messages.at(index)) + 1).arg(versionCount(messages.at(index))),
                          switcher);

@@ -133,10 +133,8 @@ private slots:
         const QList<Conversation> copy = {kept, oldEdited, newerStale, deleted};
 
         QCOMPARE(store.restore(copy), qsizetype(2));
-        QStringList titles;
-        for (const Conversation &c : store.conversations())
-            titles.append(c.title);
-        QCOMPARE(titles, (QStringList{u"only here"_s, u"edited since"_s, u"from the copy"_s, u"deleted"_s, u"kept"_s}));
+        QCOMPARE(StorageTest::titles(store.conversations()),
+                 (QStringList{u"only here"_s, u"edited since"_s, u"from the copy"_s, u"deleted"_s, u"kept"_s}));
         store.waitForSaved();
         QCOMPARE(HistoryFile::read(store.fileURL()).conversations.size(), 5);
         QCOMPARE(store.restore(copy), qsizetype(0));

@@ -137,13 +137,27 @@ inline bool isOwnerOnly(const QString &path)
     return (p & QFileDevice::ReadOwner) && (p & QFileDevice::WriteOwner) && !(p & others);
 }
 
+// One member of every item, in order.
+template<class T, class M>
+QList<M> each(const QList<T> &items, M T::*member)
+{
+    QList<M> out;
+    for (const T &item : items)
+        out.append(item.*member);
+    return out;
+}
 template<class T>
 QList<QUuid> ids(const QList<T> &items)
 {
-    QList<QUuid> out;
-    for (const T &item : items)
-        out.append(item.id);
-    return out;
+    return each(items, &T::id);
+}
+inline QStringList contents(const QList<ChatMessage> &messages)
+{
+    return each(messages, &ChatMessage::content);
+}
+inline QStringList titles(const QList<Conversation> &conversations)
+{
+    return each(conversations, &Conversation::title);
 }
 
 inline Provider provider(const QString &name, ProviderWire wire = ProviderWire::openAI,

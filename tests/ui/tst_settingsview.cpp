@@ -294,10 +294,8 @@ private slots:
         dialog->restoreCopy(1);
         QTRY_COMPARE_WITH_TIMEOUT(s.note(), u"Restored 2 conversations from Nov 20."_s, 10000);
         QTRY_VERIFY(!s.view->restoreDialog());
-        QStringList titles;
-        for (const Conversation &c : s.chats.conversations())
-            titles.append(c.title);
-        QCOMPARE(titles, (QStringList{u"edited today"_s, u"deleted"_s, u"also deleted"_s}));
+        QCOMPARE(StorageTest::titles(s.chats.conversations()),
+                 (QStringList{u"edited today"_s, u"deleted"_s, u"also deleted"_s}));
     }
 };
 
