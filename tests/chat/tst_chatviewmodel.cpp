@@ -328,20 +328,17 @@ private slots:
         QTest::addColumn<QStringList>("shown"); // by the view model, if it is still there
         QTest::addColumn<QStringList>("saved"); // in the store, if it is still there
 
-        const QString question = u"first question"_s;
+        const QStringList asked{u"first question"_s, u"a"_s}, none;
+        using I = Interruption;
         // Switching ends the reply as a Stop does, and what arrived is saved where it belongs.
-        QTest::newRow("other conversation shown")
-            << Interruption::otherConversation << false << 2 << QStringList() << QStringList{question, u"a"_s};
+        QTest::newRow("other conversation shown") << I::otherConversation << false << 2 << none << asked;
         // A window closed mid-reply keeps what arrived, and the transfer never calls back into it.
-        QTest::newRow("view model destroyed")
-            << Interruption::viewModelGone << false << 0 << QStringList() << QStringList{question, u"a"_s};
+        QTest::newRow("view model destroyed") << I::viewModelGone << false << 0 << none << asked;
         QTest::newRow("store destroyed: the transcript in memory goes on")
-            << Interruption::storeGone << false << 1 << QStringList{question, u"ab"_s} << QStringList();
+            << I::storeGone << false << 1 << QStringList{u"first question"_s, u"ab"_s} << none;
         // A regenerate cut off the same ways keeps what arrived as a version beside the first reply.
-        QTest::newRow("regenerating, other conversation shown")
-            << Interruption::otherConversation << true << 2 << QStringList() << QStringList{question, u"a"_s};
-        QTest::newRow("regenerating, view model destroyed")
-            << Interruption::viewModelGone << true << 0 << QStringList() << QStringList{question, u"a"_s};
+        QTest::newRow("regenerating, other conversation shown") << I::otherConversation << true << 2 << none << asked;
+        QTest::newRow("regenerating, view model destroyed") << I::viewModelGone << true << 0 << none << asked;
     }
     void interruptedMidReply()
     {
