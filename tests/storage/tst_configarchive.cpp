@@ -3,7 +3,6 @@
 #include "storage/providerstore.h"
 #include "storagetestsupport.h"
 
-#include <QSettings>
 #include <QTest>
 
 #include <sys/stat.h>
@@ -55,7 +54,7 @@ class tst_ConfigArchive : public QObject
 
     void wipeProfile()
     {
-        QSettings(u"Verbolt"_s, u"Verbolt"_s).clear();
+        settings().clear();
         QFile::remove(m_profile.conversationsFile());
     }
 

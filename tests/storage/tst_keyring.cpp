@@ -20,13 +20,9 @@
 
 using namespace Qt::StringLiterals;
 using StorageTest::provider;
+using StorageTest::settings;
 
 namespace {
-
-QSettings settings()
-{
-    return QSettings(u"Verbolt"_s, u"Verbolt"_s);
-}
 
 // What the preferences file holds, as text: a key must not be anywhere in it.
 QByteArray preferencesFile()

@@ -4,7 +4,6 @@
 #include "storage/providerstore.h"
 #include "storagetestsupport.h"
 
-#include <QSettings>
 #include <QSignalSpy>
 #include <QTest>
 
@@ -16,11 +15,6 @@
 using namespace StorageTest;
 
 namespace {
-
-QSettings settings()
-{
-    return QSettings(u"Verbolt"_s, u"Verbolt"_s);
-}
 
 // What the file holds once the store's saves have landed.
 QString storedSelection(ProviderStore &store)

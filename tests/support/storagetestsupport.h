@@ -12,6 +12,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QList>
+#include <QSettings>
 #include <QTemporaryDir>
 #include <QUuid>
 
@@ -114,6 +115,12 @@ bool whileReadOnly(const QString &folder, const QString &boundary, Act act)
             qFatal("cannot give a file back to root");
     }
     return effective;
+}
+
+// The preferences, where the providers and their selection are kept.
+inline QSettings settings()
+{
+    return QSettings(u"Verbolt"_s, u"Verbolt"_s);
 }
 
 inline QByteArray readAll(const QString &path)

@@ -8,7 +8,6 @@
 #include <QLineEdit>
 #include <QMenu>
 #include <QPushButton>
-#include <QSettings>
 #include <QTest>
 #include <QToolButton>
 
@@ -67,7 +66,7 @@ private slots:
 
     void init()
     {
-        QSettings(u"Verbolt"_s, u"Verbolt"_s).clear();
+        StorageTest::settings().clear();
         m_mock.setOptions({});
     }
 

@@ -11,7 +11,6 @@
 #include <QListWidget>
 #include <QMenu>
 #include <QPushButton>
-#include <QSettings>
 #include <QSignalSpy>
 #include <QTest>
 #include <QToolButton>
@@ -78,7 +77,7 @@ private slots:
 
     void init()
     {
-        QSettings(u"Verbolt"_s, u"Verbolt"_s).clear();
+        StorageTest::settings().clear();
         QFile::remove(m_profile->conversationsFile());
     }
 

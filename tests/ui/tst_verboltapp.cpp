@@ -25,7 +25,6 @@
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QScopeGuard>
-#include <QSettings>
 #include <QSignalSpy>
 #include <QTest>
 #include <QToolButton>
@@ -74,7 +73,7 @@ private slots:
 
     void init()
     {
-        QSettings(u"Verbolt"_s, u"Verbolt"_s).clear();
+        StorageTest::settings().clear();
         QFile::remove(m_profile->conversationsFile());
     }
 
@@ -293,7 +292,7 @@ private slots:
         if (history)
             QVERIFY(StorageTest::writeAll(m_profile->conversationsFile(), "[{\"broken\":"));
         else
-            QSettings(u"Verbolt"_s, u"Verbolt"_s).setValue(ProviderStore::providersKey, QByteArray("[{\"broken\":"));
+            StorageTest::settings().setValue(ProviderStore::providersKey, QByteArray("[{\"broken\":"));
         VerboltApp app;
         const std::optional<QString> kept = history ? app.chats()->keptAsidePath() : app.store()->keptAsideKey();
         QVERIFY(kept);
@@ -322,7 +321,7 @@ private slots:
         if (history)
             QVERIFY(QFile::exists(*kept));
         else
-            QVERIFY(QSettings(u"Verbolt"_s, u"Verbolt"_s).contains(*kept));
+            QVERIFY(StorageTest::settings().contains(*kept));
     }
 
     // One About window, reached from every main window's Help menu, saying what a bug report needs.
