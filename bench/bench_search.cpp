@@ -64,6 +64,15 @@ struct Keystroke
     double longestBlockCpuMs = 0;
 };
 
+// With VERBOLT_BENCH_TURNS set to a number of milliseconds, every turn at least that long is
+// printed to stderr with what it held, to tell drawing from waiting for a core.
+double turnsShownFromMs()
+{
+    static const double ms =
+        qEnvironmentVariableIsSet("VERBOLT_BENCH_TURNS") ? qEnvironmentVariable("VERBOLT_BENCH_TURNS").toDouble() : -1;
+    return ms;
+}
+
 // Types text into the field as one keystroke and waits for the complete result, timing the first
 // rows drawn, the end, and the longest time the main thread went without turning its loop.
 Keystroke type(ConversationSidebar &sidebar, const QString &text)
@@ -73,25 +82,31 @@ Keystroke type(ConversationSidebar &sidebar, const QString &text)
     QElapsedTimer sinceTurn;
     clock.start();
     double cpu = Bench::threadCpuSeconds();
-    const auto turnEnded = [&] {
-        k.longestBlockMs = std::max(k.longestBlockMs, double(sinceTurn.nsecsElapsed()) / 1e6);
+    const auto turnEnded = [&](const char *what) {
+        const double wallMs = double(sinceTurn.nsecsElapsed()) / 1e6;
+        k.longestBlockMs = std::max(k.longestBlockMs, wallMs);
         const double now = Bench::threadCpuSeconds();
         k.longestBlockCpuMs = std::max(k.longestBlockCpuMs, (now - cpu) * 1e3);
+        if (turnsShownFromMs() >= 0 && wallMs >= turnsShownFromMs())
+            std::fprintf(stderr, "turn %-10s %-22s at %7.2f ms: %5.2f ms, cpu %5.2f ms\n", what, qPrintable(text),
+                         double(clock.nsecsElapsed()) / 1e6, wallMs, (now - cpu) * 1e3);
         cpu = now;
         sinceTurn.restart();
     };
     sinceTurn.start();
     sidebar.searchField()->setText(text); // the keystroke's own handling
-    turnEnded();
+    turnEnded("keystroke");
     QAbstractItemModel *model = sidebar.list()->model();
     while (!sidebar.isSearchComplete()) {
+        const char *what = k.firstDrawnMs < 0 ? "waiting" : "adding";
         QCoreApplication::processEvents(QEventLoop::AllEvents, 1);
         if (k.firstDrawnMs < 0 && model->rowCount() > 0 &&
             !sidebar.searchStatus().startsWith(QLatin1String("Searching"))) {
             sidebar.list()->viewport()->repaint();
             k.firstDrawnMs = double(clock.nsecsElapsed()) / 1e6;
+            what = "first-draw";
         }
-        turnEnded();
+        turnEnded(what);
     }
     sidebar.list()->viewport()->repaint();
     k.completeMs = double(clock.nsecsElapsed()) / 1e6;

@@ -1,6 +1,5 @@
 #include "ui/conversationdelegate.h"
 
-#include "model/textsearch.h"
 #include "ui/conversationlistmodel.h"
 #include "ui/theme.h"
 
@@ -104,6 +103,7 @@ ConversationDelegate::Line ConversationDelegate::elidedLine(LineCache &cache, co
     key += QChar(u'\x1f') + text;
     if (const auto found = cache.constFind(key); found != cache.constEnd())
         return *found;
+    ++m_linesShaped;
     auto layout = std::make_shared<QTextLayout>();
     layOutLine(*layout, text, font);
     // Most titles fit: eliding measures the text once more, so only the ones too wide pay for it.
@@ -117,12 +117,11 @@ ConversationDelegate::Line ConversationDelegate::elidedLine(LineCache &cache, co
     return *cache.insert(key, std::move(layout));
 }
 
-ConversationDelegate::Glyphs ConversationDelegate::contextGlyphs(const QModelIndex &index, int width) const
+ConversationDelegate::Glyphs ConversationDelegate::contextGlyphs(const QString &context,
+                                                                 const QList<TextSearch::Range> &hits, int width) const
 {
-    const QString context = index.data(ConversationListModel::ContextRole).toString();
     if (context.isEmpty())
         return nullptr;
-    const auto hits = index.data(ConversationListModel::ContextHitsRole).value<QList<TextSearch::Range>>();
     // The line is drawn clipped, not elided, so its shaping does not depend on the width.
     QString key = context;
     key.reserve(key.size() + 8 * hits.size());
@@ -135,6 +134,7 @@ ConversationDelegate::Glyphs ConversationDelegate::contextGlyphs(const QModelInd
 
     Line layout = m_contexts.value(key);
     if (!layout) {
+        ++m_linesShaped;
         const QFont bold = hitFont(m_fonts.context);
         QList<QTextLayout::FormatRange> formats;
         for (const TextSearch::Range &hit : hits) {
@@ -202,7 +202,9 @@ void ConversationDelegate::paint(QPainter *painter, const QStyleOptionViewItem &
     const Line title = elidedLine(m_titles, index.data(Qt::DisplayRole).toString(), m_fonts.title, content.width());
     const Line date =
         elidedLine(m_dates, index.data(ConversationListModel::DateTextRole).toString(), m_fonts.date, content.width());
-    const Glyphs context = contextGlyphs(index, content.width());
+    const Glyphs context = contextGlyphs(
+        index.data(ConversationListModel::ContextRole).toString(),
+        index.data(ConversationListModel::ContextHitsRole).value<QList<TextSearch::Range>>(), content.width());
     const int dateTop = content.top() + m_titleHeight + lineSpacing;
     const int contextTop = dateTop + m_dateHeight + lineSpacing;
 
@@ -230,13 +232,28 @@ void ConversationDelegate::paint(QPainter *painter, const QStyleOptionViewItem &
     painter->restore();
 }
 
+void ConversationDelegate::prepare(const QString &title, const QString &dateText, const QString &context,
+                                   const QList<TextSearch::Range> &contextHits, int rowWidth) const
+{
+    useFonts(currentFonts());
+    const int width = rowWidth - 2 * horizontalPadding;
+    (void)elidedLine(m_titles, title, m_fonts.title, width);
+    (void)elidedLine(m_dates, dateText, m_fonts.date, width);
+    (void)contextGlyphs(context, contextHits, width);
+}
+
 QSize ConversationDelegate::sizeHint(const QStyleOptionViewItem &option, const QModelIndex &index) const
+{
+    return {option.rect.width(), rowHeight(hasContext(index))};
+}
+
+int ConversationDelegate::rowHeight(bool withContext)
 {
     int height = QFontMetrics(Theme::font(Theme::TextStyle::Body)).height() + lineSpacing +
                  QFontMetrics(Theme::font(Theme::TextStyle::Caption2)).height() + 2 * verticalPadding;
-    if (hasContext(index))
+    if (withContext)
         height += lineSpacing + QFontMetrics(Theme::font(Theme::TextStyle::Caption)).height();
-    return {option.rect.width(), height};
+    return height;
 }
 
 bool ConversationDelegate::hasContext(const QModelIndex &index)

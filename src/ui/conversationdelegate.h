@@ -1,5 +1,7 @@
 #pragma once
 
+#include "model/textsearch.h"
+
 #include <QFont>
 #include <QGlyphRun>
 #include <QHash>
@@ -19,7 +21,9 @@ class QTextLayout;
 // search delivers its results the list repaints many times over, and shaping a screenful of rows
 // each time would hold up typing. Titles and dates are kept apart from the lines of context, so
 // that the rows a search shows reuse the shaping of the same conversations in the plain list and
-// in earlier searches; only the new lines of context are shaped when results first appear.
+// in earlier searches; only the new lines of context are shaped when results first appear. A list
+// that receives many new rows at once can have them shaped ahead with prepare(), a few at each turn,
+// so that the turn that first draws them only draws.
 class ConversationDelegate final : public QStyledItemDelegate
 {
     Q_OBJECT
@@ -30,6 +34,16 @@ public:
 
     void paint(QPainter *painter, const QStyleOptionViewItem &option, const QModelIndex &index) const override;
     QSize sizeHint(const QStyleOptionViewItem &option, const QModelIndex &index) const override;
+
+    // Shapes the lines of a row not drawn yet, as paint() will for a row rect that wide (the view's
+    // item width). Cheap for lines shaped already.
+    void prepare(const QString &title, const QString &dateText, const QString &context,
+                 const QList<TextSearch::Range> &contextHits, int rowWidth) const;
+    // How many lines have been shaped so far: a list that prepares its rows can tell whether the
+    // drawing still had to shape any.
+    qsizetype linesShaped() const { return m_linesShaped; }
+    // The height of a row, with or without its line of context.
+    static int rowHeight(bool withContext);
 
     static constexpr int lineSpacing = 2;
     static constexpr int horizontalPadding = 8;
@@ -59,7 +73,7 @@ private:
     // The glyphs of the row's line of context that can show within the width, null for a row
     // without context. The line runs on well past the row's edge; drawing it whole would look up,
     // and the first time rasterise, every glyph beyond.
-    Glyphs contextGlyphs(const QModelIndex &index, int width) const;
+    Glyphs contextGlyphs(const QString &context, const QList<TextSearch::Range> &hits, int width) const;
 
     // Lines shaped so far, by what they show; each emptied when it grows past a few screenfuls,
     // all of them when the fonts change.
@@ -71,4 +85,5 @@ private:
     mutable int m_titleHeight = 0;
     mutable int m_dateHeight = 0;
     mutable bool m_fontsPrepared = false;
+    mutable qsizetype m_linesShaped = 0;
 };

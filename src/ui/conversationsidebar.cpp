@@ -14,6 +14,7 @@
 #include <QApplication>
 #include <QDialog>
 #include <QDialogButtonBox>
+#include <QElapsedTimer>
 #include <QEvent>
 #include <QHBoxLayout>
 #include <QKeyEvent>
@@ -28,6 +29,8 @@
 #include <QTimer>
 #include <QToolButton>
 #include <QVBoxLayout>
+
+#include <utility>
 
 using namespace Qt::StringLiterals;
 
@@ -175,6 +178,11 @@ ConversationSidebar::ConversationSidebar(ProviderStore *providers, ConversationS
         if (isSearching())
             runSearch();
     });
+
+    m_showFound = new QTimer(this);
+    m_showFound->setSingleShot(true);
+    m_showFound->setInterval(0);
+    connect(m_showFound, &QTimer::timeout, this, &ConversationSidebar::showFound);
 
     auto *toolbar = new QHBoxLayout;
     toolbar->setContentsMargins(8, 6, 8, 6);
@@ -366,7 +374,7 @@ bool ConversationSidebar::isSearching() const
 
 bool ConversationSidebar::isSearchComplete() const
 {
-    return !isSearching() || (!m_search->isRunning() && !m_resultsStale);
+    return !isSearching() || (!m_search->isRunning() && !m_resultsStale && m_found.isEmpty());
 }
 
 void ConversationSidebar::focusSearch()
@@ -386,6 +394,9 @@ void ConversationSidebar::clearSearch()
 
 void ConversationSidebar::runSearch()
 {
+    m_found.clear();
+    m_preparedTo = 0;
+    m_showFound->stop();
     if (!isSearching()) {
         m_search->cancel();
         m_rerun->stop();
@@ -415,24 +426,65 @@ void ConversationSidebar::runSearch()
 
 void ConversationSidebar::handleSearchResults(const QList<SearchResult> &results)
 {
+    m_found.append(results);
+    showFound();
+}
+
+void ConversationSidebar::handleSearchFinished()
+{
+    showFound();
+}
+
+void ConversationSidebar::showFound()
+{
+    // A slice is a few rows: shaping one takes a fifth of a millisecond or so.
+    constexpr qint64 sliceNs = 750'000;
+    const auto *delegate = static_cast<const ConversationDelegate *>(m_list->itemDelegate());
+    const int shown = m_resultsStale ? 0 : m_results->rowCount();
+    const int total = shown + int(m_found.size());
+    const int top = m_resultsStale ? 0 : std::max(0, m_list->indexAt(QPoint(0, 0)).row());
+    const int end = std::min(total, top + m_list->viewport()->height() / ConversationDelegate::rowHeight(true) + 2);
+    const int width = rowWidth(total);
+    // Rows already shown need shaping again only when the scroll bar comes or goes with these.
+    const bool widthChanges = shown > 0 && m_list->visualRect(m_results->index(0)).width() != width;
+    if (width != m_preparedWidth) {
+        m_preparedWidth = width;
+        m_preparedTo = 0;
+    }
+    QElapsedTimer slice;
+    slice.start();
+    for (int row = std::max(m_preparedTo, widthChanges ? top : std::max(top, shown)); row < end; ++row) {
+        if (row > m_preparedTo && slice.nsecsElapsed() >= sliceNs) {
+            m_showFound->start();
+            return;
+        }
+        const SearchResult &result = row < shown ? m_results->results().at(row) : m_found.at(row - shown);
+        delegate->prepare(result.title, ConversationListModel::dateText(result.updatedAt), result.context,
+                          result.contextHits, width);
+        m_preparedTo = row + 1;
+    }
+    // The previous query's rows stay until this one has something to show, or has found nothing.
+    if (m_resultsStale && m_found.isEmpty() && m_search->isRunning())
+        return;
+    const QList<SearchResult> found = std::exchange(m_found, {});
+    m_preparedTo = 0;
     if (m_resultsStale) {
         m_resultsStale = false;
-        m_results->setResults(results);
+        m_results->setResults(found);
     } else {
-        m_results->appendResults(results);
+        m_results->appendResults(found);
     }
     syncListSelection();
     syncSearchStatus();
 }
 
-void ConversationSidebar::handleSearchFinished()
+int ConversationSidebar::rowWidth(int rows) const
 {
-    if (m_resultsStale) {
-        m_resultsStale = false;
-        m_results->setResults({});
-    }
-    syncListSelection();
-    syncSearchStatus();
+    // Rows span the viewport, which gives way to the scroll bar once they no longer fit.
+    const QSize full = m_list->maximumViewportSize();
+    if (rows * ConversationDelegate::rowHeight(true) <= full.height())
+        return full.width();
+    return full.width() - m_list->verticalScrollBar()->sizeHint().width();
 }
 
 void ConversationSidebar::syncSearchStatus()

@@ -1,7 +1,9 @@
 #pragma once
 
 #include "model/conversation.h"
+#include "storage/historysearch.h"
 
+#include <QList>
 #include <QPointer>
 #include <QUuid>
 #include <QWidget>
@@ -18,7 +20,6 @@ class QListView;
 class QTimer;
 class QToolButton;
 class SearchResultsModel;
-struct SearchResult;
 
 // The window's left column: the search field, the New Chat button and the list of conversations,
 // newest first, with a context menu on each row (Rename, Delete, System Prompt…) and the rename dialog.
@@ -85,6 +86,11 @@ private:
     void runSearch();
     void handleSearchResults(const QList<SearchResult> &results);
     void handleSearchFinished();
+    // Shows the results found so far. Those that would come into sight are shaped first, in short
+    // slices, one at each turn, so that no turn both shapes and draws a screenful of new rows.
+    void showFound();
+    // The width of each row once the list holds that many.
+    int rowWidth(int rows) const;
     void syncSearchStatus();
     void applyColours();
 
@@ -98,6 +104,11 @@ private:
     SearchResultsModel *m_results;
     HistorySearch *m_search;
     QTimer *m_rerun;
+    // Found but not shown yet, and the list position up to which the rows in sight are shaped.
+    QList<SearchResult> m_found;
+    int m_preparedTo = 0;
+    int m_preparedWidth = 0;
+    QTimer *m_showFound;
     QPointer<QWidget> m_returnFocus;
     // The rows shown belong to the previous query until the current one delivers.
     bool m_resultsStale = false;

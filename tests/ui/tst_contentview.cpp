@@ -2,6 +2,7 @@
 #include "ui/chatheader.h"
 #include "ui/composereditor.h"
 #include "ui/composerfield.h"
+#include "ui/conversationdelegate.h"
 #include "ui/conversationlistmodel.h"
 #include "ui/conversationsidebar.h"
 #include "ui/messagebubble.h"
@@ -508,6 +509,30 @@ private slots:
         QCOMPARE(list->currentIndex().data(ConversationListModel::IdRole).toUuid(), paris.id);
         QVERIFY(!view->sidebar()->isSearching());
         QVERIFY(composer->hasFocus());
+    }
+    void search_rowsInSightAreShapedBeforeTheyShow()
+    {
+        // Enough results to fill the list and run past it, found in more than one batch.
+        for (int i = 0; i < 60; ++i) {
+            const Conversation c = m_w->chats.newChat(std::nullopt);
+            m_w->chats.updateMessages(c.id,
+                                      {ChatMessage(ChatRole::user, u"where is the café number %1"_s.arg(i)),
+                                       ChatMessage(ChatRole::assistant, u"Round the corner, %1 doors down."_s.arg(i))});
+            m_w->chats.rename(c.id, u"Coffee walk %1"_s.arg(i));
+        }
+        ContentView *view = m_w->makeView();
+        auto *list = child<QAbstractItemView>(view, "conversationList");
+        const auto *delegate = static_cast<const ConversationDelegate *>(list->itemDelegate());
+        child<QLineEdit>(view, "searchField")->setText(u"cafe"_s);
+        qsizetype shapedWhenShown = -1;
+        const auto shown = [&] { shapedWhenShown = delegate->linesShaped(); };
+        connect(list->model(), &QAbstractItemModel::modelReset, list, shown);
+        connect(list->model(), &QAbstractItemModel::rowsInserted, list, shown);
+        QTRY_VERIFY(view->sidebar()->isSearchComplete());
+        QCOMPARE(list->model()->rowCount(), 60);
+        QVERIFY(list->viewport()->height() > 4 * ConversationDelegate::rowHeight(true));
+        list->viewport()->repaint();
+        QCOMPARE(delegate->linesShaped(), shapedWhenShown);
     }
     void longMessage_asksBeforeSending()
     {
