@@ -43,6 +43,16 @@ int exposedRows(QPainter &painter, const QRect &area)
     return rows;
 }
 
+// Whether the rectangle's edges fall between pixels of the device, not inside one.
+bool onWholePixels(const QTransform &device, const QRect &rect)
+{
+    if (device.type() > QTransform::TxScale)
+        return false;
+    const QRectF mapped = device.mapRect(QRectF(rect));
+    const auto whole = [](qreal v) { return std::abs(v - std::round(v)) < 1e-6; };
+    return whole(mapped.left()) && whole(mapped.top()) && whole(mapped.right()) && whole(mapped.bottom());
+}
+
 class BandedScrollBarStyle final : public QProxyStyle
 {
 public:
@@ -104,19 +114,26 @@ namespace BandedPaint {
 
 void inBands(QPainter &painter, const QRect &area, const std::function<void()> &draw, int rows)
 {
-    // Bands are cut in whole rows of the painter before its own transform (a button scaled as it
-    // comes into view): cut in its scaled rows, neighbouring bands would share a row, drawn twice.
+    // Bands are cut in whole rows of the device, whatever the painter's transform (a button scaled
+    // as it comes into view) and the screen's density. Cut in points, neighbouring bands would
+    // share a row, drawn twice, and the outermost ones would cut through a shape's antialiased edge
+    // where a point's edge falls inside a pixel.
     const QTransform world = painter.worldTransform();
-    const QRect todo = world.mapRect(QRectF(paintedPart(painter, area))).toAlignedRect();
+    const QTransform device = painter.deviceTransform();
+    bool invertible = false;
+    // The world transform under which the painter's coordinates are the device's pixels.
+    const QTransform pixels = device.inverted(&invertible) * world;
+    const QRect todo = device.mapRect(QRectF(paintedPart(painter, area))).toAlignedRect();
     if (todo.isEmpty())
         return;
-    // A band is counted in the device's rows: a high-density screen has more of them to a point.
-    const qreal ratio = painter.device() ? std::max(1.0, painter.device()->devicePixelRatioF()) : 1.0;
-    const int step = std::max(1, int(rows / ratio));
-    for (int top = todo.top(); top <= todo.bottom(); top += step) {
+    if (!invertible) {
+        draw();
+        return;
+    }
+    for (int top = todo.top(); top <= todo.bottom(); top += rows) {
         painter.save();
-        painter.setWorldTransform(QTransform());
-        painter.setClipRect(QRect(todo.left(), top, todo.width(), std::min(step, todo.bottom() + 1 - top)),
+        painter.setWorldTransform(pixels);
+        painter.setClipRect(QRect(todo.left(), top, todo.width(), std::min(rows, todo.bottom() + 1 - top)),
                             Qt::IntersectClip);
         painter.setWorldTransform(world);
         draw();
@@ -131,18 +148,18 @@ void fillRoundedRect(QPainter &painter, const QRect &rect, qreal radius, const Q
     QPainterPath path;
     path.addRoundedRect(QRectF(rect), radius, radius);
     const int end = int(std::ceil(radius));
-    // A shape shorter than its two corners is rounded all the way down.
-    if (rect.height() <= 2 * end) {
+    const QRect middle = rect.adjusted(0, end, 0, -end);
+    // Below the top corners and above the bottom ones the shape is a plain rectangle, which the
+    // engine fills without antialiasing work, as long as its edges and the corners' ends fall on
+    // whole pixels of the device. On a screen of fractional density they can fall inside a pixel,
+    // which only the path shades as it should.
+    const QTransform device = painter.deviceTransform();
+    if (middle.isEmpty() || !onWholePixels(device, rect) || !onWholePixels(device, middle)) {
         inBands(painter, rect, [&] { painter.fillPath(path, brush); });
         return;
     }
-    // Below the top corners and above the bottom ones the shape is whole pixels wide: a plain
-    // rectangle, which the engine fills without antialiasing work.
-    const QRect middle = rect.adjusted(0, end, 0, -end);
     for (const QRect &cap : {QRect(rect.left(), rect.top(), rect.width(), end),
                              QRect(rect.left(), middle.bottom() + 1, rect.width(), rect.bottom() - middle.bottom())}) {
-        if (cap.isEmpty())
-            continue;
         painter.save();
         painter.setClipRect(cap, Qt::IntersectClip);
         painter.fillPath(path, brush);
