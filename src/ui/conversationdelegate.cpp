@@ -96,25 +96,25 @@ void ConversationDelegate::useFonts(const Fonts &fonts) const
     m_dateHeight = QFontMetrics(fonts.date).height();
 }
 
-ConversationDelegate::Line ConversationDelegate::elidedLine(LineCache &cache, const QString &text, const QFont &font,
-                                                            int width) const
+ConversationDelegate::Glyphs ConversationDelegate::elidedLine(GlyphCache &cache, const QString &text, const QFont &font,
+                                                              int width) const
 {
     QString key = QString::number(width);
     key += QChar(u'\x1f') + text;
     if (const auto found = cache.constFind(key); found != cache.constEnd())
         return *found;
     ++m_linesShaped;
-    auto layout = std::make_shared<QTextLayout>();
-    layOutLine(*layout, text, font);
+    QTextLayout layout;
+    layOutLine(layout, text, font);
     // Most titles fit: eliding measures the text once more, so only the ones too wide pay for it.
-    if (layout->lineAt(0).naturalTextWidth() > width) {
+    if (layout.lineAt(0).naturalTextWidth() > width) {
         const QString elided = QFontMetrics(font).elidedText(text, Qt::ElideRight, width);
         if (elided != text)
-            layOutLine(*layout, elided, font);
+            layOutLine(layout, elided, font);
     }
     if (cache.size() >= cachedLines)
         cache.clear();
-    return *cache.insert(key, std::move(layout));
+    return *cache.insert(key, std::make_shared<const QList<QGlyphRun>>(layout.glyphRuns()));
 }
 
 ConversationDelegate::Glyphs ConversationDelegate::contextGlyphs(const QString &context,
@@ -199,8 +199,8 @@ void ConversationDelegate::paint(QPainter *painter, const QStyleOptionViewItem &
         m_fontsPrepared = true;
         QTimer::singleShot(0, this, [this] { prepareFont(0); });
     }
-    const Line title = elidedLine(m_titles, index.data(Qt::DisplayRole).toString(), m_fonts.title, content.width());
-    const Line date =
+    const Glyphs title = elidedLine(m_titles, index.data(Qt::DisplayRole).toString(), m_fonts.title, content.width());
+    const Glyphs date =
         elidedLine(m_dates, index.data(ConversationListModel::DateTextRole).toString(), m_fonts.date, content.width());
     const Glyphs context = contextGlyphs(
         index.data(ConversationListModel::ContextRole).toString(),
@@ -210,14 +210,17 @@ void ConversationDelegate::paint(QPainter *painter, const QStyleOptionViewItem &
 
     painter->save();
     painter->setClipRect(content);
+    const auto drawLine = [painter](const Glyphs &line, const QPointF &at) {
+        for (const QGlyphRun &run : *line)
+            painter->drawGlyphRun(at, run);
+    };
     painter->setPen(titleColor);
-    title->draw(painter, content.topLeft());
+    drawLine(title, content.topLeft());
     painter->setPen(dateColor);
-    date->draw(painter, QPoint(content.left(), dateTop));
+    drawLine(date, QPointF(content.left(), dateTop));
     if (context) {
         painter->setPen(titleColor);
-        for (const QGlyphRun &run : *context)
-            painter->drawGlyphRun(QPointF(content.left(), contextTop), run);
+        drawLine(context, QPointF(content.left(), contextTop));
     }
     painter->setClipping(false);
     // The row the keyboard is on, while the list has the focus: without it, a selected row looks

@@ -52,7 +52,10 @@ public:
 private:
     using Line = std::shared_ptr<const QTextLayout>;
     using LineCache = QHash<QString, Line>;
+    // A line ready to draw: its glyphs, placed. Drawing them skips the layout's own walk through
+    // its text, which costs more than drawing the glyphs.
     using Glyphs = std::shared_ptr<const QList<QGlyphRun>>;
+    using GlyphCache = QHash<QString, Glyphs>;
     struct Fonts
     {
         QFont title;
@@ -69,7 +72,7 @@ private:
     void prepareFont(int step) const;
     void useFonts(const Fonts &fonts) const;
     // The text on one line of the given font, elided to the width.
-    Line elidedLine(LineCache &cache, const QString &text, const QFont &font, int width) const;
+    Glyphs elidedLine(GlyphCache &cache, const QString &text, const QFont &font, int width) const;
     // The glyphs of the row's line of context that can show within the width, null for a row
     // without context. The line runs on well past the row's edge; drawing it whole would look up,
     // and the first time rasterise, every glyph beyond.
@@ -77,10 +80,10 @@ private:
 
     // Lines shaped so far, by what they show; each emptied when it grows past a few screenfuls,
     // all of them when the fonts change.
-    mutable LineCache m_titles;
-    mutable LineCache m_dates;
+    mutable GlyphCache m_titles;
+    mutable GlyphCache m_dates;
     mutable LineCache m_contexts;
-    mutable QHash<QString, Glyphs> m_contextGlyphs;
+    mutable GlyphCache m_contextGlyphs;
     mutable Fonts m_fonts;
     mutable int m_titleHeight = 0;
     mutable int m_dateHeight = 0;
