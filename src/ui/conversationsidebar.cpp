@@ -453,15 +453,20 @@ void ConversationSidebar::showFound()
     }
     QElapsedTimer slice;
     slice.start();
+    bool shaped = false;
     for (int row = std::max(m_preparedTo, widthChanges ? top : std::max(top, shown)); row < end; ++row) {
-        if (row > m_preparedTo && slice.nsecsElapsed() >= sliceNs) {
-            m_showFound->start();
-            return;
-        }
+        if (shaped && slice.nsecsElapsed() >= sliceNs)
+            break;
         const SearchResult &result = row < shown ? m_results->results().at(row) : m_found.at(row - shown);
         delegate->prepare(result.title, ConversationListModel::dateText(result.updatedAt), result.context,
                           result.contextHits, width);
         m_preparedTo = row + 1;
+        shaped = true;
+    }
+    // The rows are shown on a turn of their own, which then only draws.
+    if (shaped) {
+        m_showFound->start();
+        return;
     }
     // The previous query's rows stay until this one has something to show, or has found nothing.
     if (m_resultsStale && m_found.isEmpty() && m_search->isRunning())
