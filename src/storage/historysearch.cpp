@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <sched.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -572,6 +573,7 @@ struct HistorySearch::Job
     Query query;
     qsizetype chunkCount = 0;
     std::atomic<qsizetype> nextChunk{0};
+    std::atomic<qsizetype> backChunk{0}; // one past the spare worker's next chunk
 
     QMutex mutex;
     std::vector<std::optional<QList<SearchResult>>> done; // by chunk, until handed over
@@ -582,16 +584,26 @@ struct HistorySearch::Job
 
     bool cancelled() const { return current->load(std::memory_order_relaxed) != generation; }
 
-    void run()
+    // The workers take chunks from the front, at a niceness of 5: the window's turns (drawing the
+    // rows found so far) take a core from them at once instead of waiting for their share of it.
+    // A spare one (SCHED_IDLE: it reads only on a core nothing else wants) takes them from the
+    // back, and a worker arriving at a chunk the spare is still on reads it too, so that a spare
+    // held back by other programs never holds back results. Both are the thread's own on Linux,
+    // and each pool's threads keep theirs.
+    void run(bool spare)
     {
-        // The window comes first: its turns (drawing the rows found so far, and the helpers Qt
-        // fills large areas with) take a core from the workers at once instead of waiting for
-        // their share of it. On Linux a thread's niceness is its own; the pool is the search's.
-        ::setpriority(PRIO_PROCESS, id_t(::gettid()), 5);
+        if (spare) {
+            const sched_param none{};
+            ::sched_setscheduler(0, SCHED_IDLE, &none);
+        } else {
+            ::setpriority(PRIO_PROCESS, id_t(::gettid()), 5);
+        }
         while (!cancelled()) {
-            const qsizetype chunk = nextChunk.fetch_add(1);
-            if (chunk >= chunkCount)
+            const qsizetype chunk = spare ? backChunk.fetch_sub(1) - 1 : nextChunk.fetch_add(1);
+            if (spare ? chunk < nextChunk.load() : chunk >= chunkCount)
                 return;
+            if (!spare && isDone(chunk))
+                continue;
             QList<SearchResult> found;
             const qsizetype end = std::min(conversations.size(), (chunk + 1) * chunkSize);
             for (qsizetype i = chunk * chunkSize; i < end; ++i) {
@@ -601,6 +613,8 @@ struct HistorySearch::Job
                     found.append(std::move(*result));
             }
             const QMutexLocker lock(&mutex);
+            if (chunk < handedOver || done[std::size_t(chunk)])
+                continue; // read twice, kept once
             done[std::size_t(chunk)] = std::move(found);
             while (handedOver < chunkCount && done[std::size_t(handedOver)]) {
                 pending.append(std::move(*done[std::size_t(handedOver)]));
@@ -613,6 +627,12 @@ struct HistorySearch::Job
                 (!pending.isEmpty() && sincePost.elapsed() >= batchIntervalMs))
                 post(last);
         }
+    }
+
+    bool isDone(qsizetype chunk)
+    {
+        const QMutexLocker lock(&mutex);
+        return chunk < handedOver || done[std::size_t(chunk)];
     }
 
     // Called with the mutex held.
@@ -638,10 +658,16 @@ HistorySearch::HistorySearch(QObject *parent)
     : QObject(parent)
     , m_generation(std::make_shared<std::atomic<quint64>>(0))
     , m_pool(new QThreadPool(this))
+    , m_sparePool(new QThreadPool(this))
 {
-    // The history is searched on every core; a pool of its own, so that a search never queues
-    // behind other background work (code highlighting) nor holds it up.
-    m_pool->setMaxThreadCount(std::max(1, QThread::idealThreadCount()));
+    // The history is searched on every core but one, which the window keeps: a worker sharing its
+    // core would hold up a turn for a whole scheduler tick. A spare worker takes that core whenever
+    // the window leaves it idle. Pools of their own, so that a search never queues behind other
+    // background work (code highlighting) nor holds it up.
+    const int cores = std::max(1, QThread::idealThreadCount());
+    m_pool->setMaxThreadCount(std::max(1, cores - 1));
+    m_sparePool->setMaxThreadCount(1);
+    m_spares = cores > 1 ? 1 : 0;
 }
 
 HistorySearch::~HistorySearch()
@@ -649,6 +675,7 @@ HistorySearch::~HistorySearch()
     cancel();
     // Each worker sees the cancellation after the conversation it is reading.
     m_pool->waitForDone();
+    m_sparePool->waitForDone();
 }
 
 void HistorySearch::cancel()
@@ -676,10 +703,13 @@ void HistorySearch::start(const QList<Conversation> &conversations, const QStrin
     job->query = query;
     job->chunkCount = (conversations.size() + Job::chunkSize - 1) / Job::chunkSize;
     job->done.resize(std::size_t(job->chunkCount));
+    job->backChunk = job->chunkCount;
     job->sincePost.start();
     const qsizetype workers = std::min<qsizetype>(m_pool->maxThreadCount(), job->chunkCount);
     for (qsizetype i = 0; i < workers; ++i)
-        m_pool->start([job] { job->run(); });
+        m_pool->start([job] { job->run(false); });
+    for (int i = 0; i < m_spares && job->chunkCount > workers; ++i)
+        m_sparePool->start([job] { job->run(true); });
 }
 
 void HistorySearch::deliver(quint64 generation, const QList<SearchResult> &results, bool last)

@@ -31,8 +31,9 @@ struct SearchResult
 // the decoded text for good).
 //
 // One search runs at a time: start() cancels the one in flight, whose results are never delivered.
-// The conversations are searched on every core, and the results arrive in the order of the list
-// given, in batches, the first as soon as there are enough to fill the top of a list.
+// The conversations are searched on every core but one, left to the window, and on that one too
+// while the window leaves it idle; the results arrive in the order of the list given, in batches,
+// the first as soon as there are enough to fill the top of a list.
 class QThreadPool;
 
 class HistorySearch final : public QObject
@@ -68,5 +69,7 @@ private:
 
     std::shared_ptr<std::atomic<quint64>> m_generation;
     QThreadPool *m_pool;
+    QThreadPool *m_sparePool;
+    int m_spares = 0;
     bool m_running = false;
 };
