@@ -181,7 +181,9 @@ ConversationSidebar::ConversationSidebar(ProviderStore *providers, ConversationS
 
     m_showFound = new QTimer(this);
     m_showFound->setSingleShot(true);
-    m_showFound->setInterval(0);
+    // A millisecond apart, not at once: the loop then reads input between one slice and the next,
+    // and the turn that shows the rows starts on its own.
+    m_showFound->setInterval(1);
     connect(m_showFound, &QTimer::timeout, this, &ConversationSidebar::showFound);
 
     auto *toolbar = new QHBoxLayout;
