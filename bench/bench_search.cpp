@@ -236,12 +236,18 @@ int main(int argc, char **argv)
     settle.start();
     while (settle.elapsed() < 300)
         QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+    // As the window does on the turn after a keystroke: the layout that the opened bar and its new
+    // count ask for, then the paint.
+    const auto draw = [&] {
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::LayoutRequest);
+        view.repaint();
+    };
     QElapsedTimer firstKey;
     firstKey.start();
     view.openFind();
     view.transcriptFind()->setQuery(QStringLiteral("t"));
     view.findBar()->setStatus(view.transcriptFind()->statusText(), view.transcriptFind()->count() > 0);
-    view.repaint();
+    draw();
     Bench::report("find, Ctrl+F and a first letter to counted and drawn", double(firstKey.nsecsElapsed()) / 1e6, "ms");
     std::vector<double> keys;
     for (int run = 0; run < 5; ++run) {
@@ -251,7 +257,7 @@ int main(int argc, char **argv)
             key.start();
             view.transcriptFind()->setQuery(word.left(i));
             view.findBar()->setStatus(view.transcriptFind()->statusText(), view.transcriptFind()->count() > 0);
-            view.repaint();
+            draw();
             keys.push_back(double(key.nsecsElapsed()) / 1e6);
         }
     }
