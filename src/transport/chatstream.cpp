@@ -118,15 +118,22 @@ void ChatStream::release()
     // did hand over is read; that arrives as the next readyRead, which reads it at once.
     m_held = false;
     m_reply->setReadBufferSize(TransferLimits::megabyte);
-    take(m_reply->readAll());
+    take(readOnce());
     processLines(false);
+}
+
+QByteArray ChatStream::readOnce()
+{
+    // One read of what is there: readAll() reads again until nothing comes, and each read
+    // tells Qt's HTTP thread how much was freed, waking it once more for nothing.
+    return m_reply->read(m_reply->bytesAvailable());
 }
 
 void ChatStream::readAvailable()
 {
     if (m_finished || !m_reply)
         return;
-    const QByteArray bytes = m_reply->readAll();
+    const QByteArray bytes = readOnce();
     take(bytes);
     processLines(false);
     if (m_finished || bytes.size() >= heldReadBytes)

@@ -65,6 +65,7 @@ private:
     void handleHead();
     void handleReadyRead();
     void readAvailable();
+    QByteArray readOnce();
     void release();
     void handleReplyFinished();
     void take(const QByteArray &bytes);
