@@ -245,9 +245,12 @@ void ConversationDelegate::prepare(const QString &title, const QString &dateText
     (void)contextGlyphs(context, contextHits, width);
 }
 
-QSize ConversationDelegate::sizeHint(const QStyleOptionViewItem &option, const QModelIndex &index) const
+QSize ConversationDelegate::sizeHint(const QStyleOptionViewItem &, const QModelIndex &index) const
 {
-    return {option.rect.width(), rowHeight(hasContext(index))};
+    // No width of its own: the list makes each row as wide as its viewport. A width taken from the
+    // list as it was laid out would outlast the scroll bar that comes with a search's results, and
+    // the rows would be drawn too wide, past the bar, until the next layout.
+    return {2 * horizontalPadding, rowHeight(hasContext(index))};
 }
 
 int ConversationDelegate::rowHeight(bool withContext)

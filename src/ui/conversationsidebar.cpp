@@ -6,6 +6,7 @@
 #include "ui/bandedpaint.h"
 #include "ui/conversationdelegate.h"
 #include "ui/conversationlistmodel.h"
+#include "ui/conversationlistview.h"
 #include "ui/searchresultsmodel.h"
 #include "ui/theme.h"
 
@@ -33,64 +34,6 @@
 #include <utility>
 
 using namespace Qt::StringLiterals;
-
-namespace {
-
-// The selection is shared by every window and follows new chats and search results, so the
-// current row often moves while the user types in the composer. Qt tells screen readers that the
-// new current row has the focus even then, and a reader would follow it away from the composer:
-// the row is only announced as focused when the list has the focus.
-//
-// When the user walks the list, choosing a row rebuilds the transcript before Qt announces the
-// row, and a reader works through that news first: the row is announced as soon as it is
-// current, ahead of the transcript's.
-class ConversationListView final : public QListView
-{
-public:
-    using QListView::QListView;
-
-protected:
-    void focusInEvent(QFocusEvent *event) override
-    {
-        QListView::focusInEvent(event);
-        // Arriving in the list, a reader says the list; the row the arrows start from follows, on
-        // the next turn, since Qt tells of the list itself only after this returns.
-        QTimer::singleShot(0, this, [this] {
-            if (hasFocus() && QAccessible::isActive() && currentIndex().isValid())
-                announce(currentIndex());
-        });
-    }
-    void selectionChanged(const QItemSelection &selected, const QItemSelection &deselected) override
-    {
-        // The selection model makes the row current before it announces the selection.
-        const QModelIndex current = currentIndex();
-        if (hasFocus() && current.isValid() && current != m_announced && QAccessible::isActive()) {
-            announce(current);
-            m_announced = current;
-        }
-        QListView::selectionChanged(selected, deselected);
-    }
-    void currentChanged(const QModelIndex &current, const QModelIndex &previous) override
-    {
-        if (hasFocus() && current != m_announced)
-            QListView::currentChanged(current, previous);
-        else
-            QAbstractItemView::currentChanged(current, previous);
-        m_announced = QPersistentModelIndex();
-    }
-
-private:
-    void announce(const QModelIndex &row)
-    {
-        QAccessibleEvent event(this, QAccessible::Focus);
-        event.setChild(row.row());
-        QAccessible::updateAccessibility(&event);
-    }
-
-    QPersistentModelIndex m_announced;
-};
-
-} // namespace
 
 ConversationSidebar::ConversationSidebar(ProviderStore *providers, ConversationStore *chats, QWidget *parent)
     : QWidget(parent)
@@ -356,8 +299,13 @@ void ConversationSidebar::syncListSelection()
     const int row = results ? m_results->rowOf(m_chats->selectedID()) : m_listModel->rowOf(m_chats->selectedID());
     if (row >= 0) {
         const QModelIndex index = m_list->model()->index(row, 0);
+        // Asked to bring a row into sight, the list repaints it even when it is in sight already,
+        // and the selection is synced again at every batch of search results.
+        const bool inSight =
+            index == m_list->currentIndex() && m_list->viewport()->rect().contains(m_list->visualRect(index));
         m_list->selectionModel()->setCurrentIndex(index, QItemSelectionModel::ClearAndSelect);
-        m_list->scrollTo(index);
+        if (!inSight)
+            m_list->scrollTo(index);
     } else {
         m_list->selectionModel()->clear();
     }
