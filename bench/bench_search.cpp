@@ -23,6 +23,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <functional>
 #include <malloc.h>
 #include <thread>
 
@@ -52,6 +53,29 @@ private:
     std::atomic<bool> m_stop{false};
     std::atomic<double> m_peak{0};
     std::thread m_thread;
+};
+
+// Tells whether the widget has painted while the condition held.
+class PaintWatch final : public QObject
+{
+public:
+    PaintWatch(QWidget *widget, std::function<bool()> condition)
+        : m_condition(std::move(condition))
+    {
+        widget->installEventFilter(this);
+    }
+    bool seen = false;
+
+protected:
+    bool eventFilter(QObject *, QEvent *event) override
+    {
+        if (event->type() == QEvent::Paint && m_condition())
+            seen = true;
+        return false;
+    }
+
+private:
+    std::function<bool()> m_condition;
 };
 
 struct Keystroke
@@ -97,12 +121,18 @@ Keystroke type(ConversationSidebar &sidebar, const QString &text)
     sidebar.searchField()->setText(text); // the keystroke's own handling
     turnEnded("keystroke");
     QAbstractItemModel *model = sidebar.list()->model();
+    const auto found = [&] {
+        return model->rowCount() > 0 && !sidebar.searchStatus().startsWith(QLatin1String("Searching"));
+    };
+    // The first results count as drawn once the list has painted them, in the loop's own turn or,
+    // when that turn ended first, in a paint forced right after it.
+    PaintWatch drawn(sidebar.list()->viewport(), found);
     while (!sidebar.isSearchComplete()) {
         const char *what = k.firstDrawnMs < 0 ? "waiting" : "adding";
         QCoreApplication::processEvents(QEventLoop::AllEvents, 1);
-        if (k.firstDrawnMs < 0 && model->rowCount() > 0 &&
-            !sidebar.searchStatus().startsWith(QLatin1String("Searching"))) {
-            sidebar.list()->viewport()->repaint();
+        if (k.firstDrawnMs < 0 && found()) {
+            if (!drawn.seen)
+                sidebar.list()->viewport()->repaint();
             k.firstDrawnMs = double(clock.nsecsElapsed()) / 1e6;
             what = "first-draw";
         }
