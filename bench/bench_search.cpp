@@ -20,6 +20,7 @@
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QTimer>
+#include <QPaintEvent>
 
 #include <atomic>
 #include <cstdio>
@@ -28,6 +29,32 @@
 #include <thread>
 
 namespace {
+struct EvRec { int type; QString who; double ms; };
+std::vector<EvRec> g_events;
+int g_depth = 0;
+class ProbeApp : public QApplication
+{
+public:
+    using QApplication::QApplication;
+    bool notify(QObject *o, QEvent *e) override
+    {
+        if (g_depth > 0 && e->type() != QEvent::Paint && e->type() != QEvent::Timer) { return QApplication::notify(o, e); }
+        ++g_depth;
+        const int t = e->type();
+        QRect pr; if (t == QEvent::Paint) pr = static_cast<QPaintEvent *>(e)->rect();
+        const double c0 = Bench::threadCpuSeconds();
+        const bool r = QApplication::notify(o, e);
+        const double ms = (Bench::threadCpuSeconds() - c0) * 1e3;
+        --g_depth;
+        if (ms > 0.05)
+        {
+            QString who = QString(g_depth, u' ') + QString::fromLatin1(o->metaObject()->className()) + u'/' + o->objectName();
+            if (t == QEvent::Paint) { const QRect r = pr; who += QString::asprintf(" %d,%d %dx%d", r.x(), r.y(), r.width(), r.height()); }
+            g_events.push_back({t, who, ms});
+        }
+        return r;
+    }
+};
 
 // Samples the resident size every 2 ms while it lives and keeps the highest.
 class PeakSampler
@@ -111,13 +138,18 @@ Keystroke type(ConversationSidebar &sidebar, const QString &text)
         k.longestBlockMs = std::max(k.longestBlockMs, wallMs);
         const double now = Bench::threadCpuSeconds();
         k.longestBlockCpuMs = std::max(k.longestBlockCpuMs, (now - cpu) * 1e3);
-        if (turnsShownFromMs() >= 0 && wallMs >= turnsShownFromMs())
+        if (turnsShownFromMs() >= 0 && (now - cpu) * 1e3 >= turnsShownFromMs()) {
             std::fprintf(stderr, "turn %-10s %-22s at %7.2f ms: %5.2f ms, cpu %5.2f ms\n", what, qPrintable(text),
                          double(clock.nsecsElapsed()) / 1e6, wallMs, (now - cpu) * 1e3);
+            for (const EvRec &r : g_events)
+                std::fprintf(stderr, "     ev %3d %-40s %5.2f\n", r.type, qPrintable(r.who), r.ms);
+        }
+        g_events.clear();
         cpu = now;
         sinceTurn.restart();
     };
     sinceTurn.start();
+    g_events.clear();
     sidebar.searchField()->setText(text); // the keystroke's own handling
     turnEnded("keystroke");
     QAbstractItemModel *model = sidebar.list()->model();
@@ -152,7 +184,7 @@ int main(int argc, char **argv)
     Bench::ScratchProfile dir;
     if (!dir.isValid())
         return 1;
-    QApplication app(argc, argv);
+    ProbeApp app(argc, argv);
 
     const QString history = dir.filePath(QStringLiteral("conversations.json"));
     if (!Bench::generateHistory(history)) {

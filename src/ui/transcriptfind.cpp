@@ -209,6 +209,9 @@ void TranscriptFind::setQuery(const QString &typed, qsizetype fromMessage)
     if (m_query.isEmpty())
         return;
     if (from < 0) {
+        // The first words typed pick a hit the reader can see, where it is.
+        if (const auto inSight = firstHitInSight())
+            return setCurrent(inSight->first, inSight->second, Reveal::UnlessInSight);
         from = 0;
         const int top = m_area->verticalScrollBar()->value();
         while (from + 1 < m_area->messageCount() && m_area->rowTop(from + 1) <= top)
@@ -234,12 +237,36 @@ void TranscriptFind::showFirstHitFrom(qsizetype message)
                 ++k;
         }
         if (k < hits.size())
-            return setCurrent(i, k, true);
+            return setCurrent(i, k, Reveal::UnlessInSight);
     }
     // Only hits before the place, in its own message: wrap to them.
     if (m_count > 0 && message >= 0 && message < n && !m_hits.at(message).isEmpty())
-        return setCurrent(message, 0, true);
-    setCurrent(-1, -1, false);
+        return setCurrent(message, 0, Reveal::UnlessInSight);
+    setCurrent(-1, -1, Reveal::No);
+}
+
+std::optional<std::pair<qsizetype, qsizetype>> TranscriptFind::firstHitInSight() const
+{
+    const QWidget *viewport = m_area->viewport();
+    const int top = m_area->verticalScrollBar()->value();
+    const qsizetype n = std::min(m_area->messageCount(), m_hits.size());
+    for (qsizetype i = 0; i < n && m_area->rowTop(i) < top + viewport->height(); ++i) {
+        const MessageBubble *bubble = m_area->bubbleAt(i);
+        if (!bubble || m_hits.at(i).isEmpty() || m_area->rowTop(i) + bubble->height() <= top)
+            continue;
+        const QList<MarkdownBlockView *> &views = bubble->markdownView()->blockViews();
+        const QList<Hit> &hits = m_hits.at(i);
+        for (qsizetype k = 0; k < hits.size(); ++k) {
+            if (hits.at(k).block >= views.size())
+                continue;
+            const int y = views.at(hits.at(k).block)->mapTo(viewport, QPoint(0, 0)).y();
+            if (y >= viewport->height())
+                return std::nullopt;
+            if (y >= 0)
+                return std::pair(i, k);
+        }
+    }
+    return std::nullopt;
 }
 
 QList<TranscriptFind::Segment> TranscriptFind::readFolded(const QString &content)
@@ -344,13 +371,13 @@ void TranscriptFind::next()
     if (m_count == 0)
         return;
     if (m_currentMessage >= 0 && m_currentK + 1 < m_hits.at(m_currentMessage).size())
-        return setCurrent(m_currentMessage, m_currentK + 1, true);
+        return setCurrent(m_currentMessage, m_currentK + 1, Reveal::Comfortably);
     const qsizetype n = m_hits.size();
     const qsizetype from = m_currentMessage < 0 ? n - 1 : m_currentMessage;
     for (qsizetype step = 1; step <= n; ++step) {
         const qsizetype i = (from + step) % n;
         if (!m_hits.at(i).isEmpty())
-            return setCurrent(i, 0, true);
+            return setCurrent(i, 0, Reveal::Comfortably);
     }
 }
 
@@ -359,13 +386,13 @@ void TranscriptFind::previous()
     if (m_count == 0)
         return;
     if (m_currentMessage >= 0 && m_currentK > 0)
-        return setCurrent(m_currentMessage, m_currentK - 1, true);
+        return setCurrent(m_currentMessage, m_currentK - 1, Reveal::Comfortably);
     const qsizetype n = m_hits.size();
     const qsizetype from = m_currentMessage < 0 ? 0 : m_currentMessage;
     for (qsizetype step = 1; step <= n; ++step) {
         const qsizetype i = (from - step + n) % n;
         if (!m_hits.at(i).isEmpty())
-            return setCurrent(i, m_hits.at(i).size() - 1, true);
+            return setCurrent(i, m_hits.at(i).size() - 1, Reveal::Comfortably);
     }
 }
 
@@ -442,7 +469,7 @@ void TranscriptFind::recountMessage(qsizetype message)
     emit resultsChanged();
 }
 
-void TranscriptFind::setCurrent(qsizetype message, qsizetype k, bool revealIt)
+void TranscriptFind::setCurrent(qsizetype message, qsizetype k, Reveal how)
 {
     const qsizetype before = m_currentMessage;
     m_currentMessage = message;
@@ -455,8 +482,8 @@ void TranscriptFind::setCurrent(qsizetype message, qsizetype k, bool revealIt)
         applyTo(before, m_area->bubbleAt(before));
     if (message >= 0)
         applyTo(message, m_area->bubbleAt(message));
-    if (revealIt)
-        reveal();
+    if (how != Reveal::No)
+        reveal(how);
     emit resultsChanged();
 }
 
@@ -487,7 +514,7 @@ void TranscriptFind::applyAll()
     m_marked = m_count > 0;
 }
 
-void TranscriptFind::reveal()
+void TranscriptFind::reveal(Reveal how)
 {
     if (m_currentMessage < 0 || m_currentMessage >= m_area->messageCount())
         return;
@@ -511,6 +538,8 @@ void TranscriptFind::reveal()
         rect = QRect(0, 0, view->width(), std::min(view->height(), 20));
     const QPoint at = view->mapTo(m_area->viewport(), rect.topLeft());
     // A hit already comfortably in view stays where it is; otherwise it comes to a third down.
-    if (at.y() < visible / 8 || at.y() + rect.height() > visible - visible / 8)
+    // While words are typed, any hit in sight stays: the view does not move under the reader.
+    const int margin = how == Reveal::UnlessInSight ? 0 : visible / 8;
+    if (at.y() < margin || at.y() + rect.height() > visible - margin)
         bar->setValue(bar->value() + at.y() - visible / 3);
 }

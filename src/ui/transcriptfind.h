@@ -9,6 +9,8 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
+#include <utility>
 
 class ChatViewModel;
 class MessageBubble;
@@ -98,10 +100,19 @@ private:
     void recountAll(bool narrowing = false);
     void recountMessage(qsizetype message);
     void showFirstHitFrom(qsizetype message);
-    void setCurrent(qsizetype message, qsizetype k, bool reveal);
+    // The first hit drawn at the top of the view or below it, in a block that starts in sight.
+    std::optional<std::pair<qsizetype, qsizetype>> firstHitInSight() const;
+    // How the current hit is brought into view: left where it is when it is in sight (as words
+    // are typed), or also moved off the view's edges (stepping from hit to hit).
+    enum class Reveal {
+        No,
+        UnlessInSight,
+        Comfortably,
+    };
+    void setCurrent(qsizetype message, qsizetype k, Reveal how);
     void applyTo(qsizetype message, MessageBubble *bubble) const;
     void applyAll();
-    void reveal();
+    void reveal(Reveal how);
 
     ChatViewModel *m_chat;
     TranscriptArea *m_area;

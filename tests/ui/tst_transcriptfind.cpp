@@ -1,6 +1,7 @@
 #include "ui/codeblockview.h"
 #include "ui/conversationsidebar.h"
 #include "ui/findbar.h"
+#include "ui/markdowntextview.h"
 #include "ui/messagebubble.h"
 #include "ui/tableblockview.h"
 #include "ui/transcriptfind.h"
@@ -203,6 +204,37 @@ private slots:
         QCOMPARE(m_view->transcriptFind()->count(), 4);
         QTest::keyClick(m_view->findBar()->field(), Qt::Key_Backspace);
         QCOMPARE(m_view->transcriptFind()->count(), 4);
+    }
+
+    // Words typed pick the first hit in sight and leave the view where it is, even with the
+    // paragraph at the top begun above it.
+    void typedWords_pickAHitInSightWithoutMovingTheView()
+    {
+        QList<ChatMessage> messages;
+        for (int i = 0; i < 40; ++i)
+            messages.append(ChatMessage(ChatRole::assistant, u"Filler paragraph %1.\n\nMore filler."_s.arg(i)));
+        makeView(messages);
+        m_view->openFind();
+        TranscriptArea *area = m_view->findChild<TranscriptView *>()->area();
+        QScrollBar *bar = area->verticalScrollBar();
+        QTest::qWait(300); // the opening's scrolls to the end are done
+        // The first paragraph of message 30 begins just above the view.
+        bar->setValue(area->rowTop(30));
+        const QWidget *first = area->bubbleAt(30)->markdownView()->blockViews().at(0);
+        bar->setValue(bar->value() + first->mapTo(area->viewport(), QPoint(0, 0)).y() + 3);
+        m_view->scroll()->userDidScroll(false);
+        QTest::qWait(50);
+        const int value = bar->value();
+        QCOMPARE(first->mapTo(area->viewport(), QPoint(0, 0)).y(), -3);
+
+        QTest::keyClicks(m_view->findBar()->field(), u"fil"_s);
+        QCOMPARE(bar->value(), value);
+        QCOMPARE(m_view->transcriptFind()->currentIndex(), 2 * 30 + 1); // the second paragraph's
+        const auto *block = area->bubbleAt(30)->markdownView()->blockViews().at(1);
+        const QRect hit(block->mapTo(area->viewport(), block->currentHitRect().topLeft()),
+                        block->currentHitRect().size());
+        QVERIFY(!hit.isEmpty());
+        QVERIFY(area->viewport()->rect().contains(hit));
     }
 
 private:
