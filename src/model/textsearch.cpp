@@ -94,16 +94,18 @@ Query::Query(QStringView typed)
     }
 }
 
-qsizetype Query::find(QStringView text, QStringView word, qsizetype from)
+qsizetype Query::findSome(QStringView text, QStringView word, qsizetype &from, qsizetype *places, qsizetype room)
 {
-    // A find calls this once per hit, tens of thousands of times for a first letter, so it sets
-    // nothing up: eight places at a time are tested for the word's first and last units at once,
-    // and only where both match is the rest compared. Even a common pair ("t…t") leaves few
-    // places to compare.
+    // Eight places at a time are tested for the word's first and last units at once, and only
+    // where both match is the rest compared. Even a common pair ("t…t") leaves few places to
+    // compare.
     const qsizetype m = word.size();
     const qsizetype n = text.size();
-    if (m == 0 || from < 0 || n - from < m)
-        return -1;
+    qsizetype count = 0;
+    if (m == 0 || from < 0 || room <= 0) {
+        from = n;
+        return 0;
+    }
     const char16_t *p = text.utf16();
     const char16_t *w = word.utf16();
     const char16_t first = w[0];
@@ -111,29 +113,50 @@ qsizetype Query::find(QStringView text, QStringView word, qsizetype from)
     const auto restMatches = [&](qsizetype at) {
         return m <= 2 || std::memcmp(p + at + 1, w + 1, std::size_t(m - 2) * sizeof(char16_t)) == 0;
     };
+    // No place starts before next: the last place found runs up to it.
+    qsizetype next = from;
     qsizetype i = from;
 #if defined(__SSE2__)
     const __m128i firsts = _mm_set1_epi16(short(first));
     const __m128i lasts = _mm_set1_epi16(short(last));
+    // Two mask bits for each unit; those of units before next are dropped.
+    const auto from_next = [&](unsigned mask) { return next - i >= 8 ? 0u : mask & (~0u << (2 * (next - i))); };
     for (; i + m - 1 + 8 <= n; i += 8) {
         const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + i));
         const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + i + m - 1));
-        // Two mask bits for each unit.
         unsigned mask =
             unsigned(_mm_movemask_epi8(_mm_and_si128(_mm_cmpeq_epi16(a, firsts), _mm_cmpeq_epi16(b, lasts))));
+        if (next > i)
+            mask = from_next(mask);
         while (mask) {
             const int bit = __builtin_ctz(mask);
-            if (restMatches(i + bit / 2))
-                return i + bit / 2;
-            mask &= ~(3u << bit);
+            const qsizetype at = i + bit / 2;
+            if (!restMatches(at)) {
+                mask &= ~(3u << bit);
+                continue;
+            }
+            places[count++] = at;
+            next = at + m;
+            if (count == room) {
+                from = next;
+                return count;
+            }
+            mask = from_next(mask);
         }
     }
 #endif
-    for (; i + m <= n; ++i) {
-        if (p[i] == first && p[i + m - 1] == last && restMatches(i))
-            return i;
+    for (i = std::max(i, next); i + m <= n; ++i) {
+        if (p[i] == first && p[i + m - 1] == last && restMatches(i)) {
+            places[count++] = i;
+            if (count == room) {
+                from = i + m;
+                return count;
+            }
+            i += m - 1;
+        }
     }
-    return -1;
+    from = n;
+    return count;
 }
 
 QList<Range> Query::hits(QStringView foldedText) const
@@ -144,10 +167,8 @@ QList<Range> Query::hits(QStringView foldedText) const
         return merged;
     }
     QList<Range> found;
-    for (const QString &word : m_words) {
-        for (qsizetype at = find(foldedText, word, 0); at >= 0; at = find(foldedText, word, at + word.size()))
-            found.append({at, word.size()});
-    }
+    for (const QString &word : m_words)
+        forEachPlace(foldedText, word, [&](qsizetype at) { found.append({at, word.size()}); });
     std::sort(found.begin(), found.end(), [](const Range &a, const Range &b) { return a.start < b.start; });
     for (const Range &r : std::as_const(found)) {
         if (!merged.isEmpty() && r.start <= merged.last().start + merged.last().length) {

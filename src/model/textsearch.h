@@ -54,8 +54,13 @@ public:
     bool matchesAll(QStringView foldedText) const;
 
 private:
-    // Where word next occurs in text at from or after, or -1.
-    static qsizetype find(QStringView text, QStringView word, qsizetype from);
+    // The places where word occurs in text from `from` on, not overlapping, in order: at most
+    // room of them, written to places. Returns how many, and moves from past the last one; fewer
+    // than room means the text is done.
+    static qsizetype findSome(QStringView text, QStringView word, qsizetype &from, qsizetype *places, qsizetype room);
+    // found(qsizetype) for every place where word occurs in text, not overlapping, in order.
+    template<typename Found>
+    static void forEachPlace(QStringView text, QStringView word, Found &&found);
 
     QStringList m_words;
 };
@@ -72,17 +77,33 @@ void Query::forEachHit(QStringView foldedText, Found &&found) const
     // One word's hits come in order and never overlap; only touching ones merge.
     const QStringView word = m_words.first();
     Range pending{-1, 0};
-    for (qsizetype at = find(foldedText, word, 0); at >= 0; at = find(foldedText, word, at + word.size())) {
+    forEachPlace(foldedText, word, [&](qsizetype at) {
         if (pending.start >= 0 && at == pending.start + pending.length) {
             pending.length += word.size();
-            continue;
+            return;
         }
         if (pending.start >= 0)
             found(std::as_const(pending));
         pending = {at, word.size()};
-    }
+    });
     if (pending.start >= 0)
         found(std::as_const(pending));
+}
+
+template<typename Found>
+void Query::forEachPlace(QStringView text, QStringView word, Found &&found)
+{
+    // A first letter occurs tens of thousands of times in a long conversation: the places are
+    // gathered many at a time, not looked for one call at a time.
+    constexpr qsizetype room = 64;
+    qsizetype places[room];
+    qsizetype from = 0;
+    qsizetype count = 0;
+    do {
+        count = findSome(text, word, from, places, room);
+        for (qsizetype k = 0; k < count; ++k)
+            found(places[k]);
+    } while (count == room);
 }
 
 } // namespace TextSearch

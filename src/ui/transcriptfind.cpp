@@ -183,12 +183,15 @@ const QList<TranscriptFind::Segment> &TranscriptFind::foldedSegments(qsizetype m
 
 void TranscriptFind::hitsIn(qsizetype message, QList<Hit> &hits)
 {
-    hits.clear();
+    // Gathered in one buffer kept from message to message, then copied at their exact size: a
+    // first letter finds tens of thousands, and lists grown hit by hit would be moved many times.
+    m_gathered.clear();
     for (const Segment &segment : foldedSegments(message)) {
         m_query.forEachHit(segment.text, [&](const TextSearch::Range &range) {
-            hits.append({segment.block, segment.cell, range});
+            m_gathered.push_back({segment.block, segment.cell, range});
         });
     }
+    hits = QList<Hit>(m_gathered.cbegin(), m_gathered.cend());
 }
 
 void TranscriptFind::setQuery(const QString &typed, qsizetype fromMessage)

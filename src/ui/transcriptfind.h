@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <utility>
+#include <vector>
 
 class ChatViewModel;
 class MessageBubble;
@@ -117,8 +118,9 @@ private:
     ChatViewModel *m_chat;
     TranscriptArea *m_area;
     TextSearch::Query m_query;
-    QList<Cached> m_cache;    // by message index
-    QList<QList<Hit>> m_hits; // by message index
+    QList<Cached> m_cache;       // by message index
+    QList<QList<Hit>> m_hits;    // by message index
+    std::vector<Hit> m_gathered; // one message's hits as they are found
     qsizetype m_count = 0;
     qsizetype m_currentMessage = -1;
     qsizetype m_currentK = -1; // index into m_hits[m_currentMessage]

@@ -64,6 +64,17 @@ private slots:
             << u"xyz"_s << u"aaaaaaaxyzaaaaaaxyzaxyz"_s << QList<Range>{{7, 3}, {16, 3}, {20, 3}};
         QTest::newRow("long word, first and last units alone do not make a hit")
             << u"abcdefghij"_s << u"---abcdefghij---abcXefghij-abcdefghi"_s << QList<Range>{{3, 10}};
+        QTest::newRow("places overlapping a hit are not hits")
+            << u"aa"_s << u"aaaaa aaa"_s << QList<Range>{{0, 4}, {6, 2}};
+        QTest::newRow("long word overlapping its own hit is not found again")
+            << u"abcabcabca"_s << u"xabcabcabcabcabcabca"_s << QList<Range>{{1, 10}};
+        QList<Range> many;
+        for (qsizetype at = 0; at < 300; ++at)
+            many.append({2 * at, 1});
+        QTest::newRow("hundreds of places") << u"t"_s << u"t "_s.repeated(300) << many;
+        QTest::newRow("hundreds of touching places") << u"t"_s << u"t"_s.repeated(300) << QList<Range>{{0, 300}};
+        QTest::newRow("hundreds of places, two words")
+            << u"t x"_s << u"t "_s.repeated(150) + u"x "_s.repeated(150) << many;
     }
     void hits()
     {
