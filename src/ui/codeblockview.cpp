@@ -120,6 +120,13 @@ void CodeTextView::setCode(const StyledCode &code)
     update(0, top, width(), std::max(height(), contentHeight()) - top);
 }
 
+void CodeTextView::resizeEvent(QResizeEvent *event)
+{
+    QWidget::resizeEvent(event);
+    if (event->oldSize().width() == width() && height() > event->oldSize().height())
+        MarkdownBlockView::repaintGrowth(this, event->oldSize().height());
+}
+
 QStringView CodeTextView::lineText(int line) const
 {
     const qsizetype start = m_starts.at(std::size_t(line));

@@ -79,6 +79,14 @@ int orderedLabelWidth(const QFontMetrics &metrics, qint64 number)
 
 } // namespace
 
+void MarkdownBlockView::repaintGrowth(QWidget *view, int oldHeight)
+{
+    // Qt repaints the rows an opaque view grows into with what lies around it, in one pass over
+    // the window, and the lines the view marked as changed on their own first: both are drawn at
+    // once when the new rows are marked here too.
+    view->update(QRect(0, oldHeight, view->width(), view->height() - oldHeight));
+}
+
 bool MarkdownBlockView::passVerticalWheel(QWidget *block, QWheelEvent *wheel)
 {
     if (qAbs(wheel->angleDelta().y()) < qAbs(wheel->angleDelta().x()))
@@ -274,6 +282,8 @@ void TextBlockView::resizeEvent(QResizeEvent *event)
 {
     if (event->oldSize().width() != width())
         update();
+    else if (height() > event->oldSize().height())
+        repaintGrowth(this, event->oldSize().height());
     MarkdownBlockView::resizeEvent(event);
 }
 
@@ -415,12 +425,10 @@ bool MarkdownTextView::setText(const QString &text)
             if (!m_views.at(k)->setBlock(blocks.at(k))) {
                 delete m_views.at(k);
                 m_views[k] = makeView(blocks.at(k), groupFor(k));
-                showPlaced(m_views.at(k));
             }
         } else {
             firstChanged = std::min(firstChanged, k);
             m_views.append(makeView(blocks.at(k), groupFor(k)));
-            showPlaced(m_views.last());
         }
     }
     if (m_views.size() > blocks.size()) {
@@ -581,8 +589,11 @@ void MarkdownTextView::changeEvent(QEvent *event)
 
 void MarkdownTextView::showPlaced(QWidget *view)
 {
-    // Blocks are placed by layOutBlocks; shown unsized, Qt would size one by its hint, laying
-    // a long paragraph out twice more (unwrapped and at that width) for nothing.
+    // Blocks and runs are shown once layOutBlocks has placed them. Shown unsized, Qt would size one
+    // by its hint, laying a long paragraph out twice more (unwrapped and at that width) for nothing;
+    // shown before it is placed, it would repaint whatever lies where it first appears.
+    if (!view->isHidden())
+        return;
     view->setAttribute(Qt::WA_Resized);
     view->show();
 }
@@ -594,7 +605,6 @@ QWidget *MarkdownTextView::groupFor(qsizetype index)
         auto *run = new QWidget(this);
         // A run grows downwards with its last block, repainting only what it uncovers.
         run->setAttribute(Qt::WA_StaticContents);
-        showPlaced(run);
         m_groups.append(run);
     }
     return m_groups.at(group);
@@ -629,9 +639,11 @@ void MarkdownTextView::layOutBlocks(qsizetype from)
         for (qsizetype k = g * groupSize; k < end; ++k) {
             const int h = m_heights.at(k);
             placeIfMoved(m_views.at(k), QRect(0, inner, w, h));
+            showPlaced(m_views.at(k));
             inner += h + blockSpacing;
         }
         placeIfMoved(m_groups.at(g), QRect(0, y, w, std::max(0, inner - blockSpacing)));
+        showPlaced(m_groups.at(g));
         y += inner;
     }
 }

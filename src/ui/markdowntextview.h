@@ -67,6 +67,10 @@ public:
     // transparent; blocks with a tint of their own (code, tables) stay transparent.
     virtual void setBackdrop(const QColor &) {}
 
+    // Marks the rows a view grew into below oldHeight for repainting, so that Qt draws them with
+    // the view's changed lines in one paint rather than two.
+    static void repaintGrowth(QWidget *view, int oldHeight);
+
 protected:
     // Scrolls a sideways strip so that target (in the strip's content coordinates) is in view,
     // with some of what surrounds it; a target already in view leaves the strip where it is.
@@ -181,7 +185,7 @@ private:
     static void placeIfMoved(QWidget *view, const QRect &rect);
     void invalidateHeights();
     MarkdownBlockView *makeView(const MarkdownText::Block &block, QWidget *parent) const;
-    // The run that holds the view of block index, made (and shown) when it is the first of its run.
+    // The run that holds the view of block index, made when it is the first of its run.
     QWidget *groupFor(qsizetype index);
     // What showing a block costs, in characters laid out; a table cell or a code block counts
     // some for itself.
