@@ -4,6 +4,8 @@
 #include "ui/theme.h"
 
 #include <QCoreApplication>
+#include <QFontMetricsF>
+#include <QHash>
 #include <QLocale>
 #include <QPainter>
 #include <QTextLine>
@@ -65,28 +67,52 @@ bool hasBidi(QStringView text)
     return false;
 }
 
+int styleKey(const InlineRun &run)
+{
+    return (run.strong ? 1 : 0) | (run.emphasis ? 2 : 0) | (run.code ? 4 : 0) | (run.strike ? 8 : 0) |
+           (run.link ? 16 : 0);
+}
+
 // One shared format per style: a streamed paragraph builds its formats again on every update,
 // and formats that share their data compare equal at once.
-QTextCharFormat styleFormat(const InlineRun &run)
+const QTextCharFormat &styleFormat(int key)
 {
     static QTextCharFormat formats[32];
-    const int key =
-        (run.strong ? 1 : 0) | (run.emphasis ? 2 : 0) | (run.code ? 4 : 0) | (run.strike ? 8 : 0) | (run.link ? 16 : 0);
     QTextCharFormat &format = formats[key];
     if (format.properties().isEmpty()) {
         format = QTextCharFormat();
-        if (run.strong)
+        if (key & 1)
             format.setFontWeight(QFont::Bold);
-        if (run.emphasis)
+        if (key & 2)
             format.setFontItalic(true);
-        if (run.code)
+        if (key & 4)
             format.setFontFamilies(Theme::monospaceFont().families());
-        if (run.strike)
+        if (key & 8)
             format.setFontStrikeOut(true);
-        if (run.link)
+        if (key & 16)
             format.setFontUnderline(true);
     }
     return format;
+}
+
+// A layout makes the font of each style it shows as it needs it, and nothing holds that font
+// afterwards: Qt's font cache lets go of fonts nobody holds every ten seconds, and making one
+// again asks fontconfig for its fallback families, in the middle of a streamed reply. The fonts of
+// the styles shown are held for the program's life instead; there are a few per text font.
+void holdStyleFonts(const QFont &base, quint32 styles)
+{
+    static QHash<QString, quint32> held;
+    static std::vector<QFont> fonts;
+    quint32 &done = held[base.key()];
+    for (int key = 1; key < 32; ++key) {
+        if (!(styles & ~done & (1u << key)))
+            continue;
+        // Resolved as the layout resolves a format's font against its own.
+        QFont font = styleFormat(key).font().resolve(base);
+        QFontMetricsF(font).height(); // the font's engines are found, and held, only once it is used
+        fonts.push_back(font);
+    }
+    done |= styles;
 }
 
 } // namespace
@@ -149,11 +175,13 @@ bool InlineText::setSource(const QString &source)
     for (const InlineRun &run : runs) {
         const int start = int(m_text.size());
         m_text += run.text;
-        if (!run.strong && !run.emphasis && !run.code && !run.strike && !run.link)
+        const int key = styleKey(run);
+        if (!key)
             continue;
         if (run.link)
             m_links.append({start, int(run.text.size()), *run.link});
-        m_formats.append({start, int(run.text.size()), styleFormat(run)});
+        m_formats.append({start, int(run.text.size()), styleFormat(key)});
+        m_styles |= 1u << key;
     }
     m_noteStart = -1;
     if (m_cut) {
@@ -353,6 +381,7 @@ bool InlineText::setFont(const QFont &font)
     if (font == m_font)
         return false;
     m_font = font;
+    m_heldStyles = 0;
     for (auto &span : m_spans) {
         span->laidOutWidth = -1;
         span->naturalWidth = -1;
@@ -412,6 +441,10 @@ QList<QTextLayout::FormatRange> InlineText::formatsOf(qsizetype from, qsizetype 
 
 void InlineText::layOut(qreal width)
 {
+    if (m_styles & ~m_heldStyles) {
+        holdStyleFonts(m_font, m_styles);
+        m_heldStyles = m_styles;
+    }
     qreal y = 0;
     for (const auto &span : m_spans) {
         if (span->laidOutWidth != width) {

@@ -103,6 +103,8 @@ private:
     int m_height = 0;
     int m_idealWidth = -1;
     qsizetype m_noteStart = -1; // where the note on a cut text begins, -1 without one
+    quint32 m_styles = 0;       // the styles the text has shown, one bit each
+    quint32 m_heldStyles = 0;   // those whose fonts are held for m_font
     bool m_cut = false;
     // The whole paragraph's, from its first letter: every span is laid out in it.
     Qt::LayoutDirection m_direction = Qt::LeftToRight;
