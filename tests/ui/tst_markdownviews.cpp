@@ -7,6 +7,7 @@
 #include <QClipboard>
 #include <QDesktopServices>
 #include <QElapsedTimer>
+#include <QHash>
 #include <QMouseEvent>
 #include <QScrollArea>
 #include <QScrollBar>
@@ -249,6 +250,61 @@ private slots:
             }
             QCOMPARE(y - MarkdownTextView::blockSpacing, view->height());
         }
+    }
+    // A streamed update repaints each block it changed once, the rows it grew into with its
+    // changed lines, and no other block: not one where a new block first appears.
+    void updatesRepaintChangedBlocksOnce_data()
+    {
+        QTest::addColumn<QString>("before");
+        QTest::addColumn<QString>("after");
+        QTest::addColumn<QList<int>>("paints"); // per block, code counted in its lines' view
+        const QString intro = u"Intro words\n\n"_s;
+        const QString line = u"grows a line "_s.repeated(8);
+        QTest::newRow("within a line") << intro + u"Tail"_s << intro + u"Tail grows"_s << QList<int>{0, 1};
+        QTest::newRow("by a line") << intro + u"Tail"_s << intro + u"Tail "_s + line << QList<int>{0, 1};
+        QTest::newRow("new block") << intro + u"Tail"_s << intro + u"Tail\n\nNew"_s << QList<int>{0, 0, 1};
+        QTest::newRow("code by a line") << intro + u"```\na\n"_s << intro + u"```\na\nb\n"_s << QList<int>{0, 1};
+    }
+    void updatesRepaintChangedBlocksOnce()
+    {
+        QFETCH(QString, before);
+        QFETCH(QString, after);
+        QFETCH(QList<int>, paints);
+        // As in a message: opaque blocks on a solid colour, the text placed where it now reaches.
+        QWidget window;
+        window.setAutoFillBackground(true);
+        window.resize(400, 400);
+        auto *view = new MarkdownTextView(&window);
+        view->setBackdrop(window.palette().color(QPalette::Window));
+        const auto place = [view] { view->setGeometry(0, 0, 300, view->heightForWidth(300)); };
+        view->setText(before);
+        place();
+        window.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&window));
+        QCoreApplication::processEvents();
+
+        struct Counter : QObject
+        {
+            QHash<QObject *, int> paints;
+            bool eventFilter(QObject *watched, QEvent *event) override
+            {
+                if (event->type() == QEvent::Paint)
+                    ++paints[watched];
+                return false;
+            }
+        } counter;
+        qApp->installEventFilter(&counter);
+        view->setText(after);
+        place();
+        QCoreApplication::processEvents();
+        qApp->removeEventFilter(&counter);
+
+        QList<int> painted;
+        for (MarkdownBlockView *block : view->blockViews()) {
+            auto *code = qobject_cast<CodeBlockView *>(block);
+            painted.append(counter.paints.value(code ? static_cast<QObject *>(code->codeView()) : block));
+        }
+        QCOMPARE(painted, paints);
     }
     void copyCode()
     {
