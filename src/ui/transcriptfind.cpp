@@ -194,11 +194,28 @@ void TranscriptFind::hitsIn(qsizetype message, QList<Hit> &hits)
     hits = QList<Hit>(m_gathered.cbegin(), m_gathered.cend());
 }
 
+qsizetype TranscriptFind::countIn(qsizetype message)
+{
+    qsizetype count = 0;
+    for (const Segment &segment : foldedSegments(message))
+        m_query.forEachHit(segment.text, [&](const TextSearch::Range &) { ++count; });
+    return count;
+}
+
+const QList<TranscriptFind::Hit> &TranscriptFind::hitsOf(qsizetype message)
+{
+    if (!m_listed.at(message)) {
+        hitsIn(message, m_hits[message]);
+        m_listed[message] = true;
+    }
+    return m_hits.at(message);
+}
+
 void TranscriptFind::setQuery(const QString &typed, qsizetype fromMessage)
 {
     const TextSearch::Query before = std::exchange(m_query, TextSearch::Query(typed));
     // Typing on at the end of a word narrows what it finds: each new word holds one from before.
-    const bool narrowing = !before.isEmpty() && !m_query.isEmpty() && m_hits.size() == m_chat->messages().size() &&
+    const bool narrowing = !before.isEmpty() && !m_query.isEmpty() && m_counts.size() == m_chat->messages().size() &&
                            std::all_of(m_query.words().cbegin(), m_query.words().cend(), [&](const QString &word) {
                                return std::any_of(before.words().cbegin(), before.words().cend(),
                                                   [&](const QString &old) { return word.contains(old); });
@@ -229,10 +246,12 @@ void TranscriptFind::showFirstHitFrom(qsizetype message)
         return std::tuple(hit.block, hit.cell, hit.range.start) >=
                std::tuple(place.block, place.cell, place.range.start);
     };
-    const qsizetype n = m_hits.size();
+    const qsizetype n = m_counts.size();
     for (qsizetype step = 0; step < n; ++step) {
         const qsizetype i = (std::max<qsizetype>(0, message) + step) % n;
-        const QList<Hit> &hits = m_hits.at(i);
+        if (m_counts.at(i) == 0)
+            continue;
+        const QList<Hit> &hits = hitsOf(i);
         // In the message of the last place, the first hit from that place on.
         qsizetype k = 0;
         if (step == 0 && i == m_place) {
@@ -243,22 +262,22 @@ void TranscriptFind::showFirstHitFrom(qsizetype message)
             return setCurrent(i, k, Reveal::UnlessInSight);
     }
     // Only hits before the place, in its own message: wrap to them.
-    if (m_count > 0 && message >= 0 && message < n && !m_hits.at(message).isEmpty())
+    if (m_count > 0 && message >= 0 && message < n && m_counts.at(message) > 0)
         return setCurrent(message, 0, Reveal::UnlessInSight);
     setCurrent(-1, -1, Reveal::No);
 }
 
-std::optional<std::pair<qsizetype, qsizetype>> TranscriptFind::firstHitInSight() const
+std::optional<std::pair<qsizetype, qsizetype>> TranscriptFind::firstHitInSight()
 {
     const QWidget *viewport = m_area->viewport();
     const int top = m_area->verticalScrollBar()->value();
-    const qsizetype n = std::min(m_area->messageCount(), m_hits.size());
+    const qsizetype n = std::min(m_area->messageCount(), m_counts.size());
     for (qsizetype i = 0; i < n && m_area->rowTop(i) < top + viewport->height(); ++i) {
         const MessageBubble *bubble = m_area->bubbleAt(i);
-        if (!bubble || m_hits.at(i).isEmpty() || m_area->rowTop(i) + bubble->height() <= top)
+        if (!bubble || m_counts.at(i) == 0 || m_area->rowTop(i) + bubble->height() <= top)
             continue;
         const QList<MarkdownBlockView *> &views = bubble->markdownView()->blockViews();
-        const QList<Hit> &hits = m_hits.at(i);
+        const QList<Hit> &hits = hitsOf(i);
         for (qsizetype k = 0; k < hits.size(); ++k) {
             if (hits.at(k).block >= views.size())
                 continue;
@@ -373,13 +392,13 @@ void TranscriptFind::next()
 {
     if (m_count == 0)
         return;
-    if (m_currentMessage >= 0 && m_currentK + 1 < m_hits.at(m_currentMessage).size())
+    if (m_currentMessage >= 0 && m_currentK + 1 < m_counts.at(m_currentMessage))
         return setCurrent(m_currentMessage, m_currentK + 1, Reveal::Comfortably);
-    const qsizetype n = m_hits.size();
+    const qsizetype n = m_counts.size();
     const qsizetype from = m_currentMessage < 0 ? n - 1 : m_currentMessage;
     for (qsizetype step = 1; step <= n; ++step) {
         const qsizetype i = (from + step) % n;
-        if (!m_hits.at(i).isEmpty())
+        if (m_counts.at(i) > 0)
             return setCurrent(i, 0, Reveal::Comfortably);
     }
 }
@@ -390,12 +409,12 @@ void TranscriptFind::previous()
         return;
     if (m_currentMessage >= 0 && m_currentK > 0)
         return setCurrent(m_currentMessage, m_currentK - 1, Reveal::Comfortably);
-    const qsizetype n = m_hits.size();
+    const qsizetype n = m_counts.size();
     const qsizetype from = m_currentMessage < 0 ? 0 : m_currentMessage;
     for (qsizetype step = 1; step <= n; ++step) {
         const qsizetype i = (from - step + n) % n;
-        if (!m_hits.at(i).isEmpty())
-            return setCurrent(i, m_hits.at(i).size() - 1, Reveal::Comfortably);
+        if (m_counts.at(i) > 0)
+            return setCurrent(i, m_counts.at(i) - 1, Reveal::Comfortably);
     }
 }
 
@@ -405,7 +424,7 @@ qsizetype TranscriptFind::currentIndex() const
         return -1;
     qsizetype before = 0;
     for (qsizetype i = 0; i < m_currentMessage; ++i)
-        before += m_hits.at(i).size();
+        before += m_counts.at(i);
     return before + m_currentK;
 }
 
@@ -424,22 +443,24 @@ void TranscriptFind::recountAll(bool narrowing)
 {
     const qsizetype n = m_chat->messages().size();
     // Without words the room goes; otherwise each message's list keeps it for the next words.
-    if (m_hits.size() != n || m_query.isEmpty()) {
+    if (m_counts.size() != n || m_query.isEmpty()) {
+        m_counts = QList<qsizetype>(n);
         m_hits = QList<QList<Hit>>(n);
-    } else if (!narrowing) {
-        for (QList<Hit> &hits : m_hits)
-            hits.clear();
+        m_listed = QList<bool>(n);
     }
     m_count = 0;
     if (!m_query.isEmpty()) {
         for (qsizetype i = 0; i < n; ++i) {
-            if (narrowing && m_hits.at(i).isEmpty())
+            if (narrowing && m_counts.at(i) == 0)
                 continue;
-            hitsIn(i, m_hits[i]);
-            m_count += m_hits.at(i).size();
+            m_counts[i] = countIn(i);
+            m_listed[i] = false;
+            if (!m_hits.at(i).isEmpty())
+                m_hits[i] = {};
+            m_count += m_counts.at(i);
         }
     }
-    if (m_currentMessage >= n || (m_currentMessage >= 0 && m_currentK >= m_hits.at(m_currentMessage).size())) {
+    if (m_currentMessage >= n || (m_currentMessage >= 0 && m_currentK >= m_counts.at(m_currentMessage))) {
         m_currentMessage = -1;
         m_currentK = -1;
     }
@@ -451,19 +472,19 @@ void TranscriptFind::recountMessage(qsizetype message)
 {
     if (m_query.isEmpty() || message < 0 || message >= m_chat->messages().size())
         return;
-    if (m_hits.size() != m_chat->messages().size())
+    if (m_counts.size() != m_chat->messages().size())
         return recountAll();
-    QList<Hit> hits;
-    hitsIn(message, hits);
-    m_count += hits.size() - m_hits.at(message).size();
-    m_hits[message] = std::move(hits);
-    if (m_currentMessage == message && m_currentK >= m_hits.at(message).size()) {
+    hitsIn(message, m_hits[message]);
+    m_listed[message] = true;
+    m_count += m_hits.at(message).size() - m_counts.at(message);
+    m_counts[message] = m_hits.at(message).size();
+    if (m_currentMessage == message && m_currentK >= m_counts.at(message)) {
         m_currentMessage = -1;
         m_currentK = -1;
     }
     // Nothing moves: the view follows the reply by its own rules while the count follows the text.
     // A first hit in a reply becomes current where it is.
-    if (m_currentMessage < 0 && m_count > 0 && m_count == m_hits.at(message).size()) {
+    if (m_currentMessage < 0 && m_count > 0 && m_count == m_counts.at(message)) {
         m_currentMessage = m_place = message;
         m_currentK = 0;
         m_placeHit = m_hits.at(message).first();
@@ -479,9 +500,9 @@ void TranscriptFind::setCurrent(qsizetype message, qsizetype k, Reveal how)
     m_currentK = k;
     if (message >= 0) {
         m_place = message;
-        m_placeHit = m_hits.at(message).at(k);
+        m_placeHit = hitsOf(message).at(k);
     }
-    if (before >= 0 && before != message && before < m_hits.size())
+    if (before >= 0 && before != message && before < m_counts.size())
         applyTo(before, m_area->bubbleAt(before));
     if (message >= 0)
         applyTo(message, m_area->bubbleAt(message));
@@ -490,13 +511,13 @@ void TranscriptFind::setCurrent(qsizetype message, qsizetype k, Reveal how)
     emit resultsChanged();
 }
 
-void TranscriptFind::applyTo(qsizetype message, MessageBubble *bubble) const
+void TranscriptFind::applyTo(qsizetype message, MessageBubble *bubble)
 {
     if (!bubble || message < 0)
         return;
     QHash<int, QList<FindHit>> byBlock;
-    if (message < m_hits.size()) {
-        const QList<Hit> &hits = m_hits.at(message);
+    if (message < m_counts.size() && m_counts.at(message) > 0) {
+        const QList<Hit> &hits = hitsOf(message);
         for (qsizetype k = 0; k < hits.size(); ++k) {
             const Hit &hit = hits.at(k);
             byBlock[hit.block].append({hit.cell, hit.range, message == m_currentMessage && k == m_currentK});
@@ -531,7 +552,7 @@ void TranscriptFind::reveal(Reveal how)
     if (!bubble)
         return;
     applyTo(m_currentMessage, bubble);
-    const Hit &hit = m_hits.at(m_currentMessage).at(m_currentK);
+    const Hit &hit = hitsOf(m_currentMessage).at(m_currentK);
     const QList<MarkdownBlockView *> &views = bubble->markdownView()->blockViews();
     if (hit.block >= views.size())
         return;

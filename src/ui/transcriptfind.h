@@ -96,13 +96,18 @@ private:
     void takePrepared(quint64 generation, const QList<qsizetype> &messages, const QList<Cached> &read, bool last);
     // The message's hits of the words, in place of what hits held.
     void hitsIn(qsizetype message, QList<Hit> &hits);
+    // How many hits of the words the message holds, without listing them.
+    qsizetype countIn(qsizetype message);
+    // The message's hits, listed when first asked for: a first letter counts tens of thousands,
+    // and only the messages shown or stepped to need their list.
+    const QList<Hit> &hitsOf(qsizetype message);
     // Counts every message again; with narrowing, only those that held a hit of the words before,
     // which every new word holds one of: the others cannot hold any now.
     void recountAll(bool narrowing = false);
     void recountMessage(qsizetype message);
     void showFirstHitFrom(qsizetype message);
     // The first hit drawn at the top of the view or below it, in a block that starts in sight.
-    std::optional<std::pair<qsizetype, qsizetype>> firstHitInSight() const;
+    std::optional<std::pair<qsizetype, qsizetype>> firstHitInSight();
     // How the current hit is brought into view: left where it is when it is in sight (as words
     // are typed), or also moved off the view's edges (stepping from hit to hit).
     enum class Reveal {
@@ -111,7 +116,7 @@ private:
         Comfortably,
     };
     void setCurrent(qsizetype message, qsizetype k, Reveal how);
-    void applyTo(qsizetype message, MessageBubble *bubble) const;
+    void applyTo(qsizetype message, MessageBubble *bubble);
     void applyAll();
     void reveal(Reveal how);
 
@@ -119,7 +124,9 @@ private:
     TranscriptArea *m_area;
     TextSearch::Query m_query;
     QList<Cached> m_cache;       // by message index
-    QList<QList<Hit>> m_hits;    // by message index
+    QList<qsizetype> m_counts;   // by message index
+    QList<QList<Hit>> m_hits;    // by message index, for those listed
+    QList<bool> m_listed;        // whether m_hits holds the message's hits
     std::vector<Hit> m_gathered; // one message's hits as they are found
     qsizetype m_count = 0;
     qsizetype m_currentMessage = -1;
