@@ -284,9 +284,13 @@ void TranscriptScrollBar::paintEvent(QPaintEvent *event)
 
 void TranscriptScrollBar::resizeEvent(QResizeEvent *event)
 {
+    QScrollBar::resizeEvent(event);
+    // What the style does is probed at a height of its own, so only a new width asks again: the
+    // find bar opening or the window growing taller changes the height alone.
+    if (event->oldSize().width() == width())
+        return;
     m_endsShow.reset();
     m_onlyEndsChange.reset();
-    QScrollBar::resizeEvent(event);
     updateOpaque();
 }
 
@@ -305,12 +309,13 @@ QStyleOptionSlider TranscriptScrollBar::paintOption() const
     initStyleOption(&option);
     // As the bar paints itself: every part drawn.
     option.subControls = QStyle::SC_All;
+    option.rect = QRect(0, 0, width(), probeHeight);
     return option;
 }
 
 QImage TranscriptScrollBar::picture(const QStyleOptionSlider &option) const
 {
-    QImage image(size(), QImage::Format_ARGB32_Premultiplied);
+    QImage image(option.rect.size(), QImage::Format_ARGB32_Premultiplied);
     image.fill(Qt::transparent);
     QPainter painter(&image);
     style()->drawComplexControl(QStyle::CC_ScrollBar, &option, &painter, this);

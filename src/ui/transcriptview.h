@@ -66,7 +66,8 @@ private:
     void repaintChanges();
     QRect controlRect(QStyle::SubControl control) const;
 
-    static constexpr int endShade = 2; // rows beyond the handle that some styles shade
+    static constexpr int endShade = 2;      // rows beyond the handle that some styles shade
+    static constexpr int probeHeight = 300; // the height the style is drawn at to see what it does
 
     std::optional<Look> m_shown;                  // the look on screen once pending repaints are done
     mutable std::optional<bool> m_endsShow;       // whether this style marks the ends, once drawn to see
