@@ -222,7 +222,7 @@ bool InlineText::setSource(const QString &source)
     }
     m_firstChange = first;
     // The old layout's line of that character may hold text that now wraps onto the next line.
-    m_oldChangedTop = wasLaidOut ? lineTop(std::min(first, oldText.size())) : 0;
+    m_oldChangedTop = wasLaidOut ? lineTop(std::max<qsizetype>(0, lineStart(std::min(first, oldText.size())) - 1)) : 0;
     cutSpans(first);
     m_laidOutWidth = -1;
     m_idealWidth = -1;
@@ -337,7 +337,10 @@ int InlineText::changedTop() const
 {
     if (m_laidOutWidth < 0 || m_spans.empty())
         return 0;
-    return std::min(lineTop(std::min(m_firstChange, m_text.size())), m_oldChangedTop);
+    // From the line above the change: a glyph may reach past the top of its line (the dots of a
+    // capital Ü), and a repaint cut at that top would leave them half drawn.
+    const qsizetype start = lineStart(std::min(m_firstChange, m_text.size()));
+    return std::min(lineTop(std::max<qsizetype>(0, start - 1)), m_oldChangedTop);
 }
 
 const InlineText::Span *InlineText::spanAt(qsizetype position) const
@@ -360,20 +363,31 @@ const InlineText::Part *InlineText::partAt(const Span &span, qsizetype position)
     return found;
 }
 
-int InlineText::lineTop(qsizetype position) const
+std::optional<InlineText::LineRef> InlineText::lineOf(qsizetype position) const
 {
     const Span *span = spanAt(position);
     if (!span || span->laidOutWidth < 0)
-        return 0;
+        return std::nullopt;
     const Part *part = partAt(*span, position);
     if (!part || part->lineCount() == 0)
-        return 0;
-    const QTextLayout &layout = part->layout;
+        return std::nullopt;
     const qsizetype end = span->start + span->length;
-    const QTextLine line = layout.lineForTextPosition(int(std::clamp(position, part->start, end) - part->start));
-    const qreal top =
-        line.isValid() && line.lineNumber() < part->lineCount() ? line.y() : layout.lineAt(part->lineCount() - 1).y();
-    return int(span->y + part->y + top);
+    QTextLine line = part->layout.lineForTextPosition(int(std::clamp(position, part->start, end) - part->start));
+    if (!line.isValid() || line.lineNumber() >= part->lineCount())
+        line = part->layout.lineAt(part->lineCount() - 1);
+    return LineRef{span->y + part->y, part->start, line};
+}
+
+int InlineText::lineTop(qsizetype position) const
+{
+    const std::optional<LineRef> ref = lineOf(position);
+    return ref ? int(ref->partTop + ref->line.y()) : 0;
+}
+
+qsizetype InlineText::lineStart(qsizetype position) const
+{
+    const std::optional<LineRef> ref = lineOf(position);
+    return ref ? ref->partStart + ref->line.textStart() : 0;
 }
 
 bool InlineText::setFont(const QFont &font)

@@ -87,7 +87,16 @@ private:
     const Span *spanAt(qsizetype position) const;
     static const Part *partAt(const Span &span, qsizetype position);
     QList<QTextLayout::FormatRange> formatsOf(qsizetype start, qsizetype length) const;
+    // The laid-out line holding position (the last line, past the end), and where its part lies.
+    struct LineRef
+    {
+        qreal partTop = 0;
+        qsizetype partStart = 0;
+        QTextLine line;
+    };
+    std::optional<LineRef> lineOf(qsizetype position) const;
     int lineTop(qsizetype position) const;
+    qsizetype lineStart(qsizetype position) const;
 
     QString m_source;
     QString m_text;

@@ -281,9 +281,13 @@ private slots:
         QFETCH(int, height);
         const QString reply = QStringLiteral(
             "# Title\n\nSome *text* that wraps around the narrow window more than once, with `code` and **bold "
-            "words** closing late.\n\n> a quote that is long enough to wrap in the narrow window\n\n"
+            "words** closing late.\n\n"
+            // Capitals whose marks reach above the top of their line, on lines that wrap.
+            "Über den Öltank: Ärger über Übersicht, Ölpreis und Übermut. Äpfel, Öfen, Übungen und Érable, Ìsola, "
+            "Ñandú.\n\n> a quote that is long enough to wrap in the narrow window\n\n"
             "```python\ndef f(x):\n    return x + 1  # and a comment that runs far beyond the right edge of it\n```\n\n"
-            "| a | b |\n|---|---|\n| 1 | 2 |\n| longer cell | 3 |\n\n- one\n- two\n\n9. nine\n10. ten\n");
+            "| a | b |\n|---|---|\n| 1 | 2 |\n| longer cell | 3 |\n\n"
+            "- one\n- Über Öfen Ärger Übersicht Ölpreis Übermut Äpfel Übungen\n\n9. nine\n10. ten\n");
         QList<QByteArray> pieces;
         for (qsizetype i = 0; i < reply.size(); i += chunk)
             pieces.append(UiTest::deltaEvent(reply.mid(i, chunk)));
