@@ -116,7 +116,10 @@ void CodeTextView::setCode(const StyledCode &code)
     if (m_anchor.line >= lineCount() || m_cursor.line >= lineCount())
         m_anchor = m_cursor = {};
 
-    const int top = padding + std::max(0, std::min(firstLine, oldLines)) * m_lineHeight;
+    // From the line above the first new one: a glyph may reach past the top of its line (the dots
+    // of a capital Ü), and a repaint cut at that top would leave them half drawn.
+    const int above = std::max(0, std::min(firstLine, oldLines) - 1);
+    const int top = above == 0 ? 0 : padding + above * m_lineHeight;
     update(0, top, width(), std::max(height(), contentHeight()) - top);
 }
 

@@ -286,6 +286,7 @@ private slots:
             "Über den Öltank: Ärger über Übersicht, Ölpreis und Übermut. Äpfel, Öfen, Übungen und Érable, Ìsola, "
             "Ñandú.\n\n> a quote that is long enough to wrap in the narrow window\n\n"
             "```python\ndef f(x):\n    return x + 1  # and a comment that runs far beyond the right edge of it\n```\n\n"
+            "```text\nÜbersicht Ölpreis Ärger\nÜber Öfen Ärger Übungen\nÜbermut Äpfel Érable\n```\n\n"
             "| a | b |\n|---|---|\n| 1 | 2 |\n| longer cell | 3 |\n\n"
             "- one\n- Über Öfen Ärger Übersicht Ölpreis Übermut Äpfel Übungen\n\n9. nine\n10. ten\n");
         QList<QByteArray> pieces;
