@@ -1,29 +1,12 @@
 #include "ui/conversationlistview.h"
+#include "uitestsupport.h"
 
 #include <QApplication>
-#include <QPaintEvent>
-#include <QScreen>
 #include <QScrollBar>
 #include <QStandardItemModel>
 #include <QTest>
 
 namespace {
-
-// Collects what the viewport is asked to paint.
-class PaintLog final : public QObject
-{
-public:
-    explicit PaintLog(QWidget *widget) { widget->installEventFilter(this); }
-    QRegion painted;
-
-protected:
-    bool eventFilter(QObject *, QEvent *event) override
-    {
-        if (event->type() == QEvent::Paint)
-            painted += static_cast<QPaintEvent *>(event)->region();
-        return false;
-    }
-};
 
 QList<QStandardItem *> rows(int count, const QString &prefix)
 {
@@ -31,11 +14,6 @@ QList<QStandardItem *> rows(int count, const QString &prefix)
     for (int i = 0; i < count; ++i)
         items.append(new QStandardItem(QStringLiteral("%1 %2").arg(prefix).arg(i)));
     return items;
-}
-
-QImage onScreen(QWidget *window)
-{
-    return window->screen()->grabWindow(window->winId()).toImage().convertToFormat(QImage::Format_RGB32);
 }
 
 } // namespace
@@ -95,7 +73,9 @@ private slots:
         const bool hadScrollBar = view.verticalScrollBar()->isVisible();
         const int maximum = view.verticalScrollBar()->maximum();
         const QRect oldSelection = view.visualRect(model.index(1, 0));
-        PaintLog log(view.viewport());
+        int paints = 0;
+        QRegion painted;
+        UiTest::PaintCounter log(view.viewport(), &paints, &painted);
 
         const auto append = [&] { model.invisibleRootItem()->appendRows(rows(5, QStringLiteral("New"))); };
         if (change == u"append") {
@@ -113,19 +93,19 @@ private slots:
 
         const QRect full = view.viewport()->rect();
         if (repainted == u"nothing") {
-            QVERIFY2(log.painted.isEmpty(), qPrintable(QDebug::toString(log.painted)));
+            QVERIFY2(painted.isEmpty(), qPrintable(QDebug::toString(painted)));
             QVERIFY(view.verticalScrollBar()->maximum() > maximum);
         } else if (repainted == u"new rows") {
             const QRect firstNew = view.visualRect(model.index(before, 0));
-            QCOMPARE(log.painted, QRegion(QRect(0, firstNew.top(), full.width(), full.height() - firstNew.top())));
+            QCOMPARE(painted, QRegion(QRect(0, firstNew.top(), full.width(), full.height() - firstNew.top())));
         } else if (repainted == u"selection") {
-            QCOMPARE(log.painted, QRegion(oldSelection) + view.visualRect(model.index(3, 0)));
+            QCOMPARE(painted, QRegion(oldSelection) + view.visualRect(model.index(3, 0)));
         } else {
-            QCOMPARE(log.painted, QRegion(full));
+            QCOMPARE(painted, QRegion(full));
         }
         if (QByteArrayView(QTest::currentDataTag()).contains("scroll bar"))
             QVERIFY(!hadScrollBar && view.verticalScrollBar()->isVisible());
-        QTRY_COMPARE(onScreen(&window), window.grab().toImage().convertToFormat(QImage::Format_RGB32));
+        QTRY_COMPARE(UiTest::onScreen(&window), UiTest::freshPaint(&window));
     }
 };
 

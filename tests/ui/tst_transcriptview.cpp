@@ -14,33 +14,6 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-// Counts the paint events a widget receives.
-class PaintCounter final : public QObject
-{
-public:
-    PaintCounter(QWidget *widget, int *count, QRegion *painted = nullptr)
-        : m_count(count)
-        , m_painted(painted)
-    {
-        widget->installEventFilter(this);
-    }
-
-protected:
-    bool eventFilter(QObject *, QEvent *event) override
-    {
-        if (event->type() == QEvent::Paint) {
-            ++*m_count;
-            if (m_painted)
-                *m_painted += static_cast<QPaintEvent *>(event)->region();
-        }
-        return false;
-    }
-
-private:
-    int *m_count;
-    QRegion *m_painted;
-};
-
 QString paragraph(int i)
 {
     return QStringLiteral("Paragraph %1 of the reply, long enough to wrap over a few lines in a narrow window, "
@@ -243,8 +216,8 @@ private slots:
         int paints = 0;
         int behind = 0;
         QRegion painted;
-        PaintCounter counter(bar, &paints, &painted);
-        PaintCounter windowCounter(&window, &behind);
+        UiTest::PaintCounter counter(bar, &paints, &painted);
+        UiTest::PaintCounter windowCounter(&window, &behind);
         bar->update();
         QTRY_COMPARE(paints, 1);
         painted = {};

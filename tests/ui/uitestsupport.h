@@ -15,6 +15,8 @@
 #include "ui/transcriptview.h"
 
 #include <QImage>
+#include <QPaintEvent>
+#include <QRegion>
 #include <QScreen>
 #include <QTest>
 
@@ -67,6 +69,33 @@ inline QImage freshPaint(QWidget *widget)
 {
     return widget->grab().toImage().convertToFormat(QImage::Format_RGB32);
 }
+
+// Counts the paints a widget is asked for and, when given a region, collects where.
+class PaintCounter final : public QObject
+{
+public:
+    PaintCounter(QWidget *widget, int *count, QRegion *painted = nullptr)
+        : m_count(count)
+        , m_painted(painted)
+    {
+        widget->installEventFilter(this);
+    }
+
+protected:
+    bool eventFilter(QObject *, QEvent *event) override
+    {
+        if (event->type() == QEvent::Paint) {
+            ++*m_count;
+            if (m_painted)
+                *m_painted += static_cast<QPaintEvent *>(event)->region();
+        }
+        return false;
+    }
+
+private:
+    int *m_count;
+    QRegion *m_painted;
+};
 
 // Content views, each as a main window holds one, over one provider store and one history file,
 // against a mock provider on loopback. The views are deleted first.
