@@ -49,9 +49,7 @@ private slots:
         QTest::addColumn<QString>("part");
         const std::optional<qint64> none;
         QTest::newRow("no usage") << Usage() << QString();
-        QTest::newRow("total zero") << Usage(TokenUsage{none, none, 0}) << u"· 0 tokens"_s;
         QTest::newRow("prompt only") << Usage(TokenUsage{5, none, none}) << u"· 5 tokens"_s;
-        QTest::newRow("reported total wins") << Usage(TokenUsage{12, 34, 7}) << u"· 12↑ 34↓ · 7 tokens"_s;
     }
     void usage()
     {

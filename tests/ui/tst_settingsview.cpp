@@ -225,40 +225,30 @@ private slots:
         QCOMPARE(tabOrder(), withoutMenu);
     }
 
-    void backup_data()
-    {
-        QTest::addColumn<bool>("cancel");
-        QTest::addColumn<bool>("corrupt");
-        QTest::newRow("round trip") << false << false;
-        QTest::newRow("both dialogs cancelled") << true << false;
-        QTest::newRow("unreadable file") << false << true;
-    }
     // Each button says in a note what it did, kept until the view is rebuilt; an import starts
-    // again from the store's pick, whatever the list showed.
+    // again from the store's pick, whatever the list showed. What an archive holds, and which ones
+    // are refused, is the archive's own business.
     void backup()
     {
-        QFETCH(bool, cancel);
-        QFETCH(bool, corrupt);
         const QString file = m_profile->root() + u"/verbolt-config.json"_s;
         QFile::remove(file);
         Settings s;
         for (const Provider &p : three())
             s.store.add(p);
-        s.dialogs.answer = cancel ? std::nullopt : std::optional(file);
+        s.dialogs.answer = file;
         s.show();
         s.click(u"exportConfig"_s);
         QCOMPARE(s.note(), u"Config exported."_s);
-        QCOMPARE(QFile::exists(file), !cancel);
-        if (corrupt)
-            QVERIFY(StorageTest::writeAll(file, "{ not json"));
+        const QByteArray exported = StorageTest::readAll(file);
+        QVERIFY(StorageTest::writeAll(file, "{ not json"));
+        s.click(u"importConfig"_s);
+        QVERIFY2(s.note().startsWith(u"Import failed: "_s), qPrintable(s.note()));
 
+        QVERIFY(StorageTest::writeAll(file, exported));
         s.list()->setCurrentRow(2);
         s.click(u"importConfig"_s);
-        QCOMPARE(s.dialogs.opens.size(), 1);
-        if (corrupt)
-            QVERIFY2(s.note().startsWith(u"Import failed: "_s), qPrintable(s.note()));
-        else
-            QCOMPARE(s.note(), u"Config imported."_s);
+        QCOMPARE(s.dialogs.opens.size(), 2);
+        QCOMPARE(s.note(), u"Config imported."_s);
         QCOMPARE(s.view->selection(), s.store.selectedID());
         QCOMPARE(s.view->editor()->providerID(), *s.store.selectedID());
         s.list()->setCurrentRow(-1);
