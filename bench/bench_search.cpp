@@ -17,10 +17,10 @@
 #include <QFileInfo>
 #include <QLineEdit>
 #include <QListView>
+#include <QPaintEvent>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QTimer>
-#include <QPaintEvent>
 
 #include <atomic>
 #include <cstdio>
@@ -29,31 +29,119 @@
 #include <thread>
 
 namespace {
-struct EvRec { int type; QString who; double ms; };
-std::vector<EvRec> g_events;
-int g_depth = 0;
-class ProbeApp : public QApplication
+
+// One event the main thread handled in a turn, for the per-turn print.
+struct HandledEvent
+{
+    QEvent::Type type;
+    QString receiver;
+    double cpuMs;
+};
+
+// Marks where each turn of the main thread's loop starts: at the first event it handles after
+// waking. The time it then spends until it waits again is the turn; the time it waited for a core
+// before that first event is an input's wait, measured by InputProbe.
+class TimedApplication final : public QApplication
 {
 public:
     using QApplication::QApplication;
-    bool notify(QObject *o, QEvent *e) override
+
+    bool notify(QObject *receiver, QEvent *event) override
     {
-        if (g_depth > 0 && e->type() != QEvent::Paint && e->type() != QEvent::Timer) { return QApplication::notify(o, e); }
-        ++g_depth;
-        const int t = e->type();
-        QRect pr; if (t == QEvent::Paint) pr = static_cast<QPaintEvent *>(e)->rect();
-        const double c0 = Bench::threadCpuSeconds();
-        const bool r = QApplication::notify(o, e);
-        const double ms = (Bench::threadCpuSeconds() - c0) * 1e3;
-        --g_depth;
-        if (ms > 0.05)
-        {
-            QString who = QString(g_depth, u' ') + QString::fromLatin1(o->metaObject()->className()) + u'/' + o->objectName();
-            if (t == QEvent::Paint) { const QRect r = pr; who += QString::asprintf(" %d,%d %dx%d", r.x(), r.y(), r.width(), r.height()); }
-            g_events.push_back({t, who, ms});
+        if (m_depth == 0 && turnStartNs < 0) {
+            turnStartNs = clock.nsecsElapsed();
+            turnStartCpu = Bench::threadCpuSeconds();
         }
-        return r;
+        // Outermost events, and the paints and timers within them: what a turn spent its time on.
+        const bool shown = m_depth == 0 || event->type() == QEvent::Paint || event->type() == QEvent::Timer;
+        const double cpu = shown ? Bench::threadCpuSeconds() : 0;
+        QRect painted;
+        if (event->type() == QEvent::Paint)
+            painted = static_cast<QPaintEvent *>(event)->rect();
+        ++m_depth;
+        const bool result = QApplication::notify(receiver, event);
+        --m_depth;
+        if (shown) {
+            const double ms = (Bench::threadCpuSeconds() - cpu) * 1e3;
+            if (ms >= 0.05) {
+                QString who = QString(m_depth, u' ') + QString::fromLatin1(receiver->metaObject()->className()) + u'/' +
+                              receiver->objectName();
+                if (!painted.isNull())
+                    who +=
+                        QString::asprintf(" %d,%d %dx%d", painted.x(), painted.y(), painted.width(), painted.height());
+                handled.push_back({event->type(), who, ms});
+            }
+        }
+        return result;
     }
+
+    QElapsedTimer clock;
+    qint64 turnStartNs = -1;
+    double turnStartCpu = 0;
+    std::vector<HandledEvent> handled;
+
+private:
+    int m_depth = 0;
+};
+
+TimedApplication *timedApp()
+{
+    return static_cast<TimedApplication *>(QCoreApplication::instance());
+}
+
+// Stands in for the user's input while a search runs: from a thread of its own, as the window
+// system's events arrive, posts an event to the main thread every few milliseconds and keeps the
+// longest time one waited to be handled. That is what a keystroke or a click would wait: the rest
+// of the turn in progress, and the time the main thread, woken, waits for a core.
+class InputProbe final : public QObject
+{
+public:
+    InputProbe()
+    {
+        m_clock.start();
+        m_thread = std::thread([this] {
+            while (!m_stop) {
+                QCoreApplication::postEvent(this, new Input(m_clock.nsecsElapsed()));
+                std::this_thread::sleep_for(std::chrono::milliseconds(4));
+            }
+        });
+    }
+    ~InputProbe() override { stop(); }
+
+    // Stops posting and returns the longest wait, in milliseconds.
+    double stop()
+    {
+        if (!m_stop.exchange(true))
+            m_thread.join();
+        QCoreApplication::removePostedEvents(this);
+        return m_longestMs;
+    }
+
+protected:
+    bool event(QEvent *event) override
+    {
+        if (event->type() != Input::type)
+            return QObject::event(event);
+        const double waitedMs = double(m_clock.nsecsElapsed() - static_cast<Input *>(event)->postedNs) / 1e6;
+        m_longestMs = std::max(m_longestMs, waitedMs);
+        return true;
+    }
+
+private:
+    struct Input final : QEvent
+    {
+        static constexpr QEvent::Type type = QEvent::User;
+        explicit Input(qint64 at)
+            : QEvent(type)
+            , postedNs(at)
+        {}
+        qint64 postedNs;
+    };
+
+    QElapsedTimer m_clock;
+    double m_longestMs = 0;
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
 };
 
 // Samples the resident size every 2 ms while it lives and keeps the highest.
@@ -125,33 +213,34 @@ double turnsShownFromMs()
 }
 
 // Types text into the field as one keystroke and waits for the complete result, timing the first
-// rows drawn, the end, and the longest time the main thread went without turning its loop.
+// rows drawn, the end, and the longest turn of the main thread's loop. The loop sleeps while it
+// has nothing to do, as the window's does: a loop turning without pause would hold its core for
+// good, and the scheduler would share it out to the workers a tick (4 ms) at a time, however
+// little the loop had to do.
 Keystroke type(ConversationSidebar &sidebar, const QString &text)
 {
     Keystroke k;
-    QElapsedTimer clock;
-    QElapsedTimer sinceTurn;
-    clock.start();
-    double cpu = Bench::threadCpuSeconds();
-    const auto turnEnded = [&](const char *what) {
-        const double wallMs = double(sinceTurn.nsecsElapsed()) / 1e6;
+    TimedApplication *app = timedApp();
+    const qint64 typedNs = app->clock.nsecsElapsed();
+    const auto sinceTypedMs = [&] { return double(app->clock.nsecsElapsed() - typedNs) / 1e6; };
+    const auto turnEnded = [&](const char *what, qint64 startNs, double startCpu) {
+        const double wallMs = double(app->clock.nsecsElapsed() - startNs) / 1e6;
+        const double cpuMs = (Bench::threadCpuSeconds() - startCpu) * 1e3;
         k.longestBlockMs = std::max(k.longestBlockMs, wallMs);
-        const double now = Bench::threadCpuSeconds();
-        k.longestBlockCpuMs = std::max(k.longestBlockCpuMs, (now - cpu) * 1e3);
-        if (turnsShownFromMs() >= 0 && (now - cpu) * 1e3 >= turnsShownFromMs()) {
+        k.longestBlockCpuMs = std::max(k.longestBlockCpuMs, cpuMs);
+        if (turnsShownFromMs() >= 0 && std::max(wallMs, cpuMs) >= turnsShownFromMs()) {
             std::fprintf(stderr, "turn %-10s %-22s at %7.2f ms: %5.2f ms, cpu %5.2f ms\n", what, qPrintable(text),
-                         double(clock.nsecsElapsed()) / 1e6, wallMs, (now - cpu) * 1e3);
-            for (const EvRec &r : g_events)
-                std::fprintf(stderr, "     ev %3d %-40s %5.2f\n", r.type, qPrintable(r.who), r.ms);
+                         sinceTypedMs(), wallMs, cpuMs);
+            for (const HandledEvent &e : app->handled)
+                std::fprintf(stderr, "     event %3d %-44s cpu %5.2f ms\n", int(e.type), qPrintable(e.receiver),
+                             e.cpuMs);
         }
-        g_events.clear();
-        cpu = now;
-        sinceTurn.restart();
+        app->handled.clear();
     };
-    sinceTurn.start();
-    g_events.clear();
+    app->handled.clear();
+    const double typedCpu = Bench::threadCpuSeconds();
     sidebar.searchField()->setText(text); // the keystroke's own handling
-    turnEnded("keystroke");
+    turnEnded("keystroke", typedNs, typedCpu);
     QAbstractItemModel *model = sidebar.list()->model();
     const auto found = [&] {
         return model->rowCount() > 0 && !sidebar.searchStatus().startsWith(QLatin1String("Searching"));
@@ -161,17 +250,20 @@ Keystroke type(ConversationSidebar &sidebar, const QString &text)
     PaintWatch drawn(sidebar.list()->viewport(), found);
     while (!sidebar.isSearchComplete()) {
         const char *what = k.firstDrawnMs < 0 ? "waiting" : "adding";
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 1);
+        app->turnStartNs = -1;
+        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents);
+        if (app->turnStartNs < 0)
+            continue;
         if (k.firstDrawnMs < 0 && found()) {
             if (!drawn.seen)
                 sidebar.list()->viewport()->repaint();
-            k.firstDrawnMs = double(clock.nsecsElapsed()) / 1e6;
+            k.firstDrawnMs = sinceTypedMs();
             what = "first-draw";
         }
-        turnEnded(what);
+        turnEnded(what, app->turnStartNs, app->turnStartCpu);
     }
     sidebar.list()->viewport()->repaint();
-    k.completeMs = double(clock.nsecsElapsed()) / 1e6;
+    k.completeMs = sinceTypedMs();
     if (k.firstDrawnMs < 0)
         k.firstDrawnMs = k.completeMs;
     return k;
@@ -184,7 +276,8 @@ int main(int argc, char **argv)
     Bench::ScratchProfile dir;
     if (!dir.isValid())
         return 1;
-    ProbeApp app(argc, argv);
+    TimedApplication app(argc, argv);
+    app.clock.start();
 
     const QString history = dir.filePath(QStringLiteral("conversations.json"));
     if (!Bench::generateHistory(history)) {
@@ -225,12 +318,15 @@ int main(int argc, char **argv)
     std::vector<double> complete;
     std::vector<double> blocked;
     std::vector<double> blockedCpu;
+    std::vector<double> inputWait;
     double peak = 0;
     for (int run = 0; run < 5; ++run) {
         for (const QString &query : queries) {
             sidebar.searchField()->clear();
             PeakSampler sampler;
+            InputProbe input;
             const Keystroke k = type(sidebar, query);
+            inputWait.push_back(input.stop());
             peak = std::max(peak, sampler.stop());
             first.push_back(k.firstDrawnMs);
             complete.push_back(k.completeMs);
@@ -246,6 +342,9 @@ int main(int argc, char **argv)
     Bench::report("main thread longest turn's own CPU, median", Bench::median(blockedCpu), "ms");
     Bench::report("main thread longest turn's own CPU, worst", *std::max_element(blockedCpu.begin(), blockedCpu.end()),
                   "ms");
+    Bench::report("an input's longest wait for the main thread, median", Bench::median(inputWait), "ms");
+    Bench::report("an input's longest wait for the main thread, worst",
+                  *std::max_element(inputWait.begin(), inputWait.end()), "ms");
     Bench::report("resident at the searches' peak above idle", peak - idle, "MiB");
     Bench::report("  as a share of the history's size", (peak - idle) * 1.048576 / historyMB, "x");
     sidebar.searchField()->clear();
