@@ -584,12 +584,18 @@ struct HistorySearch::Job
 
     bool cancelled() const { return current->load(std::memory_order_relaxed) != generation; }
 
-    // The workers take chunks from the front, at a niceness of 5: the window's turns (drawing the
-    // rows found so far) take a core from them at once instead of waiting for their share of it.
-    // A spare one (SCHED_IDLE: it reads only on a core nothing else wants) takes them from the
-    // back, and a worker arriving at a chunk the spare is still on reads it too, so that a spare
-    // held back by other programs never holds back results. Both are the thread's own on Linux,
-    // and each pool's threads keep theirs.
+    // The workers take chunks from the front, at a niceness of 5, so that the window's turns
+    // (drawing the rows found so far) get the larger share of a core they come to share. A spare
+    // one (SCHED_IDLE: it reads only on a core nothing else wants) takes them from the back, and
+    // a worker arriving at a chunk the spare is still on reads it too, so that a spare held back by
+    // other programs never holds back results. Both are the thread's own on Linux, and each pool's
+    // threads keep theirs.
+    //
+    // A share is not enough: once the scheduler has handed a worker the window's core, however low
+    // its priority, the worker keeps it for a whole time slice, which lasts until the next tick
+    // (up to 4 ms), and the window's turn waits that long half way through. Each worker therefore
+    // offers its core back after every conversation, which takes a microsecond and lets a waiting
+    // turn go on at once.
     void run(bool spare)
     {
         if (spare) {
@@ -611,6 +617,7 @@ struct HistorySearch::Job
                     return;
                 if (std::optional<SearchResult> result = searchConversation(conversations.at(i), query))
                     found.append(std::move(*result));
+                ::sched_yield();
             }
             const QMutexLocker lock(&mutex);
             if (chunk < handedOver || done[std::size_t(chunk)])
@@ -660,10 +667,9 @@ HistorySearch::HistorySearch(QObject *parent)
     , m_pool(new QThreadPool(this))
     , m_sparePool(new QThreadPool(this))
 {
-    // The history is searched on every core but one, which the window keeps: a worker sharing its
-    // core would hold up a turn for a whole scheduler tick. A spare worker takes that core whenever
-    // the window leaves it idle. Pools of their own, so that a search never queues behind other
-    // background work (code highlighting) nor holds it up.
+    // The history is searched on every core but one, which the window keeps. A spare worker takes
+    // that core whenever the window leaves it idle. Pools of their own, so that a search never
+    // queues behind other background work (code highlighting) nor holds it up.
     const int cores = std::max(1, QThread::idealThreadCount());
     m_pool->setMaxThreadCount(std::max(1, cores - 1));
     m_sparePool->setMaxThreadCount(1);
