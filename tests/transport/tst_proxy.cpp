@@ -131,31 +131,12 @@ void LoopbackProxy::handleHead(QTcpSocket *client)
         return;
     }
 
-    QByteArray forward;
-    QString host;
-    quint16 port = 0;
+    // A request in absolute form goes on as it came: the loopback server reads any target.
     const bool tunnel = method == "CONNECT";
-    if (tunnel) {
-        const qsizetype colon = target.lastIndexOf(':');
-        host = QString::fromLatin1(target.left(colon));
-        port = target.mid(colon + 1).toUShort();
-        forward = buffer.mid(headEnd + 4);
-    } else {
-        // Absolute form to origin form, without the proxy's own headers.
-        const QUrl url(QString::fromLatin1(target));
-        host = url.host();
-        port = quint16(url.port(80));
-        forward = method + ' ' + url.path(QUrl::FullyEncoded).toLatin1() +
-                  (url.hasQuery() ? '?' + url.query(QUrl::FullyEncoded).toLatin1() : QByteArray()) + " HTTP/1.1\r\n";
-        for (qsizetype i = 1; i < lines.size(); ++i) {
-            const QByteArray line = lines.at(i).trimmed();
-            if (!line.isEmpty() && !line.toLower().startsWith("proxy-"))
-                forward += line + "\r\n";
-        }
-        forward += "\r\n" + buffer.mid(headEnd + 4);
-    }
-    connectUpstream(client, host, port,
-                    tunnel ? QByteArray("HTTP/1.1 200 Connection established\r\n\r\n") : QByteArray(), forward);
+    const QUrl url(QString::fromLatin1(tunnel ? "http://" + target : target));
+    connectUpstream(client, url.host(), quint16(url.port(80)),
+                    tunnel ? QByteArray("HTTP/1.1 200 Connection established\r\n\r\n") : QByteArray(),
+                    tunnel ? buffer.mid(headEnd + 4) : buffer);
 }
 
 bool LoopbackProxy::handleSocks(QTcpSocket *client, QByteArray &buffer)
