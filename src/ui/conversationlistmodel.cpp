@@ -2,6 +2,7 @@
 
 #include "storage/conversationstore.h"
 
+#include <QHash>
 #include <QLocale>
 
 ConversationListModel::ConversationListModel(ConversationStore *chats, QObject *parent)
@@ -56,6 +57,15 @@ int ConversationListModel::rowOf(const std::optional<QUuid> &id) const
 
 QString ConversationListModel::dateText(double updatedAt)
 {
+    // Working out a local time and formatting it takes microseconds, and each repaint of a list
+    // asks again for every row in sight: a screenful of new rows would spend a good part of its
+    // first drawing here. Kept by time, a row's date is made once, when its row is shaped ahead.
+    static QHash<double, QString> made;
+    if (const auto found = made.constFind(updatedAt); found != made.constEnd())
+        return *found;
     static const QLocale locale;
-    return locale.toString(ReferenceDate::toDateTime(updatedAt).toLocalTime(), QStringLiteral("MMM d, HH:mm"));
+    if (made.size() >= 4096)
+        made.clear();
+    return *made.insert(
+        updatedAt, locale.toString(ReferenceDate::toDateTime(updatedAt).toLocalTime(), QStringLiteral("MMM d, HH:mm")));
 }

@@ -33,7 +33,7 @@ public:
     // The row showing that conversation, or -1.
     int rowOf(const std::optional<QUuid> &id) const;
 
-    // The one formatting of conversation dates, shared by every window.
+    // The one formatting of conversation dates, shared by every window. Main thread only.
     static QString dateText(double updatedAt);
 
 private:
