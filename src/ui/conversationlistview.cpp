@@ -1,6 +1,7 @@
 #include "ui/conversationlistview.h"
 
 #include <QAccessible>
+#include <QPaintEvent>
 #include <QTimer>
 
 #include <utility>
@@ -54,6 +55,26 @@ void ConversationListView::doItemsLayout()
         port->update();
     else if (appended.top < port->height())
         port->update(0, appended.top, port->width(), port->height() - appended.top);
+}
+
+void ConversationListView::paintEvent(QPaintEvent *event)
+{
+    if (!std::exchange(m_drawInTwoTurns, false)) {
+        QListView::paintEvent(event);
+        return;
+    }
+    // Split below the row that crosses the middle, so that no row is drawn twice.
+    const QModelIndex middle = indexAt(QPoint(0, viewport()->height() / 2));
+    if (!middle.isValid()) {
+        QListView::paintEvent(event);
+        return;
+    }
+    const QRect top(0, 0, viewport()->width(), visualRect(middle).bottom() + 1);
+    QPaintEvent first(event->region() & top);
+    QListView::paintEvent(&first);
+    const QRegion rest = event->region() - top;
+    if (!rest.isEmpty())
+        QTimer::singleShot(0, this, [this, rest] { viewport()->update(rest); });
 }
 
 void ConversationListView::focusInEvent(QFocusEvent *event)

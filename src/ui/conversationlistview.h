@@ -19,6 +19,10 @@
 // the part of the list it lands in, which is nothing when it lands below it (the scroll bar still
 // follows). Anything else that moves or changes the rows in sight repaints them all as before.
 // Meant for lists of rows of one height (uniform item sizes), in one column.
+//
+// A list shown anew (a search's first results) can be drawn over two turns of the event loop, the
+// rows in the top half of it first: drawing a screenful of new rows at once would hold up the
+// window for the time of them all.
 class ConversationListView final : public QListView
 {
     Q_OBJECT
@@ -28,8 +32,12 @@ public:
     explicit ConversationListView(QWidget *parent = nullptr);
 
     void doItemsLayout() override;
+    // The next repaint draws the rows that start in the top half of the list, and on the following
+    // turn those below, which are blank meanwhile.
+    void drawInTwoTurns() { m_drawInTwoTurns = true; }
 
 protected:
+    void paintEvent(QPaintEvent *event) override;
     void rowsInserted(const QModelIndex &parent, int start, int end) override;
     void focusInEvent(QFocusEvent *event) override;
     void selectionChanged(const QItemSelection &selected, const QItemSelection &deselected) override;
@@ -48,5 +56,6 @@ private:
         QRect topRect;
     };
     std::optional<Appended> m_appended;
+    bool m_drawInTwoTurns = false;
     QPersistentModelIndex m_announced;
 };

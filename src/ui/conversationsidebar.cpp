@@ -312,6 +312,11 @@ void ConversationSidebar::syncListSelection()
     m_syncingList = false;
 }
 
+QListView *ConversationSidebar::list() const
+{
+    return m_list;
+}
+
 QString ConversationSidebar::searchStatus() const
 {
     return m_searchStatus->text();
@@ -425,6 +430,7 @@ void ConversationSidebar::showFound()
     m_preparedTo = 0;
     if (m_resultsStale) {
         m_resultsStale = false;
+        m_list->drawInTwoTurns();
         m_results->setResults(found);
     } else {
         m_results->appendResults(found);

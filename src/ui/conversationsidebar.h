@@ -11,6 +11,7 @@
 #include <optional>
 
 class ConversationListModel;
+class ConversationListView;
 class ConversationStore;
 class HistorySearch;
 class ProviderStore;
@@ -43,7 +44,7 @@ public:
 
     ConversationSidebar(ProviderStore *providers, ConversationStore *chats, QWidget *parent = nullptr);
 
-    QListView *list() const { return m_list; }
+    QListView *list() const;
     // The last control of the sidebar in Tab order.
     QWidget *lastInFocusChain() const;
     // True while the user moves the list's selection with the keyboard: the focus then stays in
@@ -98,7 +99,7 @@ private:
     ConversationStore *m_chats;
     ConversationListModel *m_listModel;
     QToolButton *m_newChat;
-    QListView *m_list;
+    ConversationListView *m_list;
     QLineEdit *m_searchField;
     QLabel *m_searchStatus;
     SearchResultsModel *m_results;

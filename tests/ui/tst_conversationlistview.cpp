@@ -107,6 +107,50 @@ private slots:
             QVERIFY(!hadScrollBar && view.verticalScrollBar()->isVisible());
         QTRY_COMPARE(UiTest::onScreen(&window), UiTest::freshPaint(&window));
     }
+
+    // Asked to, the list draws the rows in its top half at once and the others on a later turn,
+    // without drawing any row twice; the screen then shows the list as a fresh paint does.
+    void drawnInTwoTurns_topHalfFirst()
+    {
+        QWidget window;
+        window.resize(200, 200);
+        ConversationListView view(&window);
+        view.setUniformItemSizes(true);
+        view.setGeometry(window.rect());
+        QStandardItemModel model;
+        model.invisibleRootItem()->appendRows(rows(40, QStringLiteral("Row")));
+        view.setModel(&model);
+        window.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&window));
+        QTest::qWait(50);
+
+        view.drawInTwoTurns();
+        model.clear();
+        model.invisibleRootItem()->appendRows(rows(40, QStringLiteral("New")));
+        QVERIFY(view.visualRect(model.index(0, 0)).isValid()); // lays the new rows out now
+        int paints = 0;
+        QRegion painted;
+        UiTest::PaintCounter log(view.viewport(), &paints, &painted);
+        view.viewport()->repaint();
+        QCOMPARE(paints, 1);
+
+        const QModelIndex middle = view.indexAt(QPoint(0, view.viewport()->height() / 2));
+        QVERIFY(middle.isValid());
+        const QRect viewport = view.viewport()->rect();
+        const QRect top(0, 0, viewport.width(), view.visualRect(middle).bottom() + 1);
+        const QRect rest = viewport.adjusted(0, top.height(), 0, 0);
+        const QPoint at = view.viewport()->mapTo(&window, QPoint());
+        const QImage first = UiTest::onScreen(&window);
+        const QImage fresh = UiTest::freshPaint(&window);
+        QCOMPARE(first.copy(top.translated(at)), fresh.copy(top.translated(at)));
+        QVERIFY(first.copy(rest.translated(at)) != fresh.copy(rest.translated(at)));
+
+        paints = 0; // the fresh paint's own
+        painted = QRegion();
+        QTRY_COMPARE(paints, 1);
+        QCOMPARE(painted, QRegion(rest));
+        QTRY_COMPARE(UiTest::onScreen(&window), UiTest::freshPaint(&window));
+    }
 };
 
 QTEST_MAIN(TestConversationListView)
