@@ -225,21 +225,38 @@ void TranscriptScrollBar::repaintChanges()
     m_checkPosted = false;
     if (!m_shown)
         return;
-    const Look now = currentLook();
-    if (now == *m_shown)
-        return;
+    Look now = currentLook();
     // A handle creeping along with a growing reply is brought up to date a few times a second:
     // a pixel's move is not worth drawing the bar's gradients on every update. A larger move (the
     // user scrolling, a jump) shows at once.
-    const bool creeps = now.atMinimum == m_shown->atMinimum && now.atMaximum == m_shown->atMaximum && !isSliderDown() &&
-                        std::abs(now.handle.top() - m_shown->handle.top()) <= creepPixels &&
-                        std::abs(now.handle.bottom() - m_shown->handle.bottom()) <= creepPixels;
+    const bool small = !isSliderDown() && std::abs(now.handle.top() - m_shown->handle.top()) <= creepPixels &&
+                       std::abs(now.handle.bottom() - m_shown->handle.bottom()) <= creepPixels;
+    // A followed reply reaches the end and leaves it again with every line it adds: the arrow
+    // greyed out there would blink a few times a second. Unless the handle is being dragged, a
+    // change of the ends shows once it has held.
+    const std::pair ends(now.atMinimum, now.atMaximum);
+    if (!isSliderDown() && ends != std::pair(m_shown->atMinimum, m_shown->atMaximum)) {
+        if (m_endsWaiting != ends) {
+            m_endsWaiting = ends;
+            m_endsSince.start();
+        }
+        if (m_endsSince.elapsed() < endSettleMs) {
+            checkAgainIn(endSettleMs - m_endsSince.elapsed());
+            now.atMinimum = m_shown->atMinimum;
+            now.atMaximum = m_shown->atMaximum;
+        }
+    } else {
+        m_endsWaiting.reset();
+    }
+    if (now == *m_shown && (!m_endsUnsure || m_endsWaiting))
+        return;
+    const bool creeps = small && now.atMinimum == m_shown->atMinimum && now.atMaximum == m_shown->atMaximum;
     if (creeps && m_sinceRepaint.isValid() && m_sinceRepaint.elapsed() < creepRepaintMs) {
-        if (!m_creepTimer.isActive())
-            m_creepTimer.start(int(creepRepaintMs - m_sinceRepaint.elapsed()));
+        checkAgainIn(creepRepaintMs - m_sinceRepaint.elapsed());
         return;
     }
-    m_creepTimer.stop();
+    if (!m_endsWaiting)
+        m_creepTimer.stop();
     m_sinceRepaint.start();
     // The groove looks the same all along, so only the handle's old and new places change, with
     // the shade some styles draw a pixel beyond the handle, and an arrow greyed out at the end the
@@ -257,12 +274,20 @@ void TranscriptScrollBar::repaintChanges()
     } else {
         changed = was.united(is).adjusted(0, -endShade, 0, endShade);
     }
-    if (now.atMinimum != m_shown->atMinimum)
+    if (now.atMinimum != m_shown->atMinimum || m_endsUnsure)
         changed += controlRect(QStyle::SC_ScrollBarSubLine);
-    if (now.atMaximum != m_shown->atMaximum)
+    if (now.atMaximum != m_shown->atMaximum || m_endsUnsure)
         changed += controlRect(QStyle::SC_ScrollBarAddLine);
+    if (!m_endsWaiting)
+        m_endsUnsure = false;
     update(changed);
     m_shown = now;
+}
+
+void TranscriptScrollBar::checkAgainIn(qint64 ms)
+{
+    if (!m_creepTimer.isActive() || m_creepTimer.remainingTime() > ms)
+        m_creepTimer.start(int(std::max<qint64>(ms, 0)));
 }
 
 QRect TranscriptScrollBar::controlRect(QStyle::SubControl control) const
@@ -277,8 +302,12 @@ void TranscriptScrollBar::paintEvent(QPaintEvent *event)
     // A whole paint shows the bar as it is now; a partial one the look sliderChange() asked for,
     // or, outside the handle, what was there. A whole paint may also be a picture taken of the bar
     // rather than the screen: a creeping handle's pending repaint then still comes.
-    if (QRegion(rect()).subtracted(event->region()).isEmpty() && !m_creepTimer.isActive())
-        m_shown = currentLook();
+    if (QRegion(rect()).subtracted(event->region()).isEmpty()) {
+        if (!m_creepTimer.isActive())
+            m_shown = currentLook();
+        else if (m_endsWaiting)
+            m_endsUnsure = true; // the arrows may now show ends that have not held
+    }
     QScrollBar::paintEvent(event);
 }
 

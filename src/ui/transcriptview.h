@@ -40,6 +40,9 @@ public:
     // A handle moving at most this far is repainted at most once per creepRepaintMs.
     static constexpr int creepPixels = 2;
     static constexpr int creepRepaintMs = 250;
+    // An arrow the style greys out at the end the value reached shows a change of the ends only
+    // once it has held this long (at once while the handle is dragged).
+    static constexpr int endSettleMs = 400;
 
 protected:
     void sliderChange(SliderChange change) override;
@@ -64,17 +67,21 @@ private:
     QImage picture(const QStyleOptionSlider &option) const; // the bar drawn on a transparent picture
     void updateOpaque();
     void repaintChanges();
+    void checkAgainIn(qint64 ms);
     QRect controlRect(QStyle::SubControl control) const;
 
     static constexpr int endShade = 2;      // rows beyond the handle that some styles shade
     static constexpr int probeHeight = 300; // the height the style is drawn at to see what it does
 
-    std::optional<Look> m_shown;                  // the look on screen once pending repaints are done
-    mutable std::optional<bool> m_endsShow;       // whether this style marks the ends, once drawn to see
-    mutable std::optional<bool> m_onlyEndsChange; // whether a handle's change shows only near its ends
-    bool m_checkPosted = false;                   // a look check waits for this turn's changes to end
-    QElapsedTimer m_sinceRepaint;                 // since the handle was last repainted for a change
-    QTimer m_creepTimer;                          // brings a creeping handle up to date
+    std::optional<Look> m_shown;                        // the look on screen once pending repaints are done
+    mutable std::optional<bool> m_endsShow;             // whether this style marks the ends, once drawn to see
+    mutable std::optional<bool> m_onlyEndsChange;       // whether a handle's change shows only near its ends
+    bool m_checkPosted = false;                         // a look check waits for this turn's changes to end
+    QElapsedTimer m_sinceRepaint;                       // since the handle was last repainted for a change
+    QTimer m_creepTimer;                                // brings a creeping handle or a settled end up to date
+    std::optional<std::pair<bool, bool>> m_endsWaiting; // ends reached or left, not yet shown
+    QElapsedTimer m_endsSince;                          // since m_endsWaiting came
+    bool m_endsUnsure = false; // a whole paint while ends waited: the arrows are drawn again once they settle
 };
 
 // The scrolling list of a conversation's messages, built lazily: only the bubbles near the

@@ -8,6 +8,7 @@
 #include <QApplication>
 #include <QLabel>
 #include <QScrollBar>
+#include <QStyleOption>
 #include <QWheelEvent>
 
 using namespace Qt::StringLiterals;
@@ -233,6 +234,43 @@ private slots:
         if (insideKept)
             QVERIFY2(painted.rectCount() > 1, qPrintable(QDebug::toString(painted)));
         QCOMPARE(behind, 0);
+        QTRY_COMPARE(UiTest::onScreen(&window), UiTest::freshPaint(&window));
+    }
+    // A followed reply reaches the end and leaves it again with every line it adds: the arrow the
+    // style greys out at the end keeps its look until a change has held, and then shows it.
+    void scrollBarArrowHoldsWhileTheEndIsFollowed()
+    {
+        QWidget window;
+        auto *bar = new TranscriptScrollBar(&window);
+        window.resize(bar->sizeHint().width(), 400);
+        bar->resize(window.size());
+        bar->setRange(0, 40000);
+        bar->setPageStep(400);
+        bar->setValue(bar->maximum());
+        window.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&window));
+        int paints = 0;
+        QRegion painted;
+        UiTest::PaintCounter counter(bar, &paints, &painted);
+        bar->update();
+        QTRY_COMPARE(paints, 1);
+        painted = {};
+        QStyleOptionSlider option;
+        option.initFrom(bar);
+        option.orientation = Qt::Vertical;
+        option.subControls = QStyle::SC_All;
+        const QRect arrow =
+            bar->style()->subControlRect(QStyle::CC_ScrollBar, &option, QStyle::SC_ScrollBarAddLine, bar);
+
+        for (int line = 0; line < 8; ++line) {
+            bar->setRange(0, bar->maximum() + 10);
+            QTest::qWait(25);
+            bar->setValue(bar->maximum());
+            QTest::qWait(25);
+        }
+        QVERIFY2(!painted.intersects(arrow), qPrintable(QDebug::toString(painted)));
+        bar->setRange(0, bar->maximum() + 10);
+        QTRY_VERIFY(painted.intersects(arrow));
         QTRY_COMPARE(UiTest::onScreen(&window), UiTest::freshPaint(&window));
     }
     // What the window shows after many in-place updates is what a fresh paint of the same state
