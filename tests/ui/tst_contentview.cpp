@@ -320,6 +320,8 @@ private slots:
         QTest::addColumn<QList<ChatMessage>>("messages");
         QTest::addColumn<std::optional<qint64>>("total");
         constexpr qint64 max = std::numeric_limits<qint64>::max();
+        const ChatMessage plain(ChatRole::user, u"hi"_s);
+        QTest::newRow("prompt plus completion") << QList{plain, reply(10, 5, {})} << std::optional<qint64>(15);
         QTest::newRow("a negative total counts; a sum below 1 is none")
             << QList{reply({}, {}, 5), reply({}, {}, -5)} << std::optional<qint64>();
         QTest::newRow("overflow saturates") << QList{reply({}, {}, max), reply(max, max, {})} << std::optional(max);

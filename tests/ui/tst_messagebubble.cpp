@@ -32,7 +32,9 @@ private slots:
         QTest::addColumn<QString>("part");
         const std::optional<qint64> none;
         QTest::newRow("no usage") << Usage() << QString();
+        QTest::newRow("total zero") << Usage(TokenUsage{none, none, 0}) << u"· 0 tokens"_s;
         QTest::newRow("prompt only") << Usage(TokenUsage{5, none, none}) << u"· 5 tokens"_s;
+        QTest::newRow("reported total wins") << Usage(TokenUsage{12, 34, 7}) << u"· 12↑ 34↓ · 7 tokens"_s;
     }
     void usage()
     {
@@ -267,7 +269,8 @@ private slots:
         QTRY_COMPARE(bubble.footerLabel()->text(), u"Copy"_s);
         QVERIFY(!bubble.copied());
     }
-    // Streamed text and arriving usage update the same bubble; an update that changes nothing says so.
+    // Streamed text and arriving usage update the same bubble and its finished blocks' views; an
+    // update that changes nothing says so.
     void streamedTextUpdatesInPlace()
     {
         ChatMessage message(ChatRole::assistant, QString());
@@ -277,11 +280,13 @@ private slots:
 
         message.content = u"First paragraph.\n\nSecond"_s;
         QVERIFY(bubble.setMessage(message));
-        QCOMPARE(bubble.markdownView()->blockViews().size(), 2);
+        const QList<MarkdownBlockView *> views = bubble.markdownView()->blockViews();
+        QCOMPARE(views.size(), 2);
 
         message.content += u" grows, and grows.\n\n- then a list"_s;
         message.usage = TokenUsage{3, 4, 7};
         QVERIFY(bubble.setMessage(message));
+        QCOMPARE(bubble.markdownView()->blockViews().mid(0, 2), views);
         QCOMPARE(bubble.usageLabel()->text(), u"· 3↑ 4↓ · 7 tokens"_s);
         QVERIFY(bubble.heightForWidth(500) > emptyHeight);
         QVERIFY(!bubble.setMessage(message));

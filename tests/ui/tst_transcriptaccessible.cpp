@@ -144,6 +144,11 @@ private slots:
             "Section Code, python|StaticText print(\"hi\")|StaticText x = 1|Button Copy code|Table |ColumnHeader Name|"
             "ColumnHeader Size|Cell a|Cell 1|Cell b|Cell |Button Copy Markdown|Button Regenerate"_s.split(u'|');
         QCOMPARE(outline, expected);
+        // What a block's text reads is the shown text too.
+        for (const Node &node : nodes) {
+            for (const QString &markup : {u"**"_s, u"```"_s, u"|"_s, u"https://"_s, u"hidden"_s})
+                QVERIFY2(!node.text.contains(markup), qPrintable(node.text));
+        }
     }
 
     // The table is a grid a reader moves through by cell, each cell knowing its header.
