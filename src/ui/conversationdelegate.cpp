@@ -60,25 +60,29 @@ ConversationDelegate::Fonts ConversationDelegate::currentFonts()
 
 void ConversationDelegate::prepareFont(int step) const
 {
-    // Glyphs are kept for each quarter of a pixel they are drawn at: one turn for each font and
-    // quarter keeps every turn short.
+    // Glyphs are kept for each quarter of a pixel they are drawn at, and drawing one the first time
+    // takes some microseconds: one turn for each font, quarter and part of the letters keeps every
+    // turn short.
     constexpr int quarters = 4;
+    constexpr int parts = 4;
     const Fonts fonts = currentFonts();
     const std::array<QFont, 4> all{fonts.title, fonts.date, fonts.context, hitFont(fonts.context)};
-    if (step >= int(all.size()) * quarters)
+    if (step >= int(all.size()) * quarters * parts)
         return;
     // The letters, digits and signs most titles and lines of context are made of.
     static const QString sample =
         u" !\"#$%&'()*+,-./0123456789:;<=>?@ABCDEFGHIJKLMNOPQRSTUVWXYZ[\\]^_`abcdefghijklmnopqrstuvwxyz{|}~"
         u"ÀÁÂÃÄÅÆÇÈÉÊËÌÍÎÏÐÑÒÓÔÕÖØÙÚÛÜÝÞßàáâãäåæçèéêëìíîïðñòóôõöøùúûüýþÿ…"
         u"αβγδεζηθικλμνξοπρστυφχψω АБВГДЕЖЗИКЛМНОПРСТабвгдежзийклмнопрстуфхцчшщъыьэюя –—‘’“”•→←✓"_s;
+    const qsizetype partLength = (sample.size() + parts - 1) / parts;
+    const QString part = sample.mid(step % parts * partLength, partLength);
     QTextLayout layout;
-    layOutLine(layout, sample, all[std::size_t(step / quarters)]);
+    layOutLine(layout, part, all[std::size_t(step / (quarters * parts))]);
     const QSize size = layout.boundingRect().toAlignedRect().size() + QSize(1, 0);
     // Glyphs outside the image would not be drawn, nor kept.
     QImage image(size.expandedTo({1, 1}), QImage::Format_ARGB32_Premultiplied);
     QPainter painter(&image);
-    layout.draw(&painter, QPointF(qreal(step % quarters) / quarters, 0));
+    layout.draw(&painter, QPointF(qreal(step / parts % quarters) / quarters, 0));
     painter.end();
     QTimer::singleShot(0, this, [this, step] { prepareFont(step + 1); });
 }
