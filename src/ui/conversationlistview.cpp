@@ -2,6 +2,7 @@
 
 #include <QAccessible>
 #include <QPaintEvent>
+#include <QScrollBar>
 #include <QTimer>
 
 #include <utility>
@@ -57,6 +58,29 @@ void ConversationListView::doItemsLayout()
         port->update(0, appended.top, port->width(), port->height() - appended.top);
 }
 
+void ConversationListView::drawInTwoTurns()
+{
+    if (!isVisible())
+        return;
+    m_drawInTwoTurns = true;
+    // The scroll bar is drawn on the second turn too, whether it was shown or comes with the rows:
+    // painting a tall bar costs about as much as half the rows. Its updates are held until then,
+    // or for a moment at most should the list not be painted.
+    QScrollBar *bar = verticalScrollBar();
+    if (!m_scrollBarHeld && bar->updatesEnabled()) {
+        m_scrollBarHeld = true;
+        bar->setUpdatesEnabled(false);
+        QTimer::singleShot(100, this, &ConversationListView::releaseScrollBar);
+    }
+}
+
+void ConversationListView::releaseScrollBar()
+{
+    // Updates come back with a repaint of the whole bar.
+    if (std::exchange(m_scrollBarHeld, false))
+        verticalScrollBar()->setUpdatesEnabled(true);
+}
+
 void ConversationListView::paintEvent(QPaintEvent *event)
 {
     if (!std::exchange(m_drawInTwoTurns, false)) {
@@ -65,16 +89,16 @@ void ConversationListView::paintEvent(QPaintEvent *event)
     }
     // Split below the row that crosses the middle, so that no row is drawn twice.
     const QModelIndex middle = indexAt(QPoint(0, viewport()->height() / 2));
-    if (!middle.isValid()) {
-        QListView::paintEvent(event);
-        return;
-    }
-    const QRect top(0, 0, viewport()->width(), visualRect(middle).bottom() + 1);
+    const QRect top =
+        middle.isValid() ? QRect(0, 0, viewport()->width(), visualRect(middle).bottom() + 1) : viewport()->rect();
     QPaintEvent first(event->region() & top);
     QListView::paintEvent(&first);
     const QRegion rest = event->region() - top;
-    if (!rest.isEmpty())
-        QTimer::singleShot(0, this, [this, rest] { viewport()->update(rest); });
+    QTimer::singleShot(0, this, [this, rest] {
+        if (!rest.isEmpty())
+            viewport()->update(rest);
+        releaseScrollBar();
+    });
 }
 
 void ConversationListView::focusInEvent(QFocusEvent *event)

@@ -33,8 +33,9 @@ public:
 
     void doItemsLayout() override;
     // The next repaint draws the rows that start in the top half of the list, and on the following
-    // turn those below, which are blank meanwhile.
-    void drawInTwoTurns() { m_drawInTwoTurns = true; }
+    // turn those below, which are blank meanwhile, and the scroll bar, which shows the rows it
+    // showed before until then.
+    void drawInTwoTurns();
 
 protected:
     void paintEvent(QPaintEvent *event) override;
@@ -45,6 +46,7 @@ protected:
 
 private:
     void announce(const QModelIndex &row);
+    void releaseScrollBar();
 
     // While rows added at the end are laid out, what the list showed before them: where the first
     // of them starts in the viewport, the viewport's size and the top row with its place.
@@ -57,5 +59,6 @@ private:
     };
     std::optional<Appended> m_appended;
     bool m_drawInTwoTurns = false;
+    bool m_scrollBarHeld = false;
     QPersistentModelIndex m_announced;
 };

@@ -108,8 +108,9 @@ private slots:
         QTRY_COMPARE(UiTest::onScreen(&window), UiTest::freshPaint(&window));
     }
 
-    // Asked to, the list draws the rows in its top half at once and the others on a later turn,
-    // without drawing any row twice; the screen then shows the list as a fresh paint does.
+    // Asked to, the list draws the rows in its top half at once, and the others and its scroll bar
+    // on a later turn, without drawing any row twice; the screen then shows the list as a fresh
+    // paint does, the scroll bar's handle sized for the new rows.
     void drawnInTwoTurns_topHalfFirst()
     {
         QWidget window;
@@ -126,13 +127,14 @@ private slots:
 
         view.drawInTwoTurns();
         model.clear();
-        model.invisibleRootItem()->appendRows(rows(40, QStringLiteral("New")));
+        model.invisibleRootItem()->appendRows(rows(80, QStringLiteral("New")));
         QVERIFY(view.visualRect(model.index(0, 0)).isValid()); // lays the new rows out now
         int paints = 0;
         QRegion painted;
         UiTest::PaintCounter log(view.viewport(), &paints, &painted);
         view.viewport()->repaint();
         QCOMPARE(paints, 1);
+        QVERIFY(!view.verticalScrollBar()->updatesEnabled());
 
         const QModelIndex middle = view.indexAt(QPoint(0, view.viewport()->height() / 2));
         QVERIFY(middle.isValid());
@@ -149,6 +151,7 @@ private slots:
         painted = QRegion();
         QTRY_COMPARE(paints, 1);
         QCOMPARE(painted, QRegion(rest));
+        QVERIFY(view.verticalScrollBar()->updatesEnabled());
         QTRY_COMPARE(UiTest::onScreen(&window), UiTest::freshPaint(&window));
     }
 };
