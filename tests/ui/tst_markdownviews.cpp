@@ -335,14 +335,16 @@ private slots:
     {
         CopyFeedback::setResetDelayMs(400);
         CodeBlockView view(u"x"_s, std::nullopt);
-        QElapsedTimer timer;
-        timer.start();
+        QElapsedTimer sinceFirst;
+        sinceFirst.start();
         view.copy();
         QTest::qWait(200);
         view.copy();
-        QVERIFY(view.copied());
-        QTRY_VERIFY_WITH_TIMEOUT(!view.copied(), 2000);
-        QVERIFY2(timer.elapsed() < 600, "the first press's reset cleared the check mark");
+        if (sinceFirst.elapsed() >= 350)
+            QSKIP("the machine was too busy to press twice within the reset time");
+        // Past the first press's reset, and before the second one's.
+        QTest::qWait(250);
+        QVERIFY(!view.copied());
     }
     void longCodeScrollsInside()
     {
