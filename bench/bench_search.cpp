@@ -53,23 +53,24 @@ public:
             turnStartCpu = Bench::threadCpuSeconds();
         }
         // Outermost events, and the paints and timers within them: what a turn spent its time on.
-        const bool shown = m_depth == 0 || event->type() == QEvent::Paint || event->type() == QEvent::Timer;
+        // The receiver is described before it handles the event, which may delete it.
+        const QEvent::Type type = event->type();
+        const bool shown = m_depth == 0 || type == QEvent::Paint || type == QEvent::Timer;
+        const char *className = shown ? receiver->metaObject()->className() : nullptr;
+        const QString objectName = shown ? receiver->objectName() : QString();
+        const QRect painted = type == QEvent::Paint ? static_cast<QPaintEvent *>(event)->rect() : QRect();
         const double cpu = shown ? Bench::threadCpuSeconds() : 0;
-        QRect painted;
-        if (event->type() == QEvent::Paint)
-            painted = static_cast<QPaintEvent *>(event)->rect();
         ++m_depth;
         const bool result = QApplication::notify(receiver, event);
         --m_depth;
         if (shown) {
             const double ms = (Bench::threadCpuSeconds() - cpu) * 1e3;
             if (ms >= 0.05) {
-                QString who = QString(m_depth, u' ') + QString::fromLatin1(receiver->metaObject()->className()) + u'/' +
-                              receiver->objectName();
+                QString who = QString(m_depth, u' ') + QString::fromLatin1(className) + u'/' + objectName;
                 if (!painted.isNull())
                     who +=
                         QString::asprintf(" %d,%d %dx%d", painted.x(), painted.y(), painted.width(), painted.height());
-                handled.push_back({event->type(), who, ms});
+                handled.push_back({type, who, ms});
             }
         }
         return result;
