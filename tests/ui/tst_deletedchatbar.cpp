@@ -1,9 +1,7 @@
 #include "storage/conversationstore.h"
-#include "storage/historyfile.h"
 #include "storagetestsupport.h"
 #include "ui/deletedchatbar.h"
 
-#include <QPushButton>
 #include <QTest>
 
 using namespace Qt::StringLiterals;
@@ -14,36 +12,6 @@ class tst_DeletedChatBar final : public QObject
     Q_OBJECT
 
 private slots:
-    void undo_bringsTheChatBackWhereItWas_data()
-    {
-        QTest::addColumn<int>("deleted");
-        QTest::newRow("the chat on show") << 0;
-        QTest::newRow("another chat") << 1;
-    }
-    void undo_bringsTheChatBackWhereItWas()
-    {
-        QFETCH(int, deleted);
-        QTemporaryDir dir;
-        ConversationStore chats(dir.filePath(u"conversations.json"_s));
-        chats.merge({conversation(u"newest"_s, 300), conversation(u"middle"_s, 200), conversation(u"oldest"_s, 100)});
-        const QList<Conversation> before = chats.conversations();
-        const QUuid shown = before.at(0).id;
-        QCOMPARE(chats.selectedID(), shown);
-
-        DeletedChatBar bar(&chats);
-        const Conversation gone = before.at(deleted);
-        chats.deleteConversation(gone);
-        bar.offer(gone, gone.id == shown);
-        QVERIFY(!bar.isHidden());
-
-        QTest::mouseClick(bar.findChild<QPushButton *>(u"undoDelete"_s), Qt::LeftButton);
-        QVERIFY(bar.isHidden());
-        QCOMPARE(chats.conversations(), before);
-        QCOMPARE(chats.selectedID(), shown);
-        chats.waitForSaved();
-        QCOMPARE(HistoryFile::read(chats.fileURL()).conversations, before);
-    }
-
     void offer_endsAfterItsTime()
     {
         QTemporaryDir dir;
