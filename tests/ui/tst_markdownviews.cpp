@@ -364,7 +364,6 @@ private slots:
         QTest::addColumn<QString>("markdown");
         QTest::addColumn<int>("opened");
         QTest::newRow("https") << u"[go](https://example.com/a)"_s << 1;
-        QTest::newRow("mail autolink") << u"<me@example.com>"_s << 1;
         QTest::newRow("file") << u"[go](file:///etc/passwd)"_s << 0;
     }
     void onlySafeLinksOpen()

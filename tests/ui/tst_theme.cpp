@@ -54,15 +54,6 @@ private slots:
         QVERIFY(!Theme::hasSymbol(name));
         QVERIFY(paintedPixels(Theme::symbolIcon(name, QColor(Qt::blue)).pixmap(QSize(24, 24)).toImage()) > 12);
     }
-    void textStyles_keepTheirOrder()
-    {
-        using Theme::TextStyle;
-        const auto px = [](TextStyle s) { return Theme::font(s).pixelSize(); };
-        QVERIFY(px(TextStyle::LargeTitle) > px(TextStyle::Title2));
-        QVERIFY(px(TextStyle::Title2) > px(TextStyle::Body));
-        QVERIFY(px(TextStyle::Body) > px(TextStyle::Caption));
-        QCOMPARE(Theme::font(TextStyle::Headline).weight(), QFont::Bold);
-    }
 };
 
 QTEST_MAIN(tst_Theme)

