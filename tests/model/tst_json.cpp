@@ -112,7 +112,8 @@ void tst_Json::stringsRoundTrip()
     }
 }
 
-// One document in both layouts: compact keeps the order of writing, pretty sorts keys at every depth.
+// The pretty layout sorts keys at every depth; the compact one, which keeps the order of writing,
+// is checked with the records.
 void tst_Json::writerLayouts()
 {
     const auto write = [](Json::WriteOptions options) {
@@ -139,9 +140,6 @@ void tst_Json::writerLayouts()
         w.endObject();
         return w.data();
     };
-    QCOMPARE(
-        write(Json::WriteOptions::compact()),
-        QByteArray(R"({"version":-3,"providers":[{"name":0.5,"baseURL":false,"cachedModels":[]},null],"empty":{}})"));
     QCOMPARE(write(Json::WriteOptions::prettySorted()), QByteArray("{\n"
                                                                    "  \"empty\" : {},\n"
                                                                    "  \"providers\" : [\n"

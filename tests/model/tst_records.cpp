@@ -96,20 +96,6 @@ private slots:
         }
     }
 
-    void presets()
-    {
-        const QList<Provider> &presets = Provider::presets();
-        QStringList names;
-        for (const Provider &p : presets) {
-            names.append(p.name);
-            QVERIFY(p.apiKey.isEmpty() && p.cachedModels.isEmpty() && !p.baseURL.endsWith(u'/'));
-        }
-        QCOMPARE(names.join(u'|'), u"Groq|OpenAI|Anthropic|Custom (OpenAI-compatible)"_s);
-        QCOMPARE(presets[0].baseURL, u"https://api.groq.com/openai/v1"_s);
-        QCOMPARE(presets[2].wire, ProviderWire::anthropic);
-        QCOMPARE(Provider::presets()[1].id, presets[1].id); // the same ids for the whole run
-    }
-
     void referenceDates()
     {
         QCOMPARE(ReferenceDate::toDateTime(725760000.0), QDateTime(QDate(2024, 1, 1), QTime(0, 0), Qt::UTC));

@@ -19,21 +19,16 @@ private slots:
         QTest::newRow("case") << u"HELLO"_s << u"say hello there"_s << true;
         QTest::newRow("accent in the text") << u"cafe"_s << u"Le Café du coin"_s << true;
         QTest::newRow("accent in the query") << u"café"_s << u"CAFE au lait"_s << true;
-        QTest::newRow("combining accent in the text") << u"cafe"_s << u"cafe\u0301"_s << true;
         QTest::newRow("sharp s needs no expansion") << u"strasse"_s << u"Straße"_s << false;
         QTest::newRow("sharp s finds itself") << u"STRAßE"_s << u"straße"_s << true;
         QTest::newRow("greek final sigma") << u"ΟΔΟΣ"_s << u"οδος"_s << true;
-        QTest::newRow("cyrillic case") << u"ДАННЫЕ"_s << u"данные"_s << true;
         QTest::newRow("full-width letters") << u"full"_s << u"ＦＵＬＬ width"_s << true;
         QTest::newRow("every word somewhere") << u"memory latency"_s << u"latency of the memory"_s << true;
         QTest::newRow("one word missing") << u"memory latency"_s << u"memory only"_s << false;
         QTest::newRow("words are substrings") << u"stream"_s << u"streaming"_s << true;
-        QTest::newRow("chinese as substring") << u"语言"_s << u"我们的语言模型"_s << true;
         QTest::newRow("japanese across scripts") << u"テキスト"_s << u"日本語テキストです"_s << true;
-        QTest::newRow("japanese missing") << u"テスト"_s << u"日本語テキスト"_s << false;
         QTest::newRow("emoji") << u"😀"_s << u"smile 😀 ok"_s << true;
         QTest::newRow("white space only is no query") << u" \t\n"_s << u"anything"_s << false;
-        QTest::newRow("order does not matter") << u"b a"_s << u"a b"_s << true;
     }
     void matching()
     {

@@ -15,7 +15,6 @@ namespace {
 // enough to be read in two halves.
 struct Writing
 {
-    const char *name;
     int count;
     int titleSize;
     QByteArray around; // before the list, and after it when blank
@@ -23,21 +22,6 @@ struct Writing
     QByteArray with;
     bool keptAsStored; // the messages stay undecoded until read: the history costs about its size
 };
-const QList<Writing> &writings()
-{
-    static const QList<Writing> all = {
-        {"compact", 1, 10, {}, {}, {}, true},
-        {"over 4 MB", 1, 5 << 20, {}, {}, {}, true},
-        {"many conversations over 1 MB", 64, 20000, {}, {}, {}, true},
-        {"messages with a member named like a conversation's last", 64, 20000, QByteArray(), "\"role\"",
-         "\"updatedAt\":1,\"role\"", true},
-        {"after a byte-order mark", 1, 10, "\xEF\xBB\xBF", {}, {}, true},
-        {"blanks between tokens", 1, 10, " \n", "\"messages\":[{", "\"messages\" : [ {", false},
-        {"an escaped key", 1, 10, {}, "\"messages\"", "\"m\\u0065ssages\"", false},
-        {"slashes unescaped", 1, 10, {}, "\\/", "/", true},
-    };
-    return all;
-}
 
 // count conversations with titles of titleSize characters, of three dates: each date's own keep the file's order.
 QList<Conversation> history(int count, int titleSize)
@@ -52,6 +36,8 @@ QList<Conversation> history(int count, int titleSize)
 }
 
 } // namespace
+
+Q_DECLARE_METATYPE(Writing)
 
 class tst_ConversationStore : public QObject
 {
@@ -86,14 +72,21 @@ private slots:
 
     void load_readsEveryWayOfWriting_data()
     {
-        QTest::addColumn<int>("row");
-        for (int row = 0; row < writings().size(); ++row)
-            QTest::newRow(writings().at(row).name) << row;
+        QTest::addColumn<Writing>("row");
+        QTest::newRow("compact") << Writing{1, 10, {}, {}, {}, true};
+        QTest::newRow("over 4 MB") << Writing{1, 5 << 20, {}, {}, {}, true};
+        QTest::newRow("many conversations over 1 MB") << Writing{64, 20000, {}, {}, {}, true};
+        QTest::newRow("messages with a member named like a conversation's last")
+            << Writing{64, 20000, QByteArray(), "\"role\"", "\"updatedAt\":1,\"role\"", true};
+        QTest::newRow("after a byte-order mark") << Writing{1, 10, "\xEF\xBB\xBF", {}, {}, true};
+        QTest::newRow("blanks between tokens") << Writing{1, 10, " \n", "\"messages\":[{", "\"messages\" : [ {", false};
+        QTest::newRow("an escaped key") << Writing{1, 10, {}, "\"messages\"", "\"m\\u0065ssages\"", false};
+        QTest::newRow("slashes unescaped") << Writing{1, 10, {}, "\\/", "/", true};
     }
     void load_readsEveryWayOfWriting()
     {
-        QFETCH(int, row);
-        const auto &[name, count, titleSize, around, replace, with, keptAsStored] = writings().at(row);
+        QFETCH(Writing, row);
+        const auto &[count, titleSize, around, replace, with, keptAsStored] = row;
         const QList<Conversation> written = history(count, titleSize);
         QByteArray bytes = encodeJson(written);
         if (!replace.isEmpty())

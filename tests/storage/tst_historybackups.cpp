@@ -133,7 +133,7 @@ private slots:
         const QList<Conversation> copy = {kept, oldEdited, newerStale, deleted};
 
         QCOMPARE(store.restore(copy), qsizetype(2));
-        QCOMPARE(StorageTest::titles(store.conversations()),
+        QCOMPARE(StorageTest::each(store.conversations(), &Conversation::title),
                  (QStringList{u"only here"_s, u"edited since"_s, u"from the copy"_s, u"deleted"_s, u"kept"_s}));
         store.waitForSaved();
         QCOMPARE(HistoryFile::read(store.fileURL()).conversations.size(), 5);

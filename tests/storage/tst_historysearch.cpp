@@ -6,6 +6,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <functional>
+
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -14,7 +16,33 @@ namespace {
 // the stored text, which the search reads as stored.
 const char historyFile[] = VERBOLT_TEST_DATA "/search-history.json";
 
+struct SearchCase
+{
+    const char *name;
+    QString typed;
+    QStringList titles;
+    QString context; // of the first result
+    QStringList bold;
+    qsizetype messageIndex;
+};
+
+// count conversations titled "Chat <n>", each of one message: text(n).
+QList<Conversation> chats(int count, const std::function<QString(int)> &text)
+{
+    QList<Conversation> many;
+    for (int i = 0; i < count; ++i) {
+        Conversation c;
+        c.id = QUuid::createUuid();
+        c.title = u"Chat %1"_s.arg(i);
+        c.messages = {ChatMessage(ChatRole::user, text(i))};
+        many.append(c);
+    }
+    return many;
+}
+
 } // namespace
+
+Q_DECLARE_METATYPE(SearchCase)
 
 class tst_HistorySearch final : public QObject
 {
@@ -34,23 +62,9 @@ private slots:
 
     void search_data()
     {
-        QTest::addColumn<QString>("typed");
-        QTest::addColumn<QStringList>("titles");
-        QTest::addColumn<QString>("context"); // of the first result
-        QTest::addColumn<QStringList>("bold");
-        QTest::addColumn<qsizetype>("messageIndex");
-
-        struct Row
-        {
-            const char *name;
-            QString typed;
-            QStringList titles;
-            QString context;
-            QStringList bold;
-            qsizetype messageIndex;
-        };
+        QTest::addColumn<SearchCase>("row");
         using L = QStringList;
-        const Row rows[] = {
+        const SearchCase rows[] = {
             {"escaped accent, folded", u"cafe"_s, L{u"Trip plans"_s}, u"Try the Café de Flore."_s,
              L{u"Caf"_s + QChar(0xe9)}, 1},
             {"escaped quotes and line breaks", u"\"famous\""_s, L{u"Trip plans"_s}, u"It is \"famous\" for a reason."_s,
@@ -71,16 +85,13 @@ private slots:
             {"only in a hidden version", u"zebra"_s, L{}, QString(), L{}, -1},
             {"in the version shown", u"quoll"_s, L{u"Versions"_s}, u"…try, the quoll"_s, L{u"quoll"_s}, 1},
         };
-        for (const Row &row : rows)
-            QTest::newRow(row.name) << row.typed << row.titles << row.context << row.bold << row.messageIndex;
+        for (const SearchCase &row : rows)
+            QTest::newRow(row.name) << row;
     }
     void search()
     {
-        QFETCH(QString, typed);
-        QFETCH(QStringList, titles);
-        QFETCH(QString, context);
-        QFETCH(QStringList, bold);
-        QFETCH(qsizetype, messageIndex);
+        QFETCH(SearchCase, row);
+        const auto &[name, typed, titles, context, bold, messageIndex] = row;
 
         HistorySearch search;
         QSignalSpy found(&search, &HistorySearch::resultsFound);
@@ -167,11 +178,10 @@ private slots:
 
     void longLine_contextIsOneLineAroundTheHit()
     {
-        Conversation c;
-        c.id = QUuid::createUuid();
-        c.title = u"Long"_s;
         const QString before = u"word "_s.repeated(40);
-        c.messages = {ChatMessage(ChatRole::user, u"first line\n"_s + before + u"needle "_s + before + u"\nlast"_s)};
+        const Conversation c = chats(1, [&](int) -> QString {
+                                   return u"first line\n"_s + before + u"needle "_s + before + u"\nlast"_s;
+                               }).first();
         const auto result = HistorySearch::searchConversation(c, TextSearch::Query(u"needle"_s));
         QVERIFY(result);
         QVERIFY(result->context.startsWith(u'…'));
@@ -184,19 +194,12 @@ private slots:
     void manyConversations_arriveInListOrder()
     {
         // Several chunks for every worker, of uneven weight so that they finish out of order.
-        QList<Conversation> many;
+        const QList<Conversation> many = chats(1000, [](int i) -> QString {
+            return u"filler "_s.repeated(i % 7 == 0 ? 2000 : 10) + (i % 3 == 0 ? u"needle"_s : u"hay"_s);
+        });
         QStringList expected;
-        for (int i = 0; i < 1000; ++i) {
-            Conversation c;
-            c.id = QUuid::createUuid();
-            c.title = u"Chat %1"_s.arg(i);
-            const bool hit = i % 3 == 0;
-            c.messages = {ChatMessage(ChatRole::user,
-                                      u"filler "_s.repeated(i % 7 == 0 ? 2000 : 10) + (hit ? u"needle"_s : u"hay"_s))};
-            if (hit)
-                expected.append(c.title);
-            many.append(c);
-        }
+        for (int i = 0; i < 1000; i += 3)
+            expected.append(u"Chat %1"_s.arg(i));
         HistorySearch search;
         QSignalSpy found(&search, &HistorySearch::resultsFound);
         QSignalSpy finished(&search, &HistorySearch::finished);
@@ -215,14 +218,8 @@ private slots:
     void laterStart_cancelsTheSearchInFlight()
     {
         // Enough text that the first search is still running when the second one starts.
-        QList<Conversation> many;
-        for (int i = 0; i < 3000; ++i) {
-            Conversation c;
-            c.id = QUuid::createUuid();
-            c.title = u"Chat %1"_s.arg(i);
-            c.messages = {ChatMessage(ChatRole::user, u"filler text "_s.repeated(200) + u"first"_s)};
-            many.append(c);
-        }
+        const QList<Conversation> many =
+            chats(3000, [](int) -> QString { return u"filler text "_s.repeated(200) + u"first"_s; });
         HistorySearch search;
         QSignalSpy found(&search, &HistorySearch::resultsFound);
         QSignalSpy finished(&search, &HistorySearch::finished);

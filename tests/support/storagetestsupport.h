@@ -162,10 +162,6 @@ inline QStringList contents(const QList<ChatMessage> &messages)
 {
     return each(messages, &ChatMessage::content);
 }
-inline QStringList titles(const QList<Conversation> &conversations)
-{
-    return each(conversations, &Conversation::title);
-}
 
 inline Provider provider(const QString &name, ProviderWire wire = ProviderWire::openAI,
                          const QUuid &id = QUuid::createUuid())

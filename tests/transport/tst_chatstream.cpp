@@ -1,8 +1,8 @@
 #include "loopbackserver.h"
 #include "loopbacktls.h"
 #include "mockprovider.h"
-#include "transport/chatstream.h"
 #include "transport/networkaccess.h"
+#include "transportrecorders.h"
 
 #include <QElapsedTimer>
 #include <QPointer>
@@ -19,34 +19,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// Everything one stream said; events after its end are counted apart, as there must be none.
-struct Recorder
-{
-    QList<ChatEvent> events;
-    int finishedCount = 0;
-    int eventsAfterEnd = 0;
-    std::optional<ServiceError> error;
-
-    void attach(ChatStream *stream, QObject *context)
-    {
-        QObject::connect(stream, &ChatStream::eventReceived, context, [this](const ChatEvent &event) {
-            eventsAfterEnd += finishedCount > 0;
-            events.append(event);
-        });
-        QObject::connect(stream, &ChatStream::finished, context, [this](const std::optional<ServiceError> &end) {
-            ++finishedCount;
-            error = end;
-        });
-    }
-    QString text() const
-    {
-        QString all;
-        for (const ChatEvent &event : events)
-            all += event.text;
-        return all;
-    }
-    QString errorText() const { return error ? errorDescription(*error) : QString(); }
-};
+using namespace TransportTest;
 
 Provider provider(ProviderWire wire, const QString &baseURL, const QString &key = u"sk-test"_s)
 {
@@ -63,18 +36,6 @@ QByteArray sse(const QByteArray &json)
 QByteArray chunk(const QByteArray &content)
 {
     return sse(R"({"choices":[{"index":0,"delta":{"content":")" + content + "\"}}]}");
-}
-
-// Runs one stream to its end and until it has deleted itself.
-Recorder run(const Provider &p, const ChatService &service = ChatService())
-{
-    Recorder recorder;
-    QObject consumer;
-    QPointer<ChatStream> stream = service.stream(p, hi, &consumer);
-    recorder.attach(stream, &consumer);
-    [&] { QTRY_COMPARE_WITH_TIMEOUT(recorder.finishedCount, 1, 20000); }();
-    [&] { QTRY_VERIFY(stream.isNull()); }();
-    return recorder;
 }
 
 struct StreamCase
@@ -210,7 +171,8 @@ void tst_ChatStream::deliversEventsInOrder()
     QVERIFY(server.listen());
     server.setResponse(row.response);
 
-    const Recorder recorder = run(provider(row.wire, server.url(u"/v1/"_s).toString()), ChatService(row.timeout));
+    const StreamRecorder recorder =
+        runStream(provider(row.wire, server.url(u"/v1/"_s).toString()), ChatService(row.timeout));
     QCOMPARE(recorder.errorText(), QString());
     QCOMPARE(recorder.events, row.expected);
     QCOMPARE(recorder.eventsAfterEnd, 0);
@@ -347,7 +309,8 @@ void tst_ChatStream::fails()
                 reply->abort();
         });
     }
-    const Recorder recorder = run(provider(ProviderWire::openAI, base, row.key), ChatService(row.timeout, row.limits));
+    const StreamRecorder recorder =
+        runStream(provider(ProviderWire::openAI, base, row.key), ChatService(row.timeout, row.limits));
     QVERIFY(recorder.error.has_value());
     const auto *transfer = std::get_if<TransferError>(&*recorder.error);
     QCOMPARE(transfer ? int(transfer->code) : -1, row.code);
@@ -404,7 +367,7 @@ void tst_ChatStream::endlessChunkedBody_stopsTheTransfer()
     server.setResponse(row.response);
     QSignalSpy closed(&server, &LoopbackServer::answered);
 
-    Recorder recorder;
+    StreamRecorder recorder;
     QObject consumer;
     QPointer<ChatStream> stream =
         ChatService(60s, row.limits).stream(provider(ProviderWire::openAI, server.url().toString()), hi, &consumer);
@@ -443,7 +406,7 @@ void tst_ChatStream::twoStreams()
     auto *consumerB = new QObject;
     Provider p = provider(ProviderWire::openAI, server.url().toString());
     p.model = u"a"_s;
-    Recorder a, b;
+    StreamRecorder a, b;
     a.attach(ChatService().stream(p, hi, &consumerA), &consumerA);
     p.model = u"b"_s;
     QPointer<ChatStream> second = ChatService().stream(p, hi, consumerB);
@@ -509,7 +472,7 @@ void tst_ChatStream::readsAFastStreamInFewPieces()
     server.setResponse(LoopbackResponse::eventStream(chunks, 5));
 
     QObject consumer;
-    Recorder recorder;
+    StreamRecorder recorder;
     QList<qint64> arrivals;
     QElapsedTimer clock;
     clock.start();
@@ -541,7 +504,7 @@ void tst_ChatStream::mockProviderProcess_streamsItsReply()
     QVERIFY(mock.waitForStarted() && mock.waitForReadyRead(10000));
     const QString base = u"http://127.0.0.1:%1/v1"_s.arg(QString::fromUtf8(mock.readLine().trimmed()));
     for (const ProviderWire wire : {ProviderWire::openAI, ProviderWire::anthropic}) {
-        const Recorder recorder = run(provider(wire, base));
+        const StreamRecorder recorder = runStream(provider(wire, base));
         QCOMPARE(recorder.errorText(), QString());
         QCOMPARE(recorder.text(), MockProviderOptions().reply);
         bool prompt = false, completion = false;

@@ -1,6 +1,6 @@
 #include "loopbackserver.h"
-#include "transport/modelsfetch.h"
 #include "transport/modelsservice.h"
+#include "transportrecorders.h"
 
 #include <QPointer>
 #include <QSignalSpy>
@@ -8,26 +8,9 @@
 
 using namespace std::chrono_literals;
 using namespace Qt::StringLiterals;
+using TransportTest::FetchRecorder;
 
 namespace {
-
-struct Outcome
-{
-    int finishedCount = 0;
-    QStringList models;
-    QString error;
-
-    void attach(ModelsFetch *fetch, QObject *context)
-    {
-        QObject::connect(fetch, &ModelsFetch::finished, context, [this](const ModelsFetch::Result &result) {
-            ++finishedCount;
-            if (const auto *list = std::get_if<QStringList>(&result))
-                models = *list;
-            else
-                error = errorDescription(std::get<ServiceError>(result));
-        });
-    }
-};
 
 Provider provider(ProviderWire wire, const QString &baseURL, const QString &key = u"sk-test"_s)
 {
@@ -127,7 +110,7 @@ void tst_ModelsService::fetch()
     QSignalSpy closed(&server, &LoopbackServer::answered);
     const QString base = row.base.isEmpty() ? server.url(u"/v1/"_s).toString() : row.base;
 
-    Outcome outcome;
+    FetchRecorder outcome;
     QObject consumer;
     QPointer<ModelsFetch> running =
         ModelsService(row.timeout, row.limits).fetchModels(provider(row.wire, base, row.key), &consumer);
@@ -169,7 +152,7 @@ void tst_ModelsService::stopEarly()
     server.setResponse(LoopbackResponse::silent());
 
     auto *consumer = new QObject;
-    Outcome outcome;
+    FetchRecorder outcome;
     QPointer<ModelsFetch> running =
         ModelsService().fetchModels(provider(ProviderWire::openAI, server.url().toString()), consumer);
     outcome.attach(running, this); // outlives the consumer, to see anything emitted after it is gone

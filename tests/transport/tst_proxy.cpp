@@ -1,12 +1,10 @@
 #include "loopbackserver.h"
 #include "loopbacktls.h"
-#include "transport/chatstream.h"
-#include "transport/modelsfetch.h"
 #include "transport/modelsservice.h"
 #include "transport/proxy.h"
+#include "transportrecorders.h"
 
 #include <QHostAddress>
-#include <QPointer>
 #include <QSslConfiguration>
 #include <QTcpServer>
 #include <QTcpSocket>
@@ -15,45 +13,37 @@
 #include <QUrl>
 
 using namespace Qt::StringLiterals;
+using namespace TransportTest;
 
 namespace {
 
 const char *headBufferProperty = "loopbackProxyHead";
 const char *socksStageProperty = "loopbackProxySocksStage"; // 0 greeting, 1 sign-in, 2 connect
 
-QByteArray headerValue(const QList<QByteArray> &lines, QByteArrayView name)
-{
-    for (const QByteArray &line : lines) {
-        const qsizetype colon = line.indexOf(':');
-        if (colon > 0 && line.left(colon).trimmed().compare(name, Qt::CaseInsensitive) == 0)
-            return line.mid(colon + 1).trimmed();
-    }
-    return {};
-}
-
 // An HTTP and SOCKS5 proxy on 127.0.0.1: a request in absolute form ("POST http://host:port/path")
-// is passed on to its host, and CONNECT, or a SOCKS5 connect, opens a tunnel to one. Everything
-// clients send through it is kept, as whoever runs a proxy could see it. Owns its sockets; one
-// request per connection.
+// is passed on, and CONNECT, or a SOCKS5 connect, opens a tunnel. Whatever host a request names,
+// it goes on to 127.0.0.1 at the port named, so that a test can name a host that exists only
+// behind the proxy. Everything clients send through it is kept, as whoever runs a proxy could see
+// it. Owns its sockets; one request per connection.
 class LoopbackProxy final : public QObject
 {
 public:
     // Listens on 127.0.0.1 at a free port; false on failure.
-    bool listen();
+    bool listen()
+    {
+        m_server = new QTcpServer(this);
+        connect(m_server, &QTcpServer::pendingConnectionAvailable, this, &LoopbackProxy::handleConnection);
+        return m_server->listen(QHostAddress::LocalHost);
+    }
     quint16 port() const { return m_server ? m_server->serverPort() : 0; }
 
     // From now on, a request without "Proxy-Authorization: Basic" for this user and password is
     // answered 407, and a SOCKS5 client must sign in with them.
     void requireCredentials(const QByteArray &user, const QByteArray &password)
     {
-        m_expectedAuthorization = "Basic " + QByteArray(user + ':' + password).toBase64();
         m_user = user;
         m_password = password;
     }
-
-    // From now on, every request goes on to this host instead of the one it names, so that a
-    // test can name a host that exists only behind the proxy.
-    void setUpstreamHost(const QString &host) { m_upstreamHost = host; }
 
     // The request lines received, such as "CONNECT 127.0.0.1:4433 HTTP/1.1", 407s included; a
     // SOCKS5 connect is written "SOCKS5 CONNECT host:port".
@@ -66,25 +56,15 @@ private:
     void handleHead(QTcpSocket *client);
     // One step of a SOCKS5 exchange on the bytes so far; false while more are needed.
     bool handleSocks(QTcpSocket *client, QByteArray &buffer);
-    void connectUpstream(QTcpSocket *client, const QString &host, quint16 port, const QByteArray &greeting,
-                         const QByteArray &forward);
+    void connectUpstream(QTcpSocket *client, quint16 port, const QByteArray &greeting, const QByteArray &forward);
     void pipe(QTcpSocket *client, QTcpSocket *upstream);
 
     QTcpServer *m_server = nullptr;
-    QByteArray m_expectedAuthorization; // empty: no credentials needed
-    QByteArray m_user;
+    QByteArray m_user; // empty: no credentials needed
     QByteArray m_password;
-    QString m_upstreamHost; // empty: the host the request names
     QList<QByteArray> m_requestLines;
     QByteArray m_log;
 };
-
-bool LoopbackProxy::listen()
-{
-    m_server = new QTcpServer(this);
-    connect(m_server, &QTcpServer::pendingConnectionAvailable, this, &LoopbackProxy::handleConnection);
-    return m_server->listen(QHostAddress::LocalHost);
-}
 
 void LoopbackProxy::handleConnection()
 {
@@ -116,14 +96,15 @@ void LoopbackProxy::handleHead(QTcpSocket *client)
         return;
     }
     disconnect(client, &QTcpSocket::readyRead, this, nullptr);
-    const QList<QByteArray> lines = buffer.left(headEnd).split('\n');
-    const QByteArray requestLine = lines.value(0).trimmed();
+    const QByteArray requestLine = buffer.left(buffer.indexOf('\n')).trimmed();
     m_requestLines.append(requestLine);
     const QList<QByteArray> parts = requestLine.split(' ');
     const QByteArray method = parts.value(0);
     const QByteArray target = parts.value(1);
 
-    if (!m_expectedAuthorization.isEmpty() && headerValue(lines, "Proxy-Authorization") != m_expectedAuthorization) {
+    const QByteArray authorization =
+        "\r\nProxy-Authorization: Basic " + QByteArray(m_user + ':' + m_password).toBase64() + "\r\n";
+    if (!m_user.isEmpty() && !buffer.left(headEnd + 2).contains(authorization)) {
         client->write("HTTP/1.1 407 Proxy Authentication Required\r\n"
                       "Proxy-Authenticate: Basic realm=\"loopback\"\r\nContent-Length: 0\r\n"
                       "Connection: close\r\n\r\n");
@@ -134,7 +115,7 @@ void LoopbackProxy::handleHead(QTcpSocket *client)
     // A request in absolute form goes on as it came: the loopback server reads any target.
     const bool tunnel = method == "CONNECT";
     const QUrl url(QString::fromLatin1(tunnel ? "http://" + target : target));
-    connectUpstream(client, url.host(), quint16(url.port(80)),
+    connectUpstream(client, quint16(url.port(80)),
                     tunnel ? QByteArray("HTTP/1.1 200 Connection established\r\n\r\n") : QByteArray(),
                     tunnel ? buffer.mid(headEnd + 4) : buffer);
 }
@@ -200,11 +181,11 @@ bool LoopbackProxy::handleSocks(QTcpSocket *client, QByteArray &buffer)
     buffer.clear();
     m_requestLines.append("SOCKS5 CONNECT " + host.toLatin1() + ':' + QByteArray::number(port));
     disconnect(client, &QTcpSocket::readyRead, this, nullptr);
-    connectUpstream(client, host, port, QByteArray("\x05\x00\x00\x01\0\0\0\0\0\0", 10), forward);
+    connectUpstream(client, port, QByteArray("\x05\x00\x00\x01\0\0\0\0\0\0", 10), forward);
     return false;
 }
 
-void LoopbackProxy::connectUpstream(QTcpSocket *client, const QString &host, quint16 port, const QByteArray &greeting,
+void LoopbackProxy::connectUpstream(QTcpSocket *client, quint16 port, const QByteArray &greeting,
                                     const QByteArray &forward)
 {
     auto *upstream = new QTcpSocket(client);
@@ -214,27 +195,24 @@ void LoopbackProxy::connectUpstream(QTcpSocket *client, const QString &host, qui
         pipe(client, upstream);
     });
     connect(upstream, &QTcpSocket::errorOccurred, client, [client] { client->disconnectFromHost(); });
-    upstream->connectToHost(m_upstreamHost.isEmpty() ? host : m_upstreamHost, port);
+    upstream->connectToHost(QHostAddress::LocalHost, port);
 }
 
 void LoopbackProxy::pipe(QTcpSocket *client, QTcpSocket *upstream)
 {
-    connect(client, &QTcpSocket::readyRead, upstream, [this, client, upstream] {
+    const auto forward = [this, client, upstream] {
         const QByteArray bytes = client->readAll();
         m_log += bytes;
         upstream->write(bytes);
-    });
+    };
+    connect(client, &QTcpSocket::readyRead, upstream, forward);
     connect(upstream, &QTcpSocket::readyRead, client, [client, upstream] { client->write(upstream->readAll()); });
     connect(upstream, &QTcpSocket::disconnected, client, [client, upstream] {
         client->write(upstream->readAll());
         client->disconnectFromHost();
     });
     connect(client, &QTcpSocket::disconnected, upstream, [upstream] { upstream->disconnectFromHost(); });
-    if (client->bytesAvailable() > 0) {
-        const QByteArray bytes = client->readAll();
-        m_log += bytes;
-        upstream->write(bytes);
-    }
+    forward();
 }
 
 const QByteArray key = "sk-proxy-test-key";
@@ -251,32 +229,8 @@ struct ProxyCase
     QByteArray credentials = {}; // user:password the proxy asks for; empty: none
     bool viaProxy = true;        // the proxy is asked for the provider
     QString error = {};          // the end's text; empty for the reply
+    bool models = false;         // a model list is fetched instead of a chat
 };
-
-struct Outcome
-{
-    QString text;
-    QString error;
-};
-
-Outcome chat(const QString &baseURL, const QString &proxy)
-{
-    Outcome outcome;
-    bool finished = false;
-    QObject consumer;
-    Provider provider{QUuid::createUuid(), u"P"_s, ProviderWire::openAI, baseURL, u"m"_s, {}, QString::fromLatin1(key)};
-    provider.proxy = proxy;
-    ChatStream *stream = ChatService().stream(provider, {ChatMessage(ChatRole::user, u"Hi"_s)}, &consumer);
-    QObject::connect(stream, &ChatStream::eventReceived, &consumer,
-                     [&](const ChatEvent &event) { outcome.text += event.text; });
-    QObject::connect(stream, &ChatStream::finished, &consumer, [&](const std::optional<ServiceError> &error) {
-        finished = true;
-        if (error)
-            outcome.error = errorDescription(*error);
-    });
-    [&] { QTRY_VERIFY_WITH_TIMEOUT(finished, 20000); }();
-    return outcome;
-}
 
 } // namespace
 
@@ -335,6 +289,7 @@ private slots:
         const QString refused = u"The proxy at {closed} refused the connection."_s;
         const QString signIn = u"The proxy at {proxy} needs a user name and password."_s;
         QTest::newRow("provider's proxy, plain HTTP") << ProxyCase{.proxy = u"{proxy}"_s};
+        QTest::newRow("provider's proxy, model list") << ProxyCase{.proxy = u"{proxy}"_s, .models = true};
         QTest::newRow("provider's proxy, HTTPS through a tunnel") << ProxyCase{.tls = true, .proxy = u"{proxy}"_s};
         QTest::newRow("system proxy") << ProxyCase{.host = u"provider.test"_s, .httpProxy = "{proxy}"};
         QTest::newRow("system proxy, host in no_proxy") << ProxyCase{.host = u"provider.test"_s,
@@ -373,11 +328,12 @@ private slots:
             QVERIFY(server.listen());
         else if (!server.listenTls(loopbackCertificateFile(), loopbackKeyFile()))
             QSKIP(qPrintable(u"TLS server unavailable: "_s + server.errorString()));
-        server.setResponse(LoopbackResponse::eventStream(
-            {"data: {\"choices\":[{\"delta\":{\"content\":\"through\"}}]}\n\n", "data: [DONE]\n\n"}));
+        server.setResponse(
+            row.models
+                ? LoopbackResponse::text(200, R"({"data":[{"id":"through"}]})", "application/json")
+                : LoopbackResponse::eventStream({"data: {\"choices\":[{\"delta\":{\"content\":\"through\"}}]}\n\n"}));
         LoopbackProxy proxy;
         QVERIFY(proxy.listen());
-        proxy.setUpstreamHost(u"127.0.0.1"_s);
         const qsizetype colon = row.credentials.indexOf(':');
         if (colon > 0)
             proxy.requireCredentials(row.credentials.left(colon), row.credentials.mid(colon + 1));
@@ -406,42 +362,37 @@ private slots:
 
         QUrl base = server.url(u"/v1"_s);
         base.setHost(row.host);
-        const Outcome outcome = chat(base.toString(), row.proxy.isEmpty() ? QString() : asURL(row.proxy));
-        QCOMPARE(outcome.error, fill(row.error));
-        QCOMPARE(outcome.text, row.error.isEmpty() ? u"through"_s : QString());
-        QVERIFY(!outcome.error.contains(u"secret"_s) && !outcome.error.contains(u"wrong"_s));
+        Provider provider{QUuid::createUuid(),     u"P"_s, ProviderWire::openAI, base.toString(), u"m"_s, {},
+                          QString::fromLatin1(key)};
+        provider.proxy = row.proxy.isEmpty() ? QString() : asURL(row.proxy);
+        QString text, error;
+        if (row.models) {
+            FetchRecorder fetch;
+            QObject consumer;
+            fetch.attach(ModelsService().fetchModels(provider, &consumer), &consumer);
+            QTRY_COMPARE_WITH_TIMEOUT(fetch.finishedCount, 1, 20000);
+            text = fetch.models.join(u' ');
+            error = fetch.error;
+        } else {
+            const StreamRecorder stream = runStream(provider);
+            text = stream.text();
+            error = stream.errorText();
+        }
+        QCOMPARE(error, fill(row.error));
+        QCOMPARE(text, row.error.isEmpty() ? u"through"_s : QString());
+        QVERIFY(!error.contains(u"secret"_s) && !error.contains(u"wrong"_s));
         QCOMPARE(server.requests().size(), row.error.isEmpty() ? 1 : 0);
 
         const QByteArray target = row.host.toLatin1() + ':' + QByteArray::number(server.port());
         const QByteArray expectedLine = row.proxy.startsWith(u"socks5") ? QByteArray("SOCKS5 CONNECT " + target)
-                                        : row.tls
-                                            ? QByteArray("CONNECT " + target + " HTTP/1.1")
+                                        : row.tls                       ? QByteArray("CONNECT " + target + " HTTP/1.1")
+                                        : row.models
+                                            ? QByteArray("GET http://" + target + "/v1/models HTTP/1.1")
                                             : QByteArray("POST http://" + target + "/v1/chat/completions HTTP/1.1");
         QCOMPARE(proxy.requestLines().contains(expectedLine), row.viaProxy);
         // Through a tunnel the proxy sees only ciphertext; in plain HTTP it is a party to the request.
         if (row.tls)
             QVERIFY(!proxy.log().contains(key));
-    }
-
-    void modelListThroughProxy()
-    {
-        LoopbackServer server;
-        QVERIFY(server.listen());
-        server.setResponse(LoopbackResponse::text(200, R"({"data":[{"id":"m1"}]})", "application/json"));
-        LoopbackProxy proxy;
-        QVERIFY(proxy.listen());
-        Provider provider{
-            QUuid::createUuid(),     u"P"_s, ProviderWire::openAI, server.url(u"/v1"_s).toString(), u"m"_s, {},
-            QString::fromLatin1(key)};
-        provider.proxy = u"http://127.0.0.1:%1"_s.arg(proxy.port());
-        QObject consumer;
-        std::optional<ModelsFetch::Result> result;
-        connect(ModelsService().fetchModels(provider, &consumer), &ModelsFetch::finished, &consumer,
-                [&](const ModelsFetch::Result &r) { result = r; });
-        QTRY_VERIFY_WITH_TIMEOUT(result.has_value(), 20000);
-        QCOMPARE(std::get<QStringList>(*result), QStringList{u"m1"_s});
-        QCOMPARE(proxy.requestLines(), QList<QByteArray>{"GET http://127.0.0.1:" + QByteArray::number(server.port()) +
-                                                         "/v1/models HTTP/1.1"});
     }
 };
 
