@@ -49,9 +49,7 @@ private slots:
         };
         row("nothing", {}, A::Start);
         row("new window", {u"--new-window"_s}, A::Start);
-        row("help", {u"--help"_s}, A::ShowHelp);
         row("short help", {u"-h"_s, u"--frobnicate"_s}, A::ShowHelp);
-        row("version", {u"--version"_s}, A::ShowVersion);
         row("short version", {u"--new-window"_s, u"-v"_s}, A::ShowVersion);
         row("unknown option", {u"--frobnicate"_s, u"--help"_s}, A::Fail, true, {}, u"'--frobnicate'"_s);
         row("value on a flag", {u"--version=2"_s}, A::Fail, true, {}, u"'--version=2'"_s);
@@ -106,7 +104,7 @@ private slots:
 
         QTest::newRow("version") << QStringList{u"--version"_s} << 0
                                  << u"verbolt %1\n"_s.arg(QLatin1StringView(Verbolt::version)) << QString();
-        QTest::newRow("help") << QStringList{u"-h"_s} << 0 << u"Usage: verbolt [OPTION]... [FILE]\n"_s << QString();
+        QTest::newRow("help") << QStringList{u"--help"_s} << 0 << u"Usage: verbolt [OPTION]... [FILE]\n"_s << QString();
         QTest::newRow("unknown option") << QStringList{u"--frobnicate"_s} << 2 << QString()
                                         << u"verbolt: unknown option '--frobnicate'"_s;
     }

@@ -223,6 +223,12 @@ private slots:
         ContentView *view = m_w->makeView();
         ChatViewModel *chat = view->chat();
         QVERIFY(!m_w->chats.selectedID());
+        // Blank text is not sent: the button is off, and Return keeps the text.
+        const QString blank = u" \n\t\n "_s;
+        typeAndReturn(view, blank);
+        QVERIFY(!child<QToolButton>(view, "sendButton")->isEnabled());
+        QCOMPARE(child<QPlainTextEdit>(view, "composer")->toPlainText(), blank);
+        QVERIFY(view->chat()->messages().isEmpty());
 
         typeAndReturn(view, u"Hello there"_s);
         QCOMPARE(m_w->chats.conversations().size(), 1);
@@ -263,27 +269,6 @@ private slots:
         QVERIFY(!chat->isStreaming());
         QVERIFY(child<QToolButton>(view, "sendButton")->isVisible());
     }
-    // Blank text is not sent: the button is off, and Return leaves the text where it is (the view
-    // model's refusal is its own test). Shift+Return breaks the line instead of sending.
-    void returnWithBlankText_changesNothing()
-    {
-        m_w->addProvider(u"Mock"_s);
-        m_w->chats.newChat(m_w->store.selectedID());
-        ContentView *view = m_w->makeView();
-        auto *editor = child<QPlainTextEdit>(view, "composer");
-        const QString blank = u" \n\t\n "_s;
-        editor->setPlainText(blank);
-        QVERIFY(!child<QToolButton>(view, "sendButton")->isEnabled());
-
-        QTest::keyClick(editor, Qt::Key_Return);
-        QCOMPARE(editor->toPlainText(), blank);
-
-        editor->setPlainText(u"two"_s);
-        editor->moveCursor(QTextCursor::End);
-        QTest::keyClick(editor, Qt::Key_Return, Qt::ShiftModifier);
-        QCOMPARE(view->chat()->input(), u"two\n"_s);
-        QVERIFY(view->chat()->messages().isEmpty());
-    }
     void composer_growsFromOneToSixLines_data()
     {
         QTest::addColumn<QString>("text");
@@ -323,7 +308,7 @@ private slots:
         QFETCH(std::optional<qint64>, total);
         QCOMPARE(ChatHeader::conversationTokenTotal(messages), total);
     }
-    void renameAndDelete_fromRowMenu()
+    void rowMenu_renameDeleteAndSystemPrompt()
     {
         m_w->addProvider(u"Mock"_s);
         const Conversation older = m_w->chats.newChat(std::nullopt);
@@ -377,6 +362,22 @@ private slots:
         QVERIFY(list->selectionModel()->isRowSelected(0));
         child<QAbstractButton>(view, "undoDelete")->click();
         QCOMPARE(m_w->chats.selectedID(), newer.id);
+
+        // The system prompt set from the header is the shown conversation's; one set from another
+        // row's menu goes to that conversation and leaves the transcript alone.
+        child<QToolButton>(view, "systemPromptButton")->click();
+        auto *dialog = view->findChild<SystemPromptDialog *>();
+        QVERIFY(dialog);
+        dialog->field()->setPlainText(u"Be brief."_s);
+        dialog->accept();
+        QCOMPARE(view->chat()->systemPrompt(), u"Be brief."_s);
+        QVERIFY(chooseFromRowMenu(view, 2, u"System Prompt…"_s));
+        QCOMPARE(shownChildren<SystemPromptDialog>(view).size(), 1);
+        SystemPromptDialog *second = shownChildren<SystemPromptDialog>(view).first();
+        second->field()->setPlainText(u"Other rules"_s);
+        second->accept();
+        QCOMPARE(m_w->chats.find(older.id)->messages.first().content, u"Other rules"_s);
+        QCOMPARE(view->chat()->systemPrompt(), u"Be brief."_s);
     }
     // The list's keys walk the conversations and keep the focus there, and Return hands it to the
     // composer, as does any other change of the selection. A reader hears the row the keyboard is on
@@ -552,34 +553,6 @@ private slots:
         QCOMPARE(asked.last(), 1'000'001);
         QVERIFY(view->chat()->input().endsWith(u"\nb"_s));
     }
-    // The system prompt set from the header is the shown conversation's first message; one set for
-    // another conversation (its row's menu) goes to the store and leaves the transcript alone.
-    void systemPrompt_fromHeaderAndRowMenu()
-    {
-        m_w->addProvider(u"Mock"_s);
-        const Conversation other = m_w->chats.newChat(std::nullopt);
-        m_w->chats.newChat(std::nullopt);
-        ContentView *view = m_w->makeView();
-        typeAndReturn(view, u"Hello"_s);
-        QTRY_VERIFY(!view->chat()->isStreaming());
-
-        child<QToolButton>(view, "systemPromptButton")->click();
-        auto *dialog = view->findChild<SystemPromptDialog *>();
-        QVERIFY(dialog);
-        dialog->field()->setPlainText(u"Be brief."_s);
-        dialog->accept();
-        QCOMPARE(view->chat()->systemPrompt(), u"Be brief."_s);
-
-        const int row = int(m_w->chats.conversations().indexOf(*m_w->chats.find(other.id)));
-        QVERIFY(chooseFromRowMenu(view, row, u"System Prompt…"_s));
-        QCOMPARE(shownChildren<SystemPromptDialog>(view).size(), 1);
-        SystemPromptDialog *second = shownChildren<SystemPromptDialog>(view).first();
-        second->field()->setPlainText(u"Other rules"_s);
-        second->accept();
-        QCOMPARE(m_w->chats.find(other.id)->messages.first().content, u"Other rules"_s);
-        QCOMPARE(view->chat()->systemPrompt(), u"Be brief."_s);
-    }
-
     // The last reply's Regenerate (and Ctrl+Shift+R) streams another version with the provider
     // selected now; the switcher goes back, taking the header's total with it; Edit in place resends
     // with the turns after it kept behind "‹ 1 / 2 ›". A second window on the conversation, not

@@ -144,39 +144,9 @@ private slots:
         m_view->chat()->stop();
     }
 
-    void chosenSearchResult_opensAtItsFirstHitWithTheBarOpen()
-    {
-        const Conversation other = m_w->chats.newChat(std::nullopt);
-        m_w->chats.updateMessages(other.id, {ChatMessage(ChatRole::user, u"elsewhere"_s)});
-        QList<ChatMessage> messages;
-        for (int i = 0; i < 60; ++i)
-            messages.append(ChatMessage(ChatRole::assistant, u"Line %1 of a long talk.\n\nAnd more."_s.arg(i)));
-        messages[5].content = u"The **heron** flew."_s;
-        messages[50].content = u"A heron again."_s;
-        makeView(messages);
-        m_w->chats.setSelectedID(other.id);
-        auto *field = m_view->findChild<QLineEdit *>(u"searchField"_s);
-        auto *list = m_view->findChild<QAbstractItemView *>(u"conversationList"_s);
-        field->setFocus();
-        QTest::keyClicks(field, u"Heron"_s);
-        QTRY_VERIFY(m_view->sidebar()->isSearchComplete());
-        QCOMPARE(list->model()->rowCount(), 1);
-        QTest::mouseClick(list->viewport(), Qt::LeftButton, {}, list->visualRect(list->model()->index(0, 0)).center());
-
-        FindBar *bar = m_view->findBar();
-        QVERIFY(bar->isVisible());
-        QCOMPARE(bar->text(), u"Heron"_s);
-        QCOMPARE(bar->status(), u"1 of 2"_s);
-        // Still there once the switch has settled: its scrolls to the end gave way.
-        QTest::qWait(50);
-        TranscriptArea *area = m_view->findChild<TranscriptView *>()->area();
-        MessageBubble *bubble = area->bubbleAt(5);
-        QVERIFY(bubble);
-        QVERIFY(area->viewport()->rect().contains(bubble->geometry().center()));
-        QVERIFY(!m_view->scroll()->autoScroll());
-    }
-
-    void openedConversation_isReadAheadForItsFirstWord()
+    // A conversation opened is read ahead for the find bar's first word; a sidebar result opens its
+    // conversation at the first hit, the bar open with the words.
+    void openedConversation_isReadAheadAndOpensAtTheChosenResult()
     {
         QList<ChatMessage> messages;
         for (int i = 0; i < 300; ++i)
@@ -204,6 +174,26 @@ private slots:
         QCOMPARE(m_view->transcriptFind()->count(), 4);
         QTest::keyClick(m_view->findBar()->field(), Qt::Key_Backspace);
         QCOMPARE(m_view->transcriptFind()->count(), 4);
+        QTest::keyClick(m_view->findBar()->field(), Qt::Key_Escape);
+
+        m_w->chats.setSelectedID(other.id);
+        auto *field = m_view->findChild<QLineEdit *>(u"searchField"_s);
+        auto *list = m_view->findChild<QAbstractItemView *>(u"conversationList"_s);
+        field->setFocus();
+        QTest::keyClicks(field, u"Heron"_s);
+        QTRY_VERIFY(m_view->sidebar()->isSearchComplete());
+        QCOMPARE(list->model()->rowCount(), 1);
+        QTest::mouseClick(list->viewport(), Qt::LeftButton, {}, list->visualRect(list->model()->index(0, 0)).center());
+        FindBar *bar = m_view->findBar();
+        QVERIFY(bar->isVisible());
+        QCOMPARE(bar->text(), u"Heron"_s);
+        QCOMPARE(bar->status(), u"1 of 3"_s);
+        // Still there once the switch has settled: its scrolls to the end gave way.
+        QTest::qWait(50);
+        TranscriptArea *area = m_view->findChild<TranscriptView *>()->area();
+        QVERIFY(area->bubbleAt(7));
+        QVERIFY(area->viewport()->rect().contains(area->bubbleAt(7)->geometry().center()));
+        QVERIFY(!m_view->scroll()->autoScroll());
     }
 
     // Words typed pick the first hit in sight and leave the view where it is, even with the
