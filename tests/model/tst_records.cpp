@@ -33,11 +33,10 @@ auto withRecord(Record record, F f)
 std::optional<Record> recordNamed(const QStringList &words)
 {
     const QString name = words.value(1);
-    if (name == u"message")
-        return Record::message;
-    if (name == u"provider")
-        return Record::provider;
-    return name == u"conversation" ? std::optional(Record::conversation) : std::nullopt;
+    return name == u"message"        ? std::optional(Record::message)
+           : name == u"provider"     ? std::optional(Record::provider)
+           : name == u"conversation" ? std::optional(Record::conversation)
+                                     : std::nullopt;
 }
 
 } // namespace

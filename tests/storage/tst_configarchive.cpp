@@ -197,27 +197,23 @@ private slots:
         QCOMPARE(stores.snapshot(), before);
     }
 
-    // A history that cannot be saved (here: its folder cannot be made, even by root): the import
-    // must not claim success. The providers are saved in the background, and their store tells of
-    // its own failures.
-    void importThatCannotBeSaved_fails()
+    // Neither may claim success: a history that cannot be saved (its folder cannot be made, even by
+    // root) on import, and an archive that cannot be written on export. The providers are saved in
+    // the background, and their store tells of its own failures; that a failed write keeps the old
+    // file whole is the atomic writer's, checked with the transcript export.
+    void unwritableTarget_fails()
     {
         ProviderStore providers;
         ConversationStore conversations(u"/proc/verbolt-test/conversations.json"_s);
         QVERIFY(writeAll(m_archive, ConfigArchive::encode({1, {}, {conversation(u"c"_s, 5)}})));
         ScriptedDialogs dialogs(m_archive);
-        const auto failure = ConfigArchive::importConfig(providers, conversations, dialogs);
-        QVERIFY2(failure && failure->startsWith(u"Import failed: "_s) && failure->size() > 15,
-                 qPrintable(failure.value_or(u"the import claimed success"_s)));
-    }
+        const auto imported = ConfigArchive::importConfig(providers, conversations, dialogs);
+        QVERIFY2(imported && imported->startsWith(u"Import failed: "_s) && imported->size() > 15,
+                 qPrintable(imported.value_or(u"the import claimed success"_s)));
 
-    // The old file kept whole is the atomic writer's, checked with the transcript export.
-    void exportIntoMissingFolder_fails()
-    {
-        Stores stores;
-        ScriptedDialogs dialogs(m_folder + u"/no/such/folder.json"_s);
-        const auto failure = stores.exportTo(dialogs);
-        QVERIFY2(failure && failure->startsWith(u"Export failed: "_s), qPrintable(failure.value_or(QString())));
+        dialogs.answer = m_folder + u"/no/such/folder.json"_s;
+        const auto exported = ConfigArchive::exportConfig(providers, conversations, dialogs);
+        QVERIFY2(exported && exported->startsWith(u"Export failed: "_s), qPrintable(exported.value_or(QString())));
     }
 };
 

@@ -1,5 +1,6 @@
 #include "storage/conversationstore.h"
 #include "storage/historysearch.h"
+#include "storagetestsupport.h"
 
 #include <QFile>
 #include <QSignalSpy>
@@ -38,6 +39,15 @@ QList<Conversation> chats(int count, const std::function<QString(int)> &text)
         many.append(c);
     }
     return many;
+}
+
+// The results of every batch a search sent, in turn.
+QList<SearchResult> resultsIn(const QSignalSpy &found)
+{
+    QList<SearchResult> results;
+    for (const QList<QVariant> &batch : found)
+        results.append(batch.first().value<QList<SearchResult>>());
+    return results;
 }
 
 } // namespace
@@ -98,13 +108,8 @@ private slots:
         QSignalSpy finished(&search, &HistorySearch::finished);
         search.start(m_store->conversations(), typed);
         QVERIFY(finished.wait(5000) || finished.size() == 1);
-        QList<SearchResult> results;
-        for (const QList<QVariant> &batch : found)
-            results.append(batch.first().value<QList<SearchResult>>());
-        QStringList gotTitles;
-        for (const SearchResult &r : results)
-            gotTitles.append(r.title);
-        QCOMPARE(gotTitles, titles);
+        const QList<SearchResult> results = resultsIn(found);
+        QCOMPARE(StorageTest::each(results, &SearchResult::title), titles);
         // Messages decoded (as after an edit) are found by the same words.
         QStringList decodedTitles;
         for (Conversation c : m_store->conversations()) {
@@ -207,12 +212,7 @@ private slots:
         QVERIFY(finished.wait(20000));
         QTest::qWait(20);
         QCOMPARE(finished.size(), 1);
-        QStringList got;
-        for (const QList<QVariant> &batch : found) {
-            for (const SearchResult &r : batch.first().value<QList<SearchResult>>())
-                got.append(r.title);
-        }
-        QCOMPARE(got, expected);
+        QCOMPARE(StorageTest::each(resultsIn(found), &SearchResult::title), expected);
     }
 
     void laterStart_cancelsTheSearchInFlight()

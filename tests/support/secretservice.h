@@ -5,6 +5,8 @@
 // touched. Must be started before the first keyring request of the process, since the bus
 // connection is made once per process.
 
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
@@ -63,7 +65,6 @@ public:
         env.insert(u"HOME"_s, home);
         env.insert(u"XDG_DATA_HOME"_s, home + u"/.local/share"_s);
         env.insert(u"XDG_RUNTIME_DIR"_s, m_dir.filePath(u"run"_s));
-        env.insert(u"DBUS_SESSION_BUS_ADDRESS"_s, QString::fromLatin1(address));
         m_keyring.setProcessEnvironment(env);
         m_keyring.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         m_keyring.start(keyringDaemon, {u"--foreground"_s, u"--components=secrets"_s, u"--unlock"_s});
@@ -78,13 +79,7 @@ public:
         QElapsedTimer waited;
         waited.start();
         while (waited.elapsed() < 20000) {
-            QProcess ask;
-            ask.setProcessEnvironment(env);
-            ask.start(u"dbus-send"_s, {u"--session"_s, u"--print-reply"_s, u"--dest=org.freedesktop.DBus"_s, u"/"_s,
-                                       u"org.freedesktop.DBus.NameHasOwner"_s, u"string:org.freedesktop.secrets"_s});
-            if (!ask.waitForFinished(5000))
-                return u"dbus-send did not answer"_s;
-            if (ask.readAllStandardOutput().contains("boolean true"))
+            if (QDBusConnection::sessionBus().interface()->isServiceRegistered(u"org.freedesktop.secrets"_s))
                 return {};
             if (m_keyring.state() == QProcess::NotRunning)
                 return u"gnome-keyring-daemon stopped at start"_s;
