@@ -148,8 +148,6 @@ private slots:
         const QString none = u"No models loaded — tap the refresh button"_s;
         QTest::newRow("no provider") << false << QStringList() << u""_s << Served() << u"Choose model"_s
                                      << QStringList{none};
-        QTest::newRow("nothing cached, no model")
-            << true << QStringList() << u""_s << Served() << u"Choose model"_s << QStringList{none};
         QTest::newRow("cached, current checked") << true << QStringList{u"a"_s, u"b&c"_s} << u"b&c"_s << Served()
                                                  << u"b&c"_s << QStringList{u"a"_s, u"b&&c +icon"_s};
         QTest::newRow("fetched list replaces cached")

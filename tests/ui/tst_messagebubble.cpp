@@ -123,8 +123,8 @@ private slots:
         }
     }
 
-    // "‹ 2 / 2 ›" reads "Version 2 of 2" to a screen reader, asks for the neighbouring version, and
-    // stops at either end; Edit is the user's, Regenerate only where offered, none while streaming.
+    // "‹ 2 / 2 ›" reads "Version 2 of 2" to a screen reader and stops at either end; Edit is the
+    // user's, Regenerate only where offered, none while streaming.
     void steeringControls()
     {
         QList<ChatMessage> path{ChatMessage(ChatRole::user, u"q"_s), ChatMessage(ChatRole::assistant, u"one"_s)};
@@ -136,9 +136,6 @@ private slots:
         QCOMPARE(reply.previousVersionButton()->accessibleName(), u"Previous version"_s);
         QCOMPARE(reply.previousVersionButton()->accessibleDescription(), u"Version 2 of 2"_s);
         QVERIFY(reply.previousVersionButton()->isEnabled() && !reply.nextVersionButton()->isEnabled());
-        QSignalSpy asked(&reply, &MessageBubble::versionRequested);
-        reply.previousVersionButton()->click();
-        QCOMPARE(asked.takeFirst().first().toInt(), 0);
         reply.setMessage(MessageVersioning::showVersion(path, 1, 0).at(1));
         QCOMPARE(reply.versionSwitcher()->accessibleName(), u"Version 1 of 2"_s);
         QVERIFY(!reply.previousVersionButton()->isEnabled() && reply.nextVersionButton()->isEnabled());

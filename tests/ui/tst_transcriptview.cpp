@@ -120,10 +120,7 @@ private slots:
         QTest::mouseClick(m_view->jumpButton(), Qt::LeftButton);
         QVERIFY(m_t->scroll.autoScroll());
         QTRY_VERIFY(nearEnd());
-
-        QTRY_VERIFY_WITH_TIMEOUT(!m_t->chat.isStreaming(), 10000);
-        QTRY_VERIFY(atEnd());
-        QVERIFY(m_t->scroll.autoScroll());
+        m_t->chat.stop();
     }
     // Updates taller than the near threshold are followed: the growth is scrolled to before its
     // own geometry is reported.
