@@ -1,7 +1,7 @@
 #pragma once
 
-// What a chat stream or a model-list fetch told its consumer, for the tests that run them over
-// loopback HTTP.
+// What a chat stream or a model-list fetch told its consumer, and the provider they ask, for the
+// tests that run them over loopback HTTP.
 
 #include "transport/chatstream.h"
 #include "transport/modelsfetch.h"
@@ -10,6 +10,13 @@
 #include <QTest>
 
 namespace TransportTest {
+
+// A provider of that wire at baseURL.
+inline Provider provider(ProviderWire wire, const QString &baseURL, const QString &key = QStringLiteral("sk-test"),
+                         const QString &model = QStringLiteral("m"))
+{
+    return {QUuid(), {}, wire, baseURL, model, {}, key};
+}
 
 // Everything one stream said; events after its end are counted apart, as there must be none.
 struct StreamRecorder

@@ -21,11 +21,6 @@ namespace {
 
 using namespace TransportTest;
 
-Provider provider(ProviderWire wire, const QString &baseURL, const QString &key = u"sk-test"_s)
-{
-    return {QUuid(), {}, wire, baseURL, u"test-model"_s, {}, key};
-}
-
 const QList<ChatMessage> hi{ChatMessage(ChatRole::user, u"Hi"_s)};
 
 QByteArray sse(const QByteArray &json)

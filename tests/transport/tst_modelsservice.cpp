@@ -8,14 +8,9 @@
 
 using namespace std::chrono_literals;
 using namespace Qt::StringLiterals;
-using TransportTest::FetchRecorder;
+using namespace TransportTest;
 
 namespace {
-
-Provider provider(ProviderWire wire, const QString &baseURL, const QString &key = u"sk-test"_s)
-{
-    return {QUuid(), {}, wire, baseURL, {}, {}, key};
-}
 
 struct FetchCase
 {

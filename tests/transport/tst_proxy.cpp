@@ -362,19 +362,18 @@ private slots:
 
         QUrl base = server.url(u"/v1"_s);
         base.setHost(row.host);
-        Provider provider{QUuid::createUuid(),     u"P"_s, ProviderWire::openAI, base.toString(), u"m"_s, {},
-                          QString::fromLatin1(key)};
-        provider.proxy = row.proxy.isEmpty() ? QString() : asURL(row.proxy);
+        Provider p = provider(ProviderWire::openAI, base.toString(), QString::fromLatin1(key));
+        p.proxy = row.proxy.isEmpty() ? QString() : asURL(row.proxy);
         QString text, error;
         if (row.models) {
             FetchRecorder fetch;
             QObject consumer;
-            fetch.attach(ModelsService().fetchModels(provider, &consumer), &consumer);
+            fetch.attach(ModelsService().fetchModels(p, &consumer), &consumer);
             QTRY_COMPARE_WITH_TIMEOUT(fetch.finishedCount, 1, 20000);
             text = fetch.models.join(u' ');
             error = fetch.error;
         } else {
-            const StreamRecorder stream = runStream(provider);
+            const StreamRecorder stream = runStream(p);
             text = stream.text();
             error = stream.errorText();
         }

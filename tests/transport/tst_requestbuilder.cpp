@@ -1,5 +1,6 @@
 #include "rowfile.h"
 #include "transport/chatservice.h"
+#include "transportrecorders.h"
 
 #include <QTest>
 
@@ -7,14 +8,7 @@ using namespace Qt::StringLiterals;
 
 using Headers = QList<QPair<QByteArray, QByteArray>>;
 
-namespace {
-
-Provider provider(ProviderWire wire, const QString &baseURL, const QString &model = u"m"_s)
-{
-    return Provider{QUuid::createUuid(), u"P"_s, wire, baseURL, model, {}, u"sk-key"_s};
-}
-
-} // namespace
+using TransportTest::provider;
 
 class tst_RequestBuilder : public QObject
 {
@@ -111,8 +105,8 @@ private slots:
         QFETCH(int, wire);
         QFETCH(QList<ChatMessage>, messages);
         QFETCH(QByteArray, body);
-        const auto built =
-            ChatService::makeRequest(provider(ProviderWire(wire), u"https://h/v1"_s, QString()), messages, u"k"_s);
+        const auto built = ChatService::makeRequest(provider(ProviderWire(wire), u"https://h/v1"_s, u"k"_s, QString()),
+                                                    messages, u"k"_s);
         QCOMPARE(*std::get<HttpRequest>(built).body, body);
     }
 };
