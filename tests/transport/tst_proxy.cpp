@@ -18,7 +18,7 @@ using namespace TransportTest;
 namespace {
 
 const char *headBufferProperty = "loopbackProxyHead";
-const char *socksStageProperty = "loopbackProxySocksStage"; // 0 greeting, 1 sign-in, 2 connect
+const char *socksStageProperty = "loopbackProxySocksStage"; // 0 greeting, 1 connect
 
 // An HTTP and SOCKS5 proxy on 127.0.0.1: a request in absolute form ("POST http://host:port/path")
 // is passed on, and CONNECT, or a SOCKS5 connect, opens a tunnel. Whatever host a request names,
@@ -37,12 +37,12 @@ public:
     }
     quint16 port() const { return m_server ? m_server->serverPort() : 0; }
 
-    // From now on, a request without "Proxy-Authorization: Basic" for this user and password is
-    // answered 407, and a SOCKS5 client must sign in with them.
-    void requireCredentials(const QByteArray &user, const QByteArray &password)
+    // From now on, a request without "Proxy-Authorization: Basic" for these "user:password" is
+    // answered 407. A SOCKS5 client is never asked to sign in: Qt reports a refused sign-in as it
+    // reports a 407.
+    void requireCredentials(const QByteArray &credentials)
     {
-        m_user = user;
-        m_password = password;
+        m_authorization = "\r\nProxy-Authorization: Basic " + credentials.toBase64() + "\r\n";
     }
 
     // The request lines received, such as "CONNECT 127.0.0.1:4433 HTTP/1.1", 407s included; a
@@ -60,8 +60,7 @@ private:
     void pipe(QTcpSocket *client, QTcpSocket *upstream);
 
     QTcpServer *m_server = nullptr;
-    QByteArray m_user; // empty: no credentials needed
-    QByteArray m_password;
+    QByteArray m_authorization; // the header line every request must hold; empty: none
     QList<QByteArray> m_requestLines;
     QByteArray m_log;
 };
@@ -102,9 +101,7 @@ void LoopbackProxy::handleHead(QTcpSocket *client)
     const QByteArray method = parts.value(0);
     const QByteArray target = parts.value(1);
 
-    const QByteArray authorization =
-        "\r\nProxy-Authorization: Basic " + QByteArray(m_user + ':' + m_password).toBase64() + "\r\n";
-    if (!m_user.isEmpty() && !buffer.left(headEnd + 2).contains(authorization)) {
+    if (!m_authorization.isEmpty() && !buffer.left(headEnd + 2).contains(m_authorization)) {
         client->write("HTTP/1.1 407 Proxy Authentication Required\r\n"
                       "Proxy-Authenticate: Basic realm=\"loopback\"\r\nContent-Length: 0\r\n"
                       "Connection: close\r\n\r\n");
@@ -130,30 +127,15 @@ bool LoopbackProxy::handleSocks(QTcpSocket *client, QByteArray &buffer)
         return false;
     };
     const int stage = client->property(socksStageProperty).toInt();
-    if (stage == 0) { // version, method count, methods
+    if (stage == 0) { // version, method count, methods: none to sign in with is taken
         if (buffer.size() < 2 || buffer.size() < 2 + byte(1))
             return false;
         const QByteArray methods = buffer.mid(2, byte(1));
         buffer.remove(0, 2 + byte(1));
-        const char wanted = m_user.isEmpty() ? '\x00' : '\x02';
-        if (!methods.contains(wanted))
+        if (!methods.contains('\x00'))
             return refuse(QByteArray("\x05\xff", 2));
-        client->write(QByteArray("\x05", 1) + wanted);
-        client->setProperty(socksStageProperty, m_user.isEmpty() ? 2 : 1);
-        return true;
-    }
-    if (stage == 1) { // sub-version, user, password
-        if (buffer.size() < 2 || buffer.size() < 3 + byte(1) || buffer.size() < 3 + byte(1) + byte(2 + byte(1)))
-            return false;
-        const QByteArray user = buffer.mid(2, byte(1));
-        const QByteArray password = buffer.mid(3 + byte(1), byte(2 + byte(1)));
-        buffer.remove(0, 3 + user.size() + password.size());
-        if (user != m_user || password != m_password) {
-            m_requestLines.append("SOCKS5 sign-in refused");
-            return refuse(QByteArray("\x01\x01", 2));
-        }
-        client->write(QByteArray("\x01\x00", 2));
-        client->setProperty(socksStageProperty, 2);
+        client->write(QByteArray("\x05\x00", 2));
+        client->setProperty(socksStageProperty, 1);
         return true;
     }
     // version, command, reserved, address type, address, port
@@ -307,14 +289,8 @@ private slots:
         QTest::newRow("wrong credentials, HTTPS")
             << ProxyCase{.tls = true, .proxy = u"{user:wrong@proxy}"_s, .credentials = "user:secret", .error = signIn};
         QTest::newRow("SOCKS5, plain HTTP") << ProxyCase{.proxy = u"socks5://{proxy}"_s};
-        QTest::newRow("SOCKS5, HTTPS, signed in")
-            << ProxyCase{.tls = true, .proxy = u"socks5://user:secret@{proxy}"_s, .credentials = "user:secret"};
         QTest::newRow("SOCKS5, a host only the proxy knows")
             << ProxyCase{.host = u"provider.test"_s, .proxy = u"socks5://{proxy}"_s};
-        QTest::newRow("SOCKS5, wrong password") << ProxyCase{.proxy = u"socks5://user:wrong@{proxy}"_s,
-                                                             .credentials = "user:secret",
-                                                             .viaProxy = false,
-                                                             .error = signIn};
         QTest::newRow("SOCKS5, refused") << ProxyCase{
             .proxy = u"socks5://{closed}"_s, .viaProxy = false, .error = refused};
         QTest::newRow("not a proxy address")
@@ -334,9 +310,8 @@ private slots:
                 : LoopbackResponse::eventStream({"data: {\"choices\":[{\"delta\":{\"content\":\"through\"}}]}\n\n"}));
         LoopbackProxy proxy;
         QVERIFY(proxy.listen());
-        const qsizetype colon = row.credentials.indexOf(':');
-        if (colon > 0)
-            proxy.requireCredentials(row.credentials.left(colon), row.credentials.mid(colon + 1));
+        if (!row.credentials.isEmpty())
+            proxy.requireCredentials(row.credentials);
         quint16 closedPort = 0;
         {
             LoopbackProxy closed;
