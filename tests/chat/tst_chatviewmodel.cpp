@@ -388,16 +388,18 @@ private slots:
         }
     }
 
-    // A window opened on the conversation while another streams a reply shows that reply as it grows,
-    // and never saves it itself. One opened before the reply is the regenerate test's.
+    // A second window on the conversation shows the reply another streams as it grows, whether it was
+    // opened before or during the reply, and never saves that reply itself.
     void otherViewModel_showsReplyAsItGrows()
     {
         LoopbackResponse slow = LoopbackResponse::eventStream({delta("a"), delta("b"), "data: [DONE]\n\n"});
         slow.pieces[1].delayMs = 300;
         slow.pieces[2].delayMs = 300;
         m_server->setResponse(slow);
+        const auto before = window();
         start(u"q"_s, loopback());
         QTRY_COMPARE(m_vm->messages().last().content, u"a"_s);
+        QCOMPARE(contents(before->messages()), (QStringList{u"a"_s}));
 
         const auto opened = window();
         QCOMPARE(contents(opened->messages()), (QStringList{u"q"_s, u"a"_s}));
