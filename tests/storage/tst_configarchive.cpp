@@ -66,27 +66,15 @@ private slots:
         QDir().mkpath(m_folder);
     }
 
-    void export_isPrettySortedOwnerOnly_andCancelChangesNothing()
+    void cancel_changesNothing()
     {
         Stores stores;
-        ScriptedDialogs dialogs(m_archive);
-        QCOMPARE(stores.exportTo(dialogs), std::nullopt);
-        // Pretty and sorted; the writer sorts and escapes at every depth.
-        QCOMPARE(readAll(m_archive), "{\n  \"conversations\" : [],\n  \"providers\" : [],\n  \"version\" : 1\n}"_ba);
-        QVERIFY(isOwnerOnly(m_archive));
-        const SaveDialogRequest &asked = dialogs.saves.first();
-        QCOMPARE(asked.title, u"Export Config"_s);
-        QCOMPARE(asked.message, u"Includes API keys in plain text \u2014 keep this file safe."_s);
-        QCOMPARE(asked.suggestedName, u"verbolt-config.json"_s);
-        QVERIFY(asked.nameFilters.first().contains(u"*.json"_s));
-
-        QVERIFY(QFile::remove(m_archive));
         stores.providers.add(provider(u"mine"_s));
         const Snapshot before = stores.snapshot();
-        dialogs.answer.reset(); // the user cancels
+        ScriptedDialogs dialogs; // answers nothing, as when the user cancels
         QCOMPARE(stores.exportTo(dialogs), std::nullopt);
         QCOMPARE(stores.importFrom(dialogs), std::nullopt);
-        QCOMPARE(dialogs.saves.size() + dialogs.opens.size(), 3);
+        QCOMPARE(dialogs.saves.size() + dialogs.opens.size(), 2);
         QCOMPARE(stores.snapshot(), before);
         QVERIFY(QDir(m_folder).isEmpty());
     }
@@ -105,7 +93,16 @@ private slots:
             before = stores.snapshot();
             ScriptedDialogs dialogs(m_archive);
             QCOMPARE(stores.exportTo(dialogs), std::nullopt);
+            const SaveDialogRequest &asked = dialogs.saves.first();
+            QCOMPARE(asked.title, u"Export Config"_s);
+            QCOMPARE(asked.message, u"Includes API keys in plain text \u2014 keep this file safe."_s);
+            QCOMPARE(asked.suggestedName, u"verbolt-config.json"_s);
+            QVERIFY(asked.nameFilters.first().contains(u"*.json"_s));
         }
+        // Pretty and sorted, for the owner alone; the writer sorts and escapes at every depth.
+        const QByteArray exported = readAll(m_archive);
+        QVERIFY(exported.startsWith("{\n  \"conversations\" : [\n") && exported.endsWith("\n  \"version\" : 1\n}"));
+        QVERIFY(isOwnerOnly(m_archive));
         wipeProfile();
 
         Stores stores;
@@ -118,7 +115,6 @@ private slots:
         Stores reloaded; // on disk, not only in memory
         QCOMPARE(reloaded.snapshot(), before);
         // Records as loaded from the history are exported in the same pretty form.
-        const QByteArray exported = readAll(m_archive);
         QCOMPARE(reloaded.exportTo(dialogs), std::nullopt);
         QCOMPARE(readAll(m_archive), exported);
     }

@@ -148,7 +148,7 @@ private slots:
         QCOMPARE(asideCopies().size(), 2);
     }
 
-    void newChat_isSelectedFirstAndSaved()
+    void newChat_isSelectedFirstSavedAndOpensWithTheDefaultPrompt()
     {
         ConversationStore store;
         QVERIFY(store.conversations().isEmpty() && !store.selectedID());
@@ -172,19 +172,15 @@ private slots:
         // The selection is not stored: a restart selects the newest.
         store.setSelectedID(store.conversations().last().id);
         QCOMPARE(ConversationStore().selectedID(), std::optional(created.id));
-    }
 
-    // The default system prompt, kept in the preferences, opens every new conversation; a blank one
-    // means none.
-    void newChat_startsWithDefaultSystemPrompt()
-    {
-        ConversationStore store;
+        // The default system prompt, kept in the preferences, opens every new conversation; a blank
+        // one means none.
         store.setDefaultSystemPrompt(u"Be brief."_s);
         QCOMPARE(ConversationStore().defaultSystemPrompt(), u"Be brief."_s);
-        const Conversation created = store.newChat(std::nullopt);
-        QCOMPARE(created.messages.size(), 1);
-        QCOMPARE(created.messages.first().role, ChatRole::system);
-        QCOMPARE(created.messages.first().content, u"Be brief."_s);
+        const Conversation prompted = store.newChat(std::nullopt);
+        QCOMPARE(prompted.messages.size(), 1);
+        QCOMPARE(prompted.messages.first().role, ChatRole::system);
+        QCOMPARE(prompted.messages.first().content, u"Be brief."_s);
 
         store.setDefaultSystemPrompt(u" \n"_s);
         QCOMPARE(store.defaultSystemPrompt(), QString());
