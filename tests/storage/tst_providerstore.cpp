@@ -213,8 +213,8 @@ private slots:
         QCOMPARE(providers.lastSaveError(), std::nullopt);
     }
 
-    // Changes made in a quick run are folded into fewer saves; the file ends with the last of them
-    // even when the store goes right after (a quit).
+    // Changes made in a quick run, or merged at once, are folded into fewer saves; the file ends
+    // with the last of them even when the store goes right after (a quit).
     void quickChanges_fileEndsWithTheLastOnes()
     {
         QList<Provider> list;
@@ -229,6 +229,18 @@ private slots:
         ProviderStore reopened;
         QCOMPARE(reopened.providers(), list);
         QCOMPARE(reopened.selectedID(), std::optional(list.last().id));
+
+        // A merge of many is one change; one already there is replaced in place.
+        QList<Provider> incoming;
+        for (int i = 0; i < 3000; ++i)
+            incoming.append(
+                provider(QString::number(i), ProviderWire::openAI, i == 0 ? list.at(10).id : QUuid::createUuid()));
+        QSignalSpy changed(&reopened, &ProviderStore::providersChanged);
+        reopened.merge(incoming);
+        QCOMPARE(changed.size(), 1);
+        QCOMPARE(reopened.providers().at(10), incoming.at(0));
+        QCOMPARE(storedProviders(reopened).size(), 3029);
+        QCOMPARE(storedProviders(reopened).at(30).id, incoming.at(1).id);
     }
 
     void noKeyring_keysStayInFile()
@@ -249,22 +261,6 @@ private slots:
         store.add(added);
         QCOMPARE(storedProviders(store).at(0).apiKey, u"sk-A"_s);
         QCOMPARE(storedProviders(store).at(1).apiKey, u"sk-B"_s);
-    }
-
-    void merge_manyProviders_savesOnce()
-    {
-        QList<Provider> incoming;
-        for (int i = 0; i < 3000; ++i)
-            incoming.append(provider(QString::number(i)));
-        ProviderStore store;
-        store.add(incoming.at(10));
-        QSignalSpy changed(&store, &ProviderStore::providersChanged);
-        store.merge(incoming);
-        QCOMPARE(changed.size(), 1);
-        QCOMPARE(store.providers().size(), 3000); // the one already there is replaced in place
-        QCOMPARE(store.providers().at(0).id, incoming.at(10).id);
-        QCOMPARE(storedProviders(store).size(), 3000);
-        QCOMPARE(storedProviders(store).at(1).id, incoming.at(0).id);
     }
 
     // Last: the process cannot be dumped afterwards. The keys it holds never reach a core file.
