@@ -81,30 +81,6 @@ private slots:
         QFile::remove(m_profile->conversationsFile());
     }
 
-    // A preset is added as a provider of its own and picked here, while the store keeps its pick.
-    void addPreset()
-    {
-        Settings s;
-        s.store.add(provider(u"Mine"_s));
-        const std::optional<QUuid> before = s.store.selectedID();
-        s.show();
-        s.addPreset(1);
-
-        const Provider added = s.store.providers().last();
-        const Provider &preset = Provider::presets().at(1);
-        QVERIFY(added.id != preset.id);
-        QCOMPARE(added.name, preset.name);
-        QCOMPARE(s.view->selection(), added.id);
-        QCOMPARE(s.store.selectedID(), before);
-        QVERIFY(s.view->editor());
-        QCOMPARE(s.view->editor()->providerID(), added.id);
-        QCOMPARE(s.list()->currentItem()->text(), preset.name);
-        QVERIFY(s.warns(s.list()->count() - 1));
-        // This store was never given a keyring: its keys are in the preferences file.
-        QCOMPARE(s.view->editor()->findChild<QLabel *>(u"keyNote"_s)->text(),
-                 u"Stored in Verbolt's settings file: no keyring is available."_s);
-    }
-
     void remove_data()
     {
         QTest::addColumn<int>("count");
@@ -171,7 +147,7 @@ private slots:
         QCOMPARE(s.view->selection(), s.store.providers().at(1).id);
     }
 
-    void repickedProviderKeepsItsForm_andWarningFollowsSavedKey()
+    void warningFollowsSavedKey_presetAddedAndPickedHere()
     {
         Settings s;
         Provider keyless = provider(u"Keyless"_s);
@@ -192,6 +168,22 @@ private slots:
         QCOMPARE(s.view->editor(), first.data());
         QTest::mouseClick(first->findChild<QPushButton *>(u"save"_s), Qt::LeftButton);
         QVERIFY(!s.warns(0));
+
+        // A preset is added as a provider of its own and picked here, while the store keeps its pick.
+        const std::optional<QUuid> before = s.store.selectedID();
+        s.addPreset(1);
+        const Provider added = s.store.providers().last();
+        const Provider &preset = Provider::presets().at(1);
+        QVERIFY(added.id != preset.id);
+        QCOMPARE(added.name, preset.name);
+        QCOMPARE(s.view->selection(), added.id);
+        QCOMPARE(s.store.selectedID(), before);
+        QCOMPARE(s.view->editor()->providerID(), added.id);
+        QCOMPARE(s.list()->currentItem()->text(), preset.name);
+        QVERIFY(s.warns(2));
+        // This store was never given a keyring: its keys are in the preferences file.
+        QCOMPARE(s.view->editor()->findChild<QLabel *>(u"keyNote"_s)->text(),
+                 u"Stored in Verbolt's settings file: no keyring is available."_s);
     }
 
     // Tab walks the window as it reads: list, its buttons, the form, the default system prompt, then

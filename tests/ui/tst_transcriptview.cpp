@@ -42,14 +42,27 @@ private slots:
     void cleanup() { m_t.reset(); }
     // A message that outgrows the view is laid out at the width the scroll bar leaves from the
     // start: the bar comes a moment later, and a long message must not be laid out again for it.
-    void tallMessage_laidOutForTheScrollBarAtOnce()
+    // An error shows in red below the messages.
+    void tallMessage_laidOutOnce_errorBelowIt()
     {
         m_t->chat.activate(UiTest::conversationOf({ChatMessage(ChatRole::user, u"A line to read. "_s.repeated(2000))}));
-        MessageBubble *bubble = m_view->area()->bubbleAt(0);
+        TranscriptArea *area = m_view->area();
+        MessageBubble *bubble = area->bubbleAt(0);
         QVERIFY(bubble);
         const int width = bubble->width();
         QTRY_VERIFY(bar()->isVisible());
         QCOMPARE(bubble->width(), width);
+
+        const int before = area->anchorBottom();
+        m_t->chat.setInput(u"hi"_s);
+        m_t->chat.send(std::nullopt);
+        QLabel *error = area->errorLabel();
+        QVERIFY(error->isVisible());
+        QCOMPARE(error->text(), ChatViewModel::noProviderText());
+        // Red in the role the label is really drawn with, whatever its background.
+        QCOMPARE(error->palette().color(error->foregroundRole()), Theme::color(Theme::Color::Red, area->palette()));
+        QVERIFY(area->anchorBottom() > before + error->height());
+        QCOMPARE(error->x(), TranscriptArea::errorPadding);
     }
     // Flipping a prompt's versions back and forth shows each branch with the bubbles it had, kept
     // aside meanwhile, each showing its own message and version.
@@ -137,20 +150,6 @@ private slots:
         QVERIFY(bar()->maximum() > 1000);
         QVERIFY(!detached);
         QTRY_VERIFY(atEnd());
-    }
-    void errorLineFollowsTheMessages()
-    {
-        TranscriptArea *area = m_view->area();
-        const int before = area->anchorBottom();
-        m_t->chat.setInput(u"hi"_s);
-        m_t->chat.send(std::nullopt);
-        QLabel *error = area->errorLabel();
-        QVERIFY(error->isVisible());
-        QCOMPARE(error->text(), ChatViewModel::noProviderText());
-        // Red in the role the label is really drawn with, whatever its background.
-        QCOMPARE(error->palette().color(error->foregroundRole()), Theme::color(Theme::Color::Red, area->palette()));
-        QVERIFY(area->anchorBottom() > before + error->height());
-        QCOMPARE(error->x(), TranscriptArea::errorPadding);
     }
     // Code scrolls sideways inside its block; a vertical wheel over it still moves the transcript,
     // and counts as the user's own scroll.
