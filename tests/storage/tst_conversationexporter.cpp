@@ -87,7 +87,7 @@ private slots:
         QCOMPARE(ConversationExporter::sanitizedFileName(title), stem);
     }
 
-    void export_writesTheDocumentOwnerOnly()
+    void export_writesTheDocumentOwnerOnly_orKeepsTheOldOne()
     {
         Conversation c = trip({ChatMessage(ChatRole::user, u"the question"_s)});
         c.title = u"Plans: a/b"_s;
@@ -108,21 +108,18 @@ private slots:
         dialogs.answer.reset();
         QCOMPARE(ConversationExporter::exportTranscript(c, {}, {}, dialogs), std::nullopt);
         QVERIFY(!QFileInfo::exists(path));
-    }
 
-    void export_failureKeepsOldFile()
-    {
+        // A failed write keeps the old file whole and leaves nothing beside it.
         const QString folder = m_profile.root() + u"/locked"_s;
-        const QString path = folder + u"/Trip.md"_s;
-        QVERIFY(writeAll(path, "old transcript"_ba));
-        ScriptedDialogs dialogs(path);
+        dialogs.answer = folder + u"/Trip.md"_s;
+        QVERIFY(writeAll(*dialogs.answer, "old transcript"_ba));
         std::optional<QString> failure;
         if (!whileReadOnly(folder, m_profile.root(),
-                           [&] { failure = ConversationExporter::exportTranscript(trip({}), {}, {}, dialogs); }))
+                           [&] { failure = ConversationExporter::exportTranscript(c, {}, {}, dialogs); }))
             QSKIP("cannot make a folder read-only for this user");
         const QString prefix = u"Export failed: "_s;
         QVERIFY(failure && failure->startsWith(prefix) && failure->size() > prefix.size());
-        QCOMPARE(readAll(path), "old transcript"_ba);
+        QCOMPARE(readAll(*dialogs.answer), "old transcript"_ba);
         QCOMPARE(QDir(folder).entryList(QDir::Files), QStringList{u"Trip.md"_s});
     }
 };
