@@ -83,7 +83,6 @@ private slots:
     void deliversEventsInOrder();
     void fails_data();
     void fails();
-    void shippedLimits();
     void endlessChunkedBody_stopsTheTransfer_data();
     void endlessChunkedBody_stopsTheTransfer();
     void twoStreams_data();
@@ -246,8 +245,12 @@ void tst_ChatStream::fails_data()
         QTest::addRow("key %s refused", QByteArray(key).toPercentEncoding().constData())
             << FailCase{.key = QString::fromUtf8(key), .text = badKey, .requests = 0};
 
-    // The limits, shrunk: the texts name the shipped sizes. That a stream stops at a limit without
-    // waiting for the body's end is checked with bodies that never end.
+    // The limits, shrunk: the texts name the shipped sizes, which are these. That a stream stops at
+    // a limit without waiting for the body's end is checked with bodies that never end.
+    const TransferLimits shipped;
+    const qsizetype mb = 1024 * 1024;
+    QVERIFY(shipped.lineBytes == 16 * mb && shipped.replyTextBytes == 32 * mb && shipped.errorBodyBytes == 16 * mb &&
+            shipped.modelListBytes == 16 * mb);
     const QString lineTooLong = u"The provider sent a line longer than 16 MB."_s;
     QTest::newRow("whole line over the limit in one read") << FailCase{
         .response = LoopbackResponse::eventStream({chunk("kept") + chunk(QByteArray(2000, 'y')) + chunk("z")}),
@@ -319,15 +322,6 @@ void tst_ChatStream::fails()
     if (row.connections >= 0)
         QCOMPARE(server.connectionCount(), row.connections);
     QCOMPARE(elsewhere.connectionCount(), 0);
-}
-
-// The texts of the limits name these sizes.
-void tst_ChatStream::shippedLimits()
-{
-    const TransferLimits shipped;
-    const qsizetype mb = 1024 * 1024;
-    QVERIFY(shipped.lineBytes == 16 * mb && shipped.replyTextBytes == 32 * mb && shipped.errorBodyBytes == 16 * mb &&
-            shipped.modelListBytes == 16 * mb);
 }
 
 void tst_ChatStream::endlessChunkedBody_stopsTheTransfer_data()
