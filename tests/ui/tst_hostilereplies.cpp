@@ -154,28 +154,38 @@ private slots:
         }
     }
 
-    // Wider than its block, a table scrolls sideways by wheel and by keys, and the message does
-    // not widen.
-    void wideTableScrollsSideways()
+    void wideBlocksScrollSideways_data()
     {
+        QTest::addColumn<QString>("markdown");
+        QTest::newRow("table") << tableOf(60, 2, u"a cell"_s);
+        QTest::newRow("code") << u"```\n"_s + QString(400, u'x') + u"\n```"_s;
+    }
+    // Wider than its block, a table or code scrolls sideways inside it, by wheel and for a table by
+    // keys, and the message does not widen; code takes the message's whole width, however short.
+    void wideBlocksScrollSideways()
+    {
+        QFETCH(QString, markdown);
         MarkdownTextView view;
-        view.setText(tableOf(60, 2, u"a cell"_s));
-        auto *table = qobject_cast<TableBlockView *>(view.blockViews().at(0));
-        QVERIFY(table);
-        QVERIFY(table->idealWidth() > 1500);
+        view.setText(markdown);
+        MarkdownBlockView *block = view.blockViews().at(0);
+        auto *table = qobject_cast<TableBlockView *>(block);
+        QScrollArea *area = table ? table->scrollArea() : qobject_cast<CodeBlockView *>(block)->scrollArea();
+        QCOMPARE(view.idealWidth() < 0, !table);
         view.resize(400, view.heightForWidth(400));
         view.show();
         QVERIFY(QTest::qWaitForWindowExposed(&view));
-        QCOMPARE(table->width(), 400);
-        QScrollBar *bar = table->scrollArea()->horizontalScrollBar();
-        QCOMPARE(bar->maximum(), table->idealWidth() - 400);
+        QCOMPARE(block->width(), 400);
+        QVERIFY(area->widget()->width() > 1000);
+        QScrollBar *bar = area->horizontalScrollBar();
+        QCOMPARE(bar->maximum(), area->widget()->width() - 400);
 
         const QPointF at(200, 10);
-        QWheelEvent wheel(at, table->mapToGlobal(at), QPoint(-60, 0), QPoint(-120, 0), Qt::NoButton, Qt::NoModifier,
+        QWheelEvent wheel(at, area->mapToGlobal(at), QPoint(-60, 0), QPoint(-120, 0), Qt::NoButton, Qt::NoModifier,
                           Qt::NoScrollPhase, false);
-        QApplication::sendEvent(table->scrollArea()->viewport(), &wheel);
+        QApplication::sendEvent(area->viewport(), &wheel);
         QVERIFY(bar->value() > 0);
-
+        if (!table)
+            return;
         table->grid()->setFocus();
         QTest::keyClick(table->grid(), Qt::Key_End);
         QCOMPARE(bar->value(), bar->maximum());

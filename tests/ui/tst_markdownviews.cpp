@@ -9,8 +9,6 @@
 #include <QElapsedTimer>
 #include <QHash>
 #include <QMouseEvent>
-#include <QScrollArea>
-#include <QScrollBar>
 #include <QSignalSpy>
 #include <QTest>
 #include <QToolButton>
@@ -344,19 +342,6 @@ private slots:
         // Past the first press's reset, and before the second one's.
         QTest::qWait(250);
         QVERIFY(!view.copied());
-    }
-    void longCodeScrollsInside()
-    {
-        MarkdownTextView view;
-        view.setText(u"```\n"_s + QString(400, QLatin1Char('x')) + u"\n```"_s);
-        view.resize(300, view.heightForWidth(300));
-        view.show();
-        auto *code = qobject_cast<CodeBlockView *>(view.blockViews().at(0));
-        QVERIFY(code);
-        QCOMPARE(view.idealWidth(), -1);
-        QCOMPARE(code->width(), 300);
-        QVERIFY(code->codeView()->width() > 1000);
-        QCOMPARE(code->scrollArea()->horizontalScrollBar()->maximum(), code->codeView()->width() - 300);
     }
     void onlySafeLinksOpen_data()
     {
