@@ -215,7 +215,7 @@ private slots:
             QCOMPARE(child<QLabel>(other, "modelLabel")->text(), view->header()->modelList().first());
         }
     }
-    void turn_createsConversationStreamsExportsAndStops()
+    void turn_createsConversationStreamsExportsStopsAndAsksAboutLongOnes()
     {
         m_w->addProvider(u"First"_s, {}, u"first-model"_s);
         ContentView *view = m_w->makeView();
@@ -266,6 +266,43 @@ private slots:
         child<QToolButton>(view, "stopButton")->click();
         QVERIFY(!chat->isStreaming());
         QVERIFY(child<QToolButton>(view, "sendButton")->isVisible());
+
+        // Over a million bytes, counted in UTF-8 and not in characters, the send is asked about;
+        // declined, nothing is sent and the text is kept.
+        m_w->mock.setOptions({});
+        QList<qint64> asked;
+        bool answer = false;
+        view->setLargeSendQuestion([&](qint64 bytes) {
+            asked.append(bytes);
+            return answer;
+        });
+        const QString small = u"é\n"_s.repeated(333'332); // 999,996 bytes: under the limit
+        const QString large = u"é\n"_s.repeated(333'334);
+        const qsizetype had = chat->messages().size();
+        typeAndReturn(view, large);
+        QCOMPARE(asked, QList<qint64>{1'000'002});
+        QCOMPARE(chat->messages().size(), had);
+        QCOMPARE(chat->input(), large);
+        answer = true;
+        QTest::keyClick(child<QPlainTextEdit>(view, "composer"), Qt::Key_Return);
+        QCOMPARE(asked.size(), 2);
+        QCOMPARE(chat->messages().at(had).content, large.trimmed());
+        QTRY_VERIFY(!chat->isStreaming());
+        typeAndReturn(view, small);
+        QCOMPARE(asked.size(), 2);
+        QCOMPARE(chat->messages().size(), had + 4);
+        QTRY_VERIFY(!chat->isStreaming());
+
+        // Past a million characters the field hands its text over when typing pauses; a send at
+        // once still takes the last key.
+        answer = false;
+        auto *editor = child<QPlainTextEdit>(view, "composer");
+        editor->setPlainText(u"a\n"_s.repeated(500'000));
+        editor->moveCursor(QTextCursor::End);
+        QTest::keyClick(editor, Qt::Key_B);
+        QTest::keyClick(editor, Qt::Key_Return);
+        QCOMPARE(asked.last(), 1'000'001);
+        QVERIFY(chat->input().endsWith(u"\nb"_s));
     }
     void composer_growsFromOneToSixLines_data()
     {
@@ -484,50 +521,6 @@ private slots:
         QVERIFY(list->viewport()->height() > 4 * ConversationDelegate::rowHeight(true));
         list->viewport()->repaint();
         QCOMPARE(delegate->linesShaped(), shapedWhenShown);
-    }
-    void longMessage_asksBeforeSending()
-    {
-        m_w->addProvider(u"Mock"_s);
-        m_w->chats.newChat(std::nullopt);
-        ContentView *view = m_w->makeView();
-        QList<qint64> asked;
-        bool answer = false;
-        view->setLargeSendQuestion([&](qint64 bytes) {
-            asked.append(bytes);
-            return answer;
-        });
-        const QString small = u"é\n"_s.repeated(333'332); // 999,996 bytes: under the limit
-        const QString large = u"é\n"_s.repeated(333'334);
-        auto *editor = child<QPlainTextEdit>(view, "composer");
-
-        editor->setPlainText(large);
-        QTest::keyClick(editor, Qt::Key_Return);
-        QCOMPARE(asked, QList<qint64>{1'000'002});   // counted in UTF-8, not in characters
-        QVERIFY(view->chat()->messages().isEmpty()); // declined: nothing sent, the text kept
-        QCOMPARE(view->chat()->input(), large);
-
-        answer = true;
-        QTest::keyClick(editor, Qt::Key_Return);
-        QCOMPARE(asked.size(), 2);
-        QCOMPARE(view->chat()->messages().size(), 2);
-        QCOMPARE(view->chat()->messages().first().content, large.trimmed());
-        QTRY_VERIFY(!view->chat()->isStreaming());
-
-        editor->setPlainText(small);
-        QTest::keyClick(editor, Qt::Key_Return);
-        QCOMPARE(asked.size(), 2);
-        QCOMPARE(view->chat()->messages().size(), 4);
-        QTRY_VERIFY(!view->chat()->isStreaming());
-
-        // Past a million characters the field hands its text over when typing pauses; a send at
-        // once still takes the last key.
-        answer = false;
-        editor->setPlainText(u"a\n"_s.repeated(500'000));
-        editor->moveCursor(QTextCursor::End);
-        QTest::keyClick(editor, Qt::Key_B);
-        QTest::keyClick(editor, Qt::Key_Return);
-        QCOMPARE(asked.last(), 1'000'001);
-        QVERIFY(view->chat()->input().endsWith(u"\nb"_s));
     }
     // The last reply's Regenerate (and Ctrl+Shift+R) streams another version with the provider
     // selected now; the switcher goes back, taking the header's total with it; Edit in place resends

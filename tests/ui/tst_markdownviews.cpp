@@ -304,7 +304,7 @@ private slots:
         }
         QCOMPARE(painted, paints);
     }
-    void selectedCode_copiesWithTheShortcut()
+    void code_copiesTheSelectionAndResetsFromEachPress()
     {
         // The code is selectable: a drag over the second line and the copy shortcut.
         CodeBlockView view(u"print(\"hi\")\nexit()"_s, u"python"_s);
@@ -325,13 +325,10 @@ private slots:
         QTest::keyClick(code, Qt::Key_C, Qt::ControlModifier);
         QCOMPARE(QGuiApplication::clipboard()->text(), u"exit()"_s);
         QCOMPARE(changes.count(), 2);
-    }
-    // Each press schedules its own reset and none is cancelled: a second press shortly after the
-    // first is cleared by the first one's reset.
-    void copyResetsFromEachPress()
-    {
+
+        // Each press of the button schedules its own reset and none is cancelled: a second press
+        // shortly after the first is cleared by the first one's reset.
         CopyFeedback::setResetDelayMs(400);
-        CodeBlockView view(u"x"_s, std::nullopt);
         QElapsedTimer sinceFirst;
         sinceFirst.start();
         view.copy();

@@ -125,25 +125,6 @@ private slots:
         QVERIFY(composer->hasFocus());
     }
 
-    void countFollowsAStreamingReply_withoutMovingTheView()
-    {
-        makeView({});
-        m_view->openFind();
-        QTest::keyClicks(m_view->findBar()->field(), u"word"_s);
-        QCOMPARE(m_view->transcriptFind()->count(), 0);
-        m_w->mock.setOptions({.reply = u"word "_s.repeated(100), .tokensPerSecond = 50});
-        m_view->chat()->setInput(u"Go"_s);
-        m_view->send();
-        QTRY_VERIFY(m_view->transcriptFind()->count() >= 3);
-        const qsizetype seen = m_view->transcriptFind()->count();
-        QCOMPARE(m_view->transcriptFind()->currentIndex(), 0); // the first hit became current where it is
-        QTRY_VERIFY(m_view->transcriptFind()->count() > seen);
-        QCOMPARE(m_view->transcriptFind()->currentIndex(), 0);
-        QVERIFY(m_view->scroll()->autoScroll()); // following the reply as before
-        QVERIFY(m_view->findBar()->field()->hasFocus());
-        m_view->chat()->stop();
-    }
-
     // A conversation opened is read ahead for the find bar's first word; a sidebar result opens its
     // conversation at the first hit, the bar open with the words.
     void openedConversation_isReadAheadAndOpensAtTheChosenResult()
@@ -225,6 +206,23 @@ private slots:
                         block->currentHitRect().size());
         QVERIFY(!hit.isEmpty());
         QVERIFY(area->viewport()->rect().contains(hit));
+
+        // A streaming reply's hits are counted as they come, the first current where it is, and the
+        // reply followed as before.
+        m_view->findBar()->field()->clear();
+        QTest::keyClicks(m_view->findBar()->field(), u"word"_s);
+        QCOMPARE(m_view->transcriptFind()->count(), 0);
+        m_w->mock.setOptions({.reply = u"word "_s.repeated(100), .tokensPerSecond = 50});
+        m_view->chat()->setInput(u"Go"_s);
+        m_view->send();
+        QTRY_VERIFY(m_view->transcriptFind()->count() >= 3);
+        const qsizetype seen = m_view->transcriptFind()->count();
+        QCOMPARE(m_view->transcriptFind()->currentIndex(), 0);
+        QTRY_VERIFY(m_view->transcriptFind()->count() > seen);
+        QCOMPARE(m_view->transcriptFind()->currentIndex(), 0);
+        QVERIFY(m_view->scroll()->autoScroll());
+        QVERIFY(m_view->findBar()->field()->hasFocus());
+        m_view->chat()->stop();
     }
 
 private:

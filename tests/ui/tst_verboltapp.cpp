@@ -197,6 +197,16 @@ private slots:
         first->aboutAction()->trigger();
         AboutDialog *about = app.aboutWindow();
         QVERIFY(about && about->isVisible());
+        // It says what a bug report needs.
+        QStringList lines;
+        for (const QLabel *label : about->findChildren<QLabel *>()) {
+            lines.append(label->text());
+            QVERIFY(!label->accessibleName().isEmpty());
+        }
+        const QString text = lines.join(u'\n');
+        QVERIFY2(text.contains(u"Version %1"_s.arg(QLatin1StringView(Verbolt::version))), qPrintable(text));
+        QVERIFY2(text.contains(u"Qt "_s + QString::fromLatin1(qVersion())), qPrintable(text));
+        QVERIFY2(text.contains(u"Licence: %1"_s.arg(QLatin1StringView(Verbolt::licence))), qPrintable(text));
         second->aboutAction()->trigger();
         QCOMPARE(app.aboutWindow(), about);
 
@@ -317,21 +327,6 @@ private slots:
             QVERIFY(QFile::exists(*kept));
         else
             QVERIFY(StorageTest::settings().contains(*kept));
-    }
-
-    // The About window says what a bug report needs.
-    void about_namesVersionQtAndLicence()
-    {
-        AboutDialog about;
-        QStringList lines;
-        for (const QLabel *label : about.findChildren<QLabel *>()) {
-            lines.append(label->text());
-            QVERIFY(!label->accessibleName().isEmpty());
-        }
-        const QString text = lines.join(u'\n');
-        QVERIFY2(text.contains(u"Version %1"_s.arg(QLatin1StringView(Verbolt::version))), qPrintable(text));
-        QVERIFY2(text.contains(u"Qt "_s + QString::fromLatin1(qVersion())), qPrintable(text));
-        QVERIFY2(text.contains(u"Licence: %1"_s.arg(QLatin1StringView(Verbolt::licence))), qPrintable(text));
     }
 
     void secondStart_handsItsRequestOver_data()
