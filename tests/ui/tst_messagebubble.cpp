@@ -125,9 +125,10 @@ private slots:
 
     // "‹ 2 / 2 ›" reads "Version 2 of 2" to a screen reader and stops at either end; Edit is the
     // user's, Regenerate only where offered, none while streaming.
-    void steeringControls()
+    void replyControls()
     {
-        QList<ChatMessage> path{ChatMessage(ChatRole::user, u"q"_s), ChatMessage(ChatRole::assistant, u"one"_s)};
+        const QString raw = u"**one** and `code`\n\n- item"_s;
+        QList<ChatMessage> path{ChatMessage(ChatRole::user, u"q"_s), ChatMessage(ChatRole::assistant, raw)};
         path = MessageVersioning::addVersion(path, 1, ChatMessage(ChatRole::assistant, u"two"_s));
         MessageBubble reply(path.at(1));
         QVERIFY(!reply.versionSwitcher()->isHidden());
@@ -139,6 +140,18 @@ private slots:
         reply.setMessage(MessageVersioning::showVersion(path, 1, 0).at(1));
         QCOMPARE(reply.versionSwitcher()->accessibleName(), u"Version 1 of 2"_s);
         QVERIFY(!reply.previousVersionButton()->isEnabled() && reply.nextVersionButton()->isEnabled());
+
+        // One copied state for both copy buttons; the clipboard gets the raw Markdown; the state resets.
+        CopyFeedback::setResetDelayMs(150);
+        const qint64 idle = reply.headerCopyButton()->icon().cacheKey();
+        QTest::mouseClick(reply.footerCopyButton(), Qt::LeftButton);
+        QCOMPARE(QGuiApplication::clipboard()->text(), raw);
+        QVERIFY(reply.copied());
+        QCOMPARE(reply.footerLabel()->text(), u"Copied"_s);
+        QVERIFY(reply.headerCopyButton()->icon().cacheKey() != idle);
+        QCOMPARE(reply.headerCopyButton()->icon().cacheKey(), reply.footerCopyButton()->icon().cacheKey());
+        QTRY_COMPARE(reply.footerLabel()->text(), u"Copy"_s);
+        QVERIFY(!reply.copied());
 
         QVERIFY(reply.editButton()->isHidden() && reply.regenerateButton()->isHidden());
         reply.setRegenerateAvailable(true);
@@ -249,24 +262,6 @@ private slots:
         QVERIFY(bubble->setMessage(message));
         QTRY_COMPARE(blockPaints, 1);
         QCOMPARE(behindPaints, 0);
-    }
-    // One copied state for both buttons; the clipboard gets the raw Markdown; the state resets.
-    void bothCopyButtonsShareOneState()
-    {
-        CopyFeedback::setResetDelayMs(150);
-        const QString raw = u"**bold** and `code`\n\n- item"_s;
-        MessageBubble bubble(ChatMessage(ChatRole::assistant, raw));
-        const qint64 idle = bubble.headerCopyButton()->icon().cacheKey();
-
-        QTest::mouseClick(bubble.footerCopyButton(), Qt::LeftButton);
-        QCOMPARE(QGuiApplication::clipboard()->text(), raw);
-        QVERIFY(bubble.copied());
-        QCOMPARE(bubble.footerLabel()->text(), u"Copied"_s);
-        QVERIFY(bubble.headerCopyButton()->icon().cacheKey() != idle);
-        QCOMPARE(bubble.headerCopyButton()->icon().cacheKey(), bubble.footerCopyButton()->icon().cacheKey());
-
-        QTRY_COMPARE(bubble.footerLabel()->text(), u"Copy"_s);
-        QVERIFY(!bubble.copied());
     }
 };
 
