@@ -148,7 +148,7 @@ private slots:
         QCOMPARE(asideCopies().size(), 2);
     }
 
-    void newChat_isSelectedFirstSavedAndOpensWithTheDefaultPrompt()
+    void newAndDeletedChats_moveTheSelection_newOnesOpenWithTheDefaultPrompt()
     {
         ConversationStore store;
         QVERIFY(store.conversations().isEmpty() && !store.selectedID());
@@ -185,6 +185,19 @@ private slots:
         store.setDefaultSystemPrompt(u" \n"_s);
         QCOMPARE(store.defaultSystemPrompt(), QString());
         QVERIFY(store.newChat(std::nullopt).messages.isEmpty());
+
+        // Deleting another keeps the selection; deleting the selected one selects the newest left.
+        store.setSelectedID(created.id);
+        store.deleteConversation(Conversation(store.conversations().last()));
+        store.deleteConversation(conversation(u"stranger"_s, 1));
+        QCOMPARE(store.conversations().size(), 3);
+        QCOMPARE(store.selectedID(), std::optional(created.id));
+        store.deleteConversation(created);
+        QCOMPARE(store.selectedID(), std::optional(store.conversations().first().id));
+        for (const Conversation &left : QList(store.conversations()))
+            store.deleteConversation(left);
+        QVERIFY(!store.selectedID());
+        QCOMPARE(savedBy(store), QList<Conversation>());
     }
 
     // Each save encodes only what changed since the last one; the file must still equal the
@@ -255,23 +268,6 @@ private slots:
         store.waitForSaved();
         QVERIFY(!QFileInfo::exists(m_file));
         QCOMPARE(listSpy.count(), 0);
-    }
-
-    void delete_movesSelection()
-    {
-        const auto [a, b, c] = storedThree();
-        ConversationStore store;
-        store.setSelectedID(b.id);
-        store.deleteConversation(c);
-        QCOMPARE(store.selectedID(), std::optional(b.id));
-        store.deleteConversation(b);
-        QCOMPARE(store.selectedID(), std::optional(a.id));
-        store.deleteConversation(conversation(u"stranger"_s, 1));
-        QCOMPARE(ids(store.conversations()), QList<QUuid>{a.id});
-        store.deleteConversation(a);
-        QVERIFY(!store.selectedID());
-        store.waitForSaved();
-        QCOMPARE(readAll(m_file), "[]"_ba);
     }
 
     // Two stores on one file stand for two processes: neither save may drop what the other saved.
