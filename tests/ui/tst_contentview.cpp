@@ -5,6 +5,7 @@
 #include "ui/conversationdelegate.h"
 #include "ui/conversationlistmodel.h"
 #include "ui/conversationsidebar.h"
+#include "ui/deletedchatbar.h"
 #include "ui/messagebubble.h"
 #include "ui/systempromptdialog.h"
 #include "uitestsupport.h"
@@ -379,7 +380,7 @@ private slots:
 
         // Deleting a row that is not selected keeps the selection, and so does its undo; the chat
         // comes back where it was.
-        auto *bar = child<QWidget>(view, "deletedChatBar");
+        auto *bar = child<DeletedChatBar>(view, "deletedChatBar");
         QVERIFY(chooseFromRowMenu(view, 1, u"Delete"_s));
         QVERIFY(!m_w->chats.find(middle.id));
         QCOMPARE(m_w->chats.selectedID(), newer.id);
@@ -397,6 +398,12 @@ private slots:
         QVERIFY(list->selectionModel()->isRowSelected(0));
         child<QAbstractButton>(view, "undoDelete")->click();
         QCOMPARE(m_w->chats.selectedID(), newer.id);
+        // Once its time is up the offer is gone: nothing comes back.
+        bar->setInterval(50);
+        QVERIFY(chooseFromRowMenu(view, 1, u"Delete"_s));
+        QTRY_VERIFY(!bar->isVisible());
+        bar->undo();
+        QCOMPARE(m_w->chats.conversations().size(), 2);
 
         // The system prompt set from the header is the shown conversation's; one set from another
         // row's menu goes to that conversation and leaves the transcript alone.
@@ -406,7 +413,7 @@ private slots:
         dialog->field()->setPlainText(u"Be brief."_s);
         dialog->accept();
         QCOMPARE(view->chat()->systemPrompt(), u"Be brief."_s);
-        QVERIFY(chooseFromRowMenu(view, 2, u"System Prompt…"_s));
+        QVERIFY(chooseFromRowMenu(view, 1, u"System Prompt…"_s));
         QCOMPARE(shownChildren<SystemPromptDialog>(view).size(), 1);
         SystemPromptDialog *second = shownChildren<SystemPromptDialog>(view).first();
         second->field()->setPlainText(u"Other rules"_s);

@@ -189,9 +189,10 @@ private slots:
         else
             QCOMPARE(bar.value(), 0);
     }
-    // The animated scroll eases to the end and follows an end that moves while it runs; a user's
-    // scroll stops it where it is.
-    void scrollToBottomMovesTheHandle()
+    // The animated scroll eases to the end and follows an end that moves while it runs. Following a
+    // streaming reply eases out over the same 0.15 s, stepping with its updates; the timer finishes
+    // the ease when updates pause. A user's scroll stops either where it is.
+    void scrollsEaseToTheEnd()
     {
         ScrollController controller;
         QScrollBar bar(Qt::Vertical);
@@ -210,18 +211,11 @@ private slots:
         QTest::qWait(200);
         QCOMPARE(bar.value(), stoppedAt);
         QVERIFY(stoppedAt < 1500);
-    }
-    // Following a streaming reply eases out over the same 0.15 s, stepping with its updates; the
-    // timer finishes the ease when updates pause, and a user's scroll stops it where it is.
-    void followGrowthEasesWithTheUpdates()
-    {
-        ScrollController controller;
+
         qint64 now = 0;
         controller.setClock([&now] { return now; });
-        QScrollBar bar(Qt::Vertical);
         bar.setRange(0, 1000);
-        controller.setProxy(&bar);
-
+        bar.setValue(0);
         controller.followGrowth();
         QCOMPARE(bar.value(), 0);
         now += 50;
