@@ -1,10 +1,16 @@
+#include "model/textsearch.h"
+#include "ui/conversationdelegate.h"
+#include "ui/conversationlistmodel.h"
 #include "ui/conversationlistview.h"
 #include "uitestsupport.h"
 
 #include <QApplication>
+#include <QPainter>
 #include <QScrollBar>
 #include <QStandardItemModel>
 #include <QTest>
+
+using Range = TextSearch::Range;
 
 namespace {
 
@@ -16,8 +22,41 @@ QList<QStandardItem *> rows(int count, const QString &prefix)
     return items;
 }
 
+struct Row
+{
+    QString title;
+    QString date;
+    QString context;
+    QList<Range> hits;
+    int width = 300;
+};
+
+void show(QStandardItem *item, const Row &row)
+{
+    item->setData(row.title, Qt::DisplayRole);
+    item->setData(row.date, ConversationListModel::DateTextRole);
+    item->setData(row.context, ConversationListModel::ContextRole);
+    item->setData(QVariant::fromValue(row.hits), ConversationListModel::ContextHitsRole);
+}
+
+QImage drawn(const ConversationDelegate &delegate, const QModelIndex &index, int width)
+{
+    QImage image(width, 64, QImage::Format_RGB32);
+    image.fill(Qt::white);
+    QStyleOptionViewItem option;
+    option.rect = image.rect();
+    option.palette = QApplication::palette();
+    option.state = QStyle::State_Enabled | QStyle::State_Active;
+    QPainter painter(&image);
+    delegate.paint(&painter, option, index);
+    return image;
+}
+
 } // namespace
 
+Q_DECLARE_METATYPE(Row)
+
+// The sidebar's list: what its view repaints as rows change, and what its delegate draws for a row.
 class TestConversationListView : public QObject
 {
     Q_OBJECT
@@ -153,6 +192,39 @@ private slots:
         QCOMPARE(painted, QRegion(rest));
         QVERIFY(view.verticalScrollBar()->updatesEnabled());
         QTRY_COMPARE(UiTest::onScreen(&window), UiTest::freshPaint(&window));
+    }
+    void keptLines_drawAsFreshOnesAfterAChange_data()
+    {
+        QTest::addColumn<Row>("before");
+        QTest::addColumn<Row>("after");
+        const QString longTitle = QStringLiteral("A title far too long to fit on the row of a narrow sidebar at all");
+        const Row plain{longTitle, QStringLiteral("Mar 25, 07:38"), {}, {}, 400};
+        QTest::newRow("narrowed: the title is elided again") << plain << Row{plain.title, plain.date, {}, {}, 150};
+        QTest::newRow("widened: more of the title shows") << Row{plain.title, plain.date, {}, {}, 150} << plain;
+        QTest::newRow("renamed at the same width") << plain << Row{QStringLiteral("Short"), plain.date, {}, {}, 400};
+        QTest::newRow("a later date") << plain << Row{plain.title, QStringLiteral("Mar 26, 09:00"), {}, {}, 400};
+        const Row found{plain.title, plain.date, QStringLiteral("…the café on the corner"), {{4, 4}}, 300};
+        QTest::newRow("the same context, other words in bold")
+            << found << Row{found.title, found.date, found.context, {{16, 6}}, 300};
+        QTest::newRow("a result becomes a plain row") << found << Row{found.title, found.date, {}, {}, 300};
+    }
+    void keptLines_drawAsFreshOnesAfterAChange()
+    {
+        QFETCH(Row, before);
+        QFETCH(Row, after);
+        QStandardItemModel model;
+        auto *item = new QStandardItem;
+        model.appendRow(item);
+        ConversationDelegate kept;
+        show(item, before);
+        (void)drawn(kept, model.index(0, 0), before.width);
+        show(item, after);
+        const QImage again = drawn(kept, model.index(0, 0), after.width);
+        ConversationDelegate fresh;
+        QCOMPARE(again, drawn(fresh, model.index(0, 0), after.width));
+        QImage blank(again.size(), again.format());
+        blank.fill(Qt::white);
+        QVERIFY(again != blank);
     }
 };
 
