@@ -57,7 +57,7 @@ private slots:
         m_window.show();
     }
 
-    void save_showsTheRequestAndAddsTheSuffix()
+    void saveAddsTheSuffix_openReturnsTheChoiceOrNothing()
     {
         const SaveDialogRequest request{u"Export Config"_s,
                                         u"Includes API keys in plain text \u2014 keep this file safe."_s,
@@ -68,25 +68,17 @@ private slots:
         QCOMPARE(QtFileDialogs(&m_window).saveFileName(request), m_dir.filePath(u"notes.json"_s));
         QCOMPARE(seen, (Seen{request.title, request.message, request.suggestedName, request.nameFilters.first(),
                              QString::number(QFileDialog::AnyFile)}));
-    }
 
-    void open_returnsTheChosenFileOrNothing()
-    {
+        // Opening returns the chosen file, or nothing when cancelled.
+        const OpenDialogRequest open{u"Import Config"_s, QString(), {u"JSON (*.json)"_s}};
         const QString existing = m_dir.filePath(u"backup.json"_s);
-        QFile file(existing);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.close();
-
-        QtFileDialogs dialogs(&m_window);
-        const OpenDialogRequest request{u"Import Config"_s, QString(), {u"JSON (*.json)"_s}};
-        Seen seen;
+        QVERIFY(QFile(existing).open(QIODevice::WriteOnly));
         answerOnceOpen(this, existing, &seen);
-        QCOMPARE(dialogs.openFileName(request), existing);
-        QCOMPARE(seen.first(), request.title);
+        QCOMPARE(QtFileDialogs(&m_window).openFileName(open), existing);
+        QCOMPARE(seen.first(), open.title);
         QCOMPARE(seen.last(), QString::number(QFileDialog::ExistingFile));
-
         answerOnceOpen(this, QString(), &seen);
-        QCOMPARE(dialogs.openFileName(request), std::nullopt);
+        QCOMPARE(QtFileDialogs(&m_window).openFileName(open), std::nullopt);
     }
 };
 

@@ -212,7 +212,7 @@ private slots:
     // Each button says in a note what it did, kept until the view is rebuilt; an import starts
     // again from the store's pick, whatever the list showed. What an archive holds, and which ones
     // are refused, is the archive's own business.
-    void backup()
+    void backupAndRestore()
     {
         const QString file = m_profile->root() + u"/verbolt-config.json"_s;
         QFile::remove(file);
@@ -240,11 +240,9 @@ private slots:
         QCOMPARE(s.dialogs.opens.size(), 2);
         s.list()->setCurrentRow(-1);
         QVERIFY(!s.note().isEmpty());
-    }
 
-    void restore_listsCopiesAndTellsWhatCameBack()
-    {
-        Settings s;
+        // Restore lists the history's dated copies, one that cannot be read among them, and tells
+        // what came back.
         const Conversation current = conversation(u"edited today"_s, 500);
         s.chats.merge({current});
         Conversation older = current;
@@ -254,8 +252,6 @@ private slots:
         const QDate day(2026, 11, 20);
         QVERIFY(StorageTest::writeAll(HistoryBackups::pathFor(s.chats.fileURL(), day), encodeJson(copy)));
         QVERIFY(StorageTest::writeAll(HistoryBackups::pathFor(s.chats.fileURL(), day.addDays(1)), "not json"));
-        s.show();
-
         s.click(u"restoreHistory"_s);
         RestoreDialog *dialog = s.view->restoreDialog();
         QVERIFY(dialog);
