@@ -95,6 +95,23 @@ private slots:
         }
     }
 
+    // The templates the settings window offers, in order: a typo in one would send a user's key
+    // to the wrong place.
+    void presets()
+    {
+        QStringList rows;
+        for (const Provider &p : Provider::presets()) {
+            QVERIFY(p.apiKey.isEmpty() && p.cachedModels.isEmpty());
+            rows.append(QStringList{p.name, rawValue(p.wire), p.baseURL, p.model}.join(u' '));
+        }
+        QCOMPARE(rows, (QStringList{
+                           u"Groq openAI https://api.groq.com/openai/v1 llama-3.3-70b-versatile"_s,
+                           u"OpenAI openAI https://api.openai.com/v1 gpt-4o-mini"_s,
+                           u"Anthropic anthropic https://api.anthropic.com/v1 claude-3-5-sonnet-latest"_s,
+                           u"Custom (OpenAI-compatible) openAI  "_s,
+                       }));
+    }
+
     void referenceDates()
     {
         QCOMPARE(ReferenceDate::toDateTime(725760000.0), QDateTime(QDate(2024, 1, 1), QTime(0, 0), Qt::UTC));
