@@ -438,6 +438,14 @@ private slots:
             readers->setActive(false);
         });
         m_w->addProvider(u"Mock"_s);
+        // Older ones the search below finds enough of to fill the list and run past it.
+        for (int i = 0; i < 60; ++i) {
+            const Conversation c = m_w->chats.newChat(std::nullopt);
+            m_w->chats.updateMessages(c.id,
+                                      {ChatMessage(ChatRole::user, u"where is the café number %1"_s.arg(i)),
+                                       ChatMessage(ChatRole::assistant, u"Round the corner, %1 doors down."_s.arg(i))});
+            m_w->chats.rename(c.id, u"Coffee walk %1"_s.arg(i));
+        }
         for (int i = 0; i < 4; ++i) {
             const Conversation made = m_w->chats.newChat(std::nullopt);
             const QString asked = (i % 2 ? u"Goodbye %1"_s : u"Hello %1"_s).arg(i);
@@ -498,36 +506,27 @@ private slots:
         QTRY_VERIFY(view->sidebar()->isSearchComplete());
         QCOMPARE(list->model()->rowCount(), 0);
         QCOMPARE(view->sidebar()->searchStatus(), u"No conversations match"_s);
-        QTest::keyClick(field, Qt::Key_Escape);
-        QCOMPARE(field->text(), QString());
-        QCOMPARE(list->model()->rowCount(), 4);
-        QCOMPARE(list->currentIndex().row(), 2);
-        QVERIFY(!view->sidebar()->isSearching());
-        QVERIFY(composer->hasFocus());
-    }
-    void search_rowsInSightAreShapedBeforeTheyShow()
-    {
-        // Enough results to fill the list and run past it, found in more than one batch.
-        for (int i = 0; i < 60; ++i) {
-            const Conversation c = m_w->chats.newChat(std::nullopt);
-            m_w->chats.updateMessages(c.id,
-                                      {ChatMessage(ChatRole::user, u"where is the café number %1"_s.arg(i)),
-                                       ChatMessage(ChatRole::assistant, u"Round the corner, %1 doors down."_s.arg(i))});
-            m_w->chats.rename(c.id, u"Coffee walk %1"_s.arg(i));
-        }
-        ContentView *view = m_w->makeView();
-        auto *list = child<QAbstractItemView>(view, "conversationList");
+
+        // Results in sight are shaped before they show, also when found in more than one batch.
         const auto *delegate = static_cast<const ConversationDelegate *>(list->itemDelegate());
-        child<QLineEdit>(view, "searchField")->setText(u"cafe"_s);
         qsizetype shapedWhenShown = -1;
+        QObject hook;
         const auto shown = [&] { shapedWhenShown = delegate->linesShaped(); };
-        connect(list->model(), &QAbstractItemModel::modelReset, list, shown);
-        connect(list->model(), &QAbstractItemModel::rowsInserted, list, shown);
+        connect(list->model(), &QAbstractItemModel::modelReset, &hook, shown);
+        connect(list->model(), &QAbstractItemModel::rowsInserted, &hook, shown);
+        field->setText(u"cafe"_s);
         QTRY_VERIFY(view->sidebar()->isSearchComplete());
         QCOMPARE(list->model()->rowCount(), 60);
         QVERIFY(list->viewport()->height() > 4 * ConversationDelegate::rowHeight(true));
         list->viewport()->repaint();
         QCOMPARE(delegate->linesShaped(), shapedWhenShown);
+
+        QTest::keyClick(field, Qt::Key_Escape);
+        QCOMPARE(field->text(), QString());
+        QCOMPARE(list->model()->rowCount(), 64);
+        QCOMPARE(list->currentIndex().row(), 2);
+        QVERIFY(!view->sidebar()->isSearching());
+        QVERIFY(composer->hasFocus());
     }
     // The last reply's Regenerate (and Ctrl+Shift+R) streams another version with the provider
     // selected now; the switcher goes back, taking the header's total with it; Edit in place resends
