@@ -61,7 +61,7 @@ private slots:
         QCOMPARE(texts, shown);
     }
 
-    void findBar_countsMovesAndCloses()
+    void findBar_countsMovesClosesAndKeepsTheView()
     {
         QList<ChatMessage> messages;
         for (int i = 0; i < 40; ++i)
@@ -123,6 +123,48 @@ private slots:
         QCOMPARE(m_view->transcriptFind()->count(), 0);
         QVERIFY(code->currentHitRect().isEmpty()); // no marks left
         QVERIFY(composer->hasFocus());
+
+        // Words typed pick the first hit in sight and leave the view where it is, even with the
+        // paragraph at the top begun above it.
+        m_view->openFind();
+        bar->field()->clear();
+        QScrollBar *scrollBar = area->verticalScrollBar();
+        QTest::qWait(300); // the opening's scrolls to the end are done
+        // The first paragraph of message 20 begins just above the view.
+        scrollBar->setValue(area->rowTop(20));
+        const QWidget *first = area->bubbleAt(20)->markdownView()->blockViews().at(0);
+        scrollBar->setValue(scrollBar->value() + first->mapTo(area->viewport(), QPoint(0, 0)).y() + 3);
+        m_view->scroll()->userDidScroll(false);
+        QTest::qWait(50);
+        const int value = scrollBar->value();
+        QCOMPARE(first->mapTo(area->viewport(), QPoint(0, 0)).y(), -3);
+
+        QTest::keyClicks(m_view->findBar()->field(), u"fil"_s);
+        QCOMPARE(scrollBar->value(), value);
+        // The second paragraph's: the fillers before it hold two hits each, the café question none.
+        QCOMPARE(m_view->transcriptFind()->currentIndex(), 2 * 19 + 1);
+        const auto *block = area->bubbleAt(20)->markdownView()->blockViews().at(1);
+        const QRect hit(block->mapTo(area->viewport(), block->currentHitRect().topLeft()),
+                        block->currentHitRect().size());
+        QVERIFY(!hit.isEmpty());
+        QVERIFY(area->viewport()->rect().contains(hit));
+
+        // A streaming reply's hits are counted as they come, the first current where it is, and the
+        // reply followed as before.
+        m_view->findBar()->field()->clear();
+        QTest::keyClicks(m_view->findBar()->field(), u"word"_s);
+        QCOMPARE(m_view->transcriptFind()->count(), 0);
+        m_w->mock.setOptions({.reply = u"word "_s.repeated(100), .tokensPerSecond = 50});
+        m_view->chat()->setInput(u"Go"_s);
+        m_view->send();
+        QTRY_VERIFY(m_view->transcriptFind()->count() >= 3);
+        const qsizetype seen = m_view->transcriptFind()->count();
+        QCOMPARE(m_view->transcriptFind()->currentIndex(), 0);
+        QTRY_VERIFY(m_view->transcriptFind()->count() > seen);
+        QCOMPARE(m_view->transcriptFind()->currentIndex(), 0);
+        QVERIFY(m_view->scroll()->autoScroll());
+        QVERIFY(m_view->findBar()->field()->hasFocus());
+        m_view->chat()->stop();
     }
 
     // A conversation opened is read ahead for the find bar's first word; a sidebar result opens its
@@ -175,54 +217,6 @@ private slots:
         QVERIFY(area->bubbleAt(7));
         QVERIFY(area->viewport()->rect().contains(area->bubbleAt(7)->geometry().center()));
         QVERIFY(!m_view->scroll()->autoScroll());
-    }
-
-    // Words typed pick the first hit in sight and leave the view where it is, even with the
-    // paragraph at the top begun above it.
-    void typedWords_pickAHitInSightWithoutMovingTheView()
-    {
-        QList<ChatMessage> messages;
-        for (int i = 0; i < 40; ++i)
-            messages.append(ChatMessage(ChatRole::assistant, u"Filler paragraph %1.\n\nMore filler."_s.arg(i)));
-        makeView(messages);
-        m_view->openFind();
-        TranscriptArea *area = m_view->findChild<TranscriptView *>()->area();
-        QScrollBar *bar = area->verticalScrollBar();
-        QTest::qWait(300); // the opening's scrolls to the end are done
-        // The first paragraph of message 30 begins just above the view.
-        bar->setValue(area->rowTop(30));
-        const QWidget *first = area->bubbleAt(30)->markdownView()->blockViews().at(0);
-        bar->setValue(bar->value() + first->mapTo(area->viewport(), QPoint(0, 0)).y() + 3);
-        m_view->scroll()->userDidScroll(false);
-        QTest::qWait(50);
-        const int value = bar->value();
-        QCOMPARE(first->mapTo(area->viewport(), QPoint(0, 0)).y(), -3);
-
-        QTest::keyClicks(m_view->findBar()->field(), u"fil"_s);
-        QCOMPARE(bar->value(), value);
-        QCOMPARE(m_view->transcriptFind()->currentIndex(), 2 * 30 + 1); // the second paragraph's
-        const auto *block = area->bubbleAt(30)->markdownView()->blockViews().at(1);
-        const QRect hit(block->mapTo(area->viewport(), block->currentHitRect().topLeft()),
-                        block->currentHitRect().size());
-        QVERIFY(!hit.isEmpty());
-        QVERIFY(area->viewport()->rect().contains(hit));
-
-        // A streaming reply's hits are counted as they come, the first current where it is, and the
-        // reply followed as before.
-        m_view->findBar()->field()->clear();
-        QTest::keyClicks(m_view->findBar()->field(), u"word"_s);
-        QCOMPARE(m_view->transcriptFind()->count(), 0);
-        m_w->mock.setOptions({.reply = u"word "_s.repeated(100), .tokensPerSecond = 50});
-        m_view->chat()->setInput(u"Go"_s);
-        m_view->send();
-        QTRY_VERIFY(m_view->transcriptFind()->count() >= 3);
-        const qsizetype seen = m_view->transcriptFind()->count();
-        QCOMPARE(m_view->transcriptFind()->currentIndex(), 0);
-        QTRY_VERIFY(m_view->transcriptFind()->count() > seen);
-        QCOMPARE(m_view->transcriptFind()->currentIndex(), 0);
-        QVERIFY(m_view->scroll()->autoScroll());
-        QVERIFY(m_view->findBar()->field()->hasFocus());
-        m_view->chat()->stop();
     }
 
 private:
