@@ -420,6 +420,15 @@ private slots:
         second->accept();
         QCOMPARE(m_w->chats.find(older.id)->messages.first().content, u"Other rules"_s);
         QCOMPARE(view->chat()->systemPrompt(), u"Be brief."_s);
+
+        // A second delete takes the bar over: its undo brings back only the second chat.
+        bar->setInterval(DeletedChatBar::shownMs);
+        QVERIFY(chooseFromRowMenu(view, 1, u"Delete"_s));
+        const QUuid kept = m_w->chats.conversations().first().id;
+        QVERIFY(chooseFromRowMenu(view, 0, u"Delete"_s));
+        child<QAbstractButton>(view, "undoDelete")->click();
+        QCOMPARE(m_w->chats.conversations().size(), 1);
+        QCOMPARE(m_w->chats.conversations().first().id, kept);
     }
     // The list's keys walk the conversations and keep the focus there, and Return hands it to the
     // composer, as does any other change of the selection. A reader hears the row the keyboard is on
