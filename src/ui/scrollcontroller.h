@@ -1,5 +1,7 @@
 #pragma once
 
+#include "transport/chatstream.h"
+
 #include <QObject>
 #include <QPointer>
 
@@ -39,11 +41,11 @@ public:
     static constexpr int animatedScrollWindowMs = 350;
     static constexpr int plainScrollWindowMs = 150;
     static constexpr int scrollAnimationMs = 150;
-    // How long followGrowth() waits for the next update before it takes a step by itself: longer
-    // than the gap between a slow stream's updates (about 100 ms, its network reads), so that the
+    // How long followGrowth() waits for the next update before it takes a step by itself: half
+    // as long again as the gap between a slow stream's updates (its network reads), so that the
     // timer steps only when the updates really pause and never just ahead of the next update,
     // which would cost a repaint of its own.
-    static constexpr int followIdleStepMs = 150;
+    static constexpr int followIdleStepMs = ChatStream::readIntervalMs * 3 / 2;
 
     explicit ScrollController(QObject *parent = nullptr);
     ~ScrollController() override;
